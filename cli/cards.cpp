@@ -1,0 +1,74 @@
+// atr and card-data. No module is needed.
+
+#include <iostream>
+
+#include "cli/commands.h"
+#include "cli/output.h"
+#include "foundation/system/filesys.h"
+#include "foundation/text/ascii.h"
+
+namespace mervane::cli {
+namespace {
+
+// The forms in which people paste an ATR: "3B 6D 00", "3b:6d:00", "0x3B6D00".
+std::string cleanedAtr(std::string_view pasted) {
+    pasted = trimmed(pasted);
+    if (pasted.starts_with("0x") || pasted.starts_with("0X")) pasted.remove_prefix(2);
+    std::string out;
+    for (const char c : pasted) {
+        if (c != ' ' && c != ':' && c != '-' && c != '\t' && c != '\n')
+            out.push_back(toUpperAscii(c));
+    }
+    return out;
+}
+
+}  // namespace
+
+Exit runAtr(ClsPkcs11& p11, const Options& options) {
+    if (options.arguments.empty()) usageError("atr takes the ATR of a card.");
+    std::string pasted;
+    for (const std::string& word : options.arguments) pasted.append(word).push_back(' ');
+    StringBuffer name;
+    bool readOnly = false;
+    ExtPtrArraySb paths;
+    if (!ClsPkcs11::CardDataLookupAtr2(cleanedAtr(pasted).c_str(), name, readOnly, paths,
+                                       p11.log())) {
+        const std::string error = p11.log().lastError();
+        throw Failure{
+            Exit::NotFound, error.empty() ? "No card with this ATR is known." : error, {}};
+    }
+    JsonValue list = JsonValue::array();
+    for (int i = 0; i < paths.getSize(); ++i) {
+        JsonValue& path = list.append(JsonValue::object());
+        path.set("path", paths.sbAt(i)->view());
+        path.set("exists", FileSys::fileExistsUtf8(paths.sbAt(i)->getString(), nullptr, nullptr));
+    }
+    JsonValue document = JsonValue::object();
+    document.set("name", name.view());
+    document.set("readOnly", readOnly);
+    document.set("paths", std::move(list));
+    if (options.json) {
+        printJson(document);
+        return Exit::Done;
+    }
+    std::vector<std::pair<std::string, std::string>> fields = {
+        {"Card", std::string(name.view())}, {"Read-only", readOnly ? "yes" : "no"}};
+    for (const JsonValue& path : *document.find("paths")->asArray()) {
+        fields.emplace_back(
+            "Module", textOf(path, "path") + (*path.find("exists")->asBool() ? "" : " (not here)"));
+    }
+    printFields(fields);
+    return Exit::Done;
+}
+
+Exit runCardData(ClsPkcs11& p11, const Options& options) {
+    if (!options.arguments.empty()) usageError("card-data takes no arguments.");
+    ClsJsonObject document;
+    if (!ClsPkcs11::GetCardDataJson(document, p11.log())) {
+        throw Failure{Exit::Module, p11.log().lastError(), {}};
+    }
+    printJson(document.root());
+    return Exit::Done;
+}
+
+}  // namespace mervane::cli

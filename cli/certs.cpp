@@ -1,0 +1,221 @@
+// certs, find-cert and match.
+
+#include <fstream>
+#include <iostream>
+
+#include "cli/commands.h"
+#include "cli/output.h"
+#include "cli/token.h"
+#include "foundation/text/hex.h"
+#include "foundation/text/utf8.h"
+
+namespace mervane::cli {
+namespace {
+
+// Keeps the line that tells by what a key was found, or why none was.
+class HowCatcher final : public LogBase {
+  public:
+    [[nodiscard]] const std::string& how() const noexcept { return m_how; }
+
+  private:
+    void write(Kind kind, std::string_view, std::string_view text) noexcept override {
+        // The note on EC certificates and the closing line say less than the lines between them.
+        const bool isNote = text == "Certificate key type is ECDSA." ||
+                            (text == "No matching private key found on the HSM." && !m_how.empty());
+        if (kind != Kind::Data && kind != Kind::Hint && !isNote) m_how = text;
+    }
+    void enterContext(std::string_view) noexcept override {}
+    void leaveContext() noexcept override {}
+
+    std::string m_how;
+};
+
+using TextReader = bool (Certificate::*)(XString&, LogBase&) const;
+
+JsonValue textOrNull(const Certificate& cert, TextReader reader) {
+    LogNull log;
+    XString text;
+    return (cert.*reader)(text, log) ? JsonValue(text.view()) : JsonValue();
+}
+
+JsonValue certToJson(const Certificate& cert, int index) {
+    LogNull log;
+    JsonValue out = JsonValue::object();
+    out.set("index", index);
+    out.set("subject", textOrNull(cert, &Certificate::getSubjectDN));
+    out.set("subjectNoTags", textOrNull(cert, &Certificate::getSubjectDN_noTags));
+    out.set("issuer", textOrNull(cert, &Certificate::getIssuerDN));
+    XString issuerCn;
+    out.set("issuerCN",
+            cert.getIssuerPart("CN", issuerCn, log) ? JsonValue(issuerCn.view()) : JsonValue());
+    out.set("serialNumber", textOrNull(cert, &Certificate::getSerialNumber));
+    out.set("sha1Thumbprint", textOrNull(cert, &Certificate::getSha1ThumbprintX));
+    std::string notBefore;
+    std::string notAfter;
+    const bool hasValidity = cert.getValidity(notBefore, notAfter);
+    out.set("notBefore", hasValidity ? JsonValue(notBefore) : JsonValue());
+    out.set("notAfter", hasValidity ? JsonValue(notAfter) : JsonValue());
+    int bits = 0;
+    const int type = cert.getCertKeyType(bits, log);
+    out.set("keyType", type == 1 ? JsonValue("RSA") : type == 3 ? JsonValue("EC") : JsonValue());
+    out.set("keyBits", type == 0 ? JsonValue() : JsonValue(bits));
+    out.set("ckaId", toHex(cert.tokenInfo().ckaId.span()));
+    out.set("label", toValidUtf8(cert.tokenInfo().label));
+    return out;
+}
+
+JsonValue keyToJson(const Certificate& cert) {
+    const auto link = cert.pkcs11Link();
+    if (!link) return {};
+    JsonValue out = JsonValue::object();
+    out.set("handle", link->keyHandle);
+    out.set("keyType", link->keyType == 3 ? "EC" : "RSA");
+    out.set("expectedSignatureSize", link->expectedSignatureSize);
+    return out;
+}
+
+// Links the certificate to its key; the result is the line that says how. The first look reads as
+// little as possible. Where it ends in a guess about an EC key, the points are compared.
+std::string linkToKey(ClsPkcs11& p11, Certificate& cert) {
+    HowCatcher quick;
+    p11.linkCertToPkcs11Session(&cert, true, quick);
+    if (quick.how() != "Using first PKCS11 ECDSA private key") return quick.how();
+    HowCatcher thorough;
+    p11.linkCertToPkcs11Session(&cert, false, thorough);
+    return thorough.how();
+}
+
+std::shared_ptr<Certificate> certAt(ClsPkcs11& p11, int index) {
+    ClsCert cert;
+    if (!p11.GetCert(index, cert)) throwLastError(p11);
+    return cert.getCert();
+}
+
+std::string keyText(const JsonValue& cert) {
+    return textOf(cert, "keyType") + " " + textOf(cert, "keyBits");
+}
+
+void saveCert(ClsCert& cert, const std::string& path) {
+    const auto der = cert.getCert()->der();
+    std::ofstream file(path, std::ios::binary | std::ios::trunc);
+    if (path.ends_with(".der")) {
+        file.write(reinterpret_cast<const char*>(der.data()),
+                   static_cast<std::streamsize>(der.size()));
+    } else {
+        file << cert.ExportPem();
+    }
+    file.close();
+    if (!file)
+        throw Failure{Exit::Module, "The file " + printable(path) + " cannot be written.", {}};
+}
+
+int indexOf(ClsPkcs11& p11, const Certificate& wanted) {
+    for (int i = 0; i < p11.get_NumCerts(); ++i) {
+        if (certAt(p11, i).get() == &wanted) return i;
+    }
+    return -1;
+}
+
+// The line of the object's log that says by what the chosen certificate's key was found.
+std::string howFound(const ClsPkcs11& p11) {
+    std::string how;
+    p11.log().forEach([&how](const _mvLogger::Entry& entry) {
+        const bool isFind = entry.text.starts_with("Found matching") &&
+                            entry.text.find("but it") == std::string::npos;
+        if (entry.what == _mvLogger::Entry::What::Info &&
+            (isFind || entry.text.starts_with("Using ")))
+            how = entry.text;
+    });
+    return how;
+}
+
+}  // namespace
+
+Exit runCerts(ClsPkcs11& p11, const Options& options) {
+    if (!options.arguments.empty()) usageError("certs takes no arguments.");
+    openToken(p11, options, false);
+    if (!p11.FindAllCerts()) throwLastError(p11);
+    JsonValue list = JsonValue::array();
+    for (int i = 0; i < p11.get_NumCerts(); ++i) list.append(certToJson(*certAt(p11, i), i));
+    if (options.json) {
+        JsonValue document = JsonValue::object();
+        document.set("certs", std::move(list));
+        printJson(document);
+        return Exit::Done;
+    }
+    Table table({"#", "SUBJECT", "KEY", "SERIAL", "NOT AFTER", "ID", "LABEL"});
+    for (const JsonValue& cert : *list.asArray()) {
+        table.add({textOf(cert, "index"), textOf(cert, "subject"), keyText(cert),
+                   textOf(cert, "serialNumber"), textOf(cert, "notAfter"), textOf(cert, "ckaId"),
+                   textOf(cert, "label")});
+    }
+    table.print();
+    return Exit::Done;
+}
+
+Exit runFindCert(ClsPkcs11& p11, const Options& options) {
+    if (options.arguments.empty() || options.arguments.size() > 2)
+        usageError("find-cert takes PART and VALUE.");
+    openToken(p11, options, false);
+    const XString part(options.arguments[0]);
+    const XString value(options.arguments.size() > 1 ? options.arguments[1] : "");
+    ClsCert cert;
+    if (!p11.FindCert(part, value, cert)) {
+        throwLastError(p11, p11.log().lastError() == "Not found." ? Exit::NotFound : Exit::Module);
+    }
+    const auto chosen = cert.getCert();
+    const std::string how = cert.HasPrivateKey() ? howFound(p11) : linkToKey(p11, *chosen);
+    JsonValue record = certToJson(*chosen, indexOf(p11, *chosen));
+    record.set("privateKey", keyToJson(*chosen));
+    if (options.out) saveCert(cert, *options.out);
+    if (options.json) {
+        printJson(record);
+        return Exit::Done;
+    }
+    const JsonValue& key = *record.find("privateKey");
+    printFields(
+        {{"Certificate", textOf(record, "subject")},
+         {"Issuer", textOf(record, "issuer")},
+         {"Serial number", textOf(record, "serialNumber")},
+         {"SHA-1 thumbprint", textOf(record, "sha1Thumbprint")},
+         {"Valid", textOf(record, "notBefore") + " to " + textOf(record, "notAfter")},
+         {"Key", keyText(record)},
+         {"ID, label", textOf(record, "ckaId") + ", " + textOf(record, "label")},
+         {"Private key", key.isNull() ? "none"
+                                      : "handle " + textOf(key, "handle") + ", signatures of " +
+                                            textOf(key, "expectedSignatureSize") + " bytes"},
+         {"Found by", how}});
+    return Exit::Done;
+}
+
+Exit runMatch(ClsPkcs11& p11, const Options& options) {
+    if (!options.arguments.empty()) usageError("match takes no arguments.");
+    openToken(p11, options, false);
+    if (!p11.FindAllCerts()) throwLastError(p11);
+    JsonValue list = JsonValue::array();
+    for (int i = 0; i < p11.get_NumCerts(); ++i) {
+        const auto cert = certAt(p11, i);
+        const std::string how = linkToKey(p11, *cert);
+        JsonValue record = certToJson(*cert, i);
+        record.set("privateKey", keyToJson(*cert));
+        record.set("how", how);
+        list.append(std::move(record));
+    }
+    if (options.json) {
+        JsonValue document = JsonValue::object();
+        document.set("certs", std::move(list));
+        printJson(document);
+        return Exit::Done;
+    }
+    Table table({"#", "SUBJECT", "KEY", "ID", "PRIVATE KEY", "HOW"});
+    for (const JsonValue& cert : *list.asArray()) {
+        const JsonValue& key = *cert.find("privateKey");
+        table.add({textOf(cert, "index"), textOf(cert, "subject"), keyText(cert),
+                   textOf(cert, "ckaId"), key.isNull() ? "none" : textOf(key, "handle"),
+                   textOf(cert, "how")});
+    }
+    table.print();
+    return Exit::Done;
+}
+
+}  // namespace mervane::cli

@@ -1,0 +1,69 @@
+#include "cli/output.h"
+
+#include <algorithm>
+#include <iostream>
+
+#include "foundation/json/writer.h"
+#include "foundation/text/utf8.h"
+
+namespace mervane::cli {
+
+std::string printable(std::string_view text) {
+    std::string out;
+    appendOneLine(out, text);
+    return out;
+}
+
+void Table::add(std::vector<std::string> cells) {
+    for (std::string& cell : cells) cell = printable(cell);
+    m_rows.push_back(std::move(cells));
+}
+
+void Table::print() const {
+    std::vector<std::size_t> widths(m_rows.front().size(), 0);
+    for (const auto& row : m_rows) {
+        for (std::size_t i = 0; i < row.size(); ++i)
+            widths[i] = std::max(widths[i], displayWidth(row[i]));
+    }
+    std::string out;
+    for (const auto& row : m_rows) {
+        std::string line;
+        for (std::size_t i = 0; i < row.size(); ++i) {
+            line.append(row[i]).append(widths[i] - displayWidth(row[i]) + 2, ' ');
+        }
+        line.erase(line.find_last_not_of(' ') + 1);
+        out.append(line).push_back('\n');
+    }
+    std::cout << out;
+}
+
+void printFields(const std::vector<std::pair<std::string, std::string>>& fields) {
+    std::size_t width = 0;
+    for (const auto& [name, value] : fields) width = std::max(width, name.size());
+    for (const auto& [name, value] : fields) {
+        std::cout << name << ':' << std::string(width - name.size() + 1, ' ') << printable(value)
+                  << '\n';
+    }
+}
+
+void printJson(const JsonValue& value) {
+    std::cout << toJsonText(value, true) << '\n';
+}
+
+std::string textOf(const JsonValue& object, std::string_view member) {
+    const JsonValue* const value = object.find(member);
+    if (value == nullptr || value->isNull()) return {};
+    return value->asString() != nullptr ? *value->asString() : toJsonText(*value, false);
+}
+
+std::string joined(const JsonValue& object, std::string_view member) {
+    const JsonValue* const value = object.find(member);
+    std::string out;
+    if (value == nullptr || value->asArray() == nullptr) return out;
+    for (const JsonValue& item : *value->asArray()) {
+        if (item.asString() != nullptr) out.append(out.empty() ? "" : " ").append(*item.asString());
+    }
+    return out;
+}
+
+}  // namespace mervane::cli

@@ -1,0 +1,18 @@
+#ifndef MERVANE_CLI_PINS_H
+#define MERVANE_CLI_PINS_H
+
+#include <optional>
+#include <string>
+
+#include "foundation/text/xstring.h"
+
+namespace mervane::cli {
+
+/// Gets a PIN from where the option says: env:NAME, file:PATH (its first line), or, with "-" or no
+/// option, the terminal, with the echo off and `prompt` on standard error. Throws a Failure with
+/// Exit::Pin when it cannot be had.
+void readPin(const std::optional<std::string>& source, const std::string& prompt, XString& pin);
+
+}  // namespace mervane::cli
+
+#endif

@@ -1,0 +1,30 @@
+#ifndef MERVANE_CLI_TOKEN_H
+#define MERVANE_CLI_TOKEN_H
+
+#include "cli/failure.h"
+#include "cli/options.h"
+#include "pkcs11/clspkcs11.h"
+
+namespace mervane::cli {
+
+/// Sets the module's path; a usage error when there is none.
+void useModule(ClsPkcs11& p11, const Options& options);
+
+/// Throws what the object's log says of the call that failed: its last error line and the hint to
+/// it. The status is Exit::Pin when the error is about a PIN.
+[[noreturn]] void throwLastError(const ClsPkcs11& p11, Exit status = Exit::Module);
+
+/// Which tokens a command may take when none is named.
+enum class Takes : unsigned char { Initialized, Uninitialized };
+
+/// The slot of the token that the options name, or of the only one that the command may take.
+/// Throws when there is none, and with the list when there are several: a PIN is never tried on the
+/// wrong token.
+int chooseSlot(ClsPkcs11& p11, const Options& options, Takes takes);
+
+/// Opens a session with the token chosen and logs in when the options ask for it.
+void openToken(ClsPkcs11& p11, const Options& options, bool readWrite);
+
+}  // namespace mervane::cli
+
+#endif

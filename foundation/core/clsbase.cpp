@@ -1,0 +1,21 @@
+#include "foundation/core/clsbase.h"
+
+namespace mervane {
+
+bool ClsBase::get_LastMethodSuccess() {
+    const CritSecExitor lock(*this);
+    return m_lastMethodSuccess;
+}
+
+void ClsBase::put_Options(std::string_view keywords) {
+    const CritSecExitor lock(*this);
+    m_log.setOptions(keywords);
+}
+
+void ClsBase::logSuccessFailure2(bool success, LogBase& log) noexcept {
+    m_lastMethodSuccess = success;
+    // Not on the error channel: the reason of a failure is there already, at the place that knew.
+    log.LogInfo(success ? "Success." : "Failed.");
+}
+
+}  // namespace mervane

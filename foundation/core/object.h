@@ -1,0 +1,34 @@
+#ifndef MERVANE_FOUNDATION_CORE_OBJECT_H
+#define MERVANE_FOUNDATION_CORE_OBJECT_H
+
+#include <cstddef>
+
+namespace mervane {
+
+/// Root of the library's polymorphic objects.
+class MervaneObject {
+  public:
+    virtual ~MervaneObject() = default;
+
+    /// Bytes on the heap that the object owns beyond its own size; 0 when it does not keep count.
+    [[nodiscard]] virtual std::size_t heapUsage() const noexcept { return 0; }
+
+  protected:
+    MervaneObject() = default;
+    MervaneObject(const MervaneObject&) = default;
+    MervaneObject& operator=(const MervaneObject&) = default;
+};
+
+/// An object with a single owner: it is never shared and never copied.
+class NonRefCountedObj : public MervaneObject {
+  public:
+    NonRefCountedObj(const NonRefCountedObj&) = delete;
+    NonRefCountedObj& operator=(const NonRefCountedObj&) = delete;
+
+  protected:
+    NonRefCountedObj() = default;
+};
+
+}  // namespace mervane
+
+#endif

@@ -1,0 +1,248 @@
+#include "foundation/json/parser.h"
+
+#include <algorithm>
+#include <array>
+
+#include "foundation/text/utf8.h"
+
+namespace mervane {
+namespace {
+
+constexpr int kMaxDepth = 64;
+
+constexpr bool isDigit(char c) noexcept {
+    return c >= '0' && c <= '9';
+}
+
+// Characters of a string that stand for themselves, one byte each.
+constexpr auto kPlain = [] {
+    std::array<bool, 256> plain{};
+    for (std::size_t c = 0x20; c < 0x80; ++c) plain[c] = c != '"' && c != '\\';
+    return plain;
+}();
+
+class Parser {
+  public:
+    explicit Parser(std::string_view text) : m_text(text) {}
+
+    bool parse(JsonValue& out) {
+        if (m_text.starts_with("\xEF\xBB\xBF")) m_at = 3;
+        skipWhiteSpace();
+        if (!parseValue(out, 0)) return false;
+        skipWhiteSpace();
+        return m_at == m_text.size() || fail("text after the end of the document");
+    }
+
+    [[nodiscard]] JsonError error() const {
+        const std::string_view before = m_text.substr(0, m_at);
+        const auto lineStart = before.rfind('\n') + 1;  // npos + 1 is 0, the first line
+        const auto numLines = std::ranges::count(before, '\n');
+        return {static_cast<std::size_t>(numLines) + 1, m_at - lineStart + 1, m_reason};
+    }
+
+  private:
+    bool fail(std::string_view reason) {
+        m_reason = reason;
+        return false;
+    }
+
+    // NUL at the end of the text: it is no part of any token outside strings.
+    [[nodiscard]] char peek() const noexcept { return m_at < m_text.size() ? m_text[m_at] : '\0'; }
+
+    bool accept(char c) {
+        if (peek() != c || m_at == m_text.size()) return false;
+        ++m_at;
+        return true;
+    }
+
+    void skipWhiteSpace() {
+        while (m_at < m_text.size() && (m_text[m_at] == ' ' || m_text[m_at] == '\n' ||
+                                        m_text[m_at] == '\r' || m_text[m_at] == '\t')) {
+            ++m_at;
+        }
+    }
+
+    // value = false / null / true / object / array / number / string
+    bool parseValue(JsonValue& out, int depth) {
+        switch (peek()) {
+            case '{':
+                return parseObject(out, depth);
+            case '[':
+                return parseArray(out, depth);
+            case '"': {
+                std::string text;
+                if (!parseString(text)) return false;
+                out = JsonValue(std::move(text));
+                return true;
+            }
+            case 't':
+                return parseWord("true", out, JsonValue(true));
+            case 'f':
+                return parseWord("false", out, JsonValue(false));
+            case 'n':
+                return parseWord("null", out, JsonValue());
+            default:
+                return parseNumber(out);
+        }
+    }
+
+    bool parseWord(std::string_view word, JsonValue& out, JsonValue value) {
+        if (m_text.substr(m_at, word.size()) != word) return fail("a value is expected");
+        m_at += word.size();
+        out = std::move(value);
+        return true;
+    }
+
+    // object = begin-object [ member *( value-separator member ) ] end-object
+    bool parseObject(JsonValue& out, int depth) {
+        if (depth == kMaxDepth) return fail("nested too deeply");
+        ++m_at;
+        JsonObject members;
+        skipWhiteSpace();
+        if (!accept('}')) {
+            do {
+                skipWhiteSpace();
+                if (peek() != '"') return fail("a member name is expected");
+                JsonMember& member = members.emplace_back();
+                if (!parseString(member.name)) return false;
+                skipWhiteSpace();
+                if (!accept(':')) return fail("':' is expected after a member name");
+                skipWhiteSpace();
+                if (!parseValue(member.value, depth + 1)) return false;
+                skipWhiteSpace();
+            } while (accept(','));
+            if (!accept('}')) return fail("',' or '}' is expected in an object");
+        }
+        out = JsonValue(std::move(members));
+        return true;
+    }
+
+    // array = begin-array [ value *( value-separator value ) ] end-array
+    bool parseArray(JsonValue& out, int depth) {
+        if (depth == kMaxDepth) return fail("nested too deeply");
+        ++m_at;
+        JsonArray items;
+        skipWhiteSpace();
+        if (!accept(']')) {
+            do {
+                skipWhiteSpace();
+                if (!parseValue(items.emplace_back(), depth + 1)) return false;
+                skipWhiteSpace();
+            } while (accept(','));
+            if (!accept(']')) return fail("',' or ']' is expected in an array");
+        }
+        out = JsonValue(std::move(items));
+        return true;
+    }
+
+    // number = [ minus ] int [ frac ] [ exp ]
+    bool parseNumber(JsonValue& out) {
+        const std::size_t start = m_at;
+        accept('-');
+        if (!isDigit(peek())) return fail("a value is expected");
+        if (!accept('0')) skipDigits();
+        if (isDigit(peek())) return fail("a number does not begin with 0");
+        if (accept('.') && !skipDigits()) return fail("a digit is expected after the point");
+        if (accept('e') || accept('E')) {
+            if (!accept('+')) accept('-');
+            if (!skipDigits()) return fail("a digit is expected in the exponent");
+        }
+        out = JsonValue(JsonNumber{std::string(m_text.substr(start, m_at - start))});
+        return true;
+    }
+
+    bool skipDigits() {
+        const std::size_t start = m_at;
+        while (isDigit(peek())) ++m_at;
+        return m_at != start;
+    }
+
+    bool parseString(std::string& out) {
+        ++m_at;
+        while (true) {
+            const std::size_t start = m_at;
+            while (m_at < m_text.size() && kPlain[static_cast<std::uint8_t>(m_text[m_at])]) ++m_at;
+            out.append(m_text, start, m_at - start);
+            if (m_at == m_text.size()) return fail("a string is not closed");
+            if (accept('"')) return true;
+            if (!(m_text[m_at] == '\\' ? parseEscape(out) : parseOther(out))) return false;
+        }
+    }
+
+    // A control character (refused) or one beyond ASCII.
+    bool parseOther(std::string& out) {
+        if (static_cast<std::uint8_t>(m_text[m_at]) < 0x20) {
+            return fail("a control character stands in a string");
+        }
+        std::string_view rest = m_text.substr(m_at);
+        bool ok = true;
+        takeCodePoint(rest, ok);
+        if (!ok) return fail("the text is not UTF-8");
+        const std::size_t size = m_text.size() - rest.size() - m_at;
+        out.append(m_text, m_at, size);
+        m_at += size;
+        return true;
+    }
+
+    bool parseEscape(std::string& out) {
+        ++m_at;
+        constexpr std::string_view kNames = "\"\\/bfnrt";
+        constexpr std::string_view kValues = "\"\\/\b\f\n\r\t";
+        const auto simple = m_at < m_text.size() ? kNames.find(m_text[m_at]) : std::string::npos;
+        if (simple != std::string::npos) {
+            out.push_back(kValues[simple]);
+            ++m_at;
+            return true;
+        }
+        std::uint32_t c = 0;
+        if (!accept('u')) return fail("an unknown escape stands in a string");
+        if (!parseHex4(c)) return false;
+        if (c >= 0xD800 && c <= 0xDBFF && m_text.substr(m_at, 2) == "\\u") {
+            const std::size_t before = m_at;
+            std::uint32_t low = 0;
+            m_at += 2;
+            if (!parseHex4(low)) return false;
+            if (low >= 0xDC00 && low <= 0xDFFF) {
+                c = 0x10000 + ((c - 0xD800) << 10) + (low - 0xDC00);
+            } else {
+                m_at = before;  // the first one stands alone; the second is read for itself
+            }
+        }
+        appendUtf8(out, c);
+        return true;
+    }
+
+    bool parseHex4(std::uint32_t& out) {
+        for (int i = 0; i < 4; ++i, ++m_at) {
+            const char c = peek();
+            const char lower = static_cast<char>(c | 0x20);
+            if (isDigit(c)) {
+                out = out << 4 | static_cast<std::uint32_t>(c - '0');
+            } else if (lower >= 'a' && lower <= 'f') {
+                out = out << 4 | static_cast<std::uint32_t>(lower - 'a' + 10);
+            } else {
+                return fail("four hexadecimal digits are expected after \\u");
+            }
+        }
+        return true;
+    }
+
+    std::string_view m_text;
+    std::size_t m_at = 0;
+    std::string_view m_reason;
+};
+
+}  // namespace
+
+bool parseJson(std::string_view text, JsonValue& value, JsonError& error) {
+    Parser parser(text);
+    JsonValue parsed;
+    if (!parser.parse(parsed)) {
+        error = parser.error();
+        return false;
+    }
+    value = std::move(parsed);
+    return true;
+}
+
+}  // namespace mervane

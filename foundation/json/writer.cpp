@@ -1,0 +1,110 @@
+#include "foundation/json/writer.h"
+
+#include <algorithm>
+
+#include "foundation/text/hex.h"
+#include "foundation/text/utf8.h"
+
+namespace mervane {
+namespace {
+
+void appendEscaped(std::string& out, std::uint32_t c) {
+    switch (c) {
+        case '"':
+            out.append("\\\"");
+            return;
+        case '\\':
+            out.append("\\\\");
+            return;
+        case '\n':
+            out.append("\\n");
+            return;
+        case '\r':
+            out.append("\\r");
+            return;
+        case '\t':
+            out.append("\\t");
+            return;
+        default:
+            break;
+    }
+    if (c < 0x20 || (c >= 0x7F && c <= 0x9F)) {
+        out.append("\\u").append(toHexNumber(c, 4).substr(2));
+    } else {
+        appendUtf8(out, c);
+    }
+}
+
+class Writer {
+  public:
+    Writer(std::string& out, bool indented) : m_out(out), m_indented(indented) {}
+
+    void write(const JsonValue& value) {
+        if (const bool* const flag = value.asBool()) {
+            m_out.append(*flag ? "true" : "false");
+        } else if (const JsonNumber* const number = value.asNumber()) {
+            m_out.append(number->text);
+        } else if (const std::string* const text = value.asString()) {
+            appendJsonString(m_out, *text);
+        } else if (const JsonArray* const items = value.asArray()) {
+            list('[', ']', *items, [this](const JsonValue& item) { write(item); });
+        } else if (const JsonObject* const members = value.asObject()) {
+            list('{', '}', *members, [this](const JsonMember& member) {
+                appendJsonString(m_out, member.name);
+                m_out.append(m_indented ? ": " : ":");
+                write(member.value);
+            });
+        } else {
+            m_out.append("null");
+        }
+    }
+
+  private:
+    template <class List, class WriteItem>
+    void list(char open, char close, const List& items, const WriteItem& writeItem) {
+        m_out.push_back(open);
+        ++m_depth;
+        bool first = true;
+        for (const auto& item : items) {
+            if (!first) m_out.push_back(',');
+            first = false;
+            newLine();
+            writeItem(item);
+        }
+        --m_depth;
+        if (!items.empty()) newLine();
+        m_out.push_back(close);
+    }
+
+    void newLine() {
+        if (m_indented) m_out.append("\n").append(m_depth * 2, ' ');
+    }
+
+    std::string& m_out;
+    std::size_t m_depth = 0;
+    bool m_indented;
+};
+
+}  // namespace
+
+void appendJsonString(std::string& out, std::string_view text) {
+    const auto needsCare = [](char c) { return c < 0x20 || c > 0x7E || c == '"' || c == '\\'; };
+    out.push_back('"');
+    while (!text.empty()) {
+        const auto* const special = std::ranges::find_if(text, needsCare);
+        const auto numPlain = static_cast<std::size_t>(special - text.begin());
+        out.append(text.substr(0, numPlain));
+        text.remove_prefix(numPlain);
+        bool ok = true;
+        if (!text.empty()) appendEscaped(out, takeCodePoint(text, ok));
+    }
+    out.push_back('"');
+}
+
+std::string toJsonText(const JsonValue& value, bool indented) {
+    std::string out;
+    Writer(out, indented).write(value);
+    return out;
+}
+
+}  // namespace mervane

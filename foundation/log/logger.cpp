@@ -1,0 +1,205 @@
+// An entry in the buffer is a head of five bytes (what it is, two lengths of 16 bits) and the
+// bytes of its name and text.
+
+#include "foundation/log/logger.h"
+
+#include <algorithm>
+#include <exception>
+#include <utility>
+
+#include "foundation/json/writer.h"
+#include "foundation/text/utf8.h"
+
+namespace mervane {
+namespace {
+
+constexpr std::size_t kKeptBytes = std::size_t{256} * 1024;   // of calls before the current one
+constexpr std::size_t kCallBytes = std::size_t{1024} * 1024;  // of the current call
+constexpr std::size_t kErrorBytes = std::size_t{64} * 1024;   // of its errors beyond that
+constexpr std::size_t kMaxText = 4096;                        // bytes of one line
+constexpr int kMaxDepth = 64;  // contexts deeper than this are not stored
+constexpr std::size_t kHeadSize = 5;
+
+void setLength(std::string& bytes, std::size_t at, std::size_t length) noexcept {
+    bytes[at] = static_cast<char>(length & 0xFF);
+    bytes[at + 1] = static_cast<char>(length >> 8);
+}
+
+std::size_t lengthAt(std::string_view bytes, std::size_t at) noexcept {
+    return static_cast<std::uint8_t>(bytes[at]) |
+           static_cast<std::size_t>(static_cast<std::uint8_t>(bytes[at + 1])) << 8;
+}
+
+// The bit of m_stored that stands for the context at `depth`.
+std::uint64_t bitOf(int depth) noexcept {
+    return std::uint64_t{1} << depth;
+}
+
+std::string_view cut(std::string_view text) noexcept {
+    return text.substr(0, kMaxText);
+}
+
+}  // namespace
+
+void _mvLogger::write(Kind kind, std::string_view name, std::string_view text) noexcept {
+    try {
+        const auto what = kind == Kind::Error  ? Entry::What::Error
+                          : kind == Kind::Data ? Entry::What::Data
+                                               : Entry::What::Info;
+        store(what, name, text);
+        if (kind == Kind::Error) {
+            m_lastError.clear();
+            m_lastHint.clear();
+            appendOneLine(m_lastError, cut(text));
+        } else if (kind == Kind::Hint) {
+            m_lastHint.clear();
+            appendOneLine(m_lastHint, cut(text));
+        }
+    } catch (const std::exception&) {
+        ++m_numDropped;  // no memory for a line: the call itself goes on
+    }
+}
+
+void _mvLogger::enterContext(std::string_view name) noexcept {
+    try {
+        if (m_depth == 0) beginCall();
+        if (m_depth < kMaxDepth && store(Entry::What::Enter, {}, name)) m_stored |= bitOf(m_depth);
+    } catch (const std::exception&) {
+        ++m_numDropped;
+    }
+    ++m_depth;
+}
+
+void _mvLogger::leaveContext() noexcept {
+    --m_depth;
+    try {
+        if (m_depth == 0 && m_numDropped != 0) {
+            const auto lost = std::to_string(std::exchange(m_numDropped, 0));
+            store(Entry::What::Data, "entriesNotKept", lost);
+        }
+        if (m_depth < kMaxDepth && (m_stored & bitOf(m_depth)) != 0) {
+            m_stored &= ~bitOf(m_depth);
+            store(Entry::What::Leave, {}, {});
+        }
+    } catch (const std::exception&) {
+        ++m_numDropped;
+    }
+}
+
+void _mvLogger::beginCall() {
+    m_lastError.clear();
+    m_lastHint.clear();
+    m_numDropped = 0;
+    m_stored = 0;
+    if (m_bytes.size() > kKeptBytes) {
+        // Cut in one go to half of the bound, so that the buffer is not moved at every call.
+        const auto first = std::ranges::lower_bound(m_calls, m_bytes.size() - kKeptBytes / 2);
+        const std::size_t numBytes = first == m_calls.end() ? m_bytes.size() : *first;
+        m_bytes.erase(0, numBytes);
+        m_calls.erase(m_calls.begin(), first);
+        for (std::size_t& start : m_calls) start -= numBytes;
+        if (m_bytes.capacity() > 2 * kKeptBytes) m_bytes.shrink_to_fit();
+    }
+    m_calls.push_back(m_bytes.size());
+}
+
+bool _mvLogger::store(Entry::What what, std::string_view name, std::string_view text) {
+    const std::size_t used = m_bytes.size() - (m_calls.empty() ? 0 : m_calls.back());
+    const std::size_t room = kCallBytes + (what == Entry::What::Error ? kErrorBytes : 0);
+    if (used > room && what != Entry::What::Leave) {
+        ++m_numDropped;
+        return false;
+    }
+    const std::size_t start = m_bytes.size();
+    m_bytes.push_back(static_cast<char>(what));
+    m_bytes.append(kHeadSize - 1, '\0');
+    appendOneLine(m_bytes, cut(name));
+    const std::size_t nameSize = m_bytes.size() - start - kHeadSize;
+    appendOneLine(m_bytes, cut(text));
+    if (text.size() > kMaxText) m_bytes.append("...");
+    const std::size_t textSize = m_bytes.size() - start - kHeadSize - nameSize;
+    setLength(m_bytes, start + 1, nameSize);
+    setLength(m_bytes, start + 3, textSize);
+    return true;
+}
+
+void _mvLogger::forEach(const std::function<void(const Entry&)>& visit) const {
+    const std::string_view bytes = m_bytes;
+    auto nextCall = m_calls.begin();
+    int depth = 0;
+    for (std::size_t at = 0; at < bytes.size();) {
+        if (nextCall != m_calls.end() && *nextCall == at) {
+            depth = 0;
+            ++nextCall;
+        }
+        const auto what = static_cast<Entry::What>(bytes[at]);
+        const std::size_t nameSize = lengthAt(bytes, at + 1);
+        const std::size_t textSize = lengthAt(bytes, at + 3);
+        at += kHeadSize;
+        if (what == Entry::What::Leave) --depth;
+        visit({what, depth, bytes.substr(at, nameSize), bytes.substr(at + nameSize, textSize)});
+        if (what == Entry::What::Enter) ++depth;
+        at += nameSize + textSize;
+    }
+}
+
+std::string _mvLogger::text() const {
+    std::string out;
+    forEach([&out](const Entry& entry) {
+        if (entry.what == Entry::What::Leave) return;
+        out.append(static_cast<std::size_t>(entry.depth) * 2, ' ');
+        if (entry.what == Entry::What::Error) out.append("error: ");
+        if (entry.what == Entry::What::Data) out.append(entry.name).append(": ");
+        out.append(entry.text).append(entry.what == Entry::What::Enter ? ":\n" : "\n");
+    });
+    return out;
+}
+
+std::string _mvLogger::json() const {
+    std::string out = "[";
+    bool first = true;  // of the array being written
+    const auto member = [&out](std::string_view name, std::string_view text) {
+        appendJsonString(out, name);
+        out.push_back(':');
+        appendJsonString(out, text);
+    };
+    forEach([&](const Entry& entry) {
+        if (entry.what == Entry::What::Leave) {
+            out.append("]}");
+            first = false;
+            return;
+        }
+        if (!std::exchange(first, false)) out.push_back(',');
+        out.push_back('{');
+        switch (entry.what) {
+            case Entry::What::Error:
+                member("error", entry.text);
+                break;
+            case Entry::What::Info:
+                member("info", entry.text);
+                break;
+            case Entry::What::Data:
+                member("name", entry.name);
+                out.push_back(',');
+                member("value", entry.text);
+                break;
+            default:
+                member("context", entry.text);
+                out.append(",\"entries\":[");
+                first = true;
+                return;
+        }
+        out.push_back('}');
+    });
+    for (int open = m_depth; open > 0; --open) out.append("]}");
+    return out + "]";
+}
+
+void _mvLogger::clear() noexcept {
+    m_bytes.clear();
+    m_calls.clear();
+    m_lastError.clear();
+    m_lastHint.clear();
+}
+
+}  // namespace mervane

@@ -1,0 +1,52 @@
+#ifndef MERVANE_FOUNDATION_TEXT_DATABUFFER_H
+#define MERVANE_FOUNDATION_TEXT_DATABUFFER_H
+
+#include <algorithm>
+#include <cstdint>
+#include <span>
+#include <string_view>
+#include <vector>
+
+#include "foundation/text/base64.h"
+
+namespace mervane {
+
+/// An owned byte buffer.
+class DataBuffer {
+  public:
+    DataBuffer() = default;
+    explicit DataBuffer(std::span<const std::uint8_t> bytes)
+        : m_bytes(bytes.begin(), bytes.end()) {}
+
+    [[nodiscard]] std::span<const std::uint8_t> span() const noexcept { return m_bytes; }
+    [[nodiscard]] std::size_t getSize() const noexcept { return m_bytes.size(); }
+    [[nodiscard]] bool isEmpty() const noexcept { return m_bytes.empty(); }
+    [[nodiscard]] bool equals(const DataBuffer& other) const noexcept {
+        return m_bytes == other.m_bytes;
+    }
+
+    void clear() noexcept { m_bytes.clear(); }
+    void assign(std::span<const std::uint8_t> bytes) { m_bytes.assign(bytes.begin(), bytes.end()); }
+    void append(std::span<const std::uint8_t> bytes) {
+        m_bytes.insert(m_bytes.end(), bytes.begin(), bytes.end());
+    }
+    void appendByte(std::uint8_t byte) { m_bytes.push_back(byte); }
+
+    /// Appends the bytes that `text` encodes. Encoding 1 is base64, the only one known.
+    bool appendEncodedById(std::string_view text, int encodingId) {
+        return encodingId == 1 && appendBase64(text, m_bytes);
+    }
+
+    /// Room of exactly `size` bytes for a writer that fills it, such as the inflater.
+    std::span<std::uint8_t> resized(std::size_t size) {
+        m_bytes.resize(size);
+        return m_bytes;
+    }
+
+  private:
+    std::vector<std::uint8_t> m_bytes;
+};
+
+}  // namespace mervane
+
+#endif

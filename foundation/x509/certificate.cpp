@@ -1,0 +1,223 @@
+#include "foundation/x509/certificate.h"
+
+#include <array>
+#include <utility>
+
+#include "foundation/text/hex.h"
+#include "foundation/x509/extensionxml.h"
+#include "foundation/x509/name.h"
+#include "foundation/x509/oid.h"
+#include "foundation/x509/sha1.h"
+
+namespace mervane {
+namespace {
+
+using namespace std::string_view_literals;
+
+constexpr auto kKeyUsageOid = "\x55\x1D\x0F"sv;  // 2.5.29.15
+
+std::string_view asChars(der::Bytes bytes) noexcept {
+    return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+}
+
+bool setText(XString& out, const std::optional<std::string>& text) {
+    if (text) out.setFromUtf8(*text);
+    return text.has_value();
+}
+
+// Two's complement to sign and magnitude (X.690 8.3).
+std::string serialToText(der::Bytes content) {
+    const bool negative = (content.front() & 0x80U) != 0;
+    std::vector<std::uint8_t> magnitude(content.begin(), content.end());
+    if (negative) {
+        unsigned carry = 1;
+        for (std::size_t i = magnitude.size(); i > 0; --i) {
+            const unsigned sum = (magnitude[i - 1] ^ 0xFFU) + carry;
+            magnitude[i - 1] = static_cast<std::uint8_t>(sum);
+            carry = sum >> 8;
+        }
+    }
+    std::size_t numZeros = 0;
+    while (numZeros + 1 < magnitude.size() && magnitude[numZeros] == 0) ++numZeros;
+    return (negative ? "-" : "") + toHex(der::Bytes(magnitude).subspan(numZeros));
+}
+
+// RFC 5280 4.1.2.5: "YYMMDDhhmmssZ" with a pivot of 50, or "YYYYMMDDhhmmssZ".
+std::string timeToText(const der::Element& time) {
+    std::string text(asChars(time.content));
+    if (time.tag == der::kUtcTime && text.size() == 13)
+        text.insert(0, text[0] >= '5' ? "19" : "20");
+    const bool inForm =
+        text.size() == 15 && text.back() == 'Z' && text.find_first_not_of("0123456789") == 14;
+    if (!inForm) return text;
+    std::string out = text.substr(0, 4) + "-" + text.substr(4, 2) + "-" + text.substr(6, 2) + "T";
+    return out + text.substr(8, 2) + ":" + text.substr(10, 2) + ":" + text.substr(12, 2) + "Z";
+}
+
+}  // namespace
+
+std::shared_ptr<Certificate> Certificate::createFromDer(der::Bytes der, TokenCertInfo token,
+                                                        LogBase& log) {
+    // Windows are kept as 32-bit offsets; no certificate comes near that.
+    const auto whole =
+        der.size() > UINT32_MAX ? std::nullopt : der::Cursor(der).read(der::kSequence);
+    if (whole) {
+        auto cert = std::make_shared<Certificate>(Private{}, whole->whole, std::move(token));
+        if (cert->parse()) return cert;
+    }
+    log.LogError("The bytes are not an X.509 certificate.");
+    log.LogDataUnsigned("numBytes", der.size());
+    return nullptr;
+}
+
+Certificate::Certificate(Private, der::Bytes der, TokenCertInfo token)
+    : m_der(der), m_token(std::move(token)) {}
+
+Certificate::Window Certificate::windowOf(der::Bytes part) const noexcept {
+    return {static_cast<std::uint32_t>(part.data() - m_der.span().data()),
+            static_cast<std::uint32_t>(part.size())};
+}
+
+der::Bytes Certificate::bytesOf(Window window) const noexcept {
+    return m_der.span().subspan(window.at, window.size);
+}
+
+bool Certificate::parse() {
+    // Certificate ::= SEQUENCE { tbsCertificate, signatureAlgorithm, signatureValue }
+    auto outer = der::enter(der(), der::kSequence);
+    const auto tbsElement = outer ? outer->read(der::kSequence) : std::nullopt;
+    if (!tbsElement || !outer->read(der::kSequence) || !outer->read(der::kBitString)) return false;
+
+    // TBSCertificate ::= SEQUENCE { version [0] EXPLICIT DEFAULT v1, serialNumber, signature,
+    //   issuer, validity, subject, subjectPublicKeyInfo, issuerUniqueID [1] IMPLICIT OPTIONAL,
+    //   subjectUniqueID [2] IMPLICIT OPTIONAL, extensions [3] EXPLICIT OPTIONAL }
+    der::Cursor tbs(tbsElement->content);
+    if (!tbs.skipOptional(der::contextConstructed(0))) return false;
+    const auto serial = tbs.read(der::kInteger);
+    if (!serial || !tbs.read(der::kSequence)) return false;
+    const auto issuer = tbs.read(der::kSequence);
+    const auto validity = issuer ? tbs.read(der::kSequence) : std::nullopt;
+    const auto subject = validity ? tbs.read(der::kSequence) : std::nullopt;
+    const auto spki = subject ? tbs.read(der::kSequence) : std::nullopt;
+    if (!spki || !tbs.skipOptional(der::context(1)) || !tbs.skipOptional(der::context(2)))
+        return false;
+    m_serial = windowOf(serial->content);
+    m_issuer = windowOf(issuer->whole);
+    m_validity = windowOf(validity->whole);
+    m_subject = windowOf(subject->whole);
+    m_spki = windowOf(spki->whole);
+    if (!tbs.nextIs(der::contextConstructed(3))) return true;
+
+    // Extensions ::= SEQUENCE SIZE (1..MAX) OF Extension
+    const auto extensions = tbs.readAny();
+    const auto list =
+        extensions ? der::Cursor(extensions->content).read(der::kSequence) : std::nullopt;
+    if (!list) return false;
+    m_extensions = windowOf(list->content);
+    return true;
+}
+
+bool Certificate::getSubjectDN(XString& out, LogBase&) const {
+    return setText(out, nameToText(bytesOf(m_subject), true));
+}
+
+bool Certificate::getSubjectDN_noTags(XString& out, LogBase&) const {
+    return setText(out, nameToText(bytesOf(m_subject), false));
+}
+
+bool Certificate::getIssuerDN(XString& out, LogBase&) const {
+    return setText(out, nameToText(bytesOf(m_issuer), true));
+}
+
+bool Certificate::getSubjectPart(const char* part, XString& out, LogBase&) const {
+    return setText(out, namePart(bytesOf(m_subject), part));
+}
+
+bool Certificate::getIssuerPart(const char* part, XString& out, LogBase&) const {
+    return setText(out, namePart(bytesOf(m_issuer), part));
+}
+
+bool Certificate::getSerialNumber(XString& out, LogBase&) const {
+    const der::Bytes content = bytesOf(m_serial);
+    if (content.empty()) return false;
+    out.setFromUtf8(serialToText(content));
+    return true;
+}
+
+bool Certificate::getSha1ThumbprintX(XString& out, LogBase&) const {
+    out.setFromUtf8(toHex(sha1(der())));
+    return true;
+}
+
+std::optional<Certificate::Extension> Certificate::findExtension(
+    std::string_view oidContent) const noexcept {
+    for (der::Cursor list(bytesOf(m_extensions)); !list.atEnd();) {
+        // Extension ::= SEQUENCE { extnID OBJECT IDENTIFIER, critical BOOLEAN DEFAULT FALSE,
+        //                          extnValue OCTET STRING }
+        const auto extension = list.read(der::kSequence);
+        if (!extension) return std::nullopt;
+        der::Cursor fields(extension->content);
+        const auto oid = fields.read(der::kOid);
+        if (!oid || asChars(oid->content) != oidContent) continue;
+        const auto critical = fields.read(der::kBoolean);
+        const auto value = fields.read(der::kOctetString);
+        if (!value) return std::nullopt;
+        const bool isCritical = critical && !critical->content.empty() && critical->content[0] != 0;
+        return Extension{isCritical, value->content};
+    }
+    return std::nullopt;
+}
+
+bool Certificate::getExtensionXml(const char* oid, StringBuffer& out, LogBase&) const {
+    const std::string content = oidFromText(oid);
+    const auto extension = content.empty() ? std::nullopt : findExtension(content);
+    if (!extension) return false;
+    const der::Bytes oidBytes(reinterpret_cast<const std::uint8_t*>(content.data()),
+                              content.size());
+    out.setString(extensionToXml(oidBytes, extension->critical, extension->value));
+    return true;
+}
+
+int Certificate::getIntendedKeyUsage(LogBase&) const {
+    const auto extension = findExtension(kKeyUsageOid);
+    return extension ? keyUsageBits(extension->value) : 0;
+}
+
+bool Certificate::getValidity(std::string& notBefore, std::string& notAfter) const {
+    // Validity ::= SEQUENCE { notBefore Time, notAfter Time }
+    auto times = der::enter(bytesOf(m_validity), der::kSequence);
+    const auto first = times ? times->readAny() : std::nullopt;
+    const auto last = first ? times->readAny() : std::nullopt;
+    if (!last) return false;
+    notBefore = timeToText(*first);
+    notAfter = timeToText(*last);
+    return true;
+}
+
+int Certificate::getCertKeyType(int& bits, LogBase&) const {
+    const KeyKind kind = keyKindOf(bytesOf(m_spki));
+    bits = kind.bits;
+    return kind.type;
+}
+
+bool Certificate::getCertPublicKey(_mvPublicKey& out, LogBase&) const {
+    return out.loadSpki(bytesOf(m_spki));
+}
+
+bool Certificate::getPartDer(int part, DataBuffer& out, LogBase&) const {
+    if (part != 1) return false;
+    out.assign(bytesOf(m_subject));
+    return true;
+}
+
+void Certificate::unlinkFromPkcs11Session() noexcept {
+    const std::lock_guard lock(m_linkMutex);
+    m_link = Link();
+}
+
+bool Certificate::hasPrivateKey(bool mustBeUsable, LogBase&) const {
+    const auto link = pkcs11Link();
+    return link && (!mustBeUsable || link->keyHandle != 0);
+}
+
+}  // namespace mervane

@@ -1,0 +1,114 @@
+#ifndef MERVANE_FOUNDATION_X509_DER_H
+#define MERVANE_FOUNDATION_X509_DER_H
+
+#include <cstdint>
+#include <optional>
+#include <span>
+
+namespace mervane::der {
+
+using Bytes = std::span<const std::uint8_t>;
+
+// Identifier octets (X.690 8.1.2) of the types that certificates use.
+inline constexpr std::uint8_t kBoolean = 0x01;
+inline constexpr std::uint8_t kInteger = 0x02;
+inline constexpr std::uint8_t kBitString = 0x03;
+inline constexpr std::uint8_t kOctetString = 0x04;
+inline constexpr std::uint8_t kOid = 0x06;
+inline constexpr std::uint8_t kUtf8String = 0x0C;
+inline constexpr std::uint8_t kNumericString = 0x12;
+inline constexpr std::uint8_t kPrintableString = 0x13;
+inline constexpr std::uint8_t kTeletexString = 0x14;
+inline constexpr std::uint8_t kIa5String = 0x16;
+inline constexpr std::uint8_t kUtcTime = 0x17;
+inline constexpr std::uint8_t kGeneralizedTime = 0x18;
+inline constexpr std::uint8_t kVisibleString = 0x1A;
+inline constexpr std::uint8_t kUniversalString = 0x1C;
+inline constexpr std::uint8_t kBmpString = 0x1E;
+inline constexpr std::uint8_t kSequence = 0x30;
+inline constexpr std::uint8_t kSet = 0x31;
+
+/// [n], primitive or constructed, of the context-specific class.
+constexpr std::uint8_t context(unsigned n) noexcept {
+    return static_cast<std::uint8_t>(0x80U | n);
+}
+constexpr std::uint8_t contextConstructed(unsigned n) noexcept {
+    return static_cast<std::uint8_t>(0xA0U | n);
+}
+
+/// One element: its identifier octet, its content, and the two together with the length.
+struct Element {
+    std::uint8_t tag = 0;
+    Bytes content;
+    Bytes whole;
+};
+
+/// Reads elements from bytes that somebody else keeps.
+///
+/// It only moves forward, and a failed read does not move it. Definite lengths alone are read
+/// (X.690 10.1); a length in more octets than needed is let pass, since such certificates are in
+/// use. Tags above 30 do not occur in certificates and are refused.
+class Cursor {
+  public:
+    constexpr explicit Cursor(Bytes bytes) noexcept : m_rest(bytes) {}
+
+    [[nodiscard]] constexpr bool atEnd() const noexcept { return m_rest.empty(); }
+    [[nodiscard]] constexpr bool nextIs(std::uint8_t tag) const noexcept {
+        return !m_rest.empty() && m_rest.front() == tag;
+    }
+
+    /// The next element of any type.
+    constexpr std::optional<Element> readAny() noexcept {
+        if (m_rest.size() < 2 || (m_rest[0] & 0x1FU) == 0x1F) return std::nullopt;
+        std::size_t headSize = 2;
+        std::size_t size = m_rest[1];
+        if (size >= 0x80) {
+            const std::size_t numOctets = size & 0x7FU;  // 0: indefinite form
+            if (numOctets == 0 || numOctets > m_rest.size() - 2) return std::nullopt;
+            headSize += numOctets;
+            size = 0;
+            for (const std::uint8_t octet : m_rest.subspan(2, numOctets)) {
+                if (size > kMaxSize) return std::nullopt;
+                size = size << 8 | octet;
+            }
+        }
+        if (size > m_rest.size() - headSize) return std::nullopt;
+        const Element element{m_rest[0], m_rest.subspan(headSize, size),
+                              m_rest.first(headSize + size)};
+        m_rest = m_rest.subspan(headSize + size);
+        return element;
+    }
+
+    /// The next element if it has this tag.
+    constexpr std::optional<Element> read(std::uint8_t tag) noexcept {
+        return nextIs(tag) ? readAny() : std::nullopt;
+    }
+
+    /// Steps over the next element if it has this tag; false only when it is there and broken.
+    [[nodiscard]] constexpr bool skipOptional(std::uint8_t tag) noexcept {
+        return !nextIs(tag) || readAny().has_value();
+    }
+
+  private:
+    // Beyond any buffer that is read here; keeps the shift above from overflowing.
+    static constexpr std::size_t kMaxSize = 0xFFFFFFFFU;
+
+    Bytes m_rest;
+};
+
+/// A cursor over the content of the first element of `bytes` if that has this tag.
+constexpr std::optional<Cursor> enter(Bytes bytes, std::uint8_t tag) noexcept {
+    const auto element = Cursor(bytes).read(tag);
+    return element ? std::optional(Cursor(element->content)) : std::nullopt;
+}
+
+/// The bits of a BIT STRING's content whose length is whole octets (X.690 8.6.2: the first octet
+/// counts the unused bits).
+constexpr std::optional<Bytes> wholeOctets(Bytes bitString) noexcept {
+    if (bitString.empty() || bitString[0] != 0) return std::nullopt;
+    return bitString.subspan(1);
+}
+
+}  // namespace mervane::der
+
+#endif

@@ -1,0 +1,20 @@
+#ifndef MERVANE_FOUNDATION_X509_OID_H
+#define MERVANE_FOUNDATION_X509_OID_H
+
+#include <string>
+#include <string_view>
+
+#include "foundation/x509/der.h"
+
+namespace mervane {
+
+/// The dotted form of an OBJECT IDENTIFIER's content octets (X.690 8.19), with arcs of any size;
+/// empty when they are malformed or longer than any identifier in use (128 octets).
+std::string oidToText(der::Bytes content);
+
+/// The content octets of a dotted identifier whose arcs fit 64 bits; empty when it is none.
+std::string oidFromText(std::string_view dotted);
+
+}  // namespace mervane
+
+#endif

@@ -1,0 +1,15 @@
+#ifndef MERVANE_FOUNDATION_X509_SHA1_H
+#define MERVANE_FOUNDATION_X509_SHA1_H
+
+#include <array>
+#include <cstdint>
+#include <span>
+
+namespace mervane {
+
+/// SHA-1 (FIPS 180-4), as thumbprints use it: a name for a certificate, not a proof of anything.
+std::array<std::uint8_t, 20> sha1(std::span<const std::uint8_t> data) noexcept;
+
+}  // namespace mervane
+
+#endif

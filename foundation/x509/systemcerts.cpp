@@ -1,0 +1,31 @@
+#include "foundation/x509/systemcerts.h"
+
+#include <algorithm>
+
+namespace mervane {
+
+void SystemCerts::add(const std::shared_ptr<Certificate>& cert) {
+    const std::lock_guard lock(m_mutex);
+    const bool known = std::ranges::any_of(
+        m_certs, [&](const auto& have) { return std::ranges::equal(have->der(), cert->der()); });
+    if (!known) m_certs.push_back(cert);
+}
+
+std::vector<std::shared_ptr<Certificate>> SystemCerts::all() const {
+    const std::lock_guard lock(m_mutex);
+    return m_certs;
+}
+
+SystemCertsHolder::Ptr SystemCertsHolder::getSystemCertsPtr() {
+    if (!m_store) m_store = std::make_shared<SystemCerts>();
+    return m_store;
+}
+
+void SystemCertsHolder::mergeSysCerts(SystemCertsHolder& other, LogBase&) {
+    const Ptr theirs = other.getSystemCertsPtr();
+    if (!m_store) m_store = theirs;
+    if (m_store == theirs) return;
+    for (const auto& cert : theirs->all()) m_store->add(cert);
+}
+
+}  // namespace mervane

@@ -1,0 +1,75 @@
+#ifndef MERVANE_PKCS11_CALLS_ATTRS_H
+#define MERVANE_PKCS11_CALLS_ATTRS_H
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <vector>
+
+#include "foundation/x509/der.h"
+#include "pkcs11/calls/cryptoki.h"
+#include "pkcs11/clspkcs11.h"
+
+namespace mervane {
+
+enum class AttrKind : unsigned char { Bytes, Number, Flag };
+
+/// An attribute to be read, and for bytes the room that it is given in the first call.
+struct AttrRow {
+    CK_ATTRIBUTE_TYPE type;
+    AttrKind kind;
+    std::size_t room = 0;
+};
+
+/// Reads the same attributes of one object after another, each object in one C_GetAttributeValue
+/// when all fits. An attribute that the object lacks, keeps secret, or about which the module does
+/// not tell the truth is absent; it never costs the others.
+///
+/// Nothing that the module says is believed: the room is preset so that what it did not write is
+/// not taken for a value, lengths count only within the room, fixed-size values only at their exact
+/// size, and no value may be longer than 1 MiB.
+class ObjectReader {
+  public:
+    /// `rows` is kept by reference; at most 16.
+    ObjectReader(ClsPkcs11& owner, std::span<const AttrRow> rows);
+
+    /// False, with a line, when the object cannot be read at all.
+    [[nodiscard]] bool read(CK_OBJECT_HANDLE object, LogBase& log);
+
+    // The value of a row in the object read last; nothing when it is absent. Bytes are valid until
+    // the next read.
+    [[nodiscard]] std::optional<der::Bytes> bytes(std::size_t row) const;
+    [[nodiscard]] std::optional<CK_ULONG> number(std::size_t row) const;
+    [[nodiscard]] std::optional<bool> flag(std::size_t row) const;
+
+    /// The bytes of a row; none when it is absent.
+    [[nodiscard]] der::Bytes bytesOrNone(std::size_t row) const {
+        return bytes(row).value_or(der::Bytes());
+    }
+
+  private:
+    static constexpr std::size_t kMaxRows = 16;
+
+    enum class State : unsigned char { Absent, Present, AskAgain, TooLong };
+
+    void prepare();
+    [[nodiscard]] State judge(std::size_t row, CK_RV rv);
+    [[nodiscard]] State readAlone(std::size_t row, CK_OBJECT_HANDLE object, LogBase& log);
+    [[nodiscard]] State readLong(std::size_t row, CK_OBJECT_HANDLE object, LogBase& log);
+    [[nodiscard]] std::span<std::uint8_t> roomOf(std::size_t row) noexcept;
+    void settle(std::size_t row, State state);
+
+    ClsPkcs11& m_owner;
+    std::span<const AttrRow> m_rows;
+    Pkcs11_Attributes m_record;
+    std::vector<std::uint8_t> m_room;              // of all rows of bytes, one after the other
+    std::array<std::size_t, kMaxRows> m_roomAt{};  // where a row's bytes begin in m_room
+    std::array<CK_ATTRIBUTE, kMaxRows> m_attributes{};
+    std::array<der::Bytes, kMaxRows> m_values{};  // of the rows present
+    std::array<bool, kMaxRows> m_present{};
+};
+
+}  // namespace mervane
+
+#endif

@@ -1,0 +1,20 @@
+#ifndef MERVANE_PKCS11_CALLS_CKTYPES_H
+#define MERVANE_PKCS11_CALLS_CKTYPES_H
+
+// The scalar types of PKCS#11 2.40 (base specification, section 3) that the chief header names.
+// They live in our namespace, so that an application may include a vendor's header beside ours.
+
+namespace mervane {
+
+using CK_ULONG = unsigned long;
+using CK_RV = CK_ULONG;
+using CK_SLOT_ID = CK_ULONG;
+using CK_SESSION_HANDLE = CK_ULONG;
+using CK_OBJECT_HANDLE = CK_ULONG;
+
+struct CK_FUNCTION_LIST;
+struct CK_ATTRIBUTE;
+
+}  // namespace mervane
+
+#endif

@@ -1,0 +1,46 @@
+#ifndef MERVANE_PKCS11_CALLS_LISTS_H
+#define MERVANE_PKCS11_CALLS_LISTS_H
+
+#include <algorithm>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "pkcs11/calls/invoke.h"
+
+namespace mervane {
+
+/// How many IDs a module wrote into `room`, whatever it claims: the room was preset to
+/// CK_UNAVAILABLE_INFORMATION, which is no slot and no mechanism.
+inline std::size_t numWritten(std::span<const CK_ULONG> room, CK_ULONG claimed) noexcept {
+    const auto given = room.first(std::min<std::size_t>(room.size(), claimed));
+    return static_cast<std::size_t>(std::ranges::find(given, CK_UNAVAILABLE_INFORMATION) -
+                                    given.begin());
+}
+
+/// Fetches a list of IDs in the standard's two steps (PKCS#11 2.40 base, 5.2): its length, then the
+/// list. The second step gets room to spare, since IDs may come in between; when even that is too
+/// little the two are repeated a few times. At most `limit` IDs count.
+template <Needs N, class Function, class... Args>
+bool ClsPkcs11::fetchList(const Entry<N, Function>& entry, CK_ULONG limit,
+                          std::vector<CK_ULONG>& list, LogBase& log, Args... args) {
+    constexpr int kMaxTries = 4;
+    constexpr CK_ULONG kSpare = 16;
+    for (int numTries = 0; numTries < kMaxTries; ++numTries) {
+        CK_ULONG count = 0;
+        if (!invoke(log, entry, args..., static_cast<CK_ULONG*>(nullptr), &count)) return false;
+        list.assign(std::min(count, limit) + kSpare, CK_UNAVAILABLE_INFORMATION);
+        count = list.size();
+        const auto rv = ask(log, entry, args..., list.data(), &count);
+        if (rv == CKR_BUFFER_TOO_SMALL) continue;
+        if (!rv || !report(entry.name, *rv, log)) return false;
+        list.resize(numWritten(list, count));
+        return true;
+    }
+    log.LogError(std::string(entry.name) + " does not settle on the length of its list.");
+    return false;
+}
+
+}  // namespace mervane
+
+#endif

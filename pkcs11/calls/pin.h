@@ -1,0 +1,24 @@
+#ifndef MERVANE_PKCS11_CALLS_PIN_H
+#define MERVANE_PKCS11_CALLS_PIN_H
+
+#include <string>
+
+#include "pkcs11/calls/cryptoki.h"
+#include "pkcs11/calls/names.h"
+
+namespace mervane {
+
+/// A PIN as an argument of a module's function, which takes it by a pointer that is not const. It
+/// is handed over where it lies, never copied.
+struct PinArgument {
+    explicit PinArgument(const char* pin) noexcept
+        : bytes(reinterpret_cast<CK_UTF8CHAR*>(const_cast<char*>(pin))),
+          size(std::char_traits<char>::length(pin)) {}
+
+    CK_UTF8CHAR* bytes;
+    CK_ULONG size;
+};
+
+}  // namespace mervane
+
+#endif

@@ -1,0 +1,146 @@
+// The discovery report: what a module says of itself, its slots, tokens and mechanisms. Layout:
+// docs/json.md.
+
+#include <algorithm>
+
+#include "foundation/text/hex.h"
+#include "foundation/text/utf8.h"
+#include "pkcs11/calls/lists.h"
+#include "pkcs11/calls/names.h"
+
+namespace mervane {
+namespace {
+
+constexpr CK_ULONG kMaxMechanisms = 4096;  // some nine times what the standard names
+
+// A fixed-size text of the standard's structures: padded with blanks, not terminated. Modules that
+// terminate it all the same mean the NUL as its end.
+template <std::size_t N>
+std::string textOf(const CK_UTF8CHAR (&field)[N]) {
+    const std::string_view whole(reinterpret_cast<const char*>(field), N);
+    const std::string_view text = whole.substr(0, whole.find('\0'));
+    return toValidUtf8(text.substr(0, text.find_last_not_of(kWhiteSpace) + 1));
+}
+
+std::string versionOf(const CK_VERSION& version) {
+    return std::to_string(version.major) + "." + std::to_string(version.minor);
+}
+
+JsonValue namesOf(const std::vector<std::string>& names) {
+    JsonValue list = JsonValue::array();
+    for (const std::string& name : names) list.append(JsonValue(name));
+    return list;
+}
+
+// A count or size that a token may not tell.
+JsonValue knownOrNull(CK_ULONG value) {
+    return value == CK_UNAVAILABLE_INFORMATION ? JsonValue() : JsonValue(value);
+}
+
+// A maximum of sessions: unlimited is null as well.
+JsonValue limitOrNull(CK_ULONG value) {
+    return value == CK_EFFECTIVELY_INFINITE ? JsonValue() : knownOrNull(value);
+}
+
+JsonValue tokenToJson(const CK_TOKEN_INFO& info) {
+    JsonValue token = JsonValue::object();
+    token.set("label", textOf(info.label));
+    token.set("manufacturer", textOf(info.manufacturerID));
+    token.set("model", textOf(info.model));
+    token.set("serialNumber", textOf(info.serialNumber));
+    token.set("flags", namesOf(tokenFlagNames(info.flags)));
+    JsonValue& pin = token.set("pin", JsonValue::object());
+    pin.set("min", knownOrNull(info.ulMinPinLen));
+    pin.set("max", knownOrNull(info.ulMaxPinLen));
+    JsonValue& sessions = token.set("sessions", JsonValue::object());
+    sessions.set("open", knownOrNull(info.ulSessionCount));
+    sessions.set("max", limitOrNull(info.ulMaxSessionCount));
+    sessions.set("rwOpen", knownOrNull(info.ulRwSessionCount));
+    sessions.set("rwMax", limitOrNull(info.ulMaxRwSessionCount));
+    JsonValue& memory = token.set("memory", JsonValue::object());
+    memory.set("publicTotal", knownOrNull(info.ulTotalPublicMemory));
+    memory.set("publicFree", knownOrNull(info.ulFreePublicMemory));
+    memory.set("privateTotal", knownOrNull(info.ulTotalPrivateMemory));
+    memory.set("privateFree", knownOrNull(info.ulFreePrivateMemory));
+    token.set("hardwareVersion", versionOf(info.hardwareVersion));
+    token.set("firmwareVersion", versionOf(info.firmwareVersion));
+    return token;
+}
+
+}  // namespace
+
+bool ClsPkcs11::getCryptokiInfo(ClsJsonObject& json, LogBase& log) {
+    CK_INFO info{};
+    if (!invoke(log, entry::kGetInfo, &info)) return false;
+    JsonValue& root = json.root();
+    root.set("cryptokiVersion", versionOf(info.cryptokiVersion));
+    root.set("manufacturer", textOf(info.manufacturerID));
+    root.set("libraryDescription", textOf(info.libraryDescription));
+    root.set("libraryVersion", versionOf(info.libraryVersion));
+    return true;
+}
+
+bool ClsPkcs11::getSlotsInfo(bool onlyTokensPresent, bool, bool skipMechanisms, ClsJsonObject& json,
+                             LogBase& log) {
+    std::vector<CK_SLOT_ID> slotIds;
+    if (!getSlotList(onlyTokensPresent, slotIds, log)) return false;
+    JsonValue& slots = json.root().set("slots", JsonValue::array());
+    for (const CK_SLOT_ID id : slotIds) {
+        JsonValue& slot = slots.append(JsonValue::object());
+        slot.set("slotId", id);
+        if (!describeSlot(id, skipMechanisms, slot, log)) return false;
+    }
+    return true;
+}
+
+bool ClsPkcs11::describeSlot(CK_SLOT_ID id, bool skipMechanisms, JsonValue& slot, LogBase& log) {
+    CK_SLOT_INFO info{};
+    // A slot that cannot be described stays in the report with what is known of it: its ID.
+    if (!invoke(log, entry::kGetSlotInfo, id, &info)) {
+        log.LogDataUnsigned("slotId", id);
+        return m_initialized;
+    }
+    slot.set("description", textOf(info.slotDescription));
+    slot.set("manufacturer", textOf(info.manufacturerID));
+    slot.set("flags", namesOf(slotFlagNames(info.flags)));
+    slot.set("hardwareVersion", versionOf(info.hardwareVersion));
+    slot.set("firmwareVersion", versionOf(info.firmwareVersion));
+    if ((info.flags & CKF_TOKEN_PRESENT) == 0) return true;
+
+    CK_TOKEN_INFO tokenInfo{};
+    if (!invoke(log, entry::kGetTokenInfo, id, &tokenInfo)) {
+        log.LogDataUnsigned("slotId", id);
+        return m_initialized;
+    }
+    JsonValue& token = slot.set("token", tokenToJson(tokenInfo));
+    if (skipMechanisms) return true;
+    return describeMechanisms(id, token, log);
+}
+
+bool ClsPkcs11::describeMechanisms(CK_SLOT_ID id, JsonValue& token, LogBase& log) {
+    std::vector<CK_MECHANISM_TYPE> types;
+    if (!fetchList(entry::kGetMechanismList, kMaxMechanisms, types, log, id)) {
+        log.LogDataUnsigned("slotId", id);
+        return m_initialized;
+    }
+    JsonValue& list = token.set("mechanisms", JsonValue::array());
+    for (const CK_MECHANISM_TYPE type : types) {
+        JsonValue& mechanism = list.append(JsonValue::object());
+        mechanism.set("name", mechanismName(type));
+        mechanism.set("type", toHexNumber(type));
+        CK_MECHANISM_INFO info{};
+        const auto rv = ask(log, entry::kGetMechanismInfo, id, type, &info);
+        if (rv != CKR_OK) {
+            // One that the module lists but does not explain keeps its name.
+            log.LogData("mechanismWithoutInfo", mechanismName(type));
+            if (rv) log.LogData("result", rvName(*rv));
+            continue;
+        }
+        mechanism.set("minKeySize", knownOrNull(info.ulMinKeySize));
+        mechanism.set("maxKeySize", knownOrNull(info.ulMaxKeySize));
+        mechanism.set("flags", namesOf(mechanismFlagNames(info.flags)));
+    }
+    return true;
+}
+
+}  // namespace mervane

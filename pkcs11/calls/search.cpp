@@ -1,0 +1,113 @@
+// The find operation: begun, gathered from, and ended on every way out.
+
+#include "pkcs11/calls/search.h"
+
+#include <unordered_set>
+
+#include "pkcs11/calls/invoke.h"
+
+namespace mervane {
+namespace {
+
+// Handles asked for at a time. Only 0 objects end a search, so each costs one call more than
+// needed; a large batch makes that one of two.
+constexpr std::size_t kBatch = 1024;
+
+// A module whose search does not come to its end is left after this many batches with nothing new.
+constexpr int kMaxStaleBatches = 4;
+
+// Handles in the order found, each once.
+class HandleList {
+  public:
+    HandleList(std::vector<CK_OBJECT_HANDLE>& handles, std::size_t limit)
+        : m_handles(handles), m_limit(limit) {}
+
+    [[nodiscard]] bool isFull() const noexcept { return m_handles.size() >= m_limit; }
+
+    // How many of the batch were new.
+    std::size_t add(std::span<const CK_OBJECT_HANDLE> batch) {
+        const std::size_t before = m_handles.size();
+        for (const CK_OBJECT_HANDLE handle : batch) {
+            if (isFull()) break;
+            if (handle != 0 && isNew(handle)) m_handles.push_back(handle);
+        }
+        return m_handles.size() - before;
+    }
+
+  private:
+    // Modules give handles in rising order, mostly: the set is made when one does not.
+    bool isNew(CK_OBJECT_HANDLE handle) {
+        if (m_seen.empty() && (m_handles.empty() || handle > m_handles.back())) return true;
+        if (m_seen.empty()) m_seen.insert(m_handles.begin(), m_handles.end());
+        return m_seen.insert(handle).second;
+    }
+
+    std::vector<CK_OBJECT_HANDLE>& m_handles;
+    std::size_t m_limit;
+    std::unordered_set<CK_OBJECT_HANDLE> m_seen;
+};
+
+}  // namespace
+
+// An active search of the session; ends it.
+class FindOperation {
+  public:
+    FindOperation(ClsPkcs11& owner, LogBase& log) noexcept : m_owner(owner), m_log(log) {}
+    ~FindOperation() {
+        const auto rv = m_owner.ask(m_log, entry::kFindObjectsFinal);
+        if (rv && *rv != CKR_OK) m_log.LogDataUnsigned("findObjectsFinalResult", *rv);
+    }
+    FindOperation(const FindOperation&) = delete;
+    FindOperation& operator=(const FindOperation&) = delete;
+
+  private:
+    ClsPkcs11& m_owner;
+    LogBase& m_log;
+};
+
+bool ClsPkcs11::findObjects(std::span<CK_ATTRIBUTE> query, std::size_t limit,
+                            std::vector<CK_OBJECT_HANDLE>& handles, LogBase& log) {
+    if (!ready(log, entry::kFindObjectsInit, entry::kFindObjects, entry::kFindObjectsFinal))
+        return false;
+    const auto begin = [&] {
+        return ask(log, entry::kFindObjectsInit, query.data(), static_cast<CK_ULONG>(query.size()));
+    };
+    auto rv = begin();
+    if (rv == CKR_OPERATION_ACTIVE) {
+        // Left behind by somebody else on this session.
+        ask(log, entry::kFindObjectsFinal);
+        rv = begin();
+    }
+    if (!rv || !report(entry::kFindObjectsInit.name, *rv, log)) return false;
+    {
+        const FindOperation operation(*this, log);
+        rv = gatherObjects(limit, handles, log);
+    }
+    // Reported when the search has ended: the report may give the session up.
+    return rv && report(entry::kFindObjects.name, *rv, log);
+}
+
+std::optional<CK_RV> ClsPkcs11::gatherObjects(std::size_t limit,
+                                              std::vector<CK_OBJECT_HANDLE>& handles,
+                                              LogBase& log) {
+    std::vector<CK_OBJECT_HANDLE> batch(std::min(kBatch, limit));
+    HandleList list(handles, limit);
+    for (int numStale = 0; numStale < kMaxStaleBatches;) {
+        CK_ULONG count = 0;
+        std::ranges::fill(batch, CK_OBJECT_HANDLE{0});
+        const auto rv = ask(log, entry::kFindObjects, batch.data(),
+                            static_cast<CK_ULONG>(batch.size()), &count);
+        if (rv != CKR_OK || count == 0) return rv;
+        const auto given = std::span(batch).first(std::min<std::size_t>(count, batch.size()));
+        numStale = list.add(given) == 0 ? numStale + 1 : 0;
+        if (list.isFull()) {
+            if (limit == kMaxObjects)
+                log.LogInfo("The module lists more objects than are looked at.");
+            return rv;
+        }
+    }
+    log.LogInfo("The module's search does not end; what it found so far is used.");
+    return CKR_OK;
+}
+
+}  // namespace mervane

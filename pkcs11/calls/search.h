@@ -1,0 +1,57 @@
+#ifndef MERVANE_PKCS11_CALLS_SEARCH_H
+#define MERVANE_PKCS11_CALLS_SEARCH_H
+
+#include <array>
+#include <span>
+
+#include "foundation/x509/der.h"
+#include "pkcs11/calls/cryptoki.h"
+
+namespace mervane {
+
+/// What a search looks for: attributes that an object must have, with the numbers and flags kept
+/// here and the bytes kept by the caller. Some modules find nothing without a class, so every query
+/// begins with one.
+class ObjectQuery {
+  public:
+    explicit ObjectQuery(CK_ULONG objectClass) noexcept { add(CKA_CLASS, objectClass); }
+    ObjectQuery() noexcept = default;
+    ObjectQuery(const ObjectQuery&) = delete;
+    ObjectQuery& operator=(const ObjectQuery&) = delete;
+
+    void add(CK_ATTRIBUTE_TYPE type, CK_ULONG value) noexcept {
+        m_numbers[m_size] = value;
+        addRaw(type, &m_numbers[m_size], sizeof value);
+    }
+    void addFlag(CK_ATTRIBUTE_TYPE type, bool value) noexcept {
+        m_flags[m_size] = value ? CK_TRUE : CK_FALSE;
+        addRaw(type, &m_flags[m_size], sizeof(CK_BBOOL));
+    }
+    void addBytes(CK_ATTRIBUTE_TYPE type, der::Bytes value) noexcept {
+        // C_FindObjectsInit takes its template by pointers that are not const, and only reads it.
+        addRaw(type, const_cast<std::uint8_t*>(value.data()), value.size());
+    }
+
+    [[nodiscard]] std::span<CK_ATTRIBUTE> attributes() noexcept {
+        return std::span(m_attributes).first(m_size);
+    }
+
+  private:
+    static constexpr std::size_t kMaxSize = 8;
+
+    void addRaw(CK_ATTRIBUTE_TYPE type, void* value, std::size_t size) noexcept {
+        m_attributes[m_size++] = {type, value, size};
+    }
+
+    std::array<CK_ATTRIBUTE, kMaxSize> m_attributes{};
+    std::array<CK_ULONG, kMaxSize> m_numbers{};
+    std::array<CK_BBOOL, kMaxSize> m_flags{};
+    std::size_t m_size = 0;
+};
+
+/// More objects than any token holds; bounds what a module can make us gather.
+inline constexpr std::size_t kMaxObjects = 65536;
+
+}  // namespace mervane
+
+#endif

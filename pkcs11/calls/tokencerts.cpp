@@ -1,0 +1,88 @@
+// Reading the certificate objects of the token.
+
+#include <array>
+
+#include "pkcs11/calls/attrs.h"
+#include "pkcs11/calls/invoke.h"
+#include "pkcs11/calls/search.h"
+
+namespace mervane {
+namespace {
+
+enum Column : std::size_t { kValue, kId, kLabel, kType };
+
+// Rooms: larger than what is seen on real cards; a longer value costs two calls more.
+constexpr std::array kRows = {
+    AttrRow{CKA_VALUE, AttrKind::Bytes, 8192},
+    AttrRow{CKA_ID, AttrKind::Bytes, 1024},
+    AttrRow{CKA_LABEL, AttrKind::Bytes, 1024},
+    AttrRow{CKA_CERTIFICATE_TYPE, AttrKind::Number},
+};
+
+// All certificates of a token together; far beyond what tokens hold.
+constexpr std::size_t kMaxTotalSize = std::size_t{256} * 1024 * 1024;
+
+std::string_view asChars(der::Bytes bytes) noexcept {
+    return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+}
+
+// Null, with a line, when the object is not an X.509 certificate.
+std::shared_ptr<Certificate> toCertificate(const ObjectReader& reader, CK_OBJECT_HANDLE handle,
+                                           LogBase& log) {
+    const auto value = reader.bytes(kValue);
+    std::shared_ptr<Certificate> cert;
+    if (reader.number(kType).value_or(CKC_X_509) != CKC_X_509) {
+        log.LogInfo("A certificate object is passed over: it is not an X.509 certificate.");
+    } else if (!value || value->empty()) {
+        log.LogError("A certificate object is passed over: its value cannot be read.");
+    } else {
+        TokenCertInfo token;
+        token.handle = handle;
+        token.ckaId.assign(reader.bytesOrNone(kId));
+        token.label = asChars(reader.bytesOrNone(kLabel));
+        cert = Certificate::createFromDer(*value, std::move(token), log);
+    }
+    if (!cert) log.LogDataUnsigned("objectHandle", handle);
+    return cert;
+}
+
+}  // namespace
+
+bool ClsPkcs11::findAllCerts(LogBase& log) {
+    const LogContextExitor context(log, "findAllCerts");
+    ObjectQuery query(CKO_CERTIFICATE);
+    std::vector<CK_OBJECT_HANDLE> handles;
+    if (!ready(log, entry::kGetAttributeValue) ||
+        !findObjects(query.attributes(), kMaxObjects, handles, log)) {
+        return false;
+    }
+    // Built aside: a failed read leaves the certificates read before.
+    ExtPtrArray certs;
+    certs.reserve(handles.size());
+    ObjectReader reader(*this, kRows);
+    std::size_t numUnreadable = 0;
+    std::size_t totalSize = 0;
+    for (const CK_OBJECT_HANDLE handle : handles) {
+        if (!reader.read(handle, log)) {
+            // Without a session there is nothing more to read; one object may be gone, though.
+            if (!hasOpenSession()) return false;
+            ++numUnreadable;
+            continue;
+        }
+        auto cert = toCertificate(reader, handle, log);
+        if (!cert) continue;
+        totalSize += cert->der().size();
+        if (totalSize > kMaxTotalSize) {
+            log.LogError("The certificates are too large together; the rest is left out.");
+            break;
+        }
+        certs.appendObject(std::make_unique<CertificateHolder>(std::move(cert)));
+    }
+    log.LogDataLong("numCerts", certs.getSize());
+    if (numUnreadable != 0 && numUnreadable == handles.size()) return false;
+    m_certs.swap(certs);
+    m_certsLoaded = true;
+    return true;
+}
+
+}  // namespace mervane

@@ -1,0 +1,136 @@
+// Filling the caches of private keys.
+
+#include <array>
+#include <map>
+
+#include "pkcs11/calls/attrs.h"
+#include "pkcs11/calls/invoke.h"
+#include "pkcs11/calls/search.h"
+
+namespace mervane {
+namespace {
+
+// The first rows are all that a quick fill reads.
+enum KeyColumn : std::size_t { kId, kSign, kAlwaysAuthenticate, kSubject, kModulus };
+constexpr std::size_t kNumQuickRows = 3;
+constexpr std::array kKeyRows = {
+    AttrRow{CKA_ID, AttrKind::Bytes, 1024},           AttrRow{CKA_SIGN, AttrKind::Flag},
+    AttrRow{CKA_ALWAYS_AUTHENTICATE, AttrKind::Flag}, AttrRow{CKA_SUBJECT, AttrKind::Bytes, 1024},
+    AttrRow{CKA_MODULUS, AttrKind::Bytes, 2048},  // 16384 bits, the largest supported
+};
+
+enum PointColumn : std::size_t { kPointId, kPoint, kParams };
+constexpr std::array kPointRows = {
+    AttrRow{CKA_ID, AttrKind::Bytes, 1024},
+    AttrRow{CKA_EC_POINT, AttrKind::Bytes, 1024},
+    AttrRow{CKA_EC_PARAMS, AttrKind::Bytes, 1024},
+};
+
+Pkcs11_PrivateKey* keyAt(const ExtPtrArray& keys, int i) noexcept {
+    return static_cast<Pkcs11_PrivateKey*>(keys.elementAt(i));
+}
+
+// The point within a reader's object, empty when it has none that fits its curve.
+der::Bytes pointOf(const ObjectReader& reader) {
+    return unwrapEcPoint(reader.bytesOrNone(kPoint), findCurve(reader.bytesOrNone(kParams)));
+}
+
+}  // namespace
+
+bool ClsPkcs11::readPrivateKeys(CK_ULONG keyType, std::size_t numRows, ExtPtrArray& keys,
+                                LogBase& log) {
+    ObjectQuery query(CKO_PRIVATE_KEY);
+    query.add(CKA_KEY_TYPE, keyType);
+    std::vector<CK_OBJECT_HANDLE> handles;
+    if (!ready(log, entry::kGetAttributeValue) ||
+        !findObjects(query.attributes(), kMaxObjects, handles, log)) {
+        return false;
+    }
+    ObjectReader reader(*this, std::span(kKeyRows).first(numRows));
+    keys.reserve(handles.size());
+    for (const CK_OBJECT_HANDLE handle : handles) {
+        if (!reader.read(handle, log)) {
+            if (!hasOpenSession()) return false;
+            continue;
+        }
+        auto key = std::make_unique<Pkcs11_PrivateKey>();
+        key->m_handle = handle;
+        key->m_keyId.assign(reader.bytesOrNone(kId));
+        const bool maySign = reader.flag(kSign).value_or(false);
+        key->m_signState = maySign ? Pkcs11_PrivateKey::kMaySign : Pkcs11_PrivateKey::kMayNotSign;
+        if (const auto always = reader.flag(kAlwaysAuthenticate))
+            key->m_auxData.appendByte(*always ? 1 : 0);
+        if (numRows > kNumQuickRows) {
+            key->m_subjectDer.assign(reader.bytesOrNone(kSubject));
+            key->m_modulus.assign(reader.bytesOrNone(kModulus));
+        }
+        keys.appendObject(std::move(key));
+    }
+    return handles.empty() || keys.getSize() != 0;
+}
+
+bool ClsPkcs11::cacheRsaPrivateKeys(bool withSubjectAndModulus, bool notQuick, LogBase& log) {
+    const bool full = withSubjectAndModulus || notQuick;
+    if (m_rsaKeysLoaded && (!full || (m_rsaKeysHaveSubject && m_rsaKeysHaveModulus))) return true;
+    const LogContextExitor context(log, "cacheRsaPrivateKeys");
+    ExtPtrArray keys;
+    if (!readPrivateKeys(CKK_RSA, full ? kKeyRows.size() : kNumQuickRows, keys, log)) return false;
+    m_rsaPrivKeys.swap(keys);
+    m_rsaKeysHaveSubject = m_rsaKeysHaveModulus = full;
+    m_rsaKeysLoaded = true;
+    return true;
+}
+
+bool ClsPkcs11::cacheEcdsaPrivateKeys(bool withEcPoints, LogBase& log) {
+    if (m_ecdsaKeysLoaded && (!withEcPoints || m_ecdsaKeysHavePoints)) return true;
+    const LogContextExitor context(log, "cacheEcdsaPrivateKeys");
+    if (m_ecdsaKeysLoaded) {
+        // Only the points are missing.
+        if (!fillEcPoints(m_ecdsaPrivKeys, log)) return false;
+    } else {
+        ExtPtrArray keys;
+        if (!readPrivateKeys(CKK_EC, kNumQuickRows, keys, log)) return false;
+        if (withEcPoints && !fillEcPoints(keys, log)) return false;
+        m_ecdsaPrivKeys.swap(keys);
+    }
+    m_ecdsaKeysHavePoints = withEcPoints;
+    m_ecdsaKeysLoaded = true;
+    return true;
+}
+
+bool ClsPkcs11::fillEcPoints(ExtPtrArray& keys, LogBase& log) {
+    if (keys.getSize() == 0) return true;
+    ObjectQuery query(CKO_PUBLIC_KEY);
+    query.add(CKA_KEY_TYPE, CKK_EC);
+    std::vector<CK_OBJECT_HANDLE> handles;
+    if (!findObjects(query.attributes(), kMaxObjects, handles, log)) return false;
+    std::map<std::vector<std::uint8_t>, DataBuffer> pointsById;
+    ObjectReader reader(*this, kPointRows);
+    for (const CK_OBJECT_HANDLE handle : handles) {
+        if (!reader.read(handle, log)) {
+            if (!hasOpenSession()) return false;
+            continue;
+        }
+        const der::Bytes id = reader.bytesOrNone(kPointId);
+        const der::Bytes point = pointOf(reader);
+        if (id.empty() || point.empty()) continue;
+        pointsById.try_emplace({id.begin(), id.end()}, point);
+    }
+    for (int i = 0; i < keys.getSize(); ++i) {
+        Pkcs11_PrivateKey& key = *keyAt(keys, i);
+        const der::Bytes id = key.m_keyId.span();
+        const auto known = pointsById.find({id.begin(), id.end()});
+        if (known != pointsById.end()) {
+            key.m_ecPoint = known->second;
+        } else if (reader.read(key.m_handle, log)) {
+            // No public key with this ID: some modules show the point on the private key.
+            key.m_ecPoint.assign(pointOf(reader));
+        } else if (!hasOpenSession()) {
+            return false;
+        }
+    }
+    keys.noteChange();
+    return true;
+}
+
+}  // namespace mervane

@@ -1,0 +1,268 @@
+// Chapter 2: the certificate cache, its enumeration, and the choice of one certificate.
+
+#include <array>
+
+#include "pkcs11/clspkcs11.h"
+#include "pkcs11/frame.h"
+
+namespace mervane {
+namespace {
+
+CertificateHolder* holderAt(const ExtPtrArray& certs, int index) noexcept {
+    return static_cast<CertificateHolder*>(certs.elementAt(index));
+}
+
+// What a match rule gets: the certificate, the part name (normalised) and the value asked for.
+struct Question {
+    const Certificate& cert;
+    std::string_view part;
+    std::string_view value;
+    LogBase& log;
+};
+
+using TextReader = bool (Certificate::*)(XString&, LogBase&) const;
+
+// Reads a text and shows it in the log before it is compared.
+template <TextReader Reader>
+bool read(const Question& q, XString& text) {
+    if (!(q.cert.*Reader)(text, q.log)) return false;
+    q.log.LogDataX("checking", text);
+    return true;
+}
+
+template <TextReader Reader>
+bool textEquals(const Question& q) {
+    XString text;
+    return read<Reader>(q, text) && text.view() == q.value;
+}
+
+template <TextReader Reader>
+bool textEqualsIgnoreCase(const Question& q) {
+    XString text;
+    return read<Reader>(q, text) && equalsIgnoreCase(text.view(), q.value);
+}
+
+// "SERIAL:issuer CN", for each of the three issuer keywords.
+bool issuerAndSerialEqual(const Question& q) {
+    XString serial;
+    XString issuer;
+    if (!q.cert.getSerialNumber(serial, q.log) || !q.cert.getIssuerPart("CN", issuer, q.log))
+        return false;
+    std::string joined(serial.view());
+    joined.append(":").append(issuer.view());
+    q.log.LogData("checking", joined);
+    return joined == q.value;
+}
+
+bool hasPolicy(const Question& q) {
+    StringBuffer xml;
+    if (!q.cert.getExtensionXml("2.5.29.32", xml, q.log)) return false;
+    std::string wanted = "<oid>";
+    wanted.append(trimmed(q.value)).append("</oid>");
+    return xml.containsSubstring(wanted);
+}
+
+struct Usage {
+    std::string_view name;
+    int bit;
+};
+
+// Bits of the first octet of KeyUsage (RFC 5280 4.2.1.3). "offlinecrlsign" is another word for the
+// bit of "crlsigning".
+constexpr std::array kUsages = {
+    Usage{"nonrepudiation", 0x40},     Usage{"digitalsignature", 0x80},
+    Usage{"keyencipherment", 0x20},    Usage{"dataencipherment", 0x10},
+    Usage{"certificatesigning", 0x04}, Usage{"crlsigning", 0x02},
+    Usage{"keyagreement", 0x08},       Usage{"encipheronly", 0x01},
+    Usage{"offlinecrlsign", 0x02},
+};
+
+// One of the usages named suffices.
+bool hasUsage(const Question& q) {
+    const int bits = q.cert.getIntendedKeyUsage(q.log);
+    q.log.LogData("checking", "");
+    return std::ranges::any_of(kUsages, [&](const Usage& usage) {
+        return (bits & usage.bit) != 0 && q.value.find(usage.name) != std::string_view::npos;
+    });
+}
+
+bool subjectPartEquals(const Question& q) {
+    StringBuffer part(q.part);
+    part.toUpperCase();
+    XString text;
+    if (!q.cert.getSubjectPart(part.getString(), text, q.log)) return false;
+    q.log.LogDataX("checking", text);
+    return text.view() == q.value;
+}
+
+struct MatchRule {
+    std::string_view keyword;  // looked for anywhere in the part name
+    bool (*matches)(const Question& question);
+};
+
+// The first row whose keyword the part name contains is the one, so the order counts: longer words
+// stand before those they contain, the issuer rows before "serial".
+constexpr std::array kMatchRules = {
+    MatchRule{"subjectdn_withtags", textEquals<&Certificate::getSubjectDN>},
+    MatchRule{"subjectdn", textEquals<&Certificate::getSubjectDN_noTags>},
+    MatchRule{"issuercn", issuerAndSerialEqual},
+    MatchRule{"issuerserial", issuerAndSerialEqual},
+    MatchRule{"serialissuer", issuerAndSerialEqual},
+    MatchRule{"serial", textEqualsIgnoreCase<&Certificate::getSerialNumber>},
+    MatchRule{"thumbprint", textEqualsIgnoreCase<&Certificate::getSha1ThumbprintX>},
+    MatchRule{"policyoid", hasPolicy},
+    MatchRule{"keyusage", hasUsage},
+    MatchRule{"", subjectPartEquals},
+};
+
+// Trimmed, in lower case, the two long names replaced.
+StringBuffer normalizedPart(const StringBuffer& certPart) {
+    StringBuffer part = certPart;
+    part.trim2();
+    part.toLowerCase();
+    if (part.equals("organization")) {
+        part.setString("o");
+    } else if (part.equals("email")) {
+        part.setString("e");
+    }
+    return part;
+}
+
+void logSubject(std::string_view name, const Certificate& cert, LogBase& log) {
+    XString subject;
+    cert.getSubjectDN(subject, log);
+    log.LogDataX(name, subject);
+}
+
+}  // namespace
+
+bool ClsPkcs11::FindAllCerts() {
+    return publicCall("FindAllCerts", Record::Yes,
+                      [this](LogBase& log) { return findAllCerts(log); });
+}
+
+int ClsPkcs11::get_NumCerts() {
+    const CritSecExitor lock(*this);
+    return m_certs.getSize();
+}
+
+bool ClsPkcs11::GetCert(int index, ClsCert& cert) {
+    return publicCall("GetCert_pkcs11", Record::Yes, [&](LogBase& log) {
+        const CertificateHolder* const holder = holderAt(m_certs, index);
+        if (holder == nullptr) {
+            // Said of a wrong index, too; callers know the text.
+            log.LogError("Error loading certificate object from DER.");
+            return false;
+        }
+        Certificate* const found = holder->getCertPtr(log);
+        if (found == nullptr) {
+            log.LogError("Internal error getting cert.");
+            return false;
+        }
+        // Set, not merged as in FindCert: the two differ on purpose. Before the certificate, which
+        // the caller gets only when nothing can fail any more.
+        cert.systemCerts().setSystemCerts(m_systemCerts.getSystemCertsPtr());
+        return cert.injectCert(found, log);
+    });
+}
+
+void ClsPkcs11::clearCertCache(LogBase& log) {
+    const LogContextExitor context(log, "clearPkcs11CertCache");
+    for (int i = 0; i < m_certs.getSize(); ++i) {
+        const CertificateHolder* const holder = holderAt(m_certs, i);
+        Certificate* const cert = holder == nullptr ? nullptr : holder->getCertPtr(log);
+        if (cert != nullptr) cert->unlinkFromPkcs11Session();
+    }
+    m_certs.removeAllObjects();
+    m_certsLoaded = false;
+}
+
+bool ClsPkcs11::FindCert(const XString& certPart, const XString& partValue, ClsCert& cert) {
+    return publicCall("FindCert_pkcs11", Record::Yes, [&](LogBase& log) {
+        const std::string_view part = trimmed(certPart.view());
+        _smartcardCertSpec spec;
+        if (equalsIgnoreCase(part, "privateKey")) {
+            spec.mustHavePrivateKey = true;
+        } else {
+            spec.certPart.setString(part);
+            spec.certPartVal.setString(partValue.view());
+        }
+        return findPkcs11Cert(spec, cert, log);
+    });
+}
+
+bool ClsPkcs11::findPkcs11Cert(const _smartcardCertSpec& spec, ClsCert& cert, LogBase& log) {
+    const LogContextExitor context(log, "findPkcs11Cert");
+    log.LogDataBool("userLoggedIn", m_userLoggedIn);
+    if (!m_certsLoaded && !findAllCerts(log)) return false;
+    log.LogDataSb("certPart", spec.certPart);
+    log.LogDataSb("certPartVal", spec.certPartVal);
+
+    const StringBuffer part = normalizedPart(spec.certPart);
+    StringBuffer value = spec.certPartVal;
+    if (part.equals("keyusage")) value.toLowerCase();
+    const auto* const rule = std::ranges::find_if(
+        kMatchRules, [&part](const MatchRule& r) { return part.containsSubstring(r.keyword); });
+
+    const int numCerts = m_certs.getSize();
+    std::shared_ptr<Certificate> candidate;
+    for (int i = 0; i < numCerts; ++i) {
+        const LogContextExitor certContext(log, "checkCertMatches");
+        const CertificateHolder* const holder = holderAt(m_certs, i);
+        // A share: looking for its key may find the session gone and clear the cache.
+        const auto checked = holder == nullptr ? nullptr : holder->share();
+        if (!checked) continue;
+        if (!part.isEmpty()) {
+            if (rule->matches({*checked, part.view(), value.view(), log}))
+                return giveCert(*checked, cert, log);
+        } else if (!spec.mustHavePrivateKey) {
+            log.LogInfo("Simply choosing the 1st encountered certificate...");
+            logSubject("chosenCert", *checked, log);
+            return giveCert(*checked, cert, log);
+        } else if (applyPrivateKeyRule(*checked, candidate, log)) {
+            return giveCert(*checked, cert, log);
+        }
+    }
+    // A candidate whose session has ended meanwhile has no private key any more.
+    if (candidate && candidate->isLinkedToPkcs11()) {
+        log.LogInfo("The candidate certificate was chosen.");
+        return giveCert(*candidate, cert, log);
+    }
+    log.LogError("Not found.");
+    return false;
+}
+
+bool ClsPkcs11::applyPrivateKeyRule(Certificate& cert, std::shared_ptr<Certificate>& candidate,
+                                    LogBase& log) {
+    const LogContextExitor context(log, "mustHavePrivateKey");
+    const auto link = cert.pkcs11Link();
+    if (!link || link->keyHandle == 0) {
+        int keyType = 0;
+        int signatureSize = 0;
+        const CK_OBJECT_HANDLE key = findPrivKeyHandle(cert, true, keyType, signatureSize, log);
+        log.LogDataBool("hasPrivateKey", key != 0);
+        if (key != 0) {
+            log.LogDataLong("expectedSignatureSize", signatureSize);
+            cert.linkToPkcs11Session(this, keyType, signatureSize, key, log);
+            log.LogDataBool("hasPrivateKey", cert.hasPrivateKey(false, log));
+        }
+        if (!cert.isLinkedToPkcs11()) return false;
+    }
+    XString issuer;
+    cert.getIssuerPart("CN", issuer, log);
+    // Certificates of this authentication CA are taken only when no other with a key follows.
+    if (!candidate && issuer.view().starts_with("EC de Autentica")) {
+        candidate = cert.shared_from_this();
+        logSubject("candidateCert", cert, log);
+        return false;
+    }
+    logSubject("chosenCertDN", cert, log);
+    return true;
+}
+
+bool ClsPkcs11::giveCert(Certificate& chosen, ClsCert& cert, LogBase& log) {
+    cert.systemCerts().mergeSysCerts(m_systemCerts, log);
+    return cert.injectCert(&chosen, log);
+}
+
+}  // namespace mervane

@@ -1,0 +1,319 @@
+#ifndef MERVANE_PKCS11_CLSPKCS11_H
+#define MERVANE_PKCS11_CLSPKCS11_H
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <span>
+#include <vector>
+
+#include "foundation/core/clsbase.h"
+#include "foundation/core/ptrarray.h"
+#include "foundation/json/clsjsonobject.h"
+#include "foundation/text/xstring.h"
+#include "foundation/x509/certificate.h"
+#include "foundation/x509/clscert.h"
+#include "foundation/x509/systemcerts.h"
+#include "pkcs11/calls/cktypes.h"
+#include "pkcs11/keyindex.h"
+#include "pkcs11/records.h"
+
+namespace mervane {
+
+enum class Needs : unsigned char;
+template <Needs N, class Function>
+struct Entry;
+struct Pkcs11SessionAnchor;
+
+/// A PKCS#11 module in use: loads it, opens a session with a token, logs in, lists and chooses
+/// certificates, and finds the private key that belongs to one.
+///
+///     ClsPkcs11 token;
+///     token.put_SharedLibPath(XString("/usr/lib/softhsm/libsofthsm2.so"));
+///     ClsCert cert;
+///     if (!token.QuickSession(1, pin) || !token.FindCert(XString("privateKey"), XString(), cert))
+///     {
+///         std::cerr << token.log().text();
+///     }
+///
+/// Failure is a false result, a handle of 0 or a null pointer, with error lines in the object's
+/// log; nothing is thrown. A line about a failed function of the module names the function and the
+/// standard's CKR name. No PIN is ever logged.
+///
+/// Ownership: the object owns its session and its caches. Its destructor closes the session,
+/// unlinks the certificates, and calls C_Finalize when it is the last of this process's objects
+/// that use the module and one of them initialised it; the module's library stays mapped.
+/// Certificates handed out stay valid and merely lose their link.
+///
+/// Thread rule: any thread may call any method; calls on one object run one after the other. Two
+/// objects do not wait for each other. After fork() the child has no session; Initialize begins
+/// anew.
+///
+/// User types are PKCS#11's: 0 the security officer, 1 the normal user, 2 context-specific.
+class ClsPkcs11 : public ClsBase {
+  public:
+    ClsPkcs11();
+    ~ClsPkcs11() override;
+
+    /// A new object that the caller owns (delete it); null when there is no memory.
+    static ClsPkcs11* createNewCls() noexcept;
+
+    // --- Module
+
+    /// Path of the PKCS#11 module. It takes effect when a module is loaded next.
+    void get_SharedLibPath(XString& out);
+    void put_SharedLibPath(const XString& path);
+
+    /// Loads the module and initialises it. True at once when that is done already.
+    bool Initialize();
+
+    /// Loads and initialises the module as needed and describes it and its slots (with
+    /// `onlyTokensPresent`, only those that hold a token) in `json`, whose former content is lost
+    /// in any case. Mechanisms are left out with the option "Pkcs11DiscoverSkipMechanisms". Opens
+    /// no session.
+    bool Discover(bool onlyTokensPresent, ClsJsonObject& json);
+
+    // --- Session and login
+
+    /// Opens a session on the slot with this ID, or with -1 on the first slot with a token that
+    /// takes one. A session that is open is replaced once the new one stands.
+    bool OpenSession(int slotId, bool readWrite);
+    bool CloseSession();
+
+    /// Initialises as needed, opens a read-write session on any slot and logs in; does not log in
+    /// when `pin` is empty. A session stays open when only the login fails.
+    bool QuickSession(int userType, const XString& pin);
+
+    /// Logs in on the open session. The context-specific type only keeps the PIN for the signing
+    /// operations. An empty PIN is asked for at the reader when that has a PIN pad.
+    bool Login(int userType, const XString& pin);
+    bool Logout();
+
+    /// The PIN that signing operations use where the key asks for one at each signature.
+    void get_SigContextPin(XString& out);
+    void put_SigContextPin(const XString& pin);
+
+    // --- Administration and queries
+
+    /// Changes the PIN of the user who is logged in, or the normal user's when nobody is.
+    bool SetPin(const XString& oldPin, const XString& newPin);
+    /// Sets the normal user's PIN; the security officer has to be logged in on a read-write
+    /// session.
+    bool InitPin(const XString& pin);
+    /// Initialises a token: everything on it is destroyed. `label`: at most 32 bytes of UTF-8.
+    bool InitToken(int slotId, const XString& soPin, const XString& label);
+
+    /// Finds one object from its description, such as {"class":"privateKey","label":"sign"}.
+    /// Returns its handle as 32 bits and adds it whole to `json` as "handle"; -1 when it needs more
+    /// than 32 bits; 0 when there is none or the search failed. docs/json.md has the members.
+    int FindObject(ClsJsonObject& json);
+
+    /// Fills `json` with the keys on the token: {"keys":[..]}. `selector` holds words separated by
+    /// blanks or commas: private, public, secret, rsa, ec, all; empty means all.
+    bool FindAllKeys(const XString& selector, ClsJsonObject& json);
+
+    // --- Certificates
+
+    /// Reads all certificates of the token into the cache.
+    bool FindAllCerts();
+    /// Certificates in the cache.
+    int get_NumCerts();
+    /// Gives the caller the certificate at a zero-based index of the cache.
+    bool GetCert(int index, ClsCert& cert);
+
+    /// Chooses a certificate, reading the cache first when it is not filled. `certPart` says what
+    /// to match on, letter case and blanks around it do not count:
+    ///
+    ///     "privateKey"                          the first with a private key on the token
+    ///     ""                                    the first of all
+    ///     "subjectDN_withTags", "subjectDN"     the subject, "CN=a, O=b" or "a, b"
+    ///     "issuerCN", "issuerSerial",           "SERIAL:issuer CN", whichever of the names is used
+    ///       "serialIssuer"
+    ///     "serial", "thumbprint"                hexadecimal, any case
+    ///     "policyOid"                           an OID of the certificate policies
+    ///     "keyUsage"                            usages, one of which suffices: "nonRepudiation"
+    ///     "CN", "O" or "organization", "E" or   that part of the subject
+    ///       "email", any other type
+    ///
+    /// The first certificate that matches is given to `cert`, which is untouched on failure.
+    bool FindCert(const XString& certPart, const XString& partValue, ClsCert& cert);
+
+    // --- Entry points for the rest of the library. These take no lock.
+
+    /// Finds the certificate's private key and links the certificate to the session. `quick` looks
+    /// at less: see findPrivKeyHandle. `cert` may be null, which is false.
+    bool linkCertToPkcs11Session(Certificate* cert, bool quick, LogBase& log);
+
+    /// Unlinks and forgets all cached certificates.
+    void clearCertCache(LogBase& log);
+    /// Forgets all cached private keys.
+    void clearPrivateKeyCaches() noexcept;
+    /// Whether the card demands RSA-PSS padding; false for every card known.
+    bool cardRequiresPss(LogBase& log);
+
+    /// Loads the card database that the library carries.
+    static bool GetCardDataJson(ClsJsonObject& json, LogBase& log);
+    /// Looks a card up by its ATR (hexadecimal digits, any case): display name, whether it is to be
+    /// treated as read-only, and where the driver's module may lie, best first. False with empty
+    /// outputs when the card is not known.
+    static bool CardDataLookupAtr(ClsJsonObject& cardData, const char* atr, StringBuffer& outName,
+                                  bool& outReadOnly, ExtPtrArraySb& outPaths, LogBase& log);
+    /// The same with the card database loaded for this one call.
+    static bool CardDataLookupAtr2(const char* atr, StringBuffer& outName, bool& outReadOnly,
+                                   ExtPtrArraySb& outPaths, LogBase& log);
+    /// Appends the module paths of a driver record for a platform key such as "linux".
+    static bool getPkcs11DriverPaths(ClsJsonObject& driverRecord, const char* platform,
+                                     ExtPtrArraySb& paths, LogBase& log);
+
+    /// What certificates hold of this object; see Pkcs11SessionAnchor.
+    [[nodiscard]] const std::shared_ptr<Pkcs11SessionAnchor>& sessionAnchor() const noexcept {
+        return m_anchor;
+    }
+
+  protected:
+    // Internal methods and members are protected, so that a test may derive and look. They take no
+    // lock (openSession and login excepted) and expect the caller to hold the critical section.
+
+    // --- The public frame (frame.h)
+    enum class Record : bool { No, Yes };
+    template <class Work>
+    auto publicCall(const char* contextName, Record record, Work&& work);
+    void dropStateAfterFork(LogBase& log);
+
+    // --- Module (module.cpp)
+    bool loadPkcs11Dll(bool bareFileName, LogBase& log);
+    bool loadPkcs11Dll_2(LogBase& log);
+    void checkSetSpecial(LogBase& log);
+    bool noFunc(const char* functionName, LogBase& log);
+    bool noFuncs(LogBase& log);
+    bool noSession(LogBase& log);
+    bool discover(bool onlyTokensPresent, ClsJsonObject& json, LogBase& log);
+
+    // --- Session and login (module.cpp)
+    [[nodiscard]] bool hasOpenSession() const noexcept { return m_hSession != 0; }
+    bool alreadyLoggedIn(int userType, LogBase& log) const noexcept;
+    bool openSession(int slotId, bool readWrite, LogBase& log);
+    bool login(int userType, const char* pin, LogBase& log);
+    void setContextSpecificPin(const XString& pin, LogBase& log);
+
+    // --- Certificates (certs.cpp)
+    bool findPkcs11Cert(const _smartcardCertSpec& spec, ClsCert& cert, LogBase& log);
+    bool applyPrivateKeyRule(Certificate& cert, std::shared_ptr<Certificate>& candidate,
+                             LogBase& log);
+    bool giveCert(Certificate& chosen, ClsCert& cert, LogBase& log);
+
+    // --- Private keys (privkeys.cpp)
+
+    /// The handle of the certificate's private key, or 0. `keyType` gets the certificate's key type
+    /// code, `expectedSignatureSize` the length of its signatures in bytes (0 where the type is not
+    /// supported). `quick` reads fewer attributes of the keys: no EC points, and subjects and
+    /// moduli only when the IDs do not settle it.
+    CK_OBJECT_HANDLE findPrivKeyHandle(Certificate& cert, bool quick, int& keyType,
+                                       int& expectedSignatureSize, LogBase& log);
+    CK_OBJECT_HANDLE findRsaKey(Certificate& cert, bool quick, LogBase& log);
+    CK_OBJECT_HANDLE findEcKey(Certificate& cert, bool quick, LogBase& log);
+    CK_OBJECT_HANDLE findRsaKeyById(Certificate& cert, bool requireSign, LogBase& log);
+    CK_OBJECT_HANDLE findRsaKeyBySubjectDER(Certificate& cert, bool requireSign, LogBase& log);
+    CK_OBJECT_HANDLE findRsaKeyByModulus(Certificate& cert, bool requireSign, LogBase& log);
+
+    // --- The call layer (calls/)
+
+    // Table check, session check, call, report: once, in invoke.h. `ask` gives the return value
+    // where some codes are no failures, and nothing when the function could not be called (which
+    // has been reported then); `invoke` reports every code but CKR_OK and gives false.
+    template <Needs N, class Function, class... Args>
+    std::optional<CK_RV> ask(LogBase& log, const Entry<N, Function>& entry, Args... args);
+    template <Needs N, class Function, class... Args>
+    bool invoke(LogBase& log, const Entry<N, Function>& entry, Args... args);
+    /// Whether all of these functions can be called; reports the first that cannot.
+    template <class... Entries>
+    bool ready(LogBase& log, const Entries&... entries);
+    template <Needs N, class Function, class... Args>
+    bool fetchList(const Entry<N, Function>& entry, CK_ULONG limit, std::vector<CK_ULONG>& list,
+                   LogBase& log, Args... args);
+    bool readyFor(Needs needs, const char* functionName, LogBase& log);
+    /// Writes the lines for a return value, and drops what it says is gone. True for CKR_OK.
+    bool report(const char* functionName, CK_RV rv, LogBase& log);
+
+    bool getPkcs11Functions(LogBase& log);
+    bool C_Initialize(LogBase& log);
+    /// Closes the session and gives the module up, finalising it when that is ours to do; the
+    /// members that say so are left alone.
+    void releaseModule(LogBase& log) noexcept;
+    void dropSession(LogBase& log);
+    void dropInitialization(LogBase& log);
+    void setSession(CK_SESSION_HANDLE session) noexcept;
+
+    bool getSlotIdsWithTokenPresent(unsigned long* slotIds, unsigned int& count, LogBase& log);
+    bool getSlotList(bool onlyTokensPresent, std::vector<CK_SLOT_ID>& slots, LogBase& log);
+    bool C_OpenSession(unsigned long slotId, bool flag, bool readWrite, LogBase& log);
+    bool C_CloseSession(LogBase& log);
+    /// Closes a session that the object no longer counts on; a failure is a value in the log.
+    void closeQuietly(CK_SESSION_HANDLE session, LogBase& log) noexcept;
+    bool C_Login(int userType, const char* pin, bool flag, LogBase& log);
+    bool C_Logout(LogBase& log);
+    /// report(), and after a failure that is about a PIN what the token's flags say of its PINs.
+    bool reportPinCall(const char* functionName, CK_RV rv, CK_SLOT_ID slotId, LogBase& log);
+
+    bool C_SetPIN(const char* oldPin, const char* newPin, LogBase& log);
+    bool C_InitPIN(const char* pin, LogBase& log);
+    bool C_InitToken(unsigned long slotId, const char* soPin, const char* label, LogBase& log);
+    int findObject(ClsJsonObject& json, LogBase& log);
+    bool findAllKeys(const XString& selector, ClsJsonObject& json, LogBase& log);
+    template <class HasType>
+    bool listKeys(std::size_t keyClassIndex, const HasType& hasType, JsonValue& list, LogBase& log);
+    bool getCryptokiInfo(ClsJsonObject& json, LogBase& log);
+    bool getSlotsInfo(bool onlyTokensPresent, bool secondFlag, bool skipMechanisms,
+                      ClsJsonObject& json, LogBase& log);
+    bool describeSlot(CK_SLOT_ID id, bool skipMechanisms, JsonValue& slot, LogBase& log);
+    bool describeMechanisms(CK_SLOT_ID id, JsonValue& token, LogBase& log);
+
+    /// Handles of the objects that match, in the module's order; `limit` ends the search early.
+    bool findObjects(std::span<CK_ATTRIBUTE> query, std::size_t limit,
+                     std::vector<CK_OBJECT_HANDLE>& handles, LogBase& log);
+    std::optional<CK_RV> gatherObjects(std::size_t limit, std::vector<CK_OBJECT_HANDLE>& handles,
+                                       LogBase& log);
+    bool findAllCerts(LogBase& log);
+    bool cacheRsaPrivateKeys(bool withSubjectAndModulus, bool notQuick, LogBase& log);
+    bool cacheEcdsaPrivateKeys(bool withEcPoints, LogBase& log);
+    bool readPrivateKeys(CK_ULONG keyType, std::size_t numRows, ExtPtrArray& keys, LogBase& log);
+    bool fillEcPoints(ExtPtrArray& keys, LogBase& log);
+
+    SystemCertsHolder m_systemCerts;
+    XString m_sharedLibPath;  // as the caller set it
+    XString m_loadedLibPath;  // as dlopen got it; empty exactly when m_libHandle is null
+    void* m_libHandle = nullptr;
+    CK_SESSION_HANDLE m_hSession = 0;  // 0: no session is open
+    CK_SLOT_ID m_slotId = 0;           // of the session opened last
+    ExtPtrArray m_certs;               // of CertificateHolder
+    bool m_certsLoaded = false;
+    bool m_rsaKeysLoaded = false;
+    bool m_rsaKeysHaveSubject = false;
+    bool m_rsaKeysHaveModulus = false;
+    ExtPtrArray m_rsaPrivKeys;  // of Pkcs11_PrivateKey
+    bool m_ecdsaKeysLoaded = false;
+    ExtPtrArray m_ecdsaPrivKeys;  // of Pkcs11_PrivateKey
+    bool m_initialized = false;
+    bool m_certHandleIsKeyHandle = false;
+    bool m_soLoggedIn = false;
+    bool m_userLoggedIn = false;
+    XString m_sigContextPin;
+
+  private:
+    friend class ObjectReader;
+    friend class FindOperation;
+
+    CK_FUNCTION_LIST* m_funcs = nullptr;  // the module's; dies with m_libHandle
+    bool m_holdsModule = false;           // counted in the ledger for m_funcs
+    bool m_ecdsaKeysHavePoints = false;
+    bool m_exitWatched = false;
+    std::uint32_t m_forkGeneration;  // of the process that the handles above belong to
+    std::uint64_t m_lastSessionNumber = 0;
+    std::shared_ptr<Pkcs11SessionAnchor> m_anchor;
+    KeyIndex m_rsaIndex;
+    KeyIndex m_ecdsaIndex;
+};
+
+}  // namespace mervane
+
+#endif

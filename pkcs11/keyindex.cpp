@@ -1,0 +1,59 @@
+#include "pkcs11/keyindex.h"
+
+#include <algorithm>
+#include <functional>
+#include <string_view>
+#include <utility>
+
+namespace mervane {
+namespace {
+
+std::uint64_t hashOf(std::span<const std::uint8_t> bytes) noexcept {
+    const std::string_view chars(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+    return std::hash<std::string_view>()(chars);
+}
+
+const Pkcs11_PrivateKey* keyAt(const ExtPtrArray& keys, int position) noexcept {
+    return static_cast<const Pkcs11_PrivateKey*>(keys.elementAt(position));
+}
+
+// By hash, then by position in the cache.
+template <class Slot>
+std::pair<std::uint64_t, int> orderOf(const Slot& slot) noexcept {
+    return {slot.hash, slot.position};
+}
+
+}  // namespace
+
+const std::vector<KeyIndex::Slot>& KeyIndex::indexOf(const ExtPtrArray& keys, Field field) {
+    FieldIndex* index = std::ranges::find_if(
+        m_fields, [field](const FieldIndex& f) { return f.field == field || f.field == nullptr; });
+    if (index->field == field && index->changes == keys.changes()) return index->slots;
+    index->field = nullptr;  // until it is whole
+    index->slots.clear();
+    for (int i = 0; i < keys.getSize(); ++i) {
+        const Pkcs11_PrivateKey* const key = keyAt(keys, i);
+        if (key == nullptr || (key->*field).isEmpty()) continue;
+        index->slots.push_back({hashOf((key->*field).span()), i});
+    }
+    std::ranges::sort(index->slots, {}, orderOf<Slot>);
+    index->field = field;
+    index->changes = keys.changes();
+    return index->slots;
+}
+
+const Pkcs11_PrivateKey* KeyIndex::find(const ExtPtrArray& keys, Field field,
+                                        std::span<const std::uint8_t> value, int from, int& at) {
+    const auto& slots = indexOf(keys, field);
+    const std::uint64_t hash = hashOf(value);
+    auto slot = std::ranges::lower_bound(slots, std::pair(hash, from), {}, orderOf<Slot>);
+    for (; slot != slots.end() && slot->hash == hash; ++slot) {
+        const Pkcs11_PrivateKey* const key = keyAt(keys, slot->position);
+        if (key == nullptr || !std::ranges::equal((key->*field).span(), value)) continue;
+        at = slot->position;
+        return key;
+    }
+    return nullptr;
+}
+
+}  // namespace mervane

@@ -1,0 +1,308 @@
+// Chapter 1: the object, its module, sessions, login, PIN and token administration, queries.
+// The functions of the module itself are called in calls/ alone.
+
+#include <dlfcn.h>
+
+#include <array>
+#include <memory>
+
+#include "foundation/core/forkwatch.h"
+#include "foundation/system/filesys.h"
+#include "foundation/x509/sessionanchor.h"
+#include "pkcs11/clspkcs11.h"
+#include "pkcs11/frame.h"
+
+namespace mervane {
+namespace {
+
+// File name part of the modules whose certificate handle also is the handle of the private key.
+constexpr std::string_view kCertHandleModule = "libkeyfactorpkcs11";
+
+constexpr int kContextSpecific = 2;  // CKU_CONTEXT_SPECIFIC
+
+}  // namespace
+
+ClsPkcs11::ClsPkcs11()
+    : m_forkGeneration(forkGeneration()), m_anchor(std::make_shared<Pkcs11SessionAnchor>(this)) {}
+
+ClsPkcs11* ClsPkcs11::createNewCls() noexcept {
+    try {
+        return std::make_unique<ClsPkcs11>().release();
+    } catch (const std::exception&) {
+        return nullptr;
+    }
+}
+
+ClsPkcs11::~ClsPkcs11() {
+    LogNull log;
+    const bool isOurProcess = m_forkGeneration == forkGeneration();
+    if (isOurProcess && !processIsExiting()) releaseModule(log);
+    clearCertCache(log);
+    // The library stays mapped: modules with threads or exit handlers are known to crash when they
+    // are unmapped. m_anchor's end unlinks what was handed out.
+}
+
+void ClsPkcs11::dropStateAfterFork(LogBase& log) {
+    if (m_forkGeneration == forkGeneration()) return;
+    m_forkGeneration = forkGeneration();
+    const bool hadState = m_initialized || m_hSession != 0;
+    m_holdsModule = false;  // the ledger of this process begins empty
+    dropSession(log);
+    m_initialized = false;
+    if (hadState)
+        log.LogInfo("The process has forked: the session is the parent's. Initialize begins anew.");
+}
+
+// --- Properties
+
+void ClsPkcs11::get_SharedLibPath(XString& out) {
+    const CritSecExitor lock(*this);
+    out.copyFromX(m_sharedLibPath);
+}
+
+void ClsPkcs11::put_SharedLibPath(const XString& path) {
+    const CritSecExitor lock(*this);
+    m_sharedLibPath.copyFromX(path);
+}
+
+void ClsPkcs11::get_SigContextPin(XString& out) {
+    const CritSecExitor lock(*this);
+    out.copyFromX(m_sigContextPin);
+}
+
+void ClsPkcs11::put_SigContextPin(const XString& pin) {
+    const CritSecExitor lock(*this);
+    m_sigContextPin.copyFromX(pin);
+}
+
+// --- Loading
+
+bool ClsPkcs11::Initialize() {
+    return publicCall("Initialize", Record::Yes, [this](LogBase& log) {
+        if (!m_initialized) return C_Initialize(log);
+        log.LogInfo("Already initialized.");
+        return true;
+    });
+}
+
+bool ClsPkcs11::loadPkcs11Dll(bool bareFileName, LogBase& log) {
+    const LogContextExitor context(log, "loadPkcs11Dll_nonWindows");
+    StringBuffer path(m_sharedLibPath.view());
+    if (bareFileName && path.stripDirectory()) log.LogDataSb("filename", path);
+    if (m_libHandle != nullptr && path.equals(m_loadedLibPath.view())) return true;
+
+    log.LogDataX("sharedLib", m_sharedLibPath);
+    if (m_libHandle != nullptr) {
+        releaseModule(log);
+        m_funcs = nullptr;
+        ::dlclose(m_libHandle);
+        m_libHandle = nullptr;
+        m_loadedLibPath.clear();
+    }
+    if (path.isEmpty()) {
+        log.LogError("The SharedLibPath property is not yet set.");
+        return false;
+    }
+    // Silent, since another way may follow. A bare file name has to exist in the working directory,
+    // though dlopen looks for it on the loader's search path.
+    if (!FileSys::fileExistsUtf8(path.getString(), nullptr, nullptr)) return false;
+
+    XString loadedPath(path.view());
+    m_libHandle = ::dlopen(path.getString(), RTLD_NOW);
+    if (m_libHandle == nullptr) {
+        const char* const reason = ::dlerror();
+        log.LogError("Failed to load PKCS11 shared library.");
+        log.LogData("dlerror", reason == nullptr ? "" : reason);
+        return false;
+    }
+    m_loadedLibPath.swap(loadedPath);
+    checkSetSpecial(log);
+    return true;
+}
+
+bool ClsPkcs11::loadPkcs11Dll_2(LogBase& log) {
+    return (loadPkcs11Dll(false, log) || loadPkcs11Dll(true, log)) && getPkcs11Functions(log);
+}
+
+void ClsPkcs11::checkSetSpecial(LogBase& log) {
+    m_certHandleIsKeyHandle =
+        m_loadedLibPath.view().find(kCertHandleModule) != std::string_view::npos;
+    if (m_certHandleIsKeyHandle) {
+        log.LogInfo("Will use the certificate handle as the private key handle...");
+    }
+}
+
+bool ClsPkcs11::noFunc(const char* functionName, LogBase& log) {
+    log.LogError("Function not found");
+    log.LogData("functionName", functionName);
+    log.LogDataX("sharedLibPath", m_loadedLibPath);
+    return false;
+}
+
+bool ClsPkcs11::noFuncs(LogBase& log) {
+    log.LogError("PKCS11 functions not available");
+    log.LogDataX("sharedLibPath", m_loadedLibPath);
+    return false;
+}
+
+bool ClsPkcs11::noSession(LogBase& log) {
+    log.LogError("No PKCS11 session is open.");
+    return false;
+}
+
+// --- Discovery
+
+bool ClsPkcs11::Discover(bool onlyTokensPresent, ClsJsonObject& json) {
+    return publicCall("Discover", Record::Yes,
+                      [&](LogBase& log) { return discover(onlyTokensPresent, json, log); });
+}
+
+bool ClsPkcs11::discover(bool onlyTokensPresent, ClsJsonObject& json, LogBase& log) {
+    const LogContextExitor context(log, "discover");
+    const auto failed = [&log](std::string_view sentence) {
+        log.LogError(sentence);
+        return false;
+    };
+    json.clear(log);
+    if (m_sharedLibPath.isEmpty()) return failed("The SharedLibPath has not yet been set.");
+    log.LogDataX("sharedLibPath", m_sharedLibPath);
+    if (!loadPkcs11Dll_2(log)) return failed("Failed to load the PKCS11 shared library.");
+    if (!m_initialized && !C_Initialize(log)) return failed("Failed to Initialize");
+    if (!getCryptokiInfo(json, log)) return failed("Failed to GetInfo");
+    const bool skipMechanisms = log.hasOption("Pkcs11DiscoverSkipMechanisms");
+    if (!getSlotsInfo(onlyTokensPresent, false, skipMechanisms, json, log)) {
+        return failed("Failed to GetSlotsInfo");
+    }
+    return true;
+}
+
+// --- Sessions and login
+
+bool ClsPkcs11::OpenSession(int slotId, bool readWrite) {
+    return publicCall("OpenSession", Record::Yes,
+                      [&](LogBase& log) { return openSession(slotId, readWrite, log); });
+}
+
+bool ClsPkcs11::openSession(int slotId, bool readWrite, LogBase& log) {
+    const CritSecExitor lock(*this);
+    const LogContextExitor context(log, "openSession");
+    unsigned int count = 100;
+    const auto slotIds = std::make_unique<std::array<unsigned long, 100>>();
+    if (!getSlotIdsWithTokenPresent(slotIds->data(), count, log)) {
+        log.LogError("Failed to get slot IDs");
+        return false;
+    }
+    const std::span<const unsigned long> present(slotIds->data(), count);
+    const auto open = [&](unsigned long id) {
+        if (!C_OpenSession(id, false, readWrite, log)) return false;
+        m_slotId = id;
+        return true;
+    };
+    if (slotId == -1) return std::ranges::any_of(present, open);
+
+    log.LogDataLong("desiredSlotId", slotId);
+    // An ID beyond 31 bits is given as the int of the same 32 bits.
+    const auto isWanted = [slotId](unsigned long id) {
+        return id == static_cast<unsigned long>(slotId) || id == static_cast<unsigned int>(slotId);
+    };
+    const auto wanted = std::ranges::find_if(present, isWanted);
+    if (wanted == present.end()) {
+        log.LogError("Did not find desired slot ID.");
+        return false;
+    }
+    return open(*wanted);
+}
+
+bool ClsPkcs11::CloseSession() {
+    return publicCall("CloseSession", Record::No,
+                      [this](LogBase& log) { return C_CloseSession(log); });
+}
+
+bool ClsPkcs11::QuickSession(int userType, const XString& pin) {
+    // A success alone is recorded.
+    return publicCall("QuickSession", Record::No, [&](LogBase& log) {
+        const auto failed = [&log](std::string_view sentence) {
+            log.LogError(sentence);
+            return false;
+        };
+        if (!m_initialized && !C_Initialize(log)) return failed("Failed to initialize");
+        if (!openSession(-1, true, log)) return failed("Failed to open session.");
+        if (pin.isEmpty()) {
+            log.LogInfo("PIN is empty, not logging in.");
+        } else if (!C_Login(userType, pin.getUtf8(), false, log)) {
+            return failed("Failed to login.");
+        }
+        logSuccessFailure(true);
+        return true;
+    });
+}
+
+bool ClsPkcs11::Login(int userType, const XString& pin) {
+    // Of the two branches only the one that keeps the PIN records its outcome.
+    return publicCall("Login", Record::No, [&](LogBase& log) {
+        if (userType != kContextSpecific) return C_Login(userType, pin.getUtf8(), false, log);
+        setContextSpecificPin(pin, log);
+        logSuccessFailure2(true, log);
+        return true;
+    });
+}
+
+bool ClsPkcs11::login(int userType, const char* pin, LogBase& log) {
+    const CritSecExitor lock(*this);
+    const LogContextExitor context(log, "Login");
+    return C_Login(userType, pin, false, log);
+}
+
+void ClsPkcs11::setContextSpecificPin(const XString& pin, LogBase& log) {
+    m_sigContextPin.copyFromX(pin);
+    log.LogInfo("This is a context-specific PIN, so we're not actually logging in right now...");
+    log.LogInfo(
+        "The context-specific PIN is saved for the time when each signing operation occurs.");
+    log.LogInfo("At that point, the PIN is used within the context of signing.");
+}
+
+bool ClsPkcs11::Logout() {
+    return publicCall("Logout", Record::No, [this](LogBase& log) { return C_Logout(log); });
+}
+
+bool ClsPkcs11::alreadyLoggedIn(int userType, LogBase&) const noexcept {
+    if (!hasOpenSession()) return false;
+    if (userType == 0) return m_soLoggedIn;
+    return (userType < 0 || userType == 1) && m_userLoggedIn;
+}
+
+// --- Administration and queries
+
+bool ClsPkcs11::SetPin(const XString& oldPin, const XString& newPin) {
+    return publicCall("SetPin", Record::Yes, [&](LogBase& log) {
+        return C_SetPIN(oldPin.getUtf8(), newPin.getUtf8(), log);
+    });
+}
+
+bool ClsPkcs11::InitPin(const XString& pin) {
+    return publicCall("InitPin", Record::Yes,
+                      [&](LogBase& log) { return C_InitPIN(pin.getUtf8(), log); });
+}
+
+bool ClsPkcs11::InitToken(int slotId, const XString& soPin, const XString& label) {
+    // The context's name is FindCert's; logs of token initialisations are known by it.
+    return publicCall("FindCert_pkcs11", Record::Yes, [&](LogBase& log) {
+        // No slot means "any" here: a negative number is an ID of 32 bits like others.
+        const auto id = static_cast<unsigned long>(static_cast<unsigned int>(slotId));
+        return C_InitToken(id, soPin.getUtf8(), label.getUtf8(), log);
+    });
+}
+
+int ClsPkcs11::FindObject(ClsJsonObject& json) {
+    return publicCall("FindObject", Record::No,
+                      [&](LogBase& log) { return findObject(json, log); });
+}
+
+bool ClsPkcs11::FindAllKeys(const XString& selector, ClsJsonObject& json) {
+    return publicCall("FindAllKeys", Record::Yes, [&](LogBase& log) {
+        json.clear(log);
+        return findAllKeys(selector, json, log);
+    });
+}
+
+}  // namespace mervane

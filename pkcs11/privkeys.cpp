@@ -1,0 +1,213 @@
+// Chapter 3: the private key that belongs to a certificate, and the link between the two.
+
+#include <initializer_list>
+#include <string>
+
+#include "foundation/x509/publickey.h"
+#include "foundation/x509/sessionanchor.h"
+#include "pkcs11/clspkcs11.h"
+
+namespace mervane {
+namespace {
+
+enum KeyType : int { kRsa = 1, kEc = 3 };
+
+constexpr int bytesOfBits(int bits) noexcept {
+    return (bits + 7) / 8;
+}
+
+// The first record whose field equals one of the values and that, with `requireSign`, may sign; 0
+// when there is none. `by` is the word of the log lines.
+CK_OBJECT_HANDLE firstRsaKey(const ExtPtrArray& keys, KeyIndex& index, KeyIndex::Field field,
+                             std::initializer_list<const DataBuffer*> values, bool requireSign,
+                             const char* by, LogBase& log) {
+    const std::string found = std::string("Found matching PKCS11 RSA private key by ") + by;
+    for (int from = 0;;) {
+        const Pkcs11_PrivateKey* first = nullptr;
+        int firstAt = 0;
+        for (const DataBuffer* const value : values) {
+            int at = 0;
+            const auto* const key =
+                value->isEmpty() ? nullptr : index.find(keys, field, value->span(), from, at);
+            if (key == nullptr || (first != nullptr && at > firstAt)) continue;
+            first = key;
+            firstAt = at;
+        }
+        if (first == nullptr) return 0;
+        if (!requireSign || first->m_signState != Pkcs11_PrivateKey::kMayNotSign) {
+            log.LogInfo(found + ".");
+            return first->m_handle;
+        }
+        log.LogInfo(found + ", but it does not have the CKA_SIGN attribute.");
+        from = firstAt + 1;
+    }
+}
+
+const Pkcs11_PrivateKey* firstKey(const ExtPtrArray& keys) noexcept {
+    return static_cast<const Pkcs11_PrivateKey*>(keys.elementAt(0));
+}
+
+}  // namespace
+
+void ClsPkcs11::clearPrivateKeyCaches() noexcept {
+    // What the RSA records held stays said (m_rsaKeysHaveSubject, m_rsaKeysHaveModulus) until the
+    // next fill.
+    m_rsaPrivKeys.removeAllObjects();
+    m_rsaKeysLoaded = false;
+    m_ecdsaPrivKeys.removeAllObjects();
+    m_ecdsaKeysLoaded = false;
+}
+
+bool ClsPkcs11::cardRequiresPss(LogBase&) {
+    return false;
+}
+
+CK_OBJECT_HANDLE ClsPkcs11::findPrivKeyHandle(Certificate& cert, bool quick, int& keyType,
+                                              int& expectedSignatureSize, LogBase& log) {
+    const LogContextExitor context(log, "findPrivKeyHandle");
+    int bits = 0;
+    if (m_certHandleIsKeyHandle) {
+        log.LogInfo("Using certificate's PKCS11 handle as the private key handle...");
+        keyType = cert.getCertKeyType(bits, log);
+        log.LogDataLong("certKeyType", keyType);
+        expectedSignatureSize = bytesOfBits(bits) * (keyType == kEc ? 2 : 1);
+        log.LogDataLong("expectedSignatureSize", expectedSignatureSize);
+        return cert.tokenInfo().handle;
+    }
+    log.LogDataBool("userLoggedIn", m_userLoggedIn);
+    expectedSignatureSize = 0;
+    keyType = cert.getCertKeyType(bits, log);
+    if (keyType == kEc) {
+        expectedSignatureSize = 2 * bytesOfBits(bits);
+        return findEcKey(cert, quick, log);
+    }
+    if (keyType == kRsa) {
+        expectedSignatureSize = bytesOfBits(bits);
+        return findRsaKey(cert, quick, log);
+    }
+    log.LogError("Only EC and RSA keys are supported on PKCS11.");
+    log.LogDataLong("certKeyType", keyType);
+    return 0;
+}
+
+CK_OBJECT_HANDLE ClsPkcs11::findRsaKey(Certificate& cert, bool quick, LogBase& log) {
+    log.LogInfo("Looking for a matching RSA private key...");
+    if (!cacheRsaPrivateKeys(false, !quick, log)) return 0;
+    const int numRsaKeys = m_rsaPrivKeys.getSize();
+    log.LogDataLong("numRsaKeys", numRsaKeys);
+    const auto bySubjectOrModulus = [&]() -> CK_OBJECT_HANDLE {
+        CK_OBJECT_HANDLE key = 0;
+        if (m_rsaKeysHaveSubject) key = findRsaKeyBySubjectDER(cert, true, log);
+        if (key == 0 && m_rsaKeysHaveModulus) key = findRsaKeyByModulus(cert, true, log);
+        return key;
+    };
+    if (const auto key = findRsaKeyById(cert, true, log)) return key;
+    if (const auto key = bySubjectOrModulus()) return key;
+    if (numRsaKeys == 1 && m_certs.getSize() == 1 && firstKey(m_rsaPrivKeys) != nullptr) {
+        // Whether it may sign does not count here: there is no other.
+        log.LogInfo("Using only possible private key");
+        return firstKey(m_rsaPrivKeys)->m_handle;
+    }
+    if (numRsaKeys >= 1 && !(m_rsaKeysHaveSubject && m_rsaKeysHaveModulus)) {
+        const LogContextExitor retry(log, "retry_subjectDer_modulus");
+        if (cacheRsaPrivateKeys(true, true, log)) {
+            if (const auto key = bySubjectOrModulus()) return key;
+        }
+    }
+    log.LogInfo("No matching RSA private key found.");
+    return 0;
+}
+
+CK_OBJECT_HANDLE ClsPkcs11::findEcKey(Certificate& cert, bool quick, LogBase& log) {
+    // A note, not a failure; it has its place on the error channel, where callers look for it.
+    log.LogError("Certificate key type is ECDSA.");
+    DataBuffer point;
+    _mvPublicKey publicKey;
+    LogNull silent;
+    if (cert.getCertPublicKey(publicKey, silent) && publicKey.getEccKey() != nullptr) {
+        publicKey.getEccKey()->exportEccPoint(point, silent);
+    }
+    if (!cacheEcdsaPrivateKeys(!point.isEmpty() && !quick, log)) return 0;
+    log.LogDataLong("numEcdsaKeys", m_ecdsaPrivKeys.getSize());
+
+    const auto find = [&](KeyIndex::Field field, const DataBuffer& value) -> CK_OBJECT_HANDLE {
+        int at = 0;
+        const auto* const key =
+            value.isEmpty() ? nullptr
+                            : m_ecdsaIndex.find(m_ecdsaPrivKeys, field, value.span(), 0, at);
+        if (key == nullptr) return 0;
+        log.LogInfo("Found matching PKCS11 ECDSA private key.");
+        return key->m_handle;
+    };
+    if (const auto key = find(&Pkcs11_PrivateKey::m_keyId, cert.tokenInfo().ckaId)) return key;
+    if (const auto key = find(&Pkcs11_PrivateKey::m_ecPoint, point)) return key;
+    if (firstKey(m_ecdsaPrivKeys) == nullptr) return 0;
+    log.LogInfo("Using first PKCS11 ECDSA private key");
+    return firstKey(m_ecdsaPrivKeys)->m_handle;
+}
+
+CK_OBJECT_HANDLE ClsPkcs11::findRsaKeyById(Certificate& cert, bool requireSign, LogBase& log) {
+    return firstRsaKey(m_rsaPrivKeys, m_rsaIndex, &Pkcs11_PrivateKey::m_keyId,
+                       {&cert.tokenInfo().ckaId}, requireSign, "ID", log);
+}
+
+CK_OBJECT_HANDLE ClsPkcs11::findRsaKeyBySubjectDER(Certificate& cert, bool requireSign,
+                                                   LogBase& log) {
+    DataBuffer subject;
+    if (!cert.getPartDer(1, subject, log)) {
+        log.LogError("Unable to get cert SubjectDN DER.");
+        return 0;
+    }
+    return firstRsaKey(m_rsaPrivKeys, m_rsaIndex, &Pkcs11_PrivateKey::m_subjectDer, {&subject},
+                       requireSign, "Subject DER", log);
+}
+
+CK_OBJECT_HANDLE ClsPkcs11::findRsaKeyByModulus(Certificate& cert, bool requireSign, LogBase& log) {
+    _mvPublicKey publicKey;
+    if (!cert.getCertPublicKey(publicKey, log) || publicKey.getRsaKey() == nullptr) return 0;
+    // Tokens keep the modulus with or without the sign's zero byte.
+    DataBuffer plain;
+    DataBuffer withZero;
+    MpIntUtil::toUnsignedBytes(publicKey.getRsaKey()->modulus, plain);
+    MpIntUtil::toSignedBytes(publicKey.getRsaKey()->modulus, withZero);
+    return firstRsaKey(m_rsaPrivKeys, m_rsaIndex, &Pkcs11_PrivateKey::m_modulus,
+                       {&plain, &withZero}, requireSign, "modulus", log);
+}
+
+bool ClsPkcs11::linkCertToPkcs11Session(Certificate* cert, bool quick, LogBase& log) {
+    const LogContextExitor context(log, "linkCertToPkcs11Session");
+    if (cert == nullptr) return false;
+    int keyType = 0;
+    int signatureSize = 0;
+    const CK_OBJECT_HANDLE key = findPrivKeyHandle(*cert, quick, keyType, signatureSize, log);
+    log.LogDataBool("hasPrivateKey", key != 0);
+    log.LogDataLong("expectedSignatureSize", signatureSize);
+    if (key == 0) {
+        log.LogError("No matching private key found on the HSM.");
+        return false;
+    }
+    cert->linkToPkcs11Session(this, keyType, signatureSize, key, log);
+    return true;
+}
+
+// --- A certificate's side of the link, which knows what a session is
+
+void Certificate::linkToPkcs11Session(ClsPkcs11* owner, int keyType, int expectedSignatureSize,
+                                      unsigned long keyHandle, LogBase&) {
+    const auto& anchor = owner->sessionAnchor();
+    const std::lock_guard lock(m_linkMutex);
+    m_link = {anchor, anchor->sessionNumber.load(), keyType, expectedSignatureSize, keyHandle};
+}
+
+std::optional<Certificate::Pkcs11Link> Certificate::pkcs11Link() const {
+    const std::lock_guard lock(m_linkMutex);
+    const auto anchor = m_link.anchor.lock();
+    if (!anchor || m_link.sessionNumber == 0 ||
+        anchor->sessionNumber.load() != m_link.sessionNumber) {
+        return std::nullopt;
+    }
+    return Pkcs11Link{anchor->owner, m_link.keyType, m_link.expectedSignatureSize,
+                      m_link.keyHandle};
+}
+
+}  // namespace mervane

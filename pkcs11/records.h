@@ -1,0 +1,74 @@
+#ifndef MERVANE_PKCS11_RECORDS_H
+#define MERVANE_PKCS11_RECORDS_H
+
+#include <array>
+#include <cstdint>
+
+#include "foundation/core/object.h"
+#include "foundation/core/ptrarray.h"
+#include "foundation/text/databuffer.h"
+#include "foundation/text/stringbuffer.h"
+#include "pkcs11/calls/cktypes.h"
+
+namespace mervane {
+
+/// One private key object of the token. An empty buffer means that the value was not read or that
+/// the object lacks it; such a record is passed over when that value is compared.
+class Pkcs11_PrivateKey final : public NonRefCountedObj {
+  public:
+    enum SignState : std::int32_t {
+        kSignUnknown = 0,
+        kMaySign = 1,
+        kMayNotSign = 2,  ///< CKA_SIGN is false or missing
+    };
+
+    CK_OBJECT_HANDLE m_handle = 0;
+    DataBuffer m_subjectDer;  ///< CKA_SUBJECT, the DER of a name
+    DataBuffer m_modulus;     ///< CKA_MODULUS as the token has it, big-endian (RSA)
+    DataBuffer m_auxData;  ///< CKA_ALWAYS_AUTHENTICATE, one byte: each signature asks for the PIN
+    DataBuffer m_ecPoint;  ///< the public point as EccKey::exportEccPoint gives it (EC)
+    DataBuffer m_keyId;    ///< CKA_ID
+    std::int32_t m_signState = kSignUnknown;
+};
+
+/// What one read of an object's attributes brought; the attribute reader fills it anew for every
+/// object.
+class Pkcs11_Attributes final : public NonRefCountedObj {
+  public:
+    Pkcs11_Attributes() = default;
+    ~Pkcs11_Attributes() override { clearPkcs11Attrs(); }
+
+    /// Releases the values.
+    void clearPkcs11Attrs() noexcept;
+
+    std::uint32_t m_numAsked = 0;
+    std::uint32_t m_numPresent = 0;
+    std::uint32_t m_numAbsent = 0;
+    std::uint32_t m_numAskedAgain = 0;  ///< attributes that took a call of their own
+
+    // Room for numbers and flags, eight bytes each in the order of the rows. Left uninitialised:
+    // every read presets the part that it uses.
+    alignas(CK_ULONG) std::array<std::uint8_t, 128> m_fixed;  // NOLINT(*-member-init)
+
+    // Both arrays own and free what they hold.
+    ExtPtrArray m_longValues;  ///< values that did not fit the common room
+    ExtPtrArraySb
+        m_malformed;  ///< types of attributes about which the module did not tell the truth
+    bool m_wasPartial = false;  ///< the module gave some attributes only
+};
+
+/// What FindCert looks for.
+struct _smartcardCertSpec {
+    StringBuffer reader;  ///< reserved for callers that choose among card readers; not read here
+    StringBuffer card;    ///< reserved likewise for the card; not read here
+    /// What to match on: a keyword of the match table or a subject part; case and white space
+    /// around it do not count. Empty: no match rule.
+    StringBuffer certPart;
+    StringBuffer certPartVal;  ///< the value to match
+    /// With an empty certPart: only a certificate whose private key is on the token.
+    bool mustHavePrivateKey = false;
+};
+
+}  // namespace mervane
+
+#endif

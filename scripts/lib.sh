@@ -1,0 +1,39 @@
+# Shared by the scripts of this folder; sourced, not run.
+
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+
+# install_packages PACKAGE...: installs the Debian packages that are missing.
+install_packages() {
+  local missing=()
+  for package in "$@"; do
+    dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed' || missing+=("$package")
+  done
+  [ ${#missing[@]} -eq 0 ] && return 0
+  local as_root=()
+  [ "$(id -u)" -eq 0 ] || as_root=(sudo)
+  echo "Installing: ${missing[*]}"
+  "${as_root[@]}" apt-get update -qq
+  "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+}
+
+build_packages=(g++ cmake ninja-build zlib1g-dev)
+token_packages=(softhsm2 opensc openssl)
+test_packages=(libgtest-dev libgmock-dev python3 python3-jsonschema p11-kit-modules)
+
+# The SoftHSM 2 module, wherever the distribution puts it.
+softhsm_module() {
+  local found
+  for found in /usr/lib/softhsm/libsofthsm2.so /usr/lib/*/softhsm/libsofthsm2.so /usr/lib64/pkcs11/libsofthsm2.so; do
+    [ -f "$found" ] && { echo "$found"; return 0; }
+  done
+  echo "libsofthsm2.so was not found" >&2
+  return 1
+}
+
+# build_preset PRESET [TARGET...]: configures when needed, and builds.
+build_preset() {
+  local preset=$1
+  shift
+  (cd "$root" && { [ -f "build/$preset/build.ninja" ] || cmake --preset "$preset" -G Ninja >/dev/null; } &&
+    cmake --build --preset "$preset" ${1:+--target "$@"} -- --quiet)
+}
