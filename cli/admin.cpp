@@ -14,21 +14,29 @@ void sayDone(const Options& options, const std::string& sentence) {
     std::cout << (options.json ? "{\"ok\": true}" : sentence) << '\n';
 }
 
+// A read-write session with the token chosen, nobody logged in.
+TokenChoice openForPins(ClsPkcs11& p11, const Options& options) {
+    useModule(p11, options);
+    Options choosing = options;
+    choosing.login = false;  // a token without a user PIN is as good
+    const TokenChoice token = chooseToken(p11, choosing, Takes::Initialized);
+    if (!p11.OpenSession(token.slot, true)) throwLastError(p11);
+    return token;
+}
+
 }  // namespace
 
 Exit runSetPin(ClsPkcs11& p11, const Options& options) {
     if (!options.arguments.empty()) usageError("set-pin takes no arguments.");
-    // The user's own PIN is changed without a login, as the standard allows, so that the old PIN is
-    // tried once; the security officer has to be logged in.
-    Options session = options;
-    session.login = options.asOfficer;
-    session.pin.reset();
-    session.soPin = options.soPin ? options.soPin : options.pin;
-    openToken(p11, session, true);
+    const TokenChoice token = openForPins(p11, options);
+    const auto& source = options.asOfficer && options.soPin ? options.soPin : options.pin;
     XString oldPin;
     XString newPin;
-    readPin(options.asOfficer ? session.soPin : options.pin, "old PIN", oldPin);
-    readPin(options.newPin, "new PIN", newPin);
+    readPinOrLeaveToReader(source, "old PIN", token.hasPinPad, oldPin);
+    readPinOrLeaveToReader(options.newPin, "new PIN", token.hasPinPad, newPin);
+    // The user's own PIN is changed without a login, as the standard allows, so that the old PIN is
+    // tried once; the security officer has to be logged in.
+    if (options.asOfficer && !p11.Login(0, oldPin)) throwLastError(p11);
     if (!p11.SetPin(oldPin, newPin)) throwLastError(p11);
     sayDone(options, "The PIN was changed.");
     return Exit::Done;
@@ -36,13 +44,12 @@ Exit runSetPin(ClsPkcs11& p11, const Options& options) {
 
 Exit runInitPin(ClsPkcs11& p11, const Options& options) {
     if (!options.arguments.empty()) usageError("init-pin takes no arguments.");
-    Options session = options;
-    session.login = session.asOfficer = true;
-    session.pin.reset();
-    openToken(p11, session, true);
+    const TokenChoice token = openForPins(p11, options);
+    XString soPin;
     XString newPin;
-    readPin(options.newPin, "new user PIN", newPin);
-    if (!p11.InitPin(newPin)) throwLastError(p11);
+    readPinOrLeaveToReader(options.soPin, "security officer PIN", token.hasPinPad, soPin);
+    readPinOrLeaveToReader(options.newPin, "new user PIN", token.hasPinPad, newPin);
+    if (!p11.Login(0, soPin) || !p11.InitPin(newPin)) throwLastError(p11);
     sayDone(options, "The user PIN was set.");
     return Exit::Done;
 }
@@ -51,11 +58,10 @@ Exit runInitToken(ClsPkcs11& p11, const Options& options) {
     if (options.arguments.size() != 1) usageError("init-token takes one label.");
     useModule(p11, options);
     // Without a choice only a token that holds nothing yet is taken.
-    const int slot = chooseSlot(p11, options, Takes::Uninitialized);
-    if (!p11.Initialize()) throwLastError(p11);
+    const TokenChoice token = chooseToken(p11, options, Takes::Uninitialized);
     XString soPin;
-    readPin(options.soPin, "security officer PIN", soPin);
-    if (!p11.InitToken(slot, soPin, XString(options.arguments[0]))) throwLastError(p11);
+    readPinOrLeaveToReader(options.soPin, "security officer PIN", token.hasPinPad, soPin);
+    if (!p11.InitToken(token.slot, soPin, XString(options.arguments[0]))) throwLastError(p11);
     sayDone(options, "The token was initialised.");
     return Exit::Done;
 }

@@ -30,6 +30,9 @@ class HowCatcher final : public LogBase {
     std::string m_how;
 };
 
+// What the quick search says when it could not tell which EC key it is.
+constexpr std::string_view kGuess = "Using first PKCS11 ECDSA private key";
+
 using TextReader = bool (Certificate::*)(XString&, LogBase&) const;
 
 JsonValue textOrNull(const Certificate& cert, TextReader reader) {
@@ -79,7 +82,7 @@ JsonValue keyToJson(const Certificate& cert) {
 std::string linkToKey(ClsPkcs11& p11, Certificate& cert) {
     HowCatcher quick;
     p11.linkCertToPkcs11Session(&cert, true, quick);
-    if (quick.how() != "Using first PKCS11 ECDSA private key") return quick.how();
+    if (quick.how() != kGuess) return quick.how();
     HowCatcher thorough;
     p11.linkCertToPkcs11Session(&cert, false, thorough);
     return thorough.how();
@@ -164,7 +167,9 @@ Exit runFindCert(ClsPkcs11& p11, const Options& options) {
         throwLastError(p11, p11.log().lastError() == "Not found." ? Exit::NotFound : Exit::Module);
     }
     const auto chosen = cert.getCert();
-    const std::string how = cert.HasPrivateKey() ? howFound(p11) : linkToKey(p11, *chosen);
+    std::string how = cert.HasPrivateKey() ? howFound(p11) : std::string();
+    // Not linked yet, or to a key that was only guessed.
+    if (how.empty() || how == kGuess) how = linkToKey(p11, *chosen);
     JsonValue record = certToJson(*chosen, indexOf(p11, *chosen));
     record.set("privateKey", keyToJson(*chosen));
     if (options.out) saveCert(cert, *options.out);

@@ -19,8 +19,10 @@ int parseSlot(const std::string& text) {
     const char* const end = text.data() + text.size();
     std::uint32_t value = 0;
     const auto [stop, error] = std::from_chars(begin, end, value, isHex ? 16 : 10);
-    if (error != std::errc() || stop != end)
-        usageError("--slot takes a slot ID of at most 32 bits.");
+    // The ID of 32 ones would be taken for -1, which means any slot.
+    if (error != std::errc() || stop != end || value == UINT32_MAX) {
+        usageError("--slot takes a slot ID below 0xFFFFFFFF.");
+    }
     return static_cast<int>(value);
 }
 
@@ -50,7 +52,11 @@ constexpr std::array kOptions = {
                if (v != "user" && v != "so") usageError("--user takes user or so.");
                o.asOfficer = v == "so";
            }},
-    Option{"--pin", true, [](Options& o, const std::string& v) { o.pin = pinSource("--pin", v); }},
+    Option{"--pin", true,
+           [](Options& o, const std::string& v) {
+               o.pin = pinSource("--pin", v);
+               o.login = true;
+           }},
     Option{"--so-pin", true,
            [](Options& o, const std::string& v) { o.soPin = pinSource("--so-pin", v); }},
     Option{"--new-pin", true,

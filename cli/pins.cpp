@@ -12,6 +12,7 @@
 #include <string_view>
 
 #include "cli/failure.h"
+#include "cli/output.h"
 #include "foundation/text/secret.h"
 
 namespace mervane::cli {
@@ -47,6 +48,8 @@ class SilentTerminal {
         action.sa_handler = [](int number) { caughtSignal = number; };
         for (std::size_t i = 0; i < kSignals.size(); ++i)
             ::sigaction(kSignals[i], &action, &m_actions[i]);
+        action.sa_handler = SIG_IGN;  // a stopped program would leave the terminal silent
+        ::sigaction(SIGTSTP, &action, &m_stopAction);
         m_silenced = ::tcgetattr(descriptor, &m_attributes) == 0;
         termios silent = m_attributes;
         silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
@@ -56,6 +59,7 @@ class SilentTerminal {
         if (m_silenced) ::tcsetattr(m_descriptor, TCSAFLUSH, &m_attributes);
         for (std::size_t i = 0; i < kSignals.size(); ++i)
             ::sigaction(kSignals[i], &m_actions[i], nullptr);
+        ::sigaction(SIGTSTP, &m_stopAction, nullptr);
         if (caughtSignal != 0) static_cast<void>(::raise(caughtSignal));
     }
     SilentTerminal(const SilentTerminal&) = delete;
@@ -68,24 +72,27 @@ class SilentTerminal {
     bool m_silenced = false;
     termios m_attributes{};
     std::array<struct sigaction, kSignals.size()> m_actions{};
+    struct sigaction m_stopAction {};
 };
 
 // The first line, without its end. Read into memory that is wiped; no stream keeps a copy.
 void readLine(int descriptor, XString& line, const std::string& from) {
     std::array<char, 256> bytes{};  // longer than any PIN that PKCS#11 tokens take
     std::size_t size = 0;
+    ssize_t count = 1;
     bool ended = false;
     while (!ended && size < bytes.size()) {
-        const ssize_t count = ::read(descriptor, bytes.data() + size, 1);
+        count = ::read(descriptor, bytes.data() + size, 1);
         ended = count <= 0 || bytes[size] == '\n' || bytes[size] == '\r';
         if (!ended) ++size;
     }
     line.setFromUtf8({bytes.data(), size});
     wipe(bytes.data(), bytes.size());
-    if (!ended) {
-        line.clear();
-        noPin("The PIN from " + from + " is too long.");
-    }
+    const bool isText = line.view().find('\0') == std::string_view::npos;
+    if (ended && count >= 0 && isText) return;
+    line.clear();
+    if (count < 0) noPin("The PIN cannot be read from " + from + ".");
+    noPin("The PIN from " + from + (isText ? " is too long." : " is no text."));
 }
 
 void promptForPin(const std::string& prompt, XString& pin) {
@@ -94,8 +101,11 @@ void promptForPin(const std::string& prompt, XString& pin) {
         noPin("The " + prompt + " is missing, and there is no terminal to ask on.");
     const SilentTerminal silent(terminal.descriptor());
     std::cerr << prompt << ": " << std::flush;
+    // The line end that was typed was not echoed.
+    struct LineEnd {
+        ~LineEnd() { std::cerr << '\n'; }
+    } const lineEnd;
     readLine(terminal.descriptor(), pin, "the terminal");
-    std::cerr << '\n';
 }
 
 }  // namespace
@@ -107,15 +117,23 @@ void readPin(const std::optional<std::string>& source, const std::string& prompt
         const std::string name = source->substr(4);
         const char* const value = std::getenv(name.c_str());
         if (value == nullptr)
-            noPin("The " + prompt + " is missing: no environment variable " + name + ".");
+            noPin("The " + prompt + " is missing: no environment variable " + printable(name) +
+                  ".");
         pin.setFromUtf8(value);
     } else {
         const std::string path = source->substr(5);
         const File file(path.c_str(), O_RDONLY);
         if (file.descriptor() < 0)
-            noPin("The " + prompt + " is missing: the file " + path + " cannot be read.");
-        readLine(file.descriptor(), pin, path);
+            noPin("The " + prompt + " is missing: no file " + printable(path) + ".");
+        readLine(file.descriptor(), pin, printable(path));
     }
+    // An empty PIN would be tried on the token like any other.
+    if (pin.isEmpty()) noPin("The " + prompt + " is empty.");
+}
+
+void readPinOrLeaveToReader(const std::optional<std::string>& source, const std::string& prompt,
+                            bool hasPinPad, XString& pin) {
+    if (source || !hasPinPad) readPin(source, prompt, pin);
 }
 
 }  // namespace mervane::cli

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <optional>
 
 #include "cli/output.h"
 #include "cli/pins.h"
@@ -33,45 +34,41 @@ std::vector<Token> listTokens(ClsPkcs11& p11) {
     return tokens;
 }
 
-int slotNumber(const Token& token) {
+// The slot ID as the library takes it; nothing for one that does not fit.
+std::optional<int> slotNumber(const Token& token) {
     std::uint32_t id = 0;
     const char* const end = token.slotId.data() + token.slotId.size();
     const auto [stop, error] = std::from_chars(token.slotId.data(), end, id);
-    if (error != std::errc() || stop != end) {
-        throw Failure{Exit::Module, "The slot ID " + token.slotId + " has more than 32 bits.", {}};
-    }
-    return static_cast<int>(id);
+    const bool fits = error == std::errc() && stop == end && id != UINT32_MAX;
+    return fits ? std::optional(static_cast<int>(id)) : std::nullopt;
 }
 
 bool mayTake(const Token& token, const Options& options, Takes takes) {
-    if (options.tokenLabel) return token.label == *options.tokenLabel;
+    if (options.slot && slotNumber(token) != options.slot) return false;
+    if (options.tokenLabel && token.label != *options.tokenLabel) return false;
+    if (options.slot || options.tokenLabel) return true;
     const bool initialized = token.has("token-initialized");
     if (takes == Takes::Uninitialized) return !initialized;
     return initialized &&
            (!options.login || options.asOfficer || token.has("user-pin-initialized"));
 }
 
-const Token& chooseToken(const std::vector<Token>& tokens, const Options& options, Takes takes) {
-    if (options.slot) {
-        const auto at = std::ranges::find_if(
-            tokens, [&](const Token& t) { return slotNumber(t) == *options.slot; });
-        if (at != tokens.end()) return *at;
-        throw Failure{Exit::Module,
-                      "There is no token in slot " +
-                          std::to_string(static_cast<unsigned>(*options.slot)) + ".",
-                      "mervane-p11 discover lists the slots."};
-    }
+std::string whyNone(const std::vector<Token>& tokens, const Options& options, Takes takes) {
+    std::string what;
+    if (options.slot) what += " in slot " + std::to_string(static_cast<unsigned>(*options.slot));
+    if (options.tokenLabel) what += " with the label \"" + printable(*options.tokenLabel) + "\"";
+    if (!what.empty()) return "There is no token" + what + ".";
+    if (tokens.empty()) return "No token is present.";
+    return takes == Takes::Uninitialized ? "No token is present that is not initialised yet."
+                                         : "No token is present that can be used.";
+}
+
+const Token& chooseFrom(const std::vector<Token>& tokens, const Options& options, Takes takes) {
     const auto fits = [&](const Token& token) { return mayTake(token, options, takes); };
     const auto numFits = std::ranges::count_if(tokens, fits);
     if (numFits == 1) return *std::ranges::find_if(tokens, fits);
     if (numFits == 0) {
-        const std::string what =
-            options.tokenLabel
-                ? "No token has the label \"" + printable(*options.tokenLabel) + "\"."
-            : tokens.empty()                ? "No token is present."
-            : takes == Takes::Uninitialized ? "No token is present that is not initialised yet."
-                                            : "No token is present that can be used.";
-        throw Failure{Exit::Module, what,
+        throw Failure{Exit::Module, whyNone(tokens, options, takes),
                       tokens.empty() ? "" : "mervane-p11 discover says how the tokens stand."};
     }
     std::string list;
@@ -86,10 +83,8 @@ const Token& chooseToken(const std::vector<Token>& tokens, const Options& option
 void loginAs(ClsPkcs11& p11, const Options& options, bool hasPinPad) {
     XString pin;
     const auto& source = options.asOfficer && options.soPin ? options.soPin : options.pin;
-    const std::string prompt = options.asOfficer ? "security officer PIN" : "user PIN";
-    // A reader with keys of its own asks there.
-    if (source || !hasPinPad) readPin(source, prompt, pin);
-    if (pin.isEmpty() && !hasPinPad) throw Failure{Exit::Pin, "The " + prompt + " is empty.", {}};
+    readPinOrLeaveToReader(source, options.asOfficer ? "security officer PIN" : "user PIN",
+                           hasPinPad, pin);
     if (!p11.Login(options.asOfficer ? 0 : 1, pin)) throwLastError(p11);
 }
 
@@ -109,26 +104,30 @@ void throwLastError(const ClsPkcs11& p11, Exit status) {
     throw Failure{aboutPin ? Exit::Pin : status, error, p11.log().lastHint()};
 }
 
-int chooseSlot(ClsPkcs11& p11, const Options& options, Takes takes) {
-    return options.slot ? *options.slot : slotNumber(chooseToken(listTokens(p11), options, takes));
+TokenChoice chooseToken(ClsPkcs11& p11, const Options& options, Takes takes) {
+    const auto tokens = listTokens(p11);
+    const Token& token = chooseFrom(tokens, options, takes);
+    const auto slot = slotNumber(token);
+    if (!slot)
+        throw Failure{Exit::Module, "The slot ID " + token.slotId + " has more than 32 bits.", {}};
+    return {*slot, token.has("protected-authentication-path")};
 }
 
-void openToken(ClsPkcs11& p11, const Options& options, bool readWrite) {
+TokenChoice openToken(ClsPkcs11& p11, const Options& options, bool readWrite) {
     useModule(p11, options);
-    const bool login = options.login || options.pin;
-    bool hasPinPad = false;
-    int slot = options.slot.value_or(0);
+    const bool login = options.login || (options.asOfficer && options.soPin);
+    TokenChoice choice{options.slot.value_or(0), false};
     // With the slot named and the PIN at hand nothing has to be asked of the module first.
-    if (!options.slot || (login && !options.pin && !options.soPin)) {
-        const auto tokens = listTokens(p11);
-        const Token& token = chooseToken(tokens, options, Takes::Initialized);
-        slot = slotNumber(token);
-        hasPinPad = token.has("protected-authentication-path");
+    if (!options.slot || options.tokenLabel || (login && !options.pin && !options.soPin)) {
+        choice = chooseToken(p11, options, Takes::Initialized);
     } else if (!p11.Initialize()) {
         throwLastError(p11);
     }
-    if (!p11.OpenSession(slot, readWrite)) throwLastError(p11);
-    if (login) loginAs(p11, options, hasPinPad);
+    // The security officer does not log in beside read-only sessions.
+    if (!p11.OpenSession(choice.slot, readWrite || (login && options.asOfficer)))
+        throwLastError(p11);
+    if (login) loginAs(p11, options, choice.hasPinPad);
+    return choice;
 }
 
 }  // namespace mervane::cli

@@ -17,13 +17,18 @@ void useModule(ClsPkcs11& p11, const Options& options);
 /// Which tokens a command may take when none is named.
 enum class Takes : unsigned char { Initialized, Uninitialized };
 
-/// The slot of the token that the options name, or of the only one that the command may take.
-/// Throws when there is none, and with the list when there are several: a PIN is never tried on the
-/// wrong token.
-int chooseSlot(ClsPkcs11& p11, const Options& options, Takes takes);
+/// A token that was chosen.
+struct TokenChoice {
+    int slot;
+    bool hasPinPad;  ///< the reader asks for PINs on keys of its own
+};
+
+/// The token that the options name, or the only one that the command may take. Throws when there is
+/// none, and with the list when there are several: a PIN is never tried on the wrong token.
+TokenChoice chooseToken(ClsPkcs11& p11, const Options& options, Takes takes);
 
 /// Opens a session with the token chosen and logs in when the options ask for it.
-void openToken(ClsPkcs11& p11, const Options& options, bool readWrite);
+TokenChoice openToken(ClsPkcs11& p11, const Options& options, bool readWrite);
 
 }  // namespace mervane::cli
 

@@ -4,6 +4,7 @@
 #include <array>
 #include <memory>
 
+#include "foundation/core/guarded.h"
 #include "pkcs11/carddata/carddata.h"
 #include "pkcs11/clspkcs11.h"
 
@@ -88,56 +89,8 @@ bool appendPathOfString(const ClsJsonObject& record, const std::string& path, Ex
     return true;
 }
 
-}  // namespace
-
-bool ClsPkcs11::GetCardDataJson(ClsJsonObject& json, LogBase& log) {
-    DataBuffer document;
-    return carddata::load(carddata::constants(), document, log) && json.loadJson(document, log);
-}
-
-bool ClsPkcs11::CardDataLookupAtr2(const char* atr, StringBuffer& outName, bool& outReadOnly,
-                                   ExtPtrArraySb& outPaths, LogBase& log) {
-    const LogContextExitor context(log, "atrToPkcs11Info");
-    ClsJsonObject* const cardData = ClsJsonObject::createNewCls();
-    const _clsBaseHolder holder(cardData);
-    if (cardData == nullptr || !GetCardDataJson(*cardData, log)) return false;
-    return CardDataLookupAtr(*cardData, atr, outName, outReadOnly, outPaths, log);
-}
-
-bool ClsPkcs11::CardDataLookupAtr(ClsJsonObject& cardData, const char* atr, StringBuffer& outName,
-                                  bool& outReadOnly, ExtPtrArraySb& outPaths, LogBase& log) {
-    const LogContextExitor context(log, "cardDataLookupAtr");
-    const auto failed = [&log](std::string_view sentence) {
-        log.LogError(sentence);
-        return false;
-    };
-    outName.clear();
-    outReadOnly = false;
-    outPaths.removeAllSbs();
-
-    StringBuffer normalized(atr == nullptr ? "" : atr);
-    normalizeAtr(normalized);
-    ClsJsonObject* const card = cardData.FindRecord("cards", "atr", normalized.view(), false);
-    const _clsBaseHolder cardHolder(card);
-    if (card == nullptr) return false;
-
-    StringBuffer driverId;
-    if (!card->sbOfPathUtf8("driver", driverId, log)) return failed("Did not find driver member.");
-    ClsJsonObject* const driver = cardData.FindRecord("drivers", "id", driverId.view(), false);
-    const _clsBaseHolder driverHolder(driver);
-    if (driver == nullptr) return failed("Did not find driver record.");
-    if (!getPkcs11DriverPaths(*driver, "linux", outPaths, log))
-        return failed("Failed to find driver paths.");
-
-    const bool hasName = card->sbOfPathUtf8("name", outName, log);
-    LogNull silent;  // an absent flag means false and is nothing to speak of
-    outReadOnly = card->boolOf("readOnly", silent);
-    return hasName;
-}
-
-bool ClsPkcs11::getPkcs11DriverPaths(ClsJsonObject& driverRecord, const char* platform,
-                                     ExtPtrArraySb& paths, LogBase& log) {
-    const LogContextExitor context(log, "getPkcs11DriverPaths");
+bool appendDriverPaths(ClsJsonObject& driverRecord, const char* platform, ExtPtrArraySb& paths,
+                       LogBase& log) {
     const std::string path = std::string("file.") + platform;
     switch (driverRecord.JsonTypeOf(path)) {
         case ClsJsonObject::kArray:
@@ -160,6 +113,66 @@ bool ClsPkcs11::getPkcs11DriverPaths(ClsJsonObject& driverRecord, const char* pl
     if (appendPathOfString(driverRecord, x86, paths, log)) return true;
     log.LogError("Failed to get Windows driver path.");  // on every platform
     return false;
+}
+
+bool lookUpCard(ClsJsonObject& cardData, const char* atr, StringBuffer& outName, bool& outReadOnly,
+                ExtPtrArraySb& outPaths, LogBase& log) {
+    const auto failed = [&log](std::string_view sentence) {
+        log.LogError(sentence);
+        return false;
+    };
+    StringBuffer normalized(atr == nullptr ? "" : atr);
+    normalizeAtr(normalized);
+    ClsJsonObject* const card = cardData.FindRecord("cards", "atr", normalized.view(), false);
+    const _clsBaseHolder cardHolder(card);
+    if (card == nullptr) return false;
+
+    StringBuffer driverId;
+    if (!card->sbOfPathUtf8("driver", driverId, log)) return failed("Did not find driver member.");
+    ClsJsonObject* const driver = cardData.FindRecord("drivers", "id", driverId.view(), false);
+    const _clsBaseHolder driverHolder(driver);
+    if (driver == nullptr) return failed("Did not find driver record.");
+    if (!ClsPkcs11::getPkcs11DriverPaths(*driver, "linux", outPaths, log))
+        return failed("Failed to find driver paths.");
+
+    const bool hasName = card->sbOfPathUtf8("name", outName, log);
+    LogNull silent;  // an absent flag means false and is nothing to speak of
+    outReadOnly = card->boolOf("readOnly", silent);
+    return hasName;
+}
+
+}  // namespace
+
+bool ClsPkcs11::GetCardDataJson(ClsJsonObject& json, LogBase& log) {
+    return guarded(log, [&] {
+        DataBuffer document;
+        return carddata::load(carddata::constants(), document, log) && json.loadJson(document, log);
+    });
+}
+
+bool ClsPkcs11::CardDataLookupAtr2(const char* atr, StringBuffer& outName, bool& outReadOnly,
+                                   ExtPtrArraySb& outPaths, LogBase& log) {
+    const LogContextExitor context(log, "atrToPkcs11Info");
+    ClsJsonObject* const cardData = ClsJsonObject::createNewCls();
+    const _clsBaseHolder holder(cardData);
+    if (cardData == nullptr || !GetCardDataJson(*cardData, log)) return false;
+    return CardDataLookupAtr(*cardData, atr, outName, outReadOnly, outPaths, log);
+}
+
+bool ClsPkcs11::CardDataLookupAtr(ClsJsonObject& cardData, const char* atr, StringBuffer& outName,
+                                  bool& outReadOnly, ExtPtrArraySb& outPaths, LogBase& log) {
+    const LogContextExitor context(log, "cardDataLookupAtr");
+    outName.clear();
+    outReadOnly = false;
+    outPaths.removeAllSbs();
+    return guarded(log,
+                   [&] { return lookUpCard(cardData, atr, outName, outReadOnly, outPaths, log); });
+}
+
+bool ClsPkcs11::getPkcs11DriverPaths(ClsJsonObject& driverRecord, const char* platform,
+                                     ExtPtrArraySb& paths, LogBase& log) {
+    const LogContextExitor context(log, "getPkcs11DriverPaths");
+    return guarded(log, [&] { return appendDriverPaths(driverRecord, platform, paths, log); });
 }
 
 }  // namespace mervane

@@ -143,7 +143,7 @@ bool ClsPkcs11::FindAllCerts() {
 
 int ClsPkcs11::get_NumCerts() {
     const CritSecExitor lock(*this);
-    return m_certs.getSize();
+    return hasForked() ? 0 : m_certs.getSize();
 }
 
 bool ClsPkcs11::GetCert(int index, ClsCert& cert) {
@@ -159,6 +159,7 @@ bool ClsPkcs11::GetCert(int index, ClsCert& cert) {
             log.LogError("Internal error getting cert.");
             return false;
         }
+        const CritSecExitor lock(cert);
         // Set, not merged as in FindCert: the two differ on purpose. Before the certificate, which
         // the caller gets only when nothing can fail any more.
         cert.systemCerts().setSystemCerts(m_systemCerts.getSystemCertsPtr());
@@ -261,6 +262,7 @@ bool ClsPkcs11::applyPrivateKeyRule(Certificate& cert, std::shared_ptr<Certifica
 }
 
 bool ClsPkcs11::giveCert(Certificate& chosen, ClsCert& cert, LogBase& log) {
+    const CritSecExitor lock(cert);
     cert.systemCerts().mergeSysCerts(m_systemCerts, log);
     return cert.injectCert(&chosen, log);
 }

@@ -23,6 +23,7 @@ namespace mervane {
 enum class Needs : unsigned char;
 template <Needs N, class Function>
 struct Entry;
+struct PinArgument;
 struct Pkcs11SessionAnchor;
 
 /// A PKCS#11 module in use: loads it, opens a session with a token, logs in, lists and chooses
@@ -178,9 +179,12 @@ class ClsPkcs11 : public ClsBase {
     enum class Record : bool { No, Yes };
     template <class Work>
     auto publicCall(const char* contextName, Record record, Work&& work);
+    /// The process is a fork of the one that the session and the module's state belong to.
+    [[nodiscard]] bool hasForked() const noexcept;
     void dropStateAfterFork(LogBase& log);
 
     // --- Module (module.cpp)
+    void copyProperty(const XString& from, XString& to);
     bool loadPkcs11Dll(bool bareFileName, LogBase& log);
     bool loadPkcs11Dll_2(LogBase& log);
     void checkSetSpecial(LogBase& log);
@@ -210,6 +214,7 @@ class ClsPkcs11 : public ClsBase {
     /// moduli only when the IDs do not settle it.
     CK_OBJECT_HANDLE findPrivKeyHandle(Certificate& cert, bool quick, int& keyType,
                                        int& expectedSignatureSize, LogBase& log);
+    bool findAndLink(Certificate& cert, bool quick, LogBase& log);
     CK_OBJECT_HANDLE findRsaKey(Certificate& cert, bool quick, LogBase& log);
     CK_OBJECT_HANDLE findEcKey(Certificate& cert, bool quick, LogBase& log);
     CK_OBJECT_HANDLE findRsaKeyById(Certificate& cert, bool requireSign, LogBase& log);
@@ -232,8 +237,11 @@ class ClsPkcs11 : public ClsBase {
     bool fetchList(const Entry<N, Function>& entry, CK_ULONG limit, std::vector<CK_ULONG>& list,
                    LogBase& log, Args... args);
     bool readyFor(Needs needs, const char* functionName, LogBase& log);
-    /// Writes the lines for a return value, and drops what it says is gone. True for CKR_OK.
-    bool report(const char* functionName, CK_RV rv, LogBase& log);
+    /// Writes the lines for a return value, and drops what it says is gone. True for CKR_OK. What a
+    /// function that names a slot says of its token does not end the session.
+    template <Needs N, class Function>
+    bool report(const Entry<N, Function>& entry, CK_RV rv, LogBase& log);
+    bool reportCode(const char* functionName, Needs needs, CK_RV rv, LogBase& log);
 
     bool getPkcs11Functions(LogBase& log);
     bool C_Initialize(LogBase& log);
@@ -252,8 +260,13 @@ class ClsPkcs11 : public ClsBase {
     void closeQuietly(CK_SESSION_HANDLE session, LogBase& log) noexcept;
     bool C_Login(int userType, const char* pin, bool flag, LogBase& log);
     bool C_Logout(LogBase& log);
-    /// report(), and after a failure that is about a PIN what the token's flags say of its PINs.
-    bool reportPinCall(const char* functionName, CK_RV rv, CK_SLOT_ID slotId, LogBase& log);
+    /// report(), and after a failure that is about a PIN what the token's flags say of that PIN.
+    template <Needs N, class Function>
+    bool reportPinCall(const Entry<N, Function>& entry, CK_RV rv, CK_SLOT_ID slotId, bool isOfficer,
+                       LogBase& log);
+    void logPinState(CK_SLOT_ID slotId, bool isOfficer, LogBase& log);
+    /// The PIN as the module gets it: null when it is empty and the reader asks on its own keys.
+    PinArgument pinArgument(const char* pin, CK_SLOT_ID slotId, LogBase& log);
 
     bool C_SetPIN(const char* oldPin, const char* newPin, LogBase& log);
     bool C_InitPIN(const char* pin, LogBase& log);
@@ -306,7 +319,6 @@ class ClsPkcs11 : public ClsBase {
     CK_FUNCTION_LIST* m_funcs = nullptr;  // the module's; dies with m_libHandle
     bool m_holdsModule = false;           // counted in the ledger for m_funcs
     bool m_ecdsaKeysHavePoints = false;
-    bool m_exitWatched = false;
     std::uint32_t m_forkGeneration;  // of the process that the handles above belong to
     std::uint64_t m_lastSessionNumber = 0;
     std::shared_ptr<Pkcs11SessionAnchor> m_anchor;

@@ -1,11 +1,9 @@
 #ifndef MERVANE_PKCS11_FRAME_H
 #define MERVANE_PKCS11_FRAME_H
 
-#include <exception>
-#include <new>
 #include <type_traits>
-#include <utility>
 
+#include "foundation/core/guarded.h"
 #include "pkcs11/clspkcs11.h"
 
 namespace mervane {
@@ -16,18 +14,13 @@ namespace mervane {
 template <class Work>
 auto ClsPkcs11::publicCall(const char* contextName, Record record, Work&& work) {
     const CritSecExitor lock(*this);
+    if (hasForked()) m_log.forgetOpenContexts();
     const LogContextExitor context(*this, contextName);
-    std::invoke_result_t<Work, LogBase&> result{};
-    try {
+    const auto result = guarded(m_log, [&] {
         dropStateAfterFork(m_log);
-        result = std::forward<Work>(work)(static_cast<LogBase&>(m_log));
-    } catch (const std::bad_alloc&) {
-        m_log.LogError("There is not enough memory.");
-    } catch (const std::exception& error) {
-        m_log.LogError("The call was ended by an unexpected exception.");
-        m_log.LogData("exception", error.what());
-    }
-    if constexpr (std::is_same_v<decltype(result), bool>) {
+        return work(static_cast<LogBase&>(m_log));
+    });
+    if constexpr (std::is_same_v<decltype(result), const bool>) {
         if (record == Record::Yes) logSuccessFailure(result);
     }
     return result;

@@ -35,15 +35,19 @@ ClsPkcs11* ClsPkcs11::createNewCls() noexcept {
 
 ClsPkcs11::~ClsPkcs11() {
     LogNull log;
-    const bool isOurProcess = m_forkGeneration == forkGeneration();
-    if (isOurProcess && !processIsExiting()) releaseModule(log);
+    if (!hasForked() && !processIsExiting()) releaseModule(log);
+    m_anchor->setSession(0);
     clearCertCache(log);
     // The library stays mapped: modules with threads or exit handlers are known to crash when they
     // are unmapped. m_anchor's end unlinks what was handed out.
 }
 
+bool ClsPkcs11::hasForked() const noexcept {
+    return m_forkGeneration != forkGeneration();
+}
+
 void ClsPkcs11::dropStateAfterFork(LogBase& log) {
-    if (m_forkGeneration == forkGeneration()) return;
+    if (!hasForked()) return;
     m_forkGeneration = forkGeneration();
     const bool hadState = m_initialized || m_hSession != 0;
     m_holdsModule = false;  // the ledger of this process begins empty
@@ -55,24 +59,24 @@ void ClsPkcs11::dropStateAfterFork(LogBase& log) {
 
 // --- Properties
 
+// Without a log context. Where there is no memory for the copy, the target keeps its value.
+void ClsPkcs11::copyProperty(const XString& from, XString& to) {
+    const CritSecExitor lock(*this);
+    LogNull log;
+    guarded(log, [&] { to.copyFromX(from); });
+}
+
 void ClsPkcs11::get_SharedLibPath(XString& out) {
-    const CritSecExitor lock(*this);
-    out.copyFromX(m_sharedLibPath);
+    copyProperty(m_sharedLibPath, out);
 }
-
 void ClsPkcs11::put_SharedLibPath(const XString& path) {
-    const CritSecExitor lock(*this);
-    m_sharedLibPath.copyFromX(path);
+    copyProperty(path, m_sharedLibPath);
 }
-
 void ClsPkcs11::get_SigContextPin(XString& out) {
-    const CritSecExitor lock(*this);
-    out.copyFromX(m_sigContextPin);
+    copyProperty(m_sigContextPin, out);
 }
-
 void ClsPkcs11::put_SigContextPin(const XString& pin) {
-    const CritSecExitor lock(*this);
-    m_sigContextPin.copyFromX(pin);
+    copyProperty(pin, m_sigContextPin);
 }
 
 // --- Loading
@@ -186,6 +190,7 @@ bool ClsPkcs11::OpenSession(int slotId, bool readWrite) {
 bool ClsPkcs11::openSession(int slotId, bool readWrite, LogBase& log) {
     const CritSecExitor lock(*this);
     const LogContextExitor context(log, "openSession");
+    dropStateAfterFork(log);
     unsigned int count = 100;
     const auto slotIds = std::make_unique<std::array<unsigned long, 100>>();
     if (!getSlotIdsWithTokenPresent(slotIds->data(), count, log)) {
@@ -250,6 +255,7 @@ bool ClsPkcs11::Login(int userType, const XString& pin) {
 bool ClsPkcs11::login(int userType, const char* pin, LogBase& log) {
     const CritSecExitor lock(*this);
     const LogContextExitor context(log, "Login");
+    dropStateAfterFork(log);
     return C_Login(userType, pin, false, log);
 }
 

@@ -3,6 +3,7 @@
 #include <initializer_list>
 #include <string>
 
+#include "foundation/core/guarded.h"
 #include "foundation/x509/publickey.h"
 #include "foundation/x509/sessionanchor.h"
 #include "pkcs11/clspkcs11.h"
@@ -177,16 +178,21 @@ CK_OBJECT_HANDLE ClsPkcs11::findRsaKeyByModulus(Certificate& cert, bool requireS
 bool ClsPkcs11::linkCertToPkcs11Session(Certificate* cert, bool quick, LogBase& log) {
     const LogContextExitor context(log, "linkCertToPkcs11Session");
     if (cert == nullptr) return false;
+    dropStateAfterFork(log);
+    return guarded(log, [&] { return findAndLink(*cert, quick, log); });
+}
+
+bool ClsPkcs11::findAndLink(Certificate& cert, bool quick, LogBase& log) {
     int keyType = 0;
     int signatureSize = 0;
-    const CK_OBJECT_HANDLE key = findPrivKeyHandle(*cert, quick, keyType, signatureSize, log);
+    const CK_OBJECT_HANDLE key = findPrivKeyHandle(cert, quick, keyType, signatureSize, log);
     log.LogDataBool("hasPrivateKey", key != 0);
     log.LogDataLong("expectedSignatureSize", signatureSize);
     if (key == 0) {
         log.LogError("No matching private key found on the HSM.");
         return false;
     }
-    cert->linkToPkcs11Session(this, keyType, signatureSize, key, log);
+    cert.linkToPkcs11Session(this, keyType, signatureSize, key, log);
     return true;
 }
 
@@ -195,15 +201,14 @@ bool ClsPkcs11::linkCertToPkcs11Session(Certificate* cert, bool quick, LogBase& 
 void Certificate::linkToPkcs11Session(ClsPkcs11* owner, int keyType, int expectedSignatureSize,
                                       unsigned long keyHandle, LogBase&) {
     const auto& anchor = owner->sessionAnchor();
-    const std::lock_guard lock(m_linkMutex);
-    m_link = {anchor, anchor->sessionNumber.load(), keyType, expectedSignatureSize, keyHandle};
+    const CritSecExitor lock(m_linkSection);
+    m_link = {anchor, anchor->session(), keyType, expectedSignatureSize, keyHandle};
 }
 
 std::optional<Certificate::Pkcs11Link> Certificate::pkcs11Link() const {
-    const std::lock_guard lock(m_linkMutex);
+    const CritSecExitor lock(m_linkSection);
     const auto anchor = m_link.anchor.lock();
-    if (!anchor || m_link.sessionNumber == 0 ||
-        anchor->sessionNumber.load() != m_link.sessionNumber) {
+    if (!anchor || m_link.sessionNumber == 0 || anchor->session() != m_link.sessionNumber) {
         return std::nullopt;
     }
     return Pkcs11Link{anchor->owner, m_link.keyType, m_link.expectedSignatureSize,

@@ -30,10 +30,15 @@ softhsm_module() {
   return 1
 }
 
-# build_preset PRESET [TARGET...]: configures when needed, and builds.
+# build_preset PRESET: configures when needed, and builds; prints what the build printed if it fails.
 build_preset() {
-  local preset=$1
-  shift
-  (cd "$root" && { [ -f "build/$preset/build.ninja" ] || cmake --preset "$preset" -G Ninja >/dev/null; } &&
-    cmake --build --preset "$preset" ${1:+--target "$@"} -- --quiet)
+  (
+    cd "$root"
+    [ -f "build/$1/CMakeCache.txt" ] || cmake --preset "$1" -G Ninja >/dev/null
+    cmake --build --preset "$1" --parallel "$(nproc)" >"build/$1/build.log" 2>&1 || {
+      cat "build/$1/build.log"
+      exit 1
+    }
+  )
 }
+

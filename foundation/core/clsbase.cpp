@@ -1,5 +1,7 @@
 #include "foundation/core/clsbase.h"
 
+#include "foundation/core/guarded.h"
+
 namespace mervane {
 
 bool ClsBase::get_LastMethodSuccess() {
@@ -9,7 +11,7 @@ bool ClsBase::get_LastMethodSuccess() {
 
 void ClsBase::put_Options(std::string_view keywords) {
     const CritSecExitor lock(*this);
-    m_log.setOptions(keywords);
+    guarded(m_log, [&] { m_log.setOptions(keywords); });
 }
 
 void ClsBase::logSuccessFailure2(bool success, LogBase& log) noexcept {

@@ -2,6 +2,9 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <memory>
+#include <mutex>
+#include <set>
 
 #include <dlfcn.h>
 #include <pthread.h>
@@ -26,14 +29,18 @@ std::uint32_t forkGeneration() noexcept {
     return forkCount.load(std::memory_order_acquire);
 }
 
-void watchProcessExit(const void* user) noexcept {
-    static std::atomic<bool> watching{false};
+void watchProcessExit(const void* user, const void* library) {
+    static std::mutex& mutex = *std::make_unique<std::mutex>().release();
+    static auto& watched = *std::make_unique<std::set<const void*>>().release();
     Dl_info image{};
     const bool isStatic = ::dladdr(user, &image) != 0;
-    if (watching.exchange(true) && !isStatic) return;
-    // Handlers run in the reverse order of their registration, so this one runs before the
-    // destructor of every static object that is complete by now.
-    static_cast<void>(std::atexit([] { exiting.store(true); }));
+    const std::lock_guard lock(mutex);
+    const bool isNewLibrary = watched.insert(library).second;
+    const bool isNewUser = isStatic && watched.insert(user).second;
+    // Handlers run in the reverse order of their registration. This one runs before those of the
+    // library, and before the destructor of a static object that is complete by now. An object that
+    // is to be destroyed earlier than that finds the library at work.
+    if (isNewLibrary || isNewUser) static_cast<void>(std::atexit([] { exiting.store(true); }));
 }
 
 bool processIsExiting() noexcept {

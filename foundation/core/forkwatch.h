@@ -10,10 +10,11 @@ namespace mervane {
 /// which it was made and is void when the number has changed. Costs one atomic load.
 std::uint32_t forkGeneration() noexcept;
 
-/// Asks for the process's end to be noticed before `user` is destroyed at exit: from the moment
-/// that exit handlers begin to run, processIsExiting() answers true. Takes a place among the exit
-/// handlers for the first user and for every one of static storage, and none for the rest.
-void watchProcessExit(const void* user) noexcept;
+/// Asks for the process's end to be noticed before `library`, which was loaded just now or before,
+/// runs its own exit handlers, and before `user` is destroyed if it has static storage: from then
+/// on processIsExiting() answers true. Takes one place among the exit handlers for each library and
+/// for each user of static storage.
+void watchProcessExit(const void* user, const void* library);
 
 /// True once the exit handlers run: modules may have torn down their own state by then.
 bool processIsExiting() noexcept;

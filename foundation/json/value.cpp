@@ -23,6 +23,12 @@ JsonValue& JsonValue::set(std::string_view name, JsonValue value) {
     return members.back().value;
 }
 
+void JsonValue::remove(std::string_view name) {
+    auto* const members = std::get_if<JsonObject>(&m_data);
+    if (members != nullptr)
+        std::erase_if(*members, [name](const JsonMember& m) { return m.name == name; });
+}
+
 JsonValue& JsonValue::append(JsonValue value) {
     if (asArray() == nullptr) m_data = JsonArray();
     auto& items = std::get<JsonArray>(m_data);

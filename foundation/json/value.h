@@ -76,6 +76,9 @@ class JsonValue {
         return set(name, JsonValue(std::forward<T>(value)));
     }
 
+    /// Removes all members of that name.
+    void remove(std::string_view name);
+
     /// Adds an element at the end; makes any other value an array first.
     JsonValue& append(JsonValue value);
 

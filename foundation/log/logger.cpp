@@ -75,11 +75,11 @@ void _mvLogger::leaveContext() noexcept {
     try {
         if (m_depth == 0 && m_numDropped != 0) {
             const auto lost = std::to_string(std::exchange(m_numDropped, 0));
-            store(Entry::What::Data, "entriesNotKept", lost);
+            append(Entry::What::Data, "entriesNotKept", lost);
         }
         if (m_depth < kMaxDepth && (m_stored & bitOf(m_depth)) != 0) {
             m_stored &= ~bitOf(m_depth);
-            store(Entry::What::Leave, {}, {});
+            append(Entry::What::Leave, {}, {});
         }
     } catch (const std::exception&) {
         ++m_numDropped;
@@ -106,10 +106,15 @@ void _mvLogger::beginCall() {
 bool _mvLogger::store(Entry::What what, std::string_view name, std::string_view text) {
     const std::size_t used = m_bytes.size() - (m_calls.empty() ? 0 : m_calls.back());
     const std::size_t room = kCallBytes + (what == Entry::What::Error ? kErrorBytes : 0);
-    if (used > room && what != Entry::What::Leave) {
+    if (used > room) {
         ++m_numDropped;
         return false;
     }
+    append(what, name, text);
+    return true;
+}
+
+void _mvLogger::append(Entry::What what, std::string_view name, std::string_view text) {
     const std::size_t start = m_bytes.size();
     m_bytes.push_back(static_cast<char>(what));
     m_bytes.append(kHeadSize - 1, '\0');
@@ -120,7 +125,6 @@ bool _mvLogger::store(Entry::What what, std::string_view name, std::string_view 
     const std::size_t textSize = m_bytes.size() - start - kHeadSize - nameSize;
     setLength(m_bytes, start + 1, nameSize);
     setLength(m_bytes, start + 3, textSize);
-    return true;
 }
 
 void _mvLogger::forEach(const std::function<void(const Entry&)>& visit) const {

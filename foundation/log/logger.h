@@ -45,13 +45,17 @@ class _mvLogger final : public LogBase {
     [[nodiscard]] int contextDepth() const noexcept { return m_depth; }
 
     void clear() noexcept;
+    /// In a forked child: contexts that other threads of the parent had open will not be closed.
+    void forgetOpenContexts() noexcept { m_depth = 0; }
 
   private:
     void write(Kind kind, std::string_view name, std::string_view text) noexcept override;
     void enterContext(std::string_view name) noexcept override;
     void leaveContext() noexcept override;
 
+    // Keeps an entry when the call has room left for it; append() keeps it in any case.
     bool store(Entry::What what, std::string_view name, std::string_view text);
+    void append(Entry::What what, std::string_view name, std::string_view text);
     void beginCall();
 
     std::string m_bytes;               // entries of all calls kept

@@ -211,7 +211,7 @@ bool Certificate::getPartDer(int part, DataBuffer& out, LogBase&) const {
 }
 
 void Certificate::unlinkFromPkcs11Session() noexcept {
-    const std::lock_guard lock(m_linkMutex);
+    const CritSecExitor lock(m_linkSection);
     m_link = Link();
 }
 

@@ -3,10 +3,10 @@
 
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 
+#include "foundation/core/critsec.h"
 #include "foundation/core/object.h"
 #include "foundation/log/logbase.h"
 #include "foundation/text/databuffer.h"
@@ -141,7 +141,7 @@ class Certificate final : public std::enable_shared_from_this<Certificate> {
         int expectedSignatureSize = 0;
         unsigned long keyHandle = 0;
     };
-    mutable std::mutex m_linkMutex;  // guards m_link
+    mutable MervaneCritSec m_linkSection;  // guards m_link
     Link m_link;
 };
 

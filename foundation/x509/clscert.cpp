@@ -1,8 +1,22 @@
 #include "foundation/x509/clscert.h"
 
+#include "foundation/core/guarded.h"
 #include "foundation/text/base64.h"
 
 namespace mervane {
+namespace {
+
+std::string toPem(der::Bytes der) {
+    constexpr std::size_t kLineLength = 64;  // RFC 7468 section 2
+    const std::string base64 = toBase64(der);
+    std::string out = "-----BEGIN CERTIFICATE-----\n";
+    for (std::size_t at = 0; at < base64.size(); at += kLineLength) {
+        out.append(base64, at, kLineLength).push_back('\n');
+    }
+    return out + "-----END CERTIFICATE-----\n";
+}
+
+}  // namespace
 
 bool ClsCert::injectCert(Certificate* cert, LogBase&) {
     const CritSecExitor lock(*this);
@@ -17,7 +31,8 @@ std::shared_ptr<Certificate> ClsCert::getCert() {
 
 void ClsCert::readText(TextReader reader, XString& out) {
     const CritSecExitor lock(*this);
-    if (!m_cert || !((*m_cert).*reader)(out, m_log)) out.clear();
+    const bool known = guarded(m_log, [&] { return m_cert && ((*m_cert).*reader)(out, m_log); });
+    if (!known) out.clear();
 }
 
 void ClsCert::get_SubjectDN(XString& out) {
@@ -40,13 +55,7 @@ bool ClsCert::HasPrivateKey() {
 std::string ClsCert::ExportPem() {
     const CritSecExitor lock(*this);
     if (!m_cert) return {};
-    constexpr std::size_t kLineLength = 64;  // RFC 7468 section 2
-    const std::string base64 = toBase64(m_cert->der());
-    std::string out = "-----BEGIN CERTIFICATE-----\n";
-    for (std::size_t at = 0; at < base64.size(); at += kLineLength) {
-        out.append(base64, at, kLineLength).push_back('\n');
-    }
-    return out + "-----END CERTIFICATE-----\n";
+    return guarded(m_log, [this] { return toPem(m_cert->der()); });
 }
 
 }  // namespace mervane

@@ -57,8 +57,9 @@ Xml certificatePolicies(der::Bytes value) {
         if (!policy) return std::nullopt;
         der::Cursor fields(policy->content);
         const auto oid = fields.read(der::kOid);
-        if (!oid) return std::nullopt;
-        std::string content = element("oid", oidToText(oid->content));
+        const std::string dotted = oid ? oidToText(oid->content) : std::string();
+        if (dotted.empty()) return std::nullopt;
+        std::string content = element("oid", dotted);
         const auto list = fields.read(der::kSequence);
         for (der::Cursor qualifiers(list ? list->content : der::Bytes()); !qualifiers.atEnd();) {
             // PolicyQualifierInfo ::= SEQUENCE { policyQualifierId OBJECT IDENTIFIER, qualifier ANY
@@ -200,7 +201,7 @@ std::string extensionToXml(der::Bytes oid, bool critical, der::Bytes value) {
         if (form.oid != dotted) continue;
         if (const Xml content = form.write(value)) return element(form.element, *content);
     }
-    return element("extension", element("oid", dotted) +
+    return element("extension", element("extnID", dotted) +
                                     element("critical", critical ? "true" : "false") +
                                     element("hex", toHex(value)));
 }

@@ -14,8 +14,8 @@ int keyUsageBits(der::Bytes value) noexcept;
 
 /// An extension as XML in one line. Certificate policies, key usage, extended key usage, basic
 /// constraints and alternative names have a form of their own; any other, and one of these whose
-/// content is malformed, is
-/// <extension><oid>..</oid><critical>..</critical><hex>..</hex></extension>.
+/// content is malformed, is <extension><extnID>..</extnID><critical>..</critical><hex>..</hex>
+/// </extension>, without an <oid> element: that is what policies are searched by.
 ///
 ///     <certificatePolicies><policy><oid>1.2.3.4</oid></policy>..</certificatePolicies>
 ///     <keyUsage><digitalSignature/><nonRepudiation/></keyUsage>

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <utility>
 
 #include "foundation/text/hex.h"
 #include "foundation/text/utf8.h"
@@ -167,8 +168,9 @@ std::optional<std::string> stringValue(const der::Element& value) {
 
 std::optional<std::string> nameToText(der::Bytes name, bool withTags) {
     std::string out;
+    bool isFirst = true;
     const bool ok = forEachAttribute(name, [&](const Attribute& attribute) {
-        if (!out.empty() || !attribute.startsRdn) out.append(attribute.startsRdn ? ", " : "+");
+        if (!std::exchange(isFirst, false)) out.append(attribute.startsRdn ? ", " : "+");
         if (withTags) {
             appendType(out, attribute.type);
             out.push_back('=');

@@ -5,14 +5,14 @@
 namespace mervane {
 
 void SystemCerts::add(const std::shared_ptr<Certificate>& cert) {
-    const std::lock_guard lock(m_mutex);
+    const CritSecExitor lock(m_section);
     const bool known = std::ranges::any_of(
         m_certs, [&](const auto& have) { return std::ranges::equal(have->der(), cert->der()); });
     if (!known) m_certs.push_back(cert);
 }
 
 std::vector<std::shared_ptr<Certificate>> SystemCerts::all() const {
-    const std::lock_guard lock(m_mutex);
+    const CritSecExitor lock(m_section);
     return m_certs;
 }
 
@@ -23,9 +23,9 @@ SystemCertsHolder::Ptr SystemCertsHolder::getSystemCertsPtr() {
 
 void SystemCertsHolder::mergeSysCerts(SystemCertsHolder& other, LogBase&) {
     const Ptr theirs = other.getSystemCertsPtr();
-    if (!m_store) m_store = theirs;
-    if (m_store == theirs) return;
-    for (const auto& cert : theirs->all()) m_store->add(cert);
+    const Ptr ours = getSystemCertsPtr();
+    if (ours == theirs) return;
+    for (const auto& cert : theirs->all()) ours->add(cert);
 }
 
 }  // namespace mervane

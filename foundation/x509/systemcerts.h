@@ -2,7 +2,6 @@
 #define MERVANE_FOUNDATION_X509_SYSTEMCERTS_H
 
 #include <memory>
-#include <mutex>
 #include <vector>
 
 #include "foundation/x509/certificate.h"
@@ -19,7 +18,7 @@ class SystemCerts {
     [[nodiscard]] std::vector<std::shared_ptr<Certificate>> all() const;
 
   private:
-    mutable std::mutex m_mutex;  // guards m_certs
+    mutable MervaneCritSec m_section;  // guards m_certs
     std::vector<std::shared_ptr<Certificate>> m_certs;
 };
 
@@ -32,8 +31,7 @@ class SystemCertsHolder {
     [[nodiscard]] Ptr getSystemCertsPtr();
     /// Uses this store from now on.
     void setSystemCerts(Ptr store) noexcept { m_store = std::move(store); }
-    /// Uses `other`'s store when this holder has none yet; adds its certificates to the own one
-    /// otherwise.
+    /// Adds the certificates of `other`'s store to the own one.
     void mergeSysCerts(SystemCertsHolder& other, LogBase& log);
 
   private:

@@ -3,22 +3,44 @@
 #include <algorithm>
 #include <array>
 
-#include "pkcs11/calls/invoke.h"
+#include "pkcs11/calls/names.h"
 #include "pkcs11/calls/pin.h"
 
 namespace mervane {
 
+PinArgument ClsPkcs11::pinArgument(const char* pin, CK_SLOT_ID slotId, LogBase& log) {
+    PinArgument argument(pin);
+    CK_TOKEN_INFO token{};
+    if (argument.size != 0 || ask(log, entry::kGetTokenInfo, slotId, &token) != CKR_OK)
+        return argument;
+    // PKCS#11 2.40 base, C_Login and the others that take a PIN.
+    if ((token.flags & CKF_PROTECTED_AUTHENTICATION_PATH) != 0) argument.bytes = nullptr;
+    return argument;
+}
+
+void ClsPkcs11::logPinState(CK_SLOT_ID slotId, bool isOfficer, LogBase& log) {
+    CK_TOKEN_INFO token{};
+    if (ask(log, entry::kGetTokenInfo, slotId, &token) != CKR_OK) return;
+    for (const PinState& state : pinStates()) {
+        if (state.isOfficers != isOfficer || (token.flags & state.flag) == 0) continue;
+        log.LogHint(state.meaning);
+        log.LogDataBool(state.name, true);
+    }
+}
+
 bool ClsPkcs11::C_SetPIN(const char* oldPin, const char* newPin, LogBase& log) {
-    const PinArgument from(oldPin);
-    const PinArgument to(newPin);
+    if (!ready(log, entry::kSetPin)) return false;
+    const PinArgument from = pinArgument(oldPin, m_slotId, log);
+    const PinArgument to = pinArgument(newPin, m_slotId, log);
     const auto rv = ask(log, entry::kSetPin, from.bytes, from.size, to.bytes, to.size);
-    return rv && reportPinCall(entry::kSetPin.name, *rv, m_slotId, log);
+    return rv && reportPinCall(entry::kSetPin, *rv, m_slotId, m_soLoggedIn, log);
 }
 
 bool ClsPkcs11::C_InitPIN(const char* pin, LogBase& log) {
-    const PinArgument fresh(pin);
+    if (!ready(log, entry::kInitPin)) return false;
+    const PinArgument fresh = pinArgument(pin, m_slotId, log);
     const auto rv = ask(log, entry::kInitPin, fresh.bytes, fresh.size);
-    return rv && reportPinCall(entry::kInitPin.name, *rv, m_slotId, log);
+    return rv && reportPinCall(entry::kInitPin, *rv, m_slotId, false, log);
 }
 
 bool ClsPkcs11::C_InitToken(unsigned long slotId, const char* soPin, const char* label,
@@ -34,23 +56,10 @@ bool ClsPkcs11::C_InitToken(unsigned long slotId, const char* soPin, const char*
         return false;
     }
     std::ranges::copy(text, padded.begin());
-    const PinArgument pin(soPin);
+    if (!ready(log, entry::kInitToken)) return false;
+    const PinArgument pin = pinArgument(soPin, slotId, log);
     const auto rv = ask(log, entry::kInitToken, slotId, pin.bytes, pin.size, padded.data());
-    return rv && reportPinCall(entry::kInitToken.name, *rv, slotId, log);
-}
-
-bool ClsPkcs11::reportPinCall(const char* functionName, CK_RV rv, CK_SLOT_ID slotId, LogBase& log) {
-    if (report(functionName, rv, log)) return true;
-    const bool aboutPin = rv == CKR_PIN_INCORRECT || rv == CKR_PIN_LOCKED ||
-                          rv == CKR_PIN_LEN_RANGE || rv == CKR_PIN_INVALID || rv == CKR_PIN_EXPIRED;
-    CK_TOKEN_INFO token{};
-    if (!aboutPin || ask(log, entry::kGetTokenInfo, slotId, &token) != CKR_OK) return false;
-    for (const PinState& state : pinStates()) {
-        if ((token.flags & state.flag) == 0) continue;
-        log.LogHint(state.meaning);
-        log.LogDataBool(state.name, true);
-    }
-    return false;
+    return rv && reportPinCall(entry::kInitToken, *rv, slotId, true, log);
 }
 
 }  // namespace mervane

@@ -80,13 +80,14 @@ ObjectReader::State ObjectReader::judge(std::size_t row, CK_RV rv) {
         m_record.m_malformed.appendString(toHexNumber(m_rows[row].type));
         return State::Absent;
     }
-    if (given.ulValueLen == CK_UNAVAILABLE_INFORMATION) {
-        return rv == CKR_BUFFER_TOO_SMALL ? State::TooLong : State::Absent;
-    }
+    const bool isUnavailable = given.ulValueLen == CK_UNAVAILABLE_INFORMATION;
     if (m_rows[row].kind != AttrKind::Bytes) {
+        // A fixed size fits, so that "too small" says nothing about this one.
+        if (isUnavailable && rv == CKR_BUFFER_TOO_SMALL) return State::AskAgain;
         if (given.ulValueLen != room.size()) return State::Absent;
         if (isAll(room, kUnwritten)) return State::AskAgain;
     } else {
+        if (isUnavailable) return rv == CKR_BUFFER_TOO_SMALL ? State::TooLong : State::Absent;
         if (given.ulValueLen > room.size()) return State::TooLong;
         // A module that gave up at an earlier attribute has not touched this one.
         if (given.ulValueLen == room.size() && (rv != CKR_OK || isAll(room, 0)))
@@ -106,8 +107,7 @@ bool ObjectReader::read(CK_OBJECT_HANDLE object, LogBase& log) {
     const auto rv = m_owner.ask(log, entry::kGetAttributeValue, object, m_attributes.data(),
                                 static_cast<CK_ULONG>(m_rows.size()));
     m_record.m_wasPartial = rv && isPartial(*rv);
-    if (!rv ||
-        (!m_record.m_wasPartial && !m_owner.report(entry::kGetAttributeValue.name, *rv, log))) {
+    if (!rv || (!m_record.m_wasPartial && !m_owner.report(entry::kGetAttributeValue, *rv, log))) {
         log.LogDataUnsigned("objectHandle", object);
         return false;
     }

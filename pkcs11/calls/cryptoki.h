@@ -152,10 +152,10 @@ struct CK_FUNCTION_LIST {
     CK_RV (*C_GetMechanismInfo)(CK_SLOT_ID slot, CK_MECHANISM_TYPE type, CK_MECHANISM_INFO* info);
     CK_RV (*C_InitToken)(CK_SLOT_ID slot, CK_UTF8CHAR* pin, CK_ULONG pinLen, CK_UTF8CHAR* label);
     CK_RV (*C_InitPIN)(CK_SESSION_HANDLE session, CK_UTF8CHAR* pin, CK_ULONG pinLen);
-    CK_RV (*C_SetPIN)
+    CK_RV(*C_SetPIN)
     (CK_SESSION_HANDLE session, CK_UTF8CHAR* oldPin, CK_ULONG oldLen, CK_UTF8CHAR* newPin,
      CK_ULONG newLen);
-    CK_RV (*C_OpenSession)
+    CK_RV(*C_OpenSession)
     (CK_SLOT_ID slot, CK_FLAGS flags, void* application, CK_NOTIFY notify,
      CK_SESSION_HANDLE* session);
     CK_RV (*C_CloseSession)(CK_SESSION_HANDLE session);
@@ -163,18 +163,18 @@ struct CK_FUNCTION_LIST {
     CK_UNCALLED C_GetSessionInfo;
     CK_UNCALLED C_GetOperationState;
     CK_UNCALLED C_SetOperationState;
-    CK_RV (*C_Login)
+    CK_RV(*C_Login)
     (CK_SESSION_HANDLE session, CK_USER_TYPE userType, CK_UTF8CHAR* pin, CK_ULONG pinLen);
     CK_RV (*C_Logout)(CK_SESSION_HANDLE session);
     CK_UNCALLED C_CreateObject;
     CK_UNCALLED C_CopyObject;
     CK_UNCALLED C_DestroyObject;
     CK_UNCALLED C_GetObjectSize;
-    CK_RV (*C_GetAttributeValue)
+    CK_RV(*C_GetAttributeValue)
     (CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE* attributes, CK_ULONG count);
     CK_UNCALLED C_SetAttributeValue;
     CK_RV (*C_FindObjectsInit)(CK_SESSION_HANDLE session, CK_ATTRIBUTE* attributes, CK_ULONG count);
-    CK_RV (*C_FindObjects)
+    CK_RV(*C_FindObjects)
     (CK_SESSION_HANDLE session, CK_OBJECT_HANDLE* objects, CK_ULONG maxCount, CK_ULONG* count);
     CK_RV (*C_FindObjectsFinal)(CK_SESSION_HANDLE session);
     CK_UNCALLED C_EncryptInit, C_Encrypt, C_EncryptUpdate, C_EncryptFinal;

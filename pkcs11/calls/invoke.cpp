@@ -17,13 +17,13 @@ bool ClsPkcs11::readyFor(Needs needs, const char* functionName, LogBase& log) {
     if (needs == Needs::Session && m_hSession == 0) return noSession(log);
     // A module is not trusted to notice that it is not initialised.
     return needs == Needs::Table || m_initialized ||
-           report(functionName, CKR_CRYPTOKI_NOT_INITIALIZED, log);
+           reportCode(functionName, needs, CKR_CRYPTOKI_NOT_INITIALIZED, log);
 }
 
-bool ClsPkcs11::report(const char* functionName, CK_RV rv, LogBase& log) {
+bool ClsPkcs11::reportCode(const char* functionName, Needs needs, CK_RV rv, LogBase& log) {
     if (rv == CKR_OK) return true;
     const bool uninitialized = rv == CKR_CRYPTOKI_NOT_INITIALIZED;
-    const bool sessionEnded = m_hSession != 0 && (uninitialized || endsSession(rv));
+    const bool sessionEnded = needs == Needs::Session && m_hSession != 0 && endsSession(rv);
     log.LogError(std::string(functionName) + " failed with " + rvName(rv) + ".");
     log.LogData("rv", toHexNumber(rv));
     if (uninitialized) {

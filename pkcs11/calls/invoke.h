@@ -45,10 +45,15 @@ std::optional<CK_RV> ClsPkcs11::ask(LogBase& log, const Entry<N, Function>& entr
     }
 }
 
+template <Needs N, class Function>
+bool ClsPkcs11::report(const Entry<N, Function>& entry, CK_RV rv, LogBase& log) {
+    return rv == CKR_OK || reportCode(entry.name, N, rv, log);
+}
+
 template <Needs N, class Function, class... Args>
 bool ClsPkcs11::invoke(LogBase& log, const Entry<N, Function>& entry, Args... args) {
     const auto rv = ask(log, entry, args...);
-    return rv && report(entry.name, *rv, log);
+    return rv && report(entry, *rv, log);
 }
 
 }  // namespace mervane

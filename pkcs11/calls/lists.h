@@ -33,7 +33,7 @@ bool ClsPkcs11::fetchList(const Entry<N, Function>& entry, CK_ULONG limit,
         count = list.size();
         const auto rv = ask(log, entry, args..., list.data(), &count);
         if (rv == CKR_BUFFER_TOO_SMALL) continue;
-        if (!rv || !report(entry.name, *rv, log)) return false;
+        if (!rv || !report(entry, *rv, log)) return false;
         list.resize(numWritten(list, count));
         return true;
     }

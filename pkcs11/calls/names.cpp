@@ -141,17 +141,17 @@ constexpr NamedValue kObjectClasses[] = {
 };
 
 constexpr PinState kPinStates[] = {
-    {0x00080000, "userPinToBeChanged", "The user PIN has to be changed."},
-    {0x00800000, "soPinToBeChanged", "The security officer's PIN has to be changed."},
-    {0x00010000, "userPinCountLow",
+    {0x00080000, false, "userPinToBeChanged", "The user PIN has to be changed."},
+    {0x00800000, true, "soPinToBeChanged", "The security officer's PIN has to be changed."},
+    {0x00010000, false, "userPinCountLow",
      "A wrong user PIN has been entered at least once since the last right one."},
-    {0x00100000, "soPinCountLow",
+    {0x00100000, true, "soPinCountLow",
      "A wrong security officer's PIN has been entered at least once since the last right one."},
-    {0x00020000, "userPinFinalTry", "One more wrong user PIN locks it."},
-    {0x00200000, "soPinFinalTry", "One more wrong security officer's PIN locks it."},
-    {0x00040000, "userPinLocked",
+    {0x00020000, false, "userPinFinalTry", "One more wrong user PIN locks it."},
+    {0x00200000, true, "soPinFinalTry", "One more wrong security officer's PIN locks it."},
+    {0x00040000, false, "userPinLocked",
      "The user PIN is locked; the security officer can set a new one."},
-    {0x00400000, "soPinLocked", "The security officer's PIN is locked."},
+    {0x00400000, true, "soPinLocked", "The security officer's PIN is locked."},
 };
 
 std::string nameOf(std::span<const NamedValue> names, CK_ULONG value) {

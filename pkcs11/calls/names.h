@@ -33,6 +33,7 @@ std::vector<std::string> mechanismFlagNames(CK_FLAGS flags);
 /// A token flag that tells how a PIN stands.
 struct PinState {
     CK_FLAGS flag;
+    bool isOfficers;
     std::string_view name;     // key of the log value
     std::string_view meaning;  // a sentence
 };

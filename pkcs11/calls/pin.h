@@ -3,8 +3,7 @@
 
 #include <string>
 
-#include "pkcs11/calls/cryptoki.h"
-#include "pkcs11/calls/names.h"
+#include "pkcs11/calls/invoke.h"
 
 namespace mervane {
 
@@ -18,6 +17,14 @@ struct PinArgument {
     CK_UTF8CHAR* bytes;
     CK_ULONG size;
 };
+
+template <Needs N, class Function>
+bool ClsPkcs11::reportPinCall(const Entry<N, Function>& entry, CK_RV rv, CK_SLOT_ID slotId,
+                              bool isOfficer, LogBase& log) {
+    if (report(entry, rv, log)) return true;
+    if (isAboutPin(rv)) logPinState(slotId, isOfficer, log);
+    return false;
+}
 
 }  // namespace mervane
 

@@ -51,19 +51,19 @@ bool readWord(const JsonValue& value, const std::array<Word, N>& words,
 
 bool readHex(const JsonValue& value, std::optional<std::vector<std::uint8_t>>& out) {
     const std::string* const text = value.asString();
-    if (text != nullptr) out = fromHex(*text);
+    out = text == nullptr ? std::nullopt : fromHex(*text);
     return out.has_value();
 }
 
 bool readText(const JsonValue& value, std::optional<std::vector<std::uint8_t>>& out) {
     const std::string* const text = value.asString();
     if (text != nullptr) out.emplace(text->begin(), text->end());
-    return out.has_value();
+    return text != nullptr;
 }
 
 bool readBool(const JsonValue& value, std::optional<bool>& out) {
     if (value.asBool() != nullptr) out = *value.asBool();
-    return out.has_value();
+    return value.asBool() != nullptr;
 }
 
 struct Member {
@@ -90,7 +90,8 @@ constexpr std::array kMembers = {
     Member{"token", "true or false",
            [](const JsonValue& v, Description& d) { return readBool(v, d.onToken); }},
     // What an earlier search left in the document.
-    Member{"handle", "", [](const JsonValue&, Description&) { return true; }},
+    Member{"handle", "a number",
+           [](const JsonValue& v, Description&) { return v.asNumber() != nullptr; }},
 };
 
 bool readDescription(const ClsJsonObject& json, Description& out, LogBase& log) {
@@ -106,6 +107,10 @@ bool readDescription(const ClsJsonObject& json, Description& out, LogBase& log) 
             log.LogError("The description has an unknown member: \"" + given.name + "\".");
             return false;
         }
+        if (&given.value != json.valueAt("")->find(given.name)) {
+            log.LogError("The description names \"" + given.name + "\" twice.");
+            return false;
+        }
         if (!member->read(given.value, out)) {
             log.LogError("The member \"" + given.name + "\" of the description is not " +
                          std::string(member->form) + ".");
@@ -113,6 +118,17 @@ bool readDescription(const ClsJsonObject& json, Description& out, LogBase& log) 
         }
     }
     return true;
+}
+
+// Whether objects of a class have the attributes that the description names: modules refuse
+// searches for others. Serial numbers are of certificates, key types of keys, subjects of both, and
+// data objects have a label only.
+bool mayHave(CK_ULONG objectClass, const Description& wanted) noexcept {
+    const bool isCert = objectClass == CKO_CERTIFICATE;
+    const bool isKey = objectClass == CKO_PUBLIC_KEY || objectClass == CKO_PRIVATE_KEY;
+    const bool isSecret = objectClass == CKO_SECRET_KEY;
+    return (!wanted.serialNumber || isCert) && (!wanted.subject || isCert || isKey) &&
+           (!wanted.keyType || isKey || isSecret) && (!wanted.id || isCert || isKey || isSecret);
 }
 
 // INTEGER in DER of an unsigned number, as CKA_SERIAL_NUMBER has it.
@@ -286,11 +302,13 @@ JsonValue keyToJson(const ObjectReader& reader, CK_OBJECT_HANDLE handle, const K
 int ClsPkcs11::findObject(ClsJsonObject& json, LogBase& log) {
     Description wanted;
     if (!readDescription(json, wanted, log)) return 0;
+    json.root().remove("handle");
     std::vector<std::vector<std::uint8_t>> serials(1);
     if (wanted.serialNumber) serials = {derInteger(*wanted.serialNumber), *wanted.serialNumber};
 
     for (const Word& word : kClassWords) {
-        if (wanted.objectClass && *wanted.objectClass != word.value) continue;
+        if (wanted.objectClass ? *wanted.objectClass != word.value : !mayHave(word.value, wanted))
+            continue;
         // Modules keep the serial number in DER, as the standard has it, or bare.
         for (const auto& serial : serials) {
             ObjectQuery query(word.value);

@@ -141,6 +141,10 @@ std::string_view rvHint(CK_RV rv) noexcept {
     return row == nullptr ? std::string_view() : row->hint;
 }
 
+bool isAboutPin(CK_RV rv) noexcept {
+    return rv >= CKR_PIN_INCORRECT && rv <= CKR_PIN_LOCKED;
+}
+
 bool endsSession(CK_RV rv) noexcept {
     return rv == CKR_SESSION_HANDLE_INVALID || rv == CKR_SESSION_CLOSED ||
            rv == CKR_TOKEN_NOT_PRESENT || rv == CKR_TOKEN_NOT_RECOGNIZED ||

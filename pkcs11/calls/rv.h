@@ -40,6 +40,9 @@ std::string rvName(CK_RV rv);
 /// One sentence that says what usually helps; empty where no single thing does.
 std::string_view rvHint(CK_RV rv) noexcept;
 
+/// The PIN that was given is wrong, locked, expired or not of the token's form.
+bool isAboutPin(CK_RV rv) noexcept;
+
 /// The session the call was made on does not exist any more, or its token does not.
 bool endsSession(CK_RV rv) noexcept;
 

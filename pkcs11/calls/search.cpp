@@ -78,13 +78,13 @@ bool ClsPkcs11::findObjects(std::span<CK_ATTRIBUTE> query, std::size_t limit,
         ask(log, entry::kFindObjectsFinal);
         rv = begin();
     }
-    if (!rv || !report(entry::kFindObjectsInit.name, *rv, log)) return false;
+    if (!rv || !report(entry::kFindObjectsInit, *rv, log)) return false;
     {
         const FindOperation operation(*this, log);
         rv = gatherObjects(limit, handles, log);
     }
     // Reported when the search has ended: the report may give the session up.
-    return rv && report(entry::kFindObjects.name, *rv, log);
+    return rv && report(entry::kFindObjects, *rv, log);
 }
 
 std::optional<CK_RV> ClsPkcs11::gatherObjects(std::size_t limit,

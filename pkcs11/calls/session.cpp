@@ -35,7 +35,7 @@ bool ClsPkcs11::getPkcs11Functions(LogBase& log) {
     if (getList == nullptr) return noFunc("C_GetFunctionList", log);
     CK_FUNCTION_LIST* list = nullptr;
     const CK_RV rv = callModule(log, getList, &list);
-    if (rv != CKR_OK) return report("C_GetFunctionList", rv, log);
+    if (rv != CKR_OK) return reportCode("C_GetFunctionList", Needs::Table, rv, log);
     if (list == nullptr || (list->version.major != 2 && list->version.major != 3)) {
         log.LogError(list == nullptr
                          ? "C_GetFunctionList gave no function list."
@@ -70,7 +70,7 @@ bool ClsPkcs11::C_Initialize(LogBase& log) {
     }
     if (rv != CKR_OK && rv != CKR_CRYPTOKI_ALREADY_INITIALIZED) {
         ledger::forget(m_funcs);
-        return rv && report(entry::kInitialize.name, *rv, log);
+        return rv && report(entry::kInitialize, *rv, log);
     }
     if (rv == CKR_OK) {
         ledger::markOurs(m_funcs);
@@ -79,12 +79,12 @@ bool ClsPkcs11::C_Initialize(LogBase& log) {
     }
     m_holdsModule = true;
     m_initialized = true;
-    if (!m_exitWatched) watchProcessExit(this);
-    m_exitWatched = true;
+    watchProcessExit(this, m_funcs);
     return true;
 }
 
 void ClsPkcs11::releaseModule(LogBase& log) noexcept {
+    m_anchor->setSession(0);  // links end before what they lead to does
     if (m_funcs == nullptr || !m_holdsModule) return;
     if (m_hSession != 0) closeQuietly(m_hSession, log);
     m_holdsModule = false;
@@ -103,7 +103,7 @@ bool ClsPkcs11::getSlotIdsWithTokenPresent(unsigned long* slotIds, unsigned int&
         count = static_cast<unsigned int>(numWritten(room, numSlots));
         return true;
     }
-    if (rv != CKR_BUFFER_TOO_SMALL) return rv && report(entry::kGetSlotList.name, *rv, log);
+    if (rv != CKR_BUFFER_TOO_SMALL) return rv && report(entry::kGetSlotList, *rv, log);
 
     // More than fit: all are fetched, since the standard fills nothing in that case.
     std::vector<CK_SLOT_ID> all;
@@ -125,7 +125,7 @@ bool ClsPkcs11::getSlotList(bool onlyTokensPresent, std::vector<CK_SLOT_ID>& slo
 
 void ClsPkcs11::setSession(CK_SESSION_HANDLE session) noexcept {
     m_hSession = session;
-    m_anchor->sessionNumber.store(session == 0 ? 0 : ++m_lastSessionNumber);
+    m_anchor->setSession(session == 0 ? 0 : ++m_lastSessionNumber);
 }
 
 bool ClsPkcs11::C_OpenSession(unsigned long slotId, bool, bool readWrite, LogBase& log) {
@@ -142,7 +142,7 @@ bool ClsPkcs11::C_OpenSession(unsigned long slotId, bool, bool readWrite, LogBas
         if (!C_CloseSession(log)) return false;
         rv = open();
     }
-    if (!rv || !report(entry::kOpenSession.name, *rv, log)) {
+    if (!rv || !report(entry::kOpenSession, *rv, log)) {
         log.LogDataUnsigned("slotId", slotId);
         return false;
     }
@@ -181,21 +181,15 @@ bool ClsPkcs11::C_CloseSession(LogBase& log) {
 
 bool ClsPkcs11::C_Login(int userType, const char* pin, bool, LogBase& log) {
     if (!ready(log, entry::kLogin)) return false;
-    PinArgument argument(pin);
-    if (argument.size == 0) {
-        CK_TOKEN_INFO token{};
-        const auto rv = ask(log, entry::kGetTokenInfo, m_slotId, &token);
-        // Null makes the reader ask on its own keys (PKCS#11 2.40 base, C_Login).
-        if (rv == CKR_OK && (token.flags & CKF_PROTECTED_AUTHENTICATION_PATH) != 0)
-            argument.bytes = nullptr;
-    }
+    const PinArgument argument = pinArgument(pin, m_slotId, log);
     const auto rv =
         ask(log, entry::kLogin, static_cast<CK_USER_TYPE>(userType), argument.bytes, argument.size);
     if (!rv) return false;
     if (rv == CKR_USER_ALREADY_LOGGED_IN) {
         log.LogInfo("The user was logged in already; the PIN was not tried.");
     } else if (rv != CKR_OK) {
-        return reportPinCall(entry::kLogin.name, *rv, m_slotId, log);
+        return reportPinCall(entry::kLogin, *rv, m_slotId,
+                             static_cast<CK_USER_TYPE>(userType) == CKU_SO, log);
     }
     if (static_cast<CK_USER_TYPE>(userType) == CKU_USER) m_userLoggedIn = true;
     if (static_cast<CK_USER_TYPE>(userType) == CKU_SO) m_soLoggedIn = true;
@@ -210,11 +204,11 @@ bool ClsPkcs11::C_Logout(LogBase& log) {
     const auto rv = ask(log, entry::kLogout);
     if (!rv) return false;
     if (rv == CKR_OK || rv == CKR_USER_NOT_LOGGED_IN) {
-        m_userLoggedIn = m_soLoggedIn = false;
-        clearCertCache(log);
-        clearPrivateKeyCaches();
+        const CK_SESSION_HANDLE session = m_hSession;
+        dropSession(log);
+        setSession(session);  // goes on under another number: links that need the login are void
     }
-    return report(entry::kLogout.name, *rv, log);
+    return report(entry::kLogout, *rv, log);
 }
 
 }  // namespace mervane

@@ -1,0 +1,274 @@
+// The certificate cache, its enumeration, and every rule of FindCert.
+
+#include "tests/support.h"
+
+namespace mervane::test {
+namespace {
+
+class CertsTest : public FakeTest {
+  protected:
+    // "alice, bob" or the error, from one FindCert.
+    std::string find(const std::string& part, const std::string& value) {
+        ClsCert cert;
+        const bool found = p11->FindCert(XString(part), XString(value), cert);
+        EXPECT_EQ(found, cert.getCert() != nullptr);
+        return found ? cn(cert) : p11->errors().back();
+    }
+    void tokenOf(std::initializer_list<const char*> certs) {
+        objects().clear();
+        CK_OBJECT_HANDLE handle = 10;
+        for (const char* const name : certs) {
+            objects().push_back(certObject(handle++, name, name));
+            objects().push_back(keyObject(handle++, name, {.id = name}));
+        }
+        ASSERT_TRUE(quick());
+    }
+};
+
+TEST_F(CertsTest, CacheIsEnumeratedInTheOrderOfTheToken) {
+    EXPECT_EQ(p11->get_NumCerts(), 0);
+    ClsCert cert;
+    EXPECT_FALSE(p11->GetCert(0, cert));
+    EXPECT_THAT(p11->errors(), ElementsAre("Error loading certificate object from DER."));
+    tokenOf({"bob", "alice", "p256"});
+    ASSERT_TRUE(p11->FindAllCerts());
+    ASSERT_EQ(p11->get_NumCerts(), 3);
+    for (const auto& [index, name] : {std::pair{0, "Bob"}, {1, "Alice"}, {2, "Curve 256"}}) {
+        EXPECT_TRUE(p11->GetCert(index, cert));
+        EXPECT_EQ(cn(cert), name);
+        EXPECT_EQ(cert.getCert()->tokenInfo().handle, 10U + 2U * static_cast<unsigned>(index));
+    }
+    forget();
+    EXPECT_FALSE(p11->GetCert(-1, cert));
+    EXPECT_FALSE(p11->GetCert(3, cert));
+    EXPECT_EQ(cn(cert), "Curve 256");  // untouched
+    EXPECT_THAT(p11->errors(), ElementsAre("Error loading certificate object from DER.",
+                                           "Error loading certificate object from DER."));
+    p11->m_certs.appendObject(std::make_unique<CertificateHolder>(nullptr));
+    EXPECT_FALSE(p11->GetCert(3, cert));
+    EXPECT_EQ(p11->errors().back(), "Internal error getting cert.");
+}
+
+TEST_F(CertsTest, ClearingUnlinksWhatWasHandedOut) {
+    tokenOf({"alice"});
+    ClsCert cert;
+    ASSERT_TRUE(p11->FindCert(XString("privateKey"), XString(), cert));
+    EXPECT_TRUE(cert.HasPrivateKey());
+    p11->clearCertCache(p11->log());
+    EXPECT_THAT(p11->contexts(), Contains("clearPkcs11CertCache"));
+    EXPECT_EQ(p11->get_NumCerts(), 0);
+    EXPECT_FALSE(cert.HasPrivateKey());
+    EXPECT_EQ(cn(cert), "Alice");
+}
+
+TEST_F(CertsTest, ReadingAgainLeavesLinksOfWhatWasHandedOut) {
+    tokenOf({"alice"});
+    ClsCert cert;
+    ASSERT_TRUE(p11->FindCert(XString("privateKey"), XString(), cert));
+    ASSERT_TRUE(p11->FindAllCerts());
+    EXPECT_TRUE(cert.HasPrivateKey());
+    ASSERT_TRUE(p11->CloseSession());
+    EXPECT_FALSE(cert.HasPrivateKey());
+}
+
+TEST_F(CertsTest, ObjectsThatAreNoCertificatesArePassedOver) {
+    tokenOf({"alice"});
+    fake::Object broken = certObject(40, "bob", "x");
+    broken.attributes[CKA_VALUE] = fake::bytesOf("no DER");
+    fake::Object other = certObject(41, "bob", "y");
+    other.attributes[CKA_CERTIFICATE_TYPE] = fake::bytesOf(CK_ULONG{1});
+    fake::Object secret = certObject(42, "bob", "z");
+    secret.sensitive.insert(CKA_VALUE);
+    fake::Object padded = certObject(43, "bob", "");
+    padded.attributes[CKA_VALUE].resize(padded.attributes[CKA_VALUE].size() + 100);
+    fake::Object large = certObject(44, "p256", "w");
+    large.attributes[CKA_VALUE].resize(20000);  // more than the common room
+    fake::Object gone = certObject(45, "bob", "v");
+    for (const auto& object : {broken, other, secret, padded, large, gone})
+        objects().push_back(object);
+    world.answer = [this](auto& f, auto i) {
+        const bool vanished = f == "C_GetAttributeValue" && world.journal[i].arguments[1] == 45;
+        return vanished ? std::optional<CK_RV>(0x082) : std::nullopt;
+    };
+    forget();
+    ASSERT_TRUE(p11->FindAllCerts());
+    EXPECT_EQ(p11->get_NumCerts(), 3);
+    EXPECT_EQ(find("CN", "Bob"), "Bob");
+    EXPECT_EQ(find("CN", "Curve 256"), "Curve 256");
+    EXPECT_THAT(p11->errors(),
+                ElementsAre("The bytes are not an X.509 certificate.",
+                            "A certificate object is passed over: its value cannot be read.",
+                            "C_GetAttributeValue failed with CKR_OBJECT_HANDLE_INVALID."));
+    EXPECT_THAT(p11->infos(),
+                Contains("A certificate object is passed over: it is not an X.509 certificate."));
+    EXPECT_THAT(p11->values(), Contains("objectHandle=45"));
+    EXPECT_EQ(world.count("C_GetAttributeValue"), 7U + 2U);  // two more for the large one
+}
+
+TEST_F(CertsTest, FailedReadKeepsTheCertificatesReadBefore) {
+    tokenOf({"alice"});
+    ASSERT_TRUE(p11->FindAllCerts());
+    for (const std::string function :
+         {"C_FindObjectsInit", "C_FindObjects", "C_GetAttributeValue"}) {
+        world.answer = [&](auto& f, auto) {
+            return f == function ? std::optional<CK_RV>(0x30) : std::nullopt;
+        };
+        EXPECT_FALSE(p11->FindAllCerts());
+        EXPECT_THAT(p11->log().lastError(), HasSubstr("failed with CKR_DEVICE_ERROR"));
+        EXPECT_EQ(p11->get_NumCerts(), 1);
+    }
+}
+
+TEST_F(CertsTest, SearchLeftOpenBySomebodyIsEndedOnce) {
+    tokenOf({"alice"});
+    int numActive = 1;
+    world.answer = [&](auto& f, auto) {
+        return f == "C_FindObjectsInit" && numActive-- > 0 ? std::optional(CKR_OPERATION_ACTIVE)
+                                                           : std::nullopt;
+    };
+    EXPECT_TRUE(p11->FindAllCerts());
+    EXPECT_EQ(world.count("C_FindObjectsFinal"), 2U);
+}
+
+TEST_F(CertsTest, EveryRuleFindsItsCertificateAndNoOther) {
+    objects() = {certObject(10, "alice", "a"), certObject(11, "bob", "b"),
+                 certObject(12, "p256", "c")};
+    ASSERT_TRUE(quick());
+    LogNull log;
+    XString print;
+    XString withTags;
+    loadCert("bob")->getSha1ThumbprintX(print, log);
+    loadCert("bob")->getSubjectDN(withTags, log);
+    const std::string thumbprint(print.view());
+    std::string lower = thumbprint;
+    std::ranges::transform(lower, lower.begin(), toLowerAscii);
+    const std::string aliceTags = "C=EX, O=Acme, OU=Sales, CN=Alice, E=alice@example.org";
+    const std::string alicePlain = "EX, Acme, Sales, Alice, alice@example.org";
+    const std::string none = "Not found.";
+    const struct {
+        std::string part;
+        std::string value;
+        std::string found;
+    } rows[] = {
+        {"", "whatever", "Alice"},
+        {"  ", "", "Alice"},
+        {"subjectDN_withTags", aliceTags, "Alice"},
+        {"SUBJECTDN_WITHTAGS", std::string(withTags.view()), "Bob"},
+        {"subjectDN_withTags", alicePlain, none},
+        {"subjectDN", alicePlain, "Alice"},
+        {"mySubjectDNx", alicePlain, "Alice"},
+        {"subjectDN", aliceTags, none},
+        {"subjectDN", "ex, Acme, Sales, Alice, alice@example.org", none},
+        {"issuerCN", "0A1B:Test CA", "Alice"},
+        {"issuerSerial", "0A1B:Test CA", "Alice"},
+        {" SerialIssuer ", "0A1B:Test CA", "Alice"},
+        {"issuerCN", "Test CA", none},       // the joined form, not the CN alone
+        {"issuerCN", "0a1b:Test CA", none},  // case counts here
+        {"serial", "0a1b", "Alice"},
+        {"issuer_serial", "0A1B", "Alice"},  // "serial" is what it contains
+        {"serial", "0A1B:Test CA", none},
+        {"serial", "FF00112233445566778899AABBCCDDEEFF001122", "Bob"},
+        {"thumbprint", thumbprint, "Bob"},
+        {"sha1Thumbprint", lower, "Bob"},
+        {"thumbprint", thumbprint.substr(2), none},
+        {"policyOid", " 1.2.3.4 ", "Alice"},
+        {"policyOid", "1.2.3", none},
+        {"policyOid", "1.2.3.45", "Bob"},
+        {"keyUsage", "NonRepudiation", "Alice"},
+        {"keyUsage", "digitalSignature", "Alice"},
+        {"keyUsage", "keyEncipherment", none},
+        {"keyUsage", "dataEncipherment", none},
+        {"keyUsage", "certificateSigning", "Bob"},
+        {"keyUsage", "crlSigning", "Bob"},
+        {"keyUsage", "offlineCrlSign", "Bob"},
+        {"keyUsage", "keyAgreement", "Curve 256"},
+        {"keyUsage", "encipherOnly, other", "Curve 256"},
+        {"keyUsage", "decipherOnly", none},
+        {"myKeyUsage", "NonRepudiation", none},  // the value's case is left alone
+        {"myKeyUsage", "nonrepudiation", "Alice"},
+        {"CN", "Bob", "Bob"},
+        {"cn", "bob", none},
+        {"Organization", "Acme", "Alice"},
+        {" o ", "Zürich , \"Süd\"", "Bob"},
+        {"EMAIL", "alice@example.org", "Alice"},
+        {"e", "alice@example.org", "Alice"},
+        {"uid", "b7", "Bob"},
+        {"st", " padded ", "Bob"},
+        {"2.5.4.11", "Sales", "Alice"},
+        {"L", "anywhere", none},
+        {"no such part", "x", none},
+        {"privatekeys", "x", none},
+    };
+    for (const auto& row : rows)
+        EXPECT_EQ(find(row.part, row.value), row.found) << row.part << " = " << row.value;
+    EXPECT_EQ(world.count("C_FindObjectsInit"), 1U);  // the cache is filled once
+    EXPECT_THAT(p11->values(), Contains("checking=0A1B:Test CA"));
+    EXPECT_THAT(p11->values(), Contains("checking="));
+    EXPECT_THAT(p11->infos(), Contains("Simply choosing the 1st encountered certificate..."));
+    EXPECT_THAT(p11->values(), Contains("chosenCert=" + aliceTags));
+    EXPECT_THAT(p11->values(), Contains("certPart=SerialIssuer"));
+}
+
+TEST_F(CertsTest, EmptyTokenAndFailedReadFindNothing) {
+    ASSERT_TRUE(quick());
+    EXPECT_EQ(find("", ""), "Not found.");
+    EXPECT_EQ(find("privateKey", ""), "Not found.");
+    ASSERT_TRUE(p11->CloseSession());
+    EXPECT_EQ(find("CN", "x"), "No PKCS11 session is open.");
+}
+
+TEST_F(CertsTest, OtherIssuersAreChosenBeforeTheAuthenticationCa) {
+    const struct {
+        std::initializer_list<const char*> order;
+        std::string chosen;
+    } rows[] = {
+        {{"auth1", "alice"}, "Alice"},
+        {{"alice", "auth1"}, "Alice"},
+        {{"auth1"}, "Auth one"},
+        {{"auth1", "auth2"}, "Auth two"},
+        {{"auth1", "auth2", "alice"}, "Auth two"},
+    };
+    for (const auto& row : rows) {
+        p11 = std::make_unique<Pkcs11>();
+        p11->put_SharedLibPath(XString(module.path()));
+        tokenOf(row.order);
+        EXPECT_EQ(find(" PrivateKey ", "ignored"), row.chosen);
+        const auto infos = p11->infos();
+        EXPECT_EQ(std::ranges::count(infos, "The candidate certificate was chosen."),
+                  row.order.size() == 1 ? 1 : 0);
+        const auto values = p11->values();
+        const bool named =
+            std::ranges::any_of(values, [](auto& v) { return v.starts_with("chosenCertDN="); });
+        EXPECT_EQ(named, row.order.size() != 1);
+    }
+}
+
+TEST_F(CertsTest, CertificatesWithoutKeysAreNotChosenForTheirKey) {
+    objects() = {certObject(10, "alice", "a"), certObject(11, "bob", "b"),
+                 certObject(12, "ed", "c")};
+    ASSERT_TRUE(quick());
+    EXPECT_EQ(find("privateKey", ""), "Not found.");
+    EXPECT_THAT(p11->values(), Contains("hasPrivateKey=false"));
+    EXPECT_THAT(p11->errors(), Contains("Only EC and RSA keys are supported on PKCS11."));
+    EXPECT_THAT(p11->values(), Contains("certKeyType=0"));
+}
+
+TEST_F(CertsTest, SystemCertificatesAreSetByIndexAndMergedByRule) {
+    tokenOf({"alice"});
+    ClsCert cert;
+    const auto own = cert.systemCerts().getSystemCertsPtr();
+    own->add(loadCert("bob"));
+    ASSERT_TRUE(p11->FindCert(XString("CN"), XString("Alice"), cert));
+    EXPECT_EQ(cert.systemCerts().getSystemCertsPtr(), own);
+    ASSERT_TRUE(p11->GetCert(0, cert));
+    EXPECT_NE(cert.systemCerts().getSystemCertsPtr(), own);
+    cert.systemCerts().getSystemCertsPtr()->add(loadCert("p256"));  // the token's store
+    ClsCert fresh;
+    ASSERT_TRUE(p11->FindCert(XString("CN"), XString("Alice"), fresh));
+    EXPECT_NE(fresh.systemCerts().getSystemCertsPtr(), cert.systemCerts().getSystemCertsPtr());
+    EXPECT_EQ(fresh.systemCerts().getSystemCertsPtr()->all().size(), 1U);
+    EXPECT_EQ(own->all().size(), 1U);
+}
+
+}  // namespace
+}  // namespace mervane::test

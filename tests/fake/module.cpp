@@ -1,0 +1,410 @@
+// A PKCS#11 module that does what its world says. Within that it behaves as the standard has it,
+// and notes whatever its caller does against the standard.
+
+#include <algorithm>
+#include <cstring>
+#include <utility>
+
+#include "tests/fake/world.h"
+
+using namespace mervane;
+using namespace mervane::fake;
+
+namespace {
+
+World& world() {
+    return *fakeWorld();
+}
+
+// Runs one call: journal, scripted answer, the function itself, the lie about its outputs.
+template <class Body>
+CK_RV call(const char* function, std::vector<CK_ULONG> arguments, Outputs outputs, Body body) {
+    World& w = world();
+    const bool isMeeting = w.inside.fetch_add(1) != 0;
+    const std::lock_guard lock(w.mutex);
+    if (isMeeting) w.violations.emplace_back(std::string("two calls at once: ") + function);
+    struct Leave {
+        World& w;
+        ~Leave() { w.inside.fetch_sub(1); }
+    } const leave{w};
+    const std::size_t index = w.journal.size();
+    const std::string name = function;
+    if (!w.initialized && name != "C_Initialize" && name != "C_GetFunctionList") {
+        w.violations.push_back("called without initialization: " + name);
+    }
+    w.journal.push_back({name, std::move(arguments), CKR_OK});
+    std::optional<CK_RV> rv;
+    if (w.answer) rv = w.answer(name, index);
+    outputs.function = name;
+    outputs.index = index;
+    outputs.result = rv ? *rv : body(w);
+    if (!rv && w.lie) w.lie(outputs);
+    w.journal[index].result = outputs.result;
+    return outputs.result;
+}
+
+// The same for a function on a session: notes a handle that was never given or is closed.
+template <class Body>
+CK_RV sessionCall(const char* function, CK_SESSION_HANDLE session, std::vector<CK_ULONG> arguments,
+                  Outputs outputs, Body body) {
+    arguments.insert(arguments.begin(), session);
+    return call(function, std::move(arguments), outputs, [&](World& w) -> CK_RV {
+        const auto at = w.sessions.find(session);
+        if (at == w.sessions.end()) {
+            if (session == 0 || session > w.lastSession)
+                w.violations.emplace_back(std::string("unknown session: ") + function);
+            return CKR_SESSION_HANDLE_INVALID;
+        }
+        Slot& slot = w.slot(at->second);
+        if (!slot.tokenPresent) return CKR_DEVICE_REMOVED;
+        return body(w, slot);
+    });
+}
+
+template <std::size_t N>
+void pad(unsigned char (&field)[N], const std::string& text) {
+    std::memset(field, ' ', N);
+    std::memcpy(field, text.data(), std::min(N, text.size()));
+}
+
+// The standard's way with lists: the length, too little room, or the list.
+CK_RV giveList(const std::vector<CK_ULONG>& all, CK_ULONG* list, CK_ULONG* count) {
+    const CK_ULONG room = *count;
+    *count = all.size();
+    if (list == nullptr) return CKR_OK;
+    if (room < all.size()) return CKR_BUFFER_TOO_SMALL;
+    std::ranges::copy(all, list);
+    return CKR_OK;
+}
+
+const Slot* findSlot(World& w, CK_SLOT_ID id) {
+    const auto at = std::ranges::find(w.slots, id, &Slot::id);
+    return at == w.slots.end() ? nullptr : &*at;
+}
+
+bool isSeen(const Object& object, const Slot& slot) {
+    return !object.isPrivate || slot.loggedIn == CKU_USER;
+}
+
+CK_RV initialize(void* args) {
+    return call("C_Initialize", {args == nullptr ? 0UL : 1UL}, {}, [&](World& w) -> CK_RV {
+        if (w.needsNullArguments && args != nullptr) return CKR_ARGUMENTS_BAD;
+        if (w.initialized || w.initializedByOthers) {
+            w.initialized = true;
+            return CKR_CRYPTOKI_ALREADY_INITIALIZED;
+        }
+        w.initialized = true;
+        return CKR_OK;
+    });
+}
+
+CK_RV finalize(void*) {
+    return call("C_Finalize", {}, {}, [](World& w) -> CK_RV {
+        if (w.initializedByOthers) w.violations.emplace_back("finalized what others initialized");
+        w.initialized = false;
+        w.numClosed += static_cast<int>(w.sessions.size());
+        w.sessions.clear();
+        w.searches.clear();
+        for (Slot& slot : w.slots) slot.loggedIn.reset();
+        return CKR_OK;
+    });
+}
+
+CK_RV getInfo(CK_INFO* info) {
+    return call("C_GetInfo", {}, {.info = info}, [&](World&) -> CK_RV {
+        *info = {};
+        info->cryptokiVersion = {2, 40};
+        info->libraryVersion = {1, 7};
+        pad(info->manufacturerID, "Fake maker");
+        pad(info->libraryDescription, "Fake module");
+        return CKR_OK;
+    });
+}
+
+CK_RV getSlotList(CK_BBOOL present, CK_SLOT_ID* list, CK_ULONG* count) {
+    return call("C_GetSlotList", {present, list == nullptr ? 0UL : *count},
+                {.ids = list, .room = *count, .count = count}, [&](World& w) {
+                    std::vector<CK_ULONG> ids;
+                    for (const Slot& slot : w.slots) {
+                        if (present == CK_FALSE || slot.tokenPresent) ids.push_back(slot.id);
+                    }
+                    return giveList(ids, list, count);
+                });
+}
+
+CK_RV getSlotInfo(CK_SLOT_ID id, CK_SLOT_INFO* info) {
+    return call("C_GetSlotInfo", {id}, {.slotInfo = info}, [&](World& w) -> CK_RV {
+        const Slot* const slot = findSlot(w, id);
+        if (slot == nullptr) return 0x003;  // CKR_SLOT_ID_INVALID
+        *info = {};
+        pad(info->slotDescription, "Fake slot");
+        pad(info->manufacturerID, "Fake maker");
+        info->flags = (slot->tokenPresent ? 1U : 0U) | 0x6U;
+        return CKR_OK;
+    });
+}
+
+CK_RV getTokenInfo(CK_SLOT_ID id, CK_TOKEN_INFO* info) {
+    return call("C_GetTokenInfo", {id}, {.tokenInfo = info}, [&](World& w) -> CK_RV {
+        const Slot* const slot = findSlot(w, id);
+        if (slot == nullptr) return 0x003;
+        if (!slot->tokenPresent) return CKR_TOKEN_NOT_PRESENT;
+        *info = {};
+        pad(info->label, slot->label);
+        pad(info->manufacturerID, "Fake maker");
+        pad(info->model, "Model F");
+        pad(info->serialNumber, "0001");
+        info->flags = slot->flags;
+        info->ulMinPinLen = 4;
+        info->ulMaxPinLen = 64;
+        info->ulTotalPublicMemory = info->ulFreePublicMemory = CK_UNAVAILABLE_INFORMATION;
+        info->ulTotalPrivateMemory = info->ulFreePrivateMemory = CK_UNAVAILABLE_INFORMATION;
+        return CKR_OK;
+    });
+}
+
+CK_RV getMechanismList(CK_SLOT_ID id, CK_MECHANISM_TYPE* list, CK_ULONG* count) {
+    return call("C_GetMechanismList", {id, list == nullptr ? 0UL : *count},
+                {.ids = list, .room = *count, .count = count},
+                [&](World& w) { return giveList(w.slot(id).mechanisms, list, count); });
+}
+
+CK_RV getMechanismInfo(CK_SLOT_ID id, CK_MECHANISM_TYPE type, CK_MECHANISM_INFO* info) {
+    return call("C_GetMechanismInfo", {id, type}, {.mechanismInfo = info}, [&](World&) -> CK_RV {
+        *info = {512, 4096, 0x2800};
+        return CKR_OK;
+    });
+}
+
+CK_RV checkPin(Slot& slot, bool isOfficer, const unsigned char* pin, CK_ULONG size) {
+    const CK_FLAGS low = isOfficer ? 0x100000 : 0x10000;
+    const CK_FLAGS finalTry = low << 1;
+    const CK_FLAGS locked = low << 2;
+    if ((slot.flags & locked) != 0) return CKR_PIN_LOCKED;
+    const std::string given =
+        pin == nullptr ? std::string() : std::string(reinterpret_cast<const char*>(pin), size);
+    const bool asksItself = pin == nullptr && (slot.flags & CKF_PROTECTED_AUTHENTICATION_PATH) != 0;
+    if (asksItself || given == (isOfficer ? slot.soPin : slot.userPin)) {
+        slot.flags &= ~(low | finalTry | locked);
+        return CKR_OK;
+    }
+    // The third wrong PIN locks it.
+    slot.flags |= (slot.flags & finalTry) != 0 ? locked : (slot.flags & low) != 0 ? finalTry : low;
+    return CKR_PIN_INCORRECT;
+}
+
+CK_RV initToken(CK_SLOT_ID id, CK_UTF8CHAR* pin, CK_ULONG size, CK_UTF8CHAR* label) {
+    return call("C_InitToken", {id}, {}, [&](World& w) -> CK_RV {
+        if (findSlot(w, id) == nullptr) return 0x003;
+        Slot& slot = w.slot(id);
+        if (const CK_RV rv = checkPin(slot, true, pin, size); rv != CKR_OK) return rv;
+        slot.label.assign(reinterpret_cast<const char*>(label), 32);
+        slot.objects.clear();
+        return CKR_OK;
+    });
+}
+
+CK_RV initPin(CK_SESSION_HANDLE session, CK_UTF8CHAR* pin, CK_ULONG size) {
+    return sessionCall("C_InitPIN", session, {}, {}, [&](World&, Slot& slot) -> CK_RV {
+        if (slot.loggedIn != CKU_SO) return CKR_USER_NOT_LOGGED_IN;
+        if (size < 4) return CKR_PIN_LEN_RANGE;
+        slot.userPin.assign(reinterpret_cast<const char*>(pin), size);
+        return CKR_OK;
+    });
+}
+
+CK_RV setPin(CK_SESSION_HANDLE session, CK_UTF8CHAR* oldPin, CK_ULONG oldSize, CK_UTF8CHAR* newPin,
+             CK_ULONG newSize) {
+    return sessionCall("C_SetPIN", session, {}, {}, [&](World&, Slot& slot) -> CK_RV {
+        const bool isOfficer = slot.loggedIn == CKU_SO;
+        if (const CK_RV rv = checkPin(slot, isOfficer, oldPin, oldSize); rv != CKR_OK) return rv;
+        if (newSize < 4) return CKR_PIN_LEN_RANGE;
+        (isOfficer ? slot.soPin : slot.userPin)
+            .assign(reinterpret_cast<const char*>(newPin), newSize);
+        return CKR_OK;
+    });
+}
+
+CK_RV openSession(CK_SLOT_ID id, CK_FLAGS flags, void*, CK_NOTIFY, CK_SESSION_HANDLE* session) {
+    return call("C_OpenSession", {id, flags}, {.session = session}, [&](World& w) -> CK_RV {
+        const Slot* const slot = findSlot(w, id);
+        if (slot == nullptr) return 0x003;
+        if (!slot->tokenPresent) return CKR_TOKEN_NOT_PRESENT;
+        if (w.sessions.size() >= w.maxSessions) return CKR_SESSION_COUNT;
+        w.lastSession = std::max(w.lastSession, w.handleBase) + 1;
+        w.sessions[w.lastSession] = id;
+        ++w.numOpened;
+        *session = w.lastSession;
+        return CKR_OK;
+    });
+}
+
+CK_RV closeSession(CK_SESSION_HANDLE session) {
+    return call("C_CloseSession", {session}, {}, [&](World& w) -> CK_RV {
+        const auto at = w.sessions.find(session);
+        if (at == w.sessions.end()) {
+            w.violations.emplace_back("closed an unknown session");
+            return CKR_SESSION_HANDLE_INVALID;
+        }
+        const CK_SLOT_ID id = at->second;
+        w.searches.erase(session);
+        w.sessions.erase(at);
+        ++w.numClosed;
+        const bool isLast =
+            std::ranges::none_of(w.sessions, [id](const auto& s) { return s.second == id; });
+        if (isLast) w.slot(id).loggedIn.reset();
+        return CKR_OK;
+    });
+}
+
+CK_RV login(CK_SESSION_HANDLE session, CK_USER_TYPE user, CK_UTF8CHAR* pin, CK_ULONG size) {
+    return sessionCall("C_Login", session, {user, pin == nullptr ? 0UL : 1UL, size}, {},
+                       [&](World&, Slot& slot) -> CK_RV {
+                           if (user > 1) return 0x103;  // CKR_USER_TYPE_INVALID
+                           if (slot.loggedIn)
+                               return slot.loggedIn == user ? CKR_USER_ALREADY_LOGGED_IN : 0x104;
+                           const CK_RV rv = checkPin(slot, user == CKU_SO, pin, size);
+                           if (rv == CKR_OK) slot.loggedIn = user;
+                           return rv;
+                       });
+}
+
+CK_RV logout(CK_SESSION_HANDLE session) {
+    return sessionCall("C_Logout", session, {}, {}, [](World&, Slot& slot) -> CK_RV {
+        if (!slot.loggedIn) return CKR_USER_NOT_LOGGED_IN;
+        slot.loggedIn.reset();
+        return CKR_OK;
+    });
+}
+
+// PKCS#11 2.40 base, C_GetAttributeValue, the five cases.
+CK_RV getAttributes(const Object& object, CK_ATTRIBUTE* attributes, CK_ULONG count) {
+    CK_RV rv = CKR_OK;
+    for (CK_ULONG i = 0; i < count; ++i) {
+        CK_ATTRIBUTE& wanted = attributes[i];
+        const auto at = object.attributes.find(wanted.type);
+        CK_RV one = CKR_OK;
+        if (object.sensitive.contains(wanted.type)) {
+            one = CKR_ATTRIBUTE_SENSITIVE;
+        } else if (at == object.attributes.end()) {
+            one = CKR_ATTRIBUTE_TYPE_INVALID;
+        } else if (wanted.pValue != nullptr && wanted.ulValueLen < at->second.size()) {
+            one = CKR_BUFFER_TOO_SMALL;
+        } else {
+            if (wanted.pValue != nullptr && !at->second.empty())
+                std::memcpy(wanted.pValue, at->second.data(), at->second.size());
+            wanted.ulValueLen = at->second.size();
+            continue;
+        }
+        wanted.ulValueLen = CK_UNAVAILABLE_INFORMATION;
+        rv = one;
+    }
+    return rv;
+}
+
+CK_RV getAttributeValue(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE handle,
+                        CK_ATTRIBUTE* attributes, CK_ULONG count) {
+    return sessionCall("C_GetAttributeValue", session, {handle, count},
+                       {.attributes = attributes, .room = count},
+                       [&](World& w, Slot& slot) -> CK_RV {
+                           if (!w.issued.contains(handle))
+                               w.violations.emplace_back("unknown object handle");
+                           const auto at = std::ranges::find(slot.objects, handle, &Object::handle);
+                           if (at == slot.objects.end() || !isSeen(*at, slot))
+                               return 0x082;  // CKR_OBJECT_HANDLE_INVALID
+                           return getAttributes(*at, attributes, count);
+                       });
+}
+
+CK_RV findObjectsInit(CK_SESSION_HANDLE session, CK_ATTRIBUTE* attributes, CK_ULONG count) {
+    return sessionCall(
+        "C_FindObjectsInit", session, {count}, {}, [&](World& w, Slot& slot) -> CK_RV {
+            if (w.searches.contains(session)) return CKR_OPERATION_ACTIVE;
+            std::vector<CK_OBJECT_HANDLE> found;
+            for (const Object& object : slot.objects) {
+                const bool fits =
+                    std::all_of(attributes, attributes + count, [&](const CK_ATTRIBUTE& a) {
+                        const auto at = object.attributes.find(a.type);
+                        return at != object.attributes.end() && at->second.size() == a.ulValueLen &&
+                               (a.ulValueLen == 0 ||
+                                std::memcmp(at->second.data(), a.pValue, a.ulValueLen) == 0);
+                    });
+                if (fits && isSeen(object, slot)) found.push_back(object.handle);
+            }
+            std::ranges::reverse(found);  // handed out from the back
+            w.searches[session] = std::move(found);
+            return CKR_OK;
+        });
+}
+
+CK_RV findObjects(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE* handles, CK_ULONG room,
+                  CK_ULONG* count) {
+    return sessionCall("C_FindObjects", session, {room},
+                       {.ids = handles, .room = room, .count = count},
+                       [&](World& w, Slot&) -> CK_RV {
+                           const auto at = w.searches.find(session);
+                           if (at == w.searches.end())
+                               return 0x091;  // CKR_OPERATION_NOT_INITIALIZED
+                           for (*count = 0; *count < room && !at->second.empty(); ++*count) {
+                               handles[*count] = at->second.back();
+                               w.issued.insert(at->second.back());
+                               at->second.pop_back();
+                           }
+                           return CKR_OK;
+                       });
+}
+
+CK_RV findObjectsFinal(CK_SESSION_HANDLE session) {
+    return sessionCall("C_FindObjectsFinal", session, {}, {}, [&](World& w, Slot&) -> CK_RV {
+        return w.searches.erase(session) == 1 ? CKR_OK : 0x091;
+    });
+}
+
+}  // namespace
+
+extern "C" World* fakeWorld() {
+    static World* const instance = [] {
+        auto* const made = new World;  // NOLINT: lives as long as the module
+        made->reset();
+        return made;
+    }();
+    return instance;
+}
+
+extern "C" CK_RV C_GetFunctionList(CK_FUNCTION_LIST** list) {
+    static CK_FUNCTION_LIST functions;
+    World& w = world();
+    const std::lock_guard lock(w.mutex);
+    w.journal.push_back({"C_GetFunctionList", {}, CKR_OK});
+    if (w.answer) {
+        if (const auto rv = w.answer("C_GetFunctionList", w.journal.size() - 1)) return *rv;
+    }
+    *list = w.nullList ? nullptr : &functions;
+    if (std::exchange(w.listMade, true)) return CKR_OK;
+    functions = {};
+    functions.version = w.version;
+    functions.C_GetFunctionList = C_GetFunctionList;
+    const auto add = [&w](const char* name, auto& entry, auto function) {
+        entry = w.nullEntries.contains(name) ? nullptr : function;
+    };
+    add("C_Initialize", functions.C_Initialize, initialize);
+    add("C_Finalize", functions.C_Finalize, finalize);
+    add("C_GetInfo", functions.C_GetInfo, getInfo);
+    add("C_GetSlotList", functions.C_GetSlotList, getSlotList);
+    add("C_GetSlotInfo", functions.C_GetSlotInfo, getSlotInfo);
+    add("C_GetTokenInfo", functions.C_GetTokenInfo, getTokenInfo);
+    add("C_GetMechanismList", functions.C_GetMechanismList, getMechanismList);
+    add("C_GetMechanismInfo", functions.C_GetMechanismInfo, getMechanismInfo);
+    add("C_InitToken", functions.C_InitToken, initToken);
+    add("C_InitPIN", functions.C_InitPIN, initPin);
+    add("C_SetPIN", functions.C_SetPIN, setPin);
+    add("C_OpenSession", functions.C_OpenSession, openSession);
+    add("C_CloseSession", functions.C_CloseSession, closeSession);
+    add("C_Login", functions.C_Login, login);
+    add("C_Logout", functions.C_Logout, logout);
+    add("C_GetAttributeValue", functions.C_GetAttributeValue, getAttributeValue);
+    add("C_FindObjectsInit", functions.C_FindObjectsInit, findObjectsInit);
+    add("C_FindObjects", functions.C_FindObjects, findObjects);
+    add("C_FindObjectsFinal", functions.C_FindObjectsFinal, findObjectsFinal);
+    return CKR_OK;
+}

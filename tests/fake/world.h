@@ -1,0 +1,144 @@
+#ifndef MERVANE_TESTS_FAKE_WORLD_H
+#define MERVANE_TESTS_FAKE_WORLD_H
+
+#include <atomic>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "pkcs11/calls/cryptoki.h"
+#include "pkcs11/calls/rv.h"
+
+// The world of the scriptable module: what it holds, what it answers, and what was asked of it. A
+// test reaches it through fakeWorld(), exported by the module; a copy of the module under another
+// file name has a world of its own.
+
+namespace mervane::fake {
+
+using Bytes = std::vector<unsigned char>;
+
+struct Object {
+    CK_OBJECT_HANDLE handle = 0;
+    std::map<CK_ATTRIBUTE_TYPE, Bytes> attributes;
+    std::set<CK_ATTRIBUTE_TYPE> sensitive;
+    bool isPrivate = false;  // seen by a user who is logged in
+};
+
+struct Slot {
+    CK_SLOT_ID id = 0;
+    bool tokenPresent = true;
+    std::string label = "fake";
+    CK_FLAGS flags = 0x40D;  // rng, login required, user PIN set, initialised
+    std::string userPin = "1234-secret-user-pin-987";
+    std::string soPin = "5678-secret-officer-pin-3";
+    std::vector<Object> objects;
+    std::vector<CK_MECHANISM_TYPE> mechanisms = {0x1, 0x1041, 0x80000001};
+    std::optional<CK_USER_TYPE> loggedIn;
+};
+
+struct Call {
+    std::string function;
+    std::vector<CK_ULONG> arguments;  // numbers and handles; PINs and texts never
+    CK_RV result = CKR_OK;
+};
+
+// A call's outputs, as a lie may change them before the caller sees them. Null where the function
+// has no such output.
+struct Outputs {
+    std::string function;
+    std::size_t index = 0;  // of the call in the journal
+    CK_RV result = CKR_OK;
+    CK_ATTRIBUTE* attributes = nullptr;
+    CK_ULONG* ids = nullptr;  // slots, mechanisms or objects
+    CK_ULONG room = 0;        // for ids or attributes
+    CK_ULONG* count = nullptr;
+    CK_SESSION_HANDLE* session = nullptr;
+    CK_INFO* info = nullptr;
+    CK_SLOT_INFO* slotInfo = nullptr;
+    CK_TOKEN_INFO* tokenInfo = nullptr;
+    CK_MECHANISM_INFO* mechanismInfo = nullptr;
+};
+
+struct World {
+    // --- What there is
+    std::vector<Slot> slots;
+    bool nullList = false;  // C_GetFunctionList gives a null list
+    CK_VERSION version = {2, 40};
+    std::set<std::string> nullEntries;  // functions missing from the list
+    bool initializedByOthers = false;   // C_Initialize finds it done
+    bool needsNullArguments = false;    // C_Initialize takes no arguments
+    CK_ULONG maxSessions = 10;
+    CK_OBJECT_HANDLE handleBase = 0;  // added to the handles of sessions
+
+    // --- What is answered: a code instead of the call (it may throw), and a change of its outputs
+    std::function<std::optional<CK_RV>(const std::string& function, std::size_t index)> answer;
+    std::function<void(Outputs& outputs)> lie;
+
+    // --- What happened
+    std::vector<Call> journal;
+    std::vector<std::string> violations;  // of the standard's protocol, by the caller
+    bool initialized = false;
+    bool listMade = false;  // the function list stays as it is until the next reset
+    std::map<CK_SESSION_HANDLE, CK_SLOT_ID> sessions;
+    std::map<CK_SESSION_HANDLE, std::vector<CK_OBJECT_HANDLE>> searches;
+    std::set<CK_OBJECT_HANDLE> issued;  // object handles that were given out
+    CK_SESSION_HANDLE lastSession = 0;
+    int numOpened = 0;
+    int numClosed = 0;
+    std::atomic<int> inside{0};  // calls running
+    std::recursive_mutex mutex;  // guards everything above
+
+    [[nodiscard]] std::size_t count(const std::string& function) const {
+        std::size_t n = 0;
+        for (const Call& call : journal) n += call.function == function ? 1 : 0;
+        return n;
+    }
+    Slot& slot(CK_SLOT_ID id) {
+        for (Slot& s : slots) {
+            if (s.id == id) return s;
+        }
+        return slots.at(0);
+    }
+    // The whole state anew, as after loading.
+    void reset() {
+        const std::lock_guard lock(mutex);
+        slots.assign(1, Slot{});
+        slots[0].id = 1;
+        listMade = nullList = initializedByOthers = needsNullArguments = initialized = false;
+        version = {2, 40};
+        nullEntries.clear();
+        maxSessions = 10;
+        handleBase = 0;
+        answer = nullptr;
+        lie = nullptr;
+        journal.clear();
+        violations.clear();
+        sessions.clear();
+        searches.clear();
+        issued.clear();
+        lastSession = 0;
+        numOpened = numClosed = 0;
+    }
+};
+
+inline Bytes bytesOf(CK_ULONG number) {
+    const auto* const at = reinterpret_cast<const unsigned char*>(&number);
+    return {at, at + sizeof number};
+}
+inline Bytes bytesOf(bool flag) {
+    return {static_cast<unsigned char>(flag ? 1 : 0)};
+}
+inline Bytes bytesOf(const char* text) {
+    const std::string s(text);
+    return {s.begin(), s.end()};
+}
+
+}  // namespace mervane::fake
+
+extern "C" mervane::fake::World* fakeWorld();
+
+#endif

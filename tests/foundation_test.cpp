@@ -1,0 +1,414 @@
+// Texts, JSON, the log and the inflater.
+
+#include <zlib.h>
+
+#include "foundation/json/parser.h"
+#include "foundation/json/writer.h"
+#include "foundation/system/deflate.h"
+#include "foundation/text/base64.h"
+#include "foundation/text/hex.h"
+#include "foundation/text/utf8.h"
+#include "tests/support.h"
+
+namespace mervane::test {
+namespace {
+
+TEST(TextTest, Utf8IsMadeValidAndFitForOneLine) {
+    const struct {
+        std::string text;
+        std::string valid;
+        std::string line;
+        std::size_t width;
+    } rows[] = {
+        {"plain", "plain", "plain", 5},
+        {"\xC3\xBC\xE4\xBD\xA0\xF0\x9F\x98\x80", "\xC3\xBC\xE4\xBD\xA0\xF0\x9F\x98\x80",
+         "\xC3\xBC\xE4\xBD\xA0\xF0\x9F\x98\x80", 5},
+        {"e\xCC\x81", "e\xCC\x81", "e\xCC\x81", 1},
+        {"\xC0\x80\xED\xA0\x80", "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD",
+         "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD", 5},
+        {"a\xE2\x82", "a\xEF\xBF\xBD\xEF\xBF\xBD", "a\xEF\xBF\xBD\xEF\xBF\xBD", 3},
+        {std::string("a\n\x1B[2J\0", 7), std::string("a\n\x1B[2J\0", 7), "a\\x0a\\x1b[2J\\x00", 7},
+        {"\xC2\x9B\xE2\x80\xAE", "\xC2\x9B\xE2\x80\xAE", "\\x9b\\u{202e}", 2},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(toValidUtf8(row.text), row.valid);
+        std::string line;
+        appendOneLine(line, row.text);
+        EXPECT_EQ(line, row.line);
+        EXPECT_EQ(displayWidth(row.text), row.width);
+    }
+}
+
+TEST(TextTest, HexAndBase64) {
+    EXPECT_EQ(toHex(*fromHex("00ffA5")), "00FFA5");
+    for (const char* const bad : {"0", "0g", "0x00", " 00"}) EXPECT_FALSE(fromHex(bad)) << bad;
+    EXPECT_EQ(toHexNumber(0x1F), "0x0000001F");
+    for (const char* const text : {"", "Zg==", "Zm8=", "Zm9v", "Zm9vYg=="}) {
+        std::vector<std::uint8_t> bytes;
+        EXPECT_TRUE(appendBase64(text, bytes));
+        EXPECT_EQ(toBase64(bytes), text);
+    }
+    std::vector<std::uint8_t> bytes;
+    EXPECT_TRUE(appendBase64("Zm8", bytes));  // without padding
+    EXPECT_EQ(bytes.size(), 2U);
+    EXPECT_FALSE(appendBase64("Zm8 Zm8", bytes));
+}
+
+// The rules of RFC 8259, as the public test suites for parsers group them.
+TEST(JsonTest, ValidTextsAreAcceptedAndInvalidOnesRefused) {
+    const std::string good[] = {
+        "[]",
+        "{}",
+        "[[]   ]",
+        "[\"\"]",
+        "[false]",
+        "[null, 1, \"1\", {}]",
+        "[null]",
+        "[1\n]",
+        " [1]",
+        "[1,null,null,null,2]",
+        "[2] ",
+        "[123e65]",
+        "[0e+1]",
+        "[0e1]",
+        "[ 4]",
+        "[-0.000000000000000000000000000000000000000000000000000000000000000000000000000001]",
+        "[20e1]",
+        "[-0]",
+        "[-123]",
+        "[-1]",
+        "[1E22]",
+        "[1E-2]",
+        "[1E+2]",
+        "[123.456e78]",
+        "[0.4e00669999999999999999999999999999]",
+        "{\"asd\":\"sdf\", \"dfg\":\"fgh\"}",
+        "{\"a\":\"b\",\"a\":\"c\"}",
+        "{\"\":0}",
+        "{\"foo\\u0000bar\": 42}",
+        "{\n\"a\": \"b\"\n}",
+        "[\"\\u0060\\u012a\\u12AB\"]",
+        "[\"\\uD801\\udc37\"]",
+        "[\"\\\"\\\\\\/\\b\\f\\n\\r\\t\"]",
+        "[\"\\\\u0000\"]",
+        "[\"a/*b*/c/*d//e\"]",
+        "[\"\\uDBFF\\uDFFF\"]",
+        "[\"\xF0\x9B\xBF\xBF\"]",
+        "[\"\x7F\"]",
+        "\"\"",
+        "42",
+        "true",
+        "null",
+        "\"asd\"",
+        "\xEF\xBB\xBF{}",
+        "[\"\\uDADA\"]",
+        "[\"\\uD888\\u1234\"]",
+        "[\"\\uDd1e\\uD834\"]",
+        "\t\r\n[]"};
+    for (const auto& text : good) {
+        JsonValue value;
+        JsonError error;
+        EXPECT_TRUE(parseJson(text, value, error)) << text << ": " << error.reason;
+        JsonValue again;
+        EXPECT_TRUE(parseJson(toJsonText(value, true), again, error)) << text;
+        EXPECT_EQ(toJsonText(value, false), toJsonText(again, false));
+    }
+    const std::string bad[] = {"",
+                               " ",
+                               "[1 true]",
+                               "[a\xE5]",
+                               "[\"\": 1]",
+                               "[\"\"],",
+                               "[,1]",
+                               "[1,,2]",
+                               "[\"x\"]]",
+                               "[\"\",]",
+                               "[\"x\"",
+                               "[x",
+                               "[3[4]]",
+                               "[\xFF]",
+                               "[1:2]",
+                               "[,]",
+                               "[-]",
+                               "[   , \"\"]",
+                               "[1,]",
+                               "[1,,]",
+                               "[*]",
+                               "[\"\"",
+                               "[1,",
+                               "[{}",
+                               "[fals]",
+                               "[nul]",
+                               "[tru]",
+                               "[++1234]",
+                               "[+1]",
+                               "[-01]",
+                               "[-1.0.]",
+                               "[-2.]",
+                               "[-NaN]",
+                               "[.-1]",
+                               "[.2e-3]",
+                               "[0.1.2]",
+                               "[0.3e+]",
+                               "[0.3e]",
+                               "[0.e1]",
+                               "[0E+]",
+                               "[0E]",
+                               "[1.0e+]",
+                               "[1 000.0]",
+                               "[1eE2]",
+                               "[2.e+3]",
+                               "[Inf]",
+                               "[NaN]",
+                               "[\xEF\xBC\x91]",
+                               "[1+2]",
+                               "[0x1]",
+                               "[Infinity]",
+                               "[-012]",
+                               "[1.]",
+                               "[012]",
+                               "[\"x\", truth]",
+                               "{[: \"x\"}",
+                               "{\"x\", null}",
+                               "{\"x\"::\"b\"}",
+                               "{\"a\":\"a\" 123}",
+                               "{key: 'value'}",
+                               "{\"a\" b}",
+                               "{:\"b\"}",
+                               "{\"a\"",
+                               "{1:1}",
+                               "{\"id\":0,}",
+                               "{'a':0}",
+                               "{\"id\":0,,}",
+                               "{\"a\":\"b\"}/**/",
+                               "{\"a\":\"b\"}#",
+                               "{\"a\":\"b\",,\"c\":1}",
+                               "{\"a\":",
+                               "[\"\\uD800\\\"]",
+                               "[\"\\uD800\\u\"]",
+                               "[\"\\x00\"]",
+                               "[\"\\\\\\\"]",
+                               "[\"\\\t\"]",
+                               "[\"\\\"]",
+                               "[\"\\u00A\"]",
+                               "[\"\\a\"]",
+                               "[\"\\uqqqq\"]",
+                               "[\"\xE5\"]",
+                               "[\\u0020\"asd\"]",
+                               "[\\n]",
+                               "\"",
+                               "['single']",
+                               "abc",
+                               "[\"\\",
+                               "[\"new\nline\"]",
+                               "[\"\t\"]",
+                               "\"\\UA66D\"",
+                               "\"\"x",
+                               "<.>",
+                               "[<null>]",
+                               "[1]x",
+                               "[True]",
+                               "1]",
+                               "{\"x\": true,",
+                               "[][]",
+                               "]",
+                               "{]",
+                               "\xEF\xBB\xBF",
+                               "\xE5",
+                               "[",
+                               "{\"a\": true} \"x\"",
+                               "2@",
+                               "{}}",
+                               "[\"\xC0\x80\"]",
+                               "[\"\xED\xA0\x80\"]",
+                               std::string("123\0", 4),
+                               std::string("[\"a\0a\"]", 7),
+                               "[\xC2\xA0]",
+                               "\xC2\xA0[]",
+                               "[\x0C]"};
+    for (const auto& text : bad) {
+        JsonValue value(7);
+        JsonError error;
+        EXPECT_FALSE(parseJson(text, value, error)) << text;
+        EXPECT_FALSE(error.reason.empty()) << text;
+        EXPECT_NE(value.asNumber(), nullptr);  // untouched
+    }
+}
+
+TEST(JsonTest, DepthIsBoundedAndErrorsHaveTheirPlace) {
+    const auto nested = [](std::size_t depth) {
+        return std::string(depth, '[') + std::string(depth, ']');
+    };
+    JsonValue value;
+    JsonError error;
+    EXPECT_TRUE(parseJson(nested(64), value, error));
+    EXPECT_FALSE(parseJson(nested(65), value, error));
+    EXPECT_FALSE(parseJson(std::string(100000, '['), value, error));
+    ClsJsonObject json;
+    const struct {
+        const char* text;
+        const char* line;
+    } rows[] = {{"{\n \"a\": 1,\n \"b\" 2}",
+                 "Invalid JSON at line 3, column 6: ':' is expected after a member name."},
+                {"", "Invalid JSON at line 1, column 1: a value is expected."},
+                {"[1,\n\n,2]", "Invalid JSON at line 3, column 1: a value is expected."}};
+    for (const auto& row : rows) {
+        EXPECT_FALSE(json.loadJson(row.text, json.log()));
+        EXPECT_EQ(json.log().lastError(), row.line);
+    }
+}
+
+TEST(JsonTest, PathsRecordsAndSharing) {
+    LogNull log;
+    auto json = std::make_unique<ClsJsonObject>();
+    ASSERT_TRUE(json->loadJson(
+        R"({"a":{"b":[{"k":"x"},{"k":"Y","n":[1,2]},7]},"t":true,"s":"","d":1,"d":2,"z":null})",
+        log));
+    json->put_I(1);
+    const struct {
+        const char* path;
+        int type;
+    } rows[] = {{"", 3},
+                {"a", 3},
+                {"a.b", 4},
+                {"a.b[0].k", 1},
+                {"a.b[i].k", 1},
+                {"a.b[2]", 2},
+                {"a.b[3]", -1},
+                {"a.b[i].n[i]", 2},
+                {"t", 5},
+                {"z", 6},
+                {"s", 1},
+                {"a.", -1},
+                {"a..b", -1},
+                {"a[0]", -1},
+                {"t.x", -1},
+                {"a.b[]", -1},
+                {"a.b[-1]", -1},
+                {"a.b[1", -1},
+                {"a.b[99999999999999999999]", -1},
+                {"a.b.[0]", -1},
+                {"a.b[ 0]", -1}};
+    for (const auto& row : rows) EXPECT_EQ(json->JsonTypeOf(row.path), row.type) << row.path;
+    json->put_I(-1);
+    EXPECT_EQ(json->JsonTypeOf("a.b[i]"), -1);
+    json->put_I(1 << 30);
+    EXPECT_EQ(json->JsonTypeOf("a.b[i]"), -1);
+    EXPECT_EQ(json->valueAt("d")->asNumber()->text, "1");  // the first of two counts
+    EXPECT_EQ(json->SizeOfArray("a.b"), 3);
+    EXPECT_EQ(json->sizeOfArray("a", log), 0);
+
+    EXPECT_EQ(json->FindRecord("a.b", "k", "y", true), nullptr);
+    EXPECT_EQ(json->FindRecord("a", "k", "y", false), nullptr);
+    const std::unique_ptr<ClsJsonObject> record(json->FindRecord("a.b", "k", "y", false));
+    ASSERT_NE(record, nullptr);
+    record->root().set("k", "changed");
+    EXPECT_EQ(
+        json->emit(),
+        R"({"a":{"b":[{"k":"x"},{"k":"Y","n":[1,2]},7]},"t":true,"s":"","d":1,"d":2,"z":null})");
+    json.reset();
+    EXPECT_EQ(record->emit(), R"({"k":"changed","n":[1,2]})");
+    StringBuffer text;
+    EXPECT_TRUE(record->sbOfPathUtf8("k", text, log));
+    EXPECT_FALSE(record->sbOfPathUtf8("n", text, log));
+    EXPECT_FALSE(record->boolOf("k", log));
+}
+
+TEST(JsonTest, WrittenTextIsValidWhateverItHolds) {
+    JsonValue value = JsonValue::object();
+    value.set("t", std::string("\"\\\n\x01\x7F\xC2\x9B\xFF"
+                               "\xC3\xBC",
+                               10));
+    EXPECT_EQ(toJsonText(value, false),
+              "{\"t\":\"\\\"\\\\\\n\\u0001\\u007F\\u009B\xEF\xBF\xBD\xC3\xBC\"}");
+    EXPECT_EQ(toJsonText(JsonValue::array(), true), "[]");
+}
+
+class TestObject final : public ClsBase {};
+
+TEST(LogTest, RendersAsTextAndJson) {
+    TestObject object;
+    {
+        const LogContextExitor call(object, "Call");
+        object.log().LogInfo("line\nwith end");
+        const LogContextExitor inner(object.log(), "inner");
+        object.log().LogDataLong("n", -5);
+        object.log().LogError("wrong");
+        object.log().LogHint("do this");
+    }
+    { const LogContextExitor call(object, "Next"); }
+    EXPECT_EQ(
+        object.log().text(),
+        "Call:\n  line\\x0awith end\n  inner:\n    n: -5\n    error: wrong\n    do this\nNext:\n");
+    JsonValue value;
+    JsonError error;
+    ASSERT_TRUE(parseJson(object.log().json(), value, error));
+    EXPECT_EQ(
+        toJsonText(value, false),
+        R"([{"context":"Call","entries":[{"info":"line\\x0awith end"},{"context":"inner","entries":[{"name":"n","value":"-5"},{"error":"wrong"},{"info":"do this"}]}]},{"context":"Next","entries":[]}])");
+    EXPECT_TRUE(object.log().lastError().empty());  // of the last call
+}
+
+TEST(LogTest, KeepsTheCurrentCallAndWhatFitsOfEarlierOnes) {
+    TestObject object;
+    const std::string text(1000, 'x');
+    for (int call = 0; call < 1000; ++call) {
+        const LogContextExitor context(object, "Call " + std::to_string(call));
+        object.log().LogInfo(text);
+    }
+    EXPECT_LT(object.log().text().size(), 300U * 1024);
+    EXPECT_NE(object.log().text().find("Call 999"), std::string::npos);
+    EXPECT_NE(object.log().text().find("Call 900"), std::string::npos);
+    {
+        const LogContextExitor context(object, "Flood");
+        for (int i = 0; i < 5000; ++i) object.log().LogInfo(text);
+        for (int i = 0; i < 100; ++i) {
+            const LogContextExitor deeper(object.log(), "deeper");
+            object.log().LogError("still kept");
+        }
+        std::vector<std::unique_ptr<LogContextExitor>> deep;
+        for (int i = 0; i < 200; ++i)
+            deep.push_back(std::make_unique<LogContextExitor>(object.log(), "deep"));
+        object.log().LogInfo(std::string(100000, 'y'));
+        while (!deep.empty()) deep.pop_back();
+    }
+    EXPECT_LT(object.log().text().size(), 1500U * 1024);
+    EXPECT_NE(object.log().text().find("still kept"), std::string::npos);
+    EXPECT_NE(object.log().text().find("entriesNotKept: "), std::string::npos);
+    EXPECT_EQ(object.log().contextDepth(), 0);
+    JsonValue value;
+    JsonError error;
+    EXPECT_TRUE(parseJson(object.log().json(), value, error)) << error.reason;
+}
+
+TEST(DeflateTest, WholeStreamsOrNothing) {
+    std::string plain;
+    for (int i = 0; i < 3000; ++i) plain += std::to_string(i * 7919);
+    z_stream stream{};
+    ASSERT_EQ(deflateInit2(&stream, 9, Z_DEFLATED, -15, 9, Z_DEFAULT_STRATEGY), Z_OK);
+    std::vector<std::uint8_t> packed(plain.size());
+    stream.next_in = reinterpret_cast<Bytef*>(plain.data());
+    stream.avail_in = static_cast<uInt>(plain.size());
+    stream.next_out = packed.data();
+    stream.avail_out = static_cast<uInt>(packed.size());
+    ASSERT_EQ(deflate(&stream, Z_FINISH), Z_STREAM_END);
+    packed.resize(stream.total_out);
+    deflateEnd(&stream);
+    LogNull log;
+    const auto inflate = [&](std::span<const std::uint8_t> in, std::size_t maxSize) {
+        DataBuffer out;
+        const bool ok = MervaneDeflate::inflateDb(false, DataBuffer(in), out, false, _mvIoParams(),
+                                                  maxSize, log);
+        EXPECT_TRUE(ok || out.isEmpty());
+        return ok ? std::string(out.span().begin(), out.span().end()) : "failed";
+    };
+    EXPECT_EQ(inflate(packed, plain.size()), plain);
+    EXPECT_EQ(inflate(packed, plain.size() - 1), "failed");
+    for (std::size_t size = 0; size < packed.size(); size += 7)
+        EXPECT_EQ(inflate(std::span(packed).first(size), 60000), "failed");
+    packed.push_back(0);
+    EXPECT_EQ(inflate(packed, plain.size()), "failed");
+}
+
+}  // namespace
+}  // namespace mervane::test

@@ -1,0 +1,452 @@
+// Loading, the public frame, sessions and login.
+
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "tests/support.h"
+
+namespace mervane::test {
+namespace {
+
+class ModuleTest : public FakeTest {
+  protected:
+    void slots(std::initializer_list<CK_SLOT_ID> ids) {
+        world.slots.clear();
+        for (const CK_SLOT_ID id : ids) world.slots.emplace_back().id = id;
+    }
+};
+
+// --- Loading
+
+TEST_F(ModuleTest, PathThatIsNoModuleIsRefusedWithOneLine) {
+    const std::string folder = scratchFolder();
+    const std::string fifo = folder + "/fifo.so";
+    const std::string text = folder + "/text.so";
+    ::mkfifo(fifo.c_str(), 0600);
+    std::ofstream(text) << "no library";
+    const struct {
+        std::string path;
+        std::string error;
+    } rows[] = {
+        {"", "The SharedLibPath property is not yet set."},
+        {folder + "/missing.so",
+         "The PKCS11 module is missing: the SharedLibPath names no regular file."},
+        {folder, "The PKCS11 module is missing: the SharedLibPath names no regular file."},
+        {fifo, "The PKCS11 module is missing: the SharedLibPath names no regular file."},
+        {text, "Failed to load PKCS11 shared library."},
+        {MERVANE_PLAIN_LIBRARY, "Function not found"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.path);
+        Pkcs11 object;
+        object.put_SharedLibPath(XString(row.path));
+        EXPECT_FALSE(object.Initialize());
+        EXPECT_THAT(object.errors(), Contains(row.error));
+        EXPECT_LE(object.errors().size(), 2U);  // an empty path is tried both ways
+        EXPECT_THAT(object.infos(), ElementsAre("Failed."));
+        EXPECT_FALSE(object.get_LastMethodSuccess());
+        XString path;
+        object.get_SharedLibPath(path);
+        EXPECT_EQ(path.view(), row.path);
+        EXPECT_FALSE(object.OpenSession(-1, false));
+        EXPECT_THAT(object.errors(), Contains("PKCS11 functions not available"));
+    }
+}
+
+TEST_F(ModuleTest, SamePathIsLoadedOnceAndAnotherReplacesIt) {
+    ASSERT_TRUE(p11->loadPkcs11Dll(false, p11->log()));
+    void* const first = p11->m_libHandle;
+    forget();
+    ASSERT_TRUE(p11->loadPkcs11Dll(false, p11->log()));
+    EXPECT_EQ(p11->m_libHandle, first);
+    EXPECT_THAT(p11->contexts(), ElementsAre("loadPkcs11Dll_nonWindows"));
+    EXPECT_THAT(p11->values(), IsEmpty());
+
+    p11->put_SharedLibPath(XString(""));
+    EXPECT_FALSE(p11->loadPkcs11Dll(false, p11->log()));
+    EXPECT_THAT(p11->errors(), ElementsAre("The SharedLibPath property is not yet set."));
+    EXPECT_EQ(p11->m_libHandle, nullptr);
+    EXPECT_TRUE(p11->m_loadedLibPath.isEmpty());
+}
+
+TEST_F(ModuleTest, BareFileNameIsTriedSecond) {
+    // The name has to exist in the working directory while dlopen looks on its search path.
+    const auto before = std::filesystem::current_path();
+    std::filesystem::current_path(scratchFolder());
+    std::ofstream("libz.so.1") << "";
+    p11->put_SharedLibPath(XString("/nowhere/libz.so.1"));
+    EXPECT_FALSE(p11->loadPkcs11Dll(false, p11->log()));
+    EXPECT_THAT(p11->errors(), IsEmpty());
+    EXPECT_TRUE(p11->loadPkcs11Dll(true, p11->log()));
+    EXPECT_EQ(p11->m_loadedLibPath.view(), "libz.so.1");
+    EXPECT_THAT(p11->values(), ElementsAre("sharedLib=/nowhere/libz.so.1", "filename=libz.so.1",
+                                           "sharedLib=/nowhere/libz.so.1"));
+    std::filesystem::current_path(before);
+}
+
+TEST_F(ModuleTest, ModuleWhoseCertHandleIsTheKeyHandleIsKnownByItsName) {
+    const FakeModule special("my-libkeyfactorpkcs11-2.so");
+    p11->put_SharedLibPath(XString(special.path()));
+    ASSERT_TRUE(p11->Initialize());
+    EXPECT_TRUE(p11->m_certHandleIsKeyHandle);
+    EXPECT_THAT(p11->infos(),
+                Contains("Will use the certificate handle as the private key handle..."));
+    p11->put_SharedLibPath(XString("/nowhere.so"));
+    EXPECT_FALSE(p11->loadPkcs11Dll_2(p11->log()));
+    EXPECT_TRUE(p11->m_certHandleIsKeyHandle);  // a failed load leaves it
+    p11->put_SharedLibPath(XString(module.path()));
+    ClsJsonObject report;
+    EXPECT_TRUE(p11->Discover(false, report));  // Initialize would say that it is done
+    EXPECT_FALSE(p11->m_certHandleIsKeyHandle);
+    EXPECT_EQ(special.world().count("C_Finalize"), 1U);
+}
+
+TEST_F(ModuleTest, FunctionListThatCannotBeUsedIsRefused) {
+    const struct {
+        std::string what;
+        void (*arrange)(fake::World&);
+        std::string error;
+    } rows[] = {
+        {"null", [](fake::World& w) { w.nullList = true; },
+         "C_GetFunctionList gave no function list."},
+        {"version",
+         [](fake::World& w) {
+             w.version = {1, 0};
+         },
+         "The function list is not of a PKCS#11 version 2 or 3 module."},
+        {"code", [](fake::World& w) { w.answer = [](auto&, auto) { return CKR_GENERAL_ERROR; }; },
+         "C_GetFunctionList failed with CKR_GENERAL_ERROR."},
+        {"entry", [](fake::World& w) { w.nullEntries = {"C_Initialize"}; }, "Function not found"},
+        {"throws", [](fake::World& w) { w.answer = [](auto&, auto) -> CK_RV { throw 7; }; },
+         "The module threw an exception."},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        world.reset();
+        row.arrange(world);
+        Pkcs11 object;
+        object.put_SharedLibPath(XString(module.path()));
+        EXPECT_FALSE(object.Initialize());
+        EXPECT_THAT(object.errors(), Contains(row.error));
+        EXPECT_FALSE(object.m_initialized);
+        world.reset();
+        Pkcs11 again;
+        again.put_SharedLibPath(XString(module.path()));
+        EXPECT_TRUE(again.Initialize());
+    }
+    world.reset();
+}
+
+TEST_F(ModuleTest, InitializeTwiceCallsTheModuleOnce) {
+    EXPECT_TRUE(p11->Initialize());
+    forget();
+    EXPECT_TRUE(p11->Initialize());
+    EXPECT_THAT(p11->infos(), ElementsAre("Already initialized.", "Success."));
+    EXPECT_THAT(world.journal, IsEmpty());
+}
+
+TEST_F(ModuleTest, InitializeIsRetriedWithoutArgumentsAndFinalizedByWhomItWasInitialized) {
+    world.needsNullArguments = true;
+    EXPECT_TRUE(p11->Initialize());
+    EXPECT_EQ(world.count("C_Initialize"), 2U);
+    p11.reset();
+    EXPECT_EQ(world.count("C_Finalize"), 1U);
+
+    world.reset();
+    world.initializedByOthers = true;
+    p11 = std::make_unique<Pkcs11>();
+    p11->put_SharedLibPath(XString(module.path()));
+    EXPECT_TRUE(quick());
+    p11.reset();
+    EXPECT_EQ(world.count("C_Finalize"), 0U);
+}
+
+// --- The frame
+
+TEST_F(ModuleTest, EveryMethodOpensItsContextAndRecordsAsItShould) {
+    enum { Always, Never, SuccessOnly };
+    const struct {
+        std::string context;
+        int records;
+        std::function<bool(Pkcs11&)> call;
+    } rows[] = {
+        {"Initialize", Always, [](Pkcs11& p) { return p.Initialize(); }},
+        {"QuickSession", SuccessOnly,
+         [this](Pkcs11& p) { return p.QuickSession(1, XString(world.slots[0].userPin)); }},
+        {"OpenSession", Always, [](Pkcs11& p) { return p.OpenSession(-1, true); }},
+        {"CloseSession", Never, [](Pkcs11& p) { return p.CloseSession(); }},
+        {"Login", Never, [this](Pkcs11& p) { return p.Login(1, XString(world.slots[0].userPin)); }},
+        {"Logout", Never, [](Pkcs11& p) { return p.Logout(); }},
+        {"SetPin", Always, [](Pkcs11& p) { return p.SetPin(XString("a"), XString("b")); }},
+        {"InitPin", Always, [](Pkcs11& p) { return p.InitPin(XString("a")); }},
+        {"FindCert_pkcs11", Always,
+         [](Pkcs11& p) { return p.InitToken(9, XString("a"), XString("l")); }},
+        {"FindObject", Never,
+         [](Pkcs11& p) {
+             ClsJsonObject j;
+             return p.FindObject(j) != 0;
+         }},
+        {"FindAllKeys", Always,
+         [](Pkcs11& p) {
+             ClsJsonObject j;
+             return p.FindAllKeys(XString(), j);
+         }},
+        {"FindCert_pkcs11", Always,
+         [](Pkcs11& p) {
+             ClsCert c;
+             return p.FindCert(XString(), XString(), c);
+         }},
+        {"GetCert_pkcs11", Always,
+         [](Pkcs11& p) {
+             ClsCert c;
+             return p.GetCert(0, c);
+         }},
+        {"FindAllCerts", Always, [](Pkcs11& p) { return p.FindAllCerts(); }},
+        {"Discover", Always,
+         [](Pkcs11& p) {
+             ClsJsonObject j;
+             return p.Discover(true, j);
+         }},
+    };
+    objects() = {certObject(5, "alice", "a")};
+    for (const auto& row : rows) {
+        for (const bool works : {true, false}) {
+            world.initializedByOthers = false;
+            Pkcs11 object;
+            object.put_SharedLibPath(XString(works ? module.path() : "/nowhere.so"));
+            if (works && row.context != "Initialize" && row.context != "QuickSession")
+                object.QuickSession(1, XString());
+            if (works && row.context == "GetCert_pkcs11") object.FindAllCerts();
+            object.log().clear();
+            const bool ok = row.call(object);
+            ASSERT_FALSE(object.contexts().empty()) << row.context;
+            EXPECT_EQ(object.contexts()[0], row.context);
+            const auto infos = object.infos();
+            const auto recorded = std::ranges::count(infos, ok ? "Success." : "Failed.");
+            const bool expected = row.records == Always || (row.records == SuccessOnly && ok);
+            EXPECT_EQ(recorded, expected ? 1 : 0) << row.context << (ok ? " ok" : " failed");
+            EXPECT_TRUE(!expected || object.get_LastMethodSuccess() == ok);
+        }
+    }
+}
+
+TEST_F(ModuleTest, ContextSpecificPinIsKeptAndRecorded) {
+    EXPECT_TRUE(p11->Login(2, XString("1234-secret-user-pin-987")));
+    EXPECT_THAT(
+        p11->infos(),
+        ElementsAre(
+            "This is a context-specific PIN, so we're not actually logging in right now...",
+            "The context-specific PIN is saved for the time when each signing operation occurs.",
+            "At that point, the PIN is used within the context of signing.", "Success."));
+    XString pin;
+    p11->get_SigContextPin(pin);
+    EXPECT_EQ(pin.view(), "1234-secret-user-pin-987");
+    p11->setContextSpecificPin(XString(), p11->log());
+    p11->get_SigContextPin(pin);
+    EXPECT_TRUE(pin.isEmpty());
+    EXPECT_THAT(world.journal, IsEmpty());
+}
+
+// --- Sessions
+
+TEST_F(ModuleTest, OpenSessionChoosesTheSlot) {
+    slots({3, 7});
+    world.answer = [this](auto& function, auto index) -> std::optional<CK_RV> {
+        const bool refused = function == "C_OpenSession" && world.journal[index].arguments[0] == 3;
+        return refused ? std::optional(CKR_DEVICE_REMOVED) : std::nullopt;
+    };
+    ASSERT_TRUE(p11->Initialize());
+    EXPECT_TRUE(p11->OpenSession(-1, false));
+    EXPECT_EQ(p11->m_slotId, 7U);
+    for (const auto& call : world.journal) {
+        EXPECT_TRUE(call.function != "C_GetSlotList" ||
+                    call.arguments == std::vector<CK_ULONG>({1, 100}));
+    }
+    EXPECT_EQ(world.journal.back().arguments, (std::vector<CK_ULONG>{7, CKF_SERIAL_SESSION}));
+    forget();
+    EXPECT_FALSE(p11->OpenSession(5, true));
+    EXPECT_THAT(p11->values(), ElementsAre("desiredSlotId=5"));
+    EXPECT_THAT(p11->errors(), ElementsAre("Did not find desired slot ID."));
+    EXPECT_EQ(world.count("C_OpenSession"), 0U);
+    EXPECT_TRUE(p11->hasOpenSession());  // a failed open loses nothing
+    world.slots.clear();
+    world.slots.emplace_back().tokenPresent = false;
+    forget();
+    EXPECT_FALSE(p11->OpenSession(-1, true));
+    EXPECT_THAT(p11->errors(), IsEmpty());
+    slots({3, 7});
+}
+
+TEST_F(ModuleTest, MoreSlotsThanFitAreFetchedAndTheFirstCount) {
+    world.slots.clear();
+    for (CK_SLOT_ID id = 1; id <= 130; ++id) world.slots.emplace_back().id = id;
+    ASSERT_TRUE(p11->Initialize());
+    EXPECT_TRUE(p11->OpenSession(100, false));
+    EXPECT_FALSE(p11->OpenSession(101, false));
+    EXPECT_THAT(p11->infos(), Contains(HasSubstr("more slots with a token than are looked at")));
+}
+
+TEST_F(ModuleTest, FailureToListSlotsIsSaid) {
+    ASSERT_TRUE(p11->Initialize());
+    world.answer = [](auto& f, auto) {
+        return f == "C_GetSlotList" ? std::optional<CK_RV>(0x30) : std::nullopt;
+    };
+    EXPECT_FALSE(p11->OpenSession(-1, true));
+    EXPECT_THAT(p11->errors(), ElementsAre("C_GetSlotList failed with CKR_DEVICE_ERROR.",
+                                           "Failed to get slot IDs"));
+}
+
+TEST_F(ModuleTest, NewSessionReplacesTheOldAndKeepsALoginOnTheSameToken) {
+    slots({1, 2});
+    objects() = {certObject(5, "alice", "a")};
+    ASSERT_TRUE(quick());
+    ASSERT_TRUE(p11->FindAllCerts());
+    EXPECT_TRUE(p11->OpenSession(1, false));
+    EXPECT_TRUE(p11->m_userLoggedIn);
+    EXPECT_EQ(p11->get_NumCerts(), 0);
+    EXPECT_EQ(world.sessions.size(), 1U);
+    world.maxSessions = 1;  // room is made first
+    EXPECT_TRUE(p11->OpenSession(2, false));
+    EXPECT_FALSE(p11->m_userLoggedIn);
+    EXPECT_EQ(p11->m_slotId, 2U);
+    EXPECT_TRUE(p11->CloseSession());
+    EXPECT_FALSE(p11->hasOpenSession());
+    EXPECT_FALSE(p11->CloseSession());
+    EXPECT_THAT(p11->errors(), Contains("No PKCS11 session is open."));
+}
+
+TEST_F(ModuleTest, QuickSessionSaysWhereItFailed) {
+    const struct {
+        std::string function;
+        std::string error;
+    } rows[] = {{"C_Initialize", "Failed to initialize"},
+                {"C_OpenSession", "Failed to open session."},
+                {"C_Login", "Failed to login."}};
+    for (const auto& row : rows) {
+        world.answer = [&](auto& f, auto) {
+            return f == row.function ? std::optional<CK_RV>(0x30) : std::nullopt;
+        };
+        Pkcs11 object;
+        object.put_SharedLibPath(XString(module.path()));
+        EXPECT_FALSE(object.QuickSession(1, XString("4711")));
+        EXPECT_EQ(object.errors().back(), row.error);
+        EXPECT_EQ(object.hasOpenSession(), row.function == "C_Login");
+    }
+    world.answer = nullptr;
+    EXPECT_TRUE(p11->QuickSession(1, XString()));
+    EXPECT_THAT(p11->infos(), Contains("PIN is empty, not logging in."));
+    EXPECT_EQ(world.count("C_Login"), 1U);  // the one that failed above
+    EXPECT_TRUE(quick());
+    EXPECT_EQ(world.journal[world.journal.size() - 3].arguments.at(1),
+              CKF_SERIAL_SESSION | CKF_RW_SESSION);
+    const auto numInitialized = world.count("C_Initialize");
+    EXPECT_TRUE(quick());
+    EXPECT_EQ(world.count("C_Initialize"), numInitialized);
+}
+
+TEST_F(ModuleTest, SessionThatEndsIsGivenUpAndTheWayOnIsSaid) {
+    objects() = {certObject(5, "alice", "a"), keyObject(6, "alice", {.id = "a"})};
+    for (const CK_RV rv :
+         {CKR_SESSION_HANDLE_INVALID, CKR_SESSION_CLOSED, CKR_TOKEN_NOT_PRESENT,
+          CKR_TOKEN_NOT_RECOGNIZED, CKR_DEVICE_REMOVED, CKR_CRYPTOKI_NOT_INITIALIZED}) {
+        ASSERT_TRUE(quick());
+        ClsCert cert;
+        ASSERT_TRUE(p11->FindCert(XString("privateKey"), XString(), cert));
+        EXPECT_TRUE(cert.HasPrivateKey());
+        world.answer = [rv](auto& f, auto) {
+            return f == "C_GetAttributeValue" ? std::optional(rv) : std::nullopt;
+        };
+        forget();
+        EXPECT_FALSE(p11->FindAllCerts());
+        world.answer = nullptr;
+        EXPECT_FALSE(p11->hasOpenSession());
+        EXPECT_FALSE(p11->alreadyLoggedIn(1, p11->log()));
+        EXPECT_EQ(p11->get_NumCerts(), 0);
+        EXPECT_FALSE(cert.HasPrivateKey());
+        EXPECT_EQ(p11->m_initialized, rv != CKR_CRYPTOKI_NOT_INITIALIZED);
+        EXPECT_THAT(
+            p11->log().lastHint(),
+            HasSubstr(p11->m_initialized ? "OpenSession is next" : "Initialize or QuickSession"));
+        world.sessions.clear();  // as it is on such a module
+        world.numClosed = world.numOpened;
+        world.slots[0].loggedIn.reset();
+        world.initialized = rv != CKR_CRYPTOKI_NOT_INITIALIZED;
+    }
+}
+
+// --- Login
+
+TEST_F(ModuleTest, LoginStateFollowsTheToken) {
+    ASSERT_TRUE(p11->Initialize());
+    EXPECT_FALSE(p11->Login(1, XString("x")));
+    EXPECT_THAT(p11->errors(), ElementsAre("No PKCS11 session is open."));
+    ASSERT_TRUE(p11->OpenSession(-1, true));
+    EXPECT_FALSE(p11->alreadyLoggedIn(1, p11->log()));
+    EXPECT_TRUE(p11->login(1, world.slots[0].userPin.c_str(), p11->log()));
+    EXPECT_TRUE(p11->alreadyLoggedIn(-5, p11->log()));
+    EXPECT_FALSE(p11->alreadyLoggedIn(2, p11->log()));
+    EXPECT_FALSE(p11->alreadyLoggedIn(0, p11->log()));
+    EXPECT_TRUE(p11->Login(1, XString("anything")));  // logged in already: not tried
+    EXPECT_FALSE(p11->Login(0, XString(world.slots[0].soPin)));
+    EXPECT_THAT(p11->errors(), Contains("C_Login failed with CKR_USER_ANOTHER_ALREADY_LOGGED_IN."));
+    EXPECT_TRUE(p11->Logout());
+    EXPECT_FALSE(p11->alreadyLoggedIn(1, p11->log()));
+    EXPECT_TRUE(p11->Login(0, XString(world.slots[0].soPin)));
+    EXPECT_TRUE(p11->alreadyLoggedIn(0, p11->log()));
+    EXPECT_FALSE(p11->Login(-7, XString("x")));
+    EXPECT_EQ(world.journal.back().arguments.at(1), static_cast<CK_ULONG>(-7));
+}
+
+TEST_F(ModuleTest, WrongPinIsTriedOnceAndTheTokensStateIsSaid) {
+    ASSERT_TRUE(p11->QuickSession(1, XString()));
+    const char* const hints[] = {"A wrong user PIN has been entered",
+                                 "One more wrong user PIN locks it.", "The user PIN is locked",
+                                 "The user PIN is locked"};
+    for (const char* const hint : hints) {
+        forget();
+        EXPECT_FALSE(p11->Login(1, XString("0000")));
+        EXPECT_EQ(world.count("C_Login"), 1U);
+        EXPECT_THAT(p11->log().lastHint(), HasSubstr(hint));
+        EXPECT_THAT(p11->log().lastError(), HasSubstr("C_Login failed with CKR_PIN_"));
+    }
+    EXPECT_THAT(p11->values(), Contains("userPinLocked=true"));
+}
+
+TEST_F(ModuleTest, EmptyPinIsLeftToTheReadersPinPadWhereItHasOne) {
+    ASSERT_TRUE(p11->QuickSession(1, XString()));
+    EXPECT_FALSE(p11->Login(1, XString()));
+    world.slots[0].flags |= CKF_PROTECTED_AUTHENTICATION_PATH;
+    EXPECT_TRUE(p11->Login(1, XString()));
+    EXPECT_EQ(world.journal.back().arguments,
+              (std::vector<CK_ULONG>{p11->m_hSession, CKU_USER, 0, 0}));
+    EXPECT_EQ(world.count("C_Login"), 2U);
+}
+
+TEST_F(ModuleTest, LoginMakesTheNextSelectionReadAgain) {
+    objects() = {certObject(5, "alice", "a")};
+    fake::Object hidden = certObject(6, "bob", "b");
+    hidden.isPrivate = true;
+    objects().push_back(hidden);
+    ASSERT_TRUE(p11->QuickSession(1, XString()));
+    ASSERT_TRUE(p11->FindAllCerts());
+    EXPECT_EQ(p11->get_NumCerts(), 1);
+    ASSERT_TRUE(p11->Login(1, XString(world.slots[0].userPin)));
+    EXPECT_EQ(p11->get_NumCerts(), 1);  // countable until then
+    ClsCert cert;
+    EXPECT_TRUE(p11->FindCert(XString("CN"), XString("Bob"), cert));
+    EXPECT_EQ(p11->get_NumCerts(), 2);
+    EXPECT_TRUE(p11->Logout());
+    EXPECT_EQ(p11->get_NumCerts(), 0);
+}
+
+TEST_F(ModuleTest, ObjectsAreCreatedWithoutThrowing) {
+    const std::unique_ptr<ClsPkcs11> object(ClsPkcs11::createNewCls());
+    ASSERT_NE(object, nullptr);
+    EXPECT_FALSE(object->cardRequiresPss(object->log()));
+    EXPECT_EQ(object->get_NumCerts(), 0);
+}
+
+}  // namespace
+}  // namespace mervane::test

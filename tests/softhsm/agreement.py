@@ -1,0 +1,132 @@
+#!/usr/bin/env python3
+"""What mervane-p11 says of the certificates on a SoftHSM 2 token agrees with the openssl tool, for
+many kinds of certificates; and each finds the key it was made for.
+
+usage: agreement.py MERVANE_P11 SOFTHSM_MODULE"""
+
+import re
+import sys
+
+from softhsm import Token, equal, expect, failures, openssl
+
+KEYS = {
+    "rsa2048": ["RSA", "rsa_keygen_bits:2048"], "rsa3072": ["RSA", "rsa_keygen_bits:3072"],
+    "rsa4096": ["RSA", "rsa_keygen_bits:4096"], "rsa1024": ["RSA", "rsa_keygen_bits:1024"],
+    "p256": ["EC", "ec_paramgen_curve:P-256"], "p384": ["EC", "ec_paramgen_curve:P-384"],
+    "p521": ["EC", "ec_paramgen_curve:P-521"],
+}
+SUBJECTS = [
+    "/CN=Plain", "/C=DE/O=Müller \\& Söhne/CN=Zoë Straße/emailAddress=zoe@example.org",
+    "/CN=日本 太郎/OU=部署/L=東京", "/CN=Multi+UID=m1+OU=unit/O=Acme", "/CN=Comma\\, and \"quotes\"; <x>",
+    "/CN=#hash/O= blanks ", "/DC=org/DC=example/CN=Domain", "/serialNumber=IDC-123/GN=Ann/SN=Doe/CN=Ann Doe",
+    "/street=Main 1/ST=State/title=Dr/CN=Street", "/CN=" + "x" * 64, "/CN=Back\\\\slash", "/CN=equal\\=sign",
+]
+SERIALS = ["0x1", "0x7F", "0x80", "0xFF", "0x0100", "0x8000", "0x" + "7A" * 20, "0x" + "11" * 8,
+           "0x7FFFFFFFFFFFFFFF", "0x" + "A5" * 19, "0xDEADBEEF", "0x" + "01" * 20]
+USAGES = ["digitalSignature", "nonRepudiation", "keyEncipherment", "dataEncipherment", "keyAgreement",
+          "keyCertSign", "cRLSign", "encipherOnly", "decipherOnly", "critical,digitalSignature,nonRepudiation"]
+# What the openssl tool calls an attribute type, and what the tag is here.
+TAGS = {"emailAddress": "E", "street": "STREET", "serialNumber": "2.5.4.5", "GN": "2.5.4.42",
+        "SN": "2.5.4.4", "title": "2.5.4.12"}
+
+
+def unescaped(text):
+    """RFC 4514 escapes undone."""
+    raw = re.sub(rb"\\([0-9A-Fa-f]{2}|.)", lambda m: bytes.fromhex(m[1].decode()) if len(m[1]) == 2 else m[1],
+                 text.encode())
+    return raw.decode()
+
+
+def split_name(text):
+    """[(tag, value)] of a name in RFC 4514 form; parts between unescaped separators."""
+    parts = re.findall(r"((?:\\.|[^\\,+=])+)=((?:\\.|[^\\,+])*?)(?:, |,|\+|$)", text)
+    pairs = [(TAGS.get(tag.strip(), tag.strip()), unescaped(value)) for tag, value in parts]
+    return pairs
+
+
+def openssl_facts(der):
+    def x509(*what):
+        return openssl("x509", "-in", der, "-inform", "DER", "-noout", *what).stdout.strip("\n")
+    text = x509("-text")
+    names = ["-nameopt", "sep_comma_plus,esc_2253,utf8,dump_nostr,sname"]
+    start, end = (x509(f"-{which}date", "-dateopt", "iso_8601").split("=")[1] for which in ("start", "end"))
+    return {
+        "subject": split_name(x509("-subject", *names).split("=", 1)[1]),
+        "issuer": split_name(x509("-issuer", *names).split("=", 1)[1]),
+        "serialNumber": x509("-serial").split("=")[1],
+        "sha1Thumbprint": x509("-fingerprint", "-sha1").split("=")[1].replace(":", ""),
+        "notBefore": start.replace(" ", "T"), "notAfter": end.replace(" ", "T"),
+        "keyType": "RSA" if "rsaEncryption" in text else "EC",
+        "keyBits": int(re.search(r"Public-Key: \((\d+) bit\)", text)[1]),
+    }
+
+
+def main(tool, module):
+    token = Token(tool, module)
+    token.init()
+    folder = token.folder
+    for name, (algorithm, option) in KEYS.items():
+        openssl("genpkey", "-algorithm", algorithm, "-pkeyopt", option, "-out", folder / f"{name}.key")
+    openssl("req", "-x509", "-newkey", "rsa:2048", "-nodes", "-keyout", folder / "ca.key", "-utf8",
+            "-subj", "/O=Trüst/CN=Issuing CA", "-days", "3650", "-out", folder / "ca.pem")
+    made = []
+    keys = list(KEYS)
+    for i, subject in enumerate(SUBJECTS):
+        name, key = f"cert{i}", keys[i % len(keys)]
+        extensions = folder / "extensions"
+        extensions.write_text(f"keyUsage={USAGES[i % len(USAGES)]}\ncertificatePolicies=1.2.3.{i}\n")
+        openssl("req", "-new", "-utf8", "-multivalue-rdn", "-key", folder / f"{key}.key", "-subj", subject,
+                "-out", folder / "csr")
+        openssl("x509", "-req", "-in", folder / "csr", "-CA", folder / "ca.pem", "-CAkey", folder / "ca.key",
+                "-set_serial", SERIALS[i], "-days", str(3650 + i * 3000), "-extfile", extensions,
+                "-outform", "DER", "-out", folder / f"{name}.der")
+        token.put_cert(folder / f"{name}.der", f"{i + 1:02x}", name)
+        made.append((name, key))
+    # Each key once, under the ID of the first certificate that has it.
+    for i, key in enumerate(keys):
+        token.put_key(folder / f"{key}.key", f"{i + 1:02x}", key)
+
+    listed = {c["label"]: c for c in token.p11_json("certs")["certs"]}
+    equal(len(listed), len(made), "number of certificates")
+    for name, _ in made:
+        got, facts = listed[name], openssl_facts(folder / f"{name}.der")
+        for fact, wanted in facts.items():
+            value = split_name(got[fact]) if fact in ("subject", "issuer") else got[fact]
+            equal(value, wanted, f"{name} {fact}")
+        values = ", ".join(re.split(r"(?<!\\), ", got["subject"]))
+        equal(got["subjectNoTags"], re.sub(r"(^|, |(?<!\\)\+)[A-Z0-9.]+=", r"\1", values), f"{name} subjectNoTags")
+
+    login = ("--pin", "env:USER_PIN")
+    keys_by_label = {k["label"]: k for k in token.p11_json("keys", "private", *login)["keys"]}
+    matched = {c["label"]: c for c in token.p11_json("match", *login)["certs"]}
+    for name, key in made:
+        # Handles differ from run to run; the key's size and type tell which it is.
+        found = matched[name]
+        expect(found["privateKey"] is not None, f"{name}: no private key ({found['how']})")
+        if found["privateKey"]:
+            bits = keys_by_label[key]["keySize"]
+            size = (bits + 7) // 8 * (2 if found["keyType"] == "EC" else 1)
+            equal(found["privateKey"]["expectedSignatureSize"], size, f"{name} signature size ({found['how']})")
+        expect(found["how"].startswith("Found matching"), f"{name}: {found['how']}")
+
+    chosen = token.p11_json("find-cert", "privateKey", *login)
+    expect(chosen["privateKey"] is not None, "find-cert privateKey has a key")
+    for name, _ in made:
+        by_serial = token.p11_json("find-cert", "serial", listed[name]["serialNumber"].lower())
+        equal(by_serial["label"], name, "find-cert serial")
+        equal(by_serial["privateKey"], None, "private key without login")
+    for i, usage in enumerate(USAGES[:8]):
+        word = {"keyCertSign": "certificateSigning", "cRLSign": "crlSigning"}.get(usage, usage)
+        number = token.p11("find-cert", "keyUsage", word, "--json", check=False).returncode
+        equal(number, 0, f"find-cert keyUsage {word}")
+    policy = token.p11_json("find-cert", "policyoid", "1.2.3.5", "--out", folder / "out.pem")
+    equal(policy["label"], "cert5", "find-cert policyoid")
+    equal(openssl("x509", "-in", folder / "out.pem", "-outform", "DER", text=False).stdout,
+          (folder / "cert5.der").read_bytes(), "--out")
+    equal(token.p11("find-cert", "CN", "nobody", check=False).returncode, 3, "status of nothing found")
+    print(f"{len(made)} certificates compared")
+
+
+if __name__ == "__main__":
+    main(*sys.argv[1:3])
+    sys.exit(1 if failures else 0)

@@ -1,0 +1,131 @@
+#ifndef MERVANE_TESTS_SUPPORT_H
+#define MERVANE_TESTS_SUPPORT_H
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "pkcs11/clspkcs11.h"
+#include "tests/fake/world.h"
+
+namespace mervane::test {
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+
+/// The class under test with its internal methods and members in view.
+class Pkcs11 final : public ClsPkcs11 {
+  public:
+    using ClsPkcs11::alreadyLoggedIn;
+    using ClsPkcs11::C_Initialize;
+    using ClsPkcs11::cacheEcdsaPrivateKeys;
+    using ClsPkcs11::cacheRsaPrivateKeys;
+    using ClsPkcs11::checkSetSpecial;
+    using ClsPkcs11::findPkcs11Cert;
+    using ClsPkcs11::findPrivKeyHandle;
+    using ClsPkcs11::getPkcs11Functions;
+    using ClsPkcs11::getSlotIdsWithTokenPresent;
+    using ClsPkcs11::hasOpenSession;
+    using ClsPkcs11::loadPkcs11Dll;
+    using ClsPkcs11::loadPkcs11Dll_2;
+    using ClsPkcs11::login;
+    using ClsPkcs11::m_certHandleIsKeyHandle;
+    using ClsPkcs11::m_certs;
+    using ClsPkcs11::m_certsLoaded;
+    using ClsPkcs11::m_ecdsaKeysLoaded;
+    using ClsPkcs11::m_ecdsaPrivKeys;
+    using ClsPkcs11::m_hSession;
+    using ClsPkcs11::m_initialized;
+    using ClsPkcs11::m_libHandle;
+    using ClsPkcs11::m_loadedLibPath;
+    using ClsPkcs11::m_rsaKeysHaveModulus;
+    using ClsPkcs11::m_rsaKeysHaveSubject;
+    using ClsPkcs11::m_rsaKeysLoaded;
+    using ClsPkcs11::m_rsaPrivKeys;
+    using ClsPkcs11::m_slotId;
+    using ClsPkcs11::m_soLoggedIn;
+    using ClsPkcs11::m_userLoggedIn;
+    using ClsPkcs11::setContextSpecificPin;
+
+    // What stands in the log of all calls kept, by channel; contexts as "name".
+    [[nodiscard]] std::vector<std::string> lines(_mvLogger::Entry::What what) const;
+    [[nodiscard]] std::vector<std::string> errors() const {
+        return lines(_mvLogger::Entry::What::Error);
+    }
+    [[nodiscard]] std::vector<std::string> infos() const {
+        return lines(_mvLogger::Entry::What::Info);
+    }
+    [[nodiscard]] std::vector<std::string> contexts() const {
+        return lines(_mvLogger::Entry::What::Enter);
+    }
+    /// "name=value" of the named values.
+    [[nodiscard]] std::vector<std::string> values() const {
+        return lines(_mvLogger::Entry::What::Data);
+    }
+};
+
+/// A copy of the scriptable module under a file name of its own, with its world as new.
+class FakeModule {
+  public:
+    explicit FakeModule(const std::string& fileName);
+
+    [[nodiscard]] const std::string& path() const noexcept { return m_path; }
+    [[nodiscard]] fake::World& world() const noexcept { return *m_world; }
+
+  private:
+    std::string m_path;
+    fake::World* m_world;
+};
+
+/// A folder of this process, removed at its end.
+const std::string& scratchFolder();
+std::string readFile(const std::string& path);
+
+/// One of the certificates made by tests/data/make-certs.
+fake::Bytes certDer(const std::string& name);
+std::shared_ptr<Certificate> loadCert(const std::string& name);
+
+// What a token holds, made from those certificates.
+struct KeyTraits {
+    std::string id;
+    bool maySign = true;
+    bool withSubject = false;
+    bool withModulus = false;
+    bool modulusWithZero = false;
+};
+fake::Object certObject(CK_OBJECT_HANDLE handle, const std::string& cert, const std::string& id);
+/// The private key of a certificate's key pair.
+fake::Object keyObject(CK_OBJECT_HANDLE handle, const std::string& cert, const KeyTraits& traits);
+/// The public key of a certificate's EC key pair; its point raw or as DER OCTET STRING.
+fake::Object ecPublicObject(CK_OBJECT_HANDLE handle, const std::string& cert, const std::string& id,
+                            bool wrapped);
+
+/// A test on the scriptable module. Whatever the test does, at its end no log line may hold a PIN,
+/// no context may be open, the module may have seen nothing against the standard, and once the
+/// object is gone no session and no search may be open in it.
+class FakeTest : public testing::Test {
+  protected:
+    FakeTest();
+    void TearDown() override;
+
+    /// Opens a session and logs in.
+    bool quick() { return p11->QuickSession(1, XString(world.slots[0].userPin)); }
+    /// Forgets the log and the journal so far.
+    void forget();
+    std::vector<fake::Object>& objects() { return world.slots[0].objects; }
+    /// Subject CN of a certificate; empty without one.
+    static std::string cn(ClsCert& cert);
+
+    FakeModule module{"libfake.so"};
+    fake::World& world = module.world();
+    std::unique_ptr<Pkcs11> p11 = std::make_unique<Pkcs11>();
+};
+
+}  // namespace mervane::test
+
+#endif
