@@ -149,6 +149,9 @@ std::string FakeTest::cn(ClsCert& cert) {
 }
 
 void FakeTest::TearDown() {
+    // Scripts may refer to locals of the test, which are gone.
+    world.answer = nullptr;
+    world.lie = nullptr;
     if (p11) {
         const std::string log = p11->log().text();
         for (const fake::Slot& slot : world.slots) {

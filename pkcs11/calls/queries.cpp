@@ -257,6 +257,10 @@ bool readSelector(std::string_view text, Selection& out, LogBase& log) {
     return true;
 }
 
+std::optional<JsonValue> positive(int size) {
+    return size > 0 ? std::optional(JsonValue(size)) : std::nullopt;
+}
+
 // The value of a column as JSON; nothing when the object lacks it or it says nothing.
 std::optional<JsonValue> columnValue(const ObjectReader& reader, std::size_t row, Form form) {
     const auto bytes = reader.bytes(row);
@@ -270,8 +274,7 @@ std::optional<JsonValue> columnValue(const ObjectReader& reader, std::size_t row
         case Form::Flag:
             return JsonValue(*reader.flag(row));
         case Form::Modulus:
-            return bytes->empty() ? std::nullopt
-                                  : std::optional(JsonValue(mp_int(*bytes).bitCount()));
+            return positive(mp_int(*bytes).bitCount());
         case Form::Curve: {
             const EcCurve* const curve = findCurve(*bytes);
             return curve == nullptr ? std::nullopt : std::optional(JsonValue(curve->bits));

@@ -1,4 +1,4 @@
-#!/usr/bin/env python3
+#!/usr/bin/python3
 """A token set up from nothing with the command line alone, then used; keys and objects on it; and
 what wrong PINs lead to.
 

@@ -1,4 +1,4 @@
-#!/usr/bin/env python3
+#!/usr/bin/python3
 """What mervane-p11 says of the certificates on a SoftHSM 2 token agrees with the openssl tool, for
 many kinds of certificates; and each finds the key it was made for.
 

@@ -1,4 +1,4 @@
-#!/usr/bin/env python3
+#!/usr/bin/python3
 """What discover reports agrees with pkcs11-tool -L -M, for SoftHSM 2 with several tokens and for
 p11-kit-trust.
 
@@ -64,7 +64,7 @@ def compare_mechanisms(token, others, where):
     equal(len(mechanisms), len(token["mechanisms"]), f"{where}: names are distinct")
     named = 0
     for name, (low, high, flags) in others.items():
-name = {"ECDSA-KEY-PAIR-GEN": "EC-KEY-PAIR-GEN"}.get(name, name)  # the same mechanism
+        name = {"ECDSA-KEY-PAIR-GEN": "EC-KEY-PAIR-GEN"}.get(name, name)  # the same mechanism
         ours = mechanisms.get("CKM_" + name.replace("-", "_")) or mechanisms.get(name)
         if name.startswith("mechtype-"):
             continue  # one that the other tool does not name

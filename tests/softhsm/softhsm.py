@@ -1,4 +1,4 @@
-"""A SoftHSM 2 token in a folder of its own, and the tools that put things on it."""
+#!/usr/bin/python3
 
 import json
 import os

@@ -1,4 +1,4 @@
-#!/usr/bin/env python3
+#!/usr/bin/python3
 """Writes the constants that the library carries from cards.json: raw deflate at the best level,
 base64 without padding, 76 characters a constant. Run it after every edit of cards.json.
 
@@ -30,7 +30,9 @@ constexpr std::string_view kConstants[] = {{
 
 }}  // namespace
 
-std::span<const std::string_view> constants() noexcept {{ return kConstants; }}
+std::span<const std::string_view> constants() noexcept {{
+    return kConstants;
+}}
 
 }}  // namespace mervane::carddata
 """
