@@ -26,10 +26,8 @@ class CardsTest : public testing::Test {
         ExtPtrArraySb paths;
         paths.appendString("old");
         object.log().clear();
-        out.ok =
-            data == nullptr
-                ? ClsPkcs11::CardDataLookupAtr2(atr, name, out.readOnly, paths, object.log())
-                : ClsPkcs11::CardDataLookupAtr(*data, atr, name, out.readOnly, paths, object.log());
+        out.ok = data == nullptr ? ClsPkcs11::CardDataLookupAtr2(atr, name, out.readOnly, paths, object.log())
+                                 : ClsPkcs11::CardDataLookupAtr(*data, atr, name, out.readOnly, paths, object.log());
         out.name = name.view();
         for (int i = 0; i < paths.getSize(); ++i) out.paths.emplace_back(paths.sbAt(i)->view());
         return out;
@@ -49,26 +47,21 @@ TEST_F(CardsTest, DocumentIsWhole) {
     EXPECT_EQ(*document.valueAt("version")->asString(), "1.1.3");
     DataBuffer text;
     ASSERT_TRUE(carddata::load(carddata::constants(), text, object.log()));
-    EXPECT_EQ(std::string(text.span().begin(), text.span().end()),
-              readFile(std::string(MERVANE_SOURCE) + "/tools/carddata/cards.json"));
-    for (const auto piece : carddata::constants().first(carddata::constants().size() - 1))
-        EXPECT_EQ(piece.size(), 76U);
+    EXPECT_EQ(std::string(text.span().begin(), text.span().end()), readFile(std::string(MERVANE_SOURCE) + "/tools/carddata/cards.json"));
+    for (const auto piece : carddata::constants().first(carddata::constants().size() - 1)) EXPECT_EQ(piece.size(), 76U);
 }
 
 TEST_F(CardsTest, TellingCards) {
     Found card = find("3b6d000057443641018693");
     EXPECT_TRUE(card.ok);
     EXPECT_EQ(card.name, "Watchdata PROXkey");
-    EXPECT_THAT(card.paths,
-                ElementsAre("/usr/lib/WatchData/ProxKey/lib/libwdpkcs_SignatureP11.so"));
+    EXPECT_THAT(card.paths, ElementsAre("/usr/lib/WatchData/ProxKey/lib/libwdpkcs_SignatureP11.so"));
     EXPECT_FALSE(card.readOnly);
     EXPECT_EQ(find("3B6D0000574436410186939000").name, "Watchdata PROXkey");
     EXPECT_EQ(find(" \t3b6d000057443641018693\r\n").name, "Watchdata PROXkey");
     card = find("3B9F958131FE9F006646530534002571DF000000000077");
     EXPECT_EQ(card.name, "ePass2003");
-    EXPECT_THAT(card.paths,
-                ElementsAre("/usr/lib/opensc-pkcs11.so", "/usr/local/lib/opensc-pkcs11.so",
-                            "/usr/lib/x86_64-linux-gnu/opensc-pkcs11.so"));
+    EXPECT_THAT(card.paths, ElementsAre("/usr/lib/opensc-pkcs11.so", "/usr/local/lib/opensc-pkcs11.so", "/usr/lib/x86_64-linux-gnu/opensc-pkcs11.so"));
     EXPECT_TRUE(find("3BD21802C10A31FE58C80D51").readOnly);
     // A driver for Windows alone
     card = find("3B7F96000080318065B0855956FB120268829000");
@@ -80,8 +73,7 @@ TEST_F(CardsTest, TellingCards) {
 TEST_F(CardsTest, AtrThatIsNoneFindsNothingWithoutAnErrorLine) {
     const std::string overlong(100000, '3');
     for (const char* const atr :
-         {static_cast<const char*>(nullptr), "", " ", "3", "3B", "3b 6d 00 00 57 44 36 41 01 86 93",
-          "xyz", "3B00\n3B", "\xFF\xFE", overlong.c_str()}) {
+         {static_cast<const char*>(nullptr), "", " ", "3", "3B", "3b 6d 00 00 57 44 36 41 01 86 93", "xyz", "3B00\n3B", "\xFF\xFE", overlong.c_str()}) {
         const Found card = find(atr);
         EXPECT_FALSE(card.ok);
         EXPECT_TRUE(card.name.empty() && card.paths.empty() && !card.readOnly);
@@ -99,8 +91,7 @@ TEST_F(CardsTest, RewriteTableRowByRow) {
         {"3BFF96AA8131FE4380318065BB", "3BFF9600008131FE4380318065B0855956FB12017882900088"},
         {"3BFF95AA8131FE4380318065BB", ""},
         {"3BFF968131FE438031806", ""},
-        {"3BFF1800FF8131FE55006B0209AA1101434E5311318BB",
-         "3BFF1800FF8131FE55006B02090200011101434E531131808E"},
+        {"3BFF1800FF8131FE55006B0209AA1101434E5311318BB", "3BFF1800FF8131FE55006B02090200011101434E531131808E"},
         {"3BFF1800FF8131FE55006B0209AA1101434E531131", ""},
         {feitian + "1171DF0000460000", feitian + "40081871DF000046000015"},  // before row 9
         {"3B9F958131FE9F006646530534002571DF0000000000"
@@ -111,11 +102,9 @@ TEST_F(CardsTest, RewriteTableRowByRow) {
         {"3B7F96000080318065B085AAFFE82900", "3B7F96000080318065B0855956FB120268829000"},
         {"3b7f96000080318065b085", "3B7F96000080318065B0855956FB120268829000"},
         {"3B7F96000080318065B084AAFFE829000", ""},
-        {"3BDD96FF8131FE4580595F5374645F496E697481FF",
-         "3BDD96FF8131FE4580595F5374645F496E6974810000"},
+        {"3BDD96FF8131FE4580595F5374645F496E697481FF", "3BDD96FF8131FE4580595F5374645F496E6974810000"},
         {"3BDD96FF8131FE4580595F5374645F496E69748", ""},
-        {"3B9F9681B1FE451F070064051EB20031B0739621DB11",
-         "3B9F9681B1FE451F070064051EB20031B0739621DB00000000"},
+        {"3B9F9681B1FE451F070064051EB20031B0739621DB11", "3B9F9681B1FE451F070064051EB20031B0739621DB00000000"},
         {"3B9F9681B1FE451F070064051EB20031B0739621D", ""},
         {"3BBB1800C01031FE4580670412B00303000081", "3BBB1800C01031FE4580670412B003030000810000"},
         {"3BBB1800C01031FE4580670412B0030300008", ""},
@@ -124,10 +113,8 @@ TEST_F(CardsTest, RewriteTableRowByRow) {
         {"3B9F958131FE9F006646530534002571DF0000000000AB", xx},
         {"3B9F958131FE9F006646530534002571DF000000000", ""},
         {"3B9F958131FE9F006646530534002571DF0000390000AB", xx},
-        {"3B9F958131FE9F006646530534002571DF0000060000AB",
-         "3B9F958131FE9F006646530534002571DF0000060000xx"},
-        {"3B9F958131FE9F006646530551003371DF0000000000AB",
-         "3B9F958131FE9F006646530551003371DF0000000000xx"},
+        {"3B9F958131FE9F006646530534002571DF0000060000AB", "3B9F958131FE9F006646530534002571DF0000060000xx"},
+        {"3B9F958131FE9F006646530551003371DF0000000000AB", "3B9F958131FE9F006646530551003371DF0000000000xx"},
         {"3B9F958131FE9F00664653055100", ""},
         {"3B6D000057443641018693FFFF", "3B6D000057443641018693"},
         {"3B6D00005744364101869", ""},
@@ -138,12 +125,10 @@ TEST_F(CardsTest, RewriteTableRowByRow) {
         std::string same(trimmed(row.atr));
         std::ranges::transform(same, same.begin(), toUpperAscii);
         const std::string becomes = row.becomes.empty() ? same : row.becomes;
-        json(R"({"cards":[{"atr":")" + becomes +
-             R"(","name":"n","driver":"D"}],"drivers":[{"id":"d","file":{"linux":"/p"}}]})");
+        json(R"({"cards":[{"atr":")" + becomes + R"(","name":"n","driver":"D"}],"drivers":[{"id":"d","file":{"linux":"/p"}}]})");
         EXPECT_EQ(find(row.atr.c_str(), &document).name, "n") << row.atr;
         if (same == becomes) continue;
-        json(R"({"cards":[{"atr":")" + same +
-             R"(","name":"n","driver":"D"}],"drivers":[{"id":"d","file":{"linux":"/p"}}]})");
+        json(R"({"cards":[{"atr":")" + same + R"(","name":"n","driver":"D"}],"drivers":[{"id":"d","file":{"linux":"/p"}}]})");
         EXPECT_FALSE(find(row.atr.c_str(), &document).ok) << row.atr;
     }
 }
@@ -171,9 +156,7 @@ TEST_F(CardsTest, RecordsOfEveryShape) {
         {R"("linux":{"x64":"/no"})", {}, "Failed to find driver paths."},
         {R"("linux":{"x86":[]})", {}, "Failed to find driver paths."},
         {R"("linux":{"x86":{}})", {}, "Failed to find driver paths."},
-        {R"("linux":{"x86":""})",
-         {},
-         "Failed to get Windows driver path.|Failed to find driver paths."},
+        {R"("linux":{"x86":""})", {}, "Failed to get Windows driver path.|Failed to find driver paths."},
     };
     for (const auto& row : rows) {
         json(head + row.file + "}}]}");
@@ -184,8 +167,7 @@ TEST_F(CardsTest, RecordsOfEveryShape) {
         EXPECT_EQ(card.readOnly, card.ok);
         std::string errors;
         object.log().forEach([&](const _mvLogger::Entry& entry) {
-            if (entry.what == _mvLogger::Entry::What::Error)
-                errors.append(errors.empty() ? "" : "|").append(entry.text);
+            if (entry.what == _mvLogger::Entry::What::Error) errors.append(errors.empty() ? "" : "|").append(entry.text);
         });
         EXPECT_EQ(errors, row.error) << row.file;
     }
@@ -195,10 +177,8 @@ TEST_F(CardsTest, RecordsOfEveryShape) {
         std::size_t numPaths;
     } broken[] = {
         {R"({"cards":[{"atr":"AA","name":"n"}]})", "Did not find driver member.", 0},
-        {R"({"cards":[{"atr":"AA","driver":"q"}],"drivers":[{"id":"d"}]})",
-         "Did not find driver record.", 0},
-        {R"({"cards":[{"atr":"AA","driver":"d","readOnly":true}],"drivers":[{"id":"d","file":{"linux":"/p"}}]})",
-         "", 1},  // without a name
+        {R"({"cards":[{"atr":"AA","driver":"q"}],"drivers":[{"id":"d"}]})", "Did not find driver record.", 0},
+        {R"({"cards":[{"atr":"AA","driver":"d","readOnly":true}],"drivers":[{"id":"d","file":{"linux":"/p"}}]})", "", 1},  // without a name
         {R"({"cards":7})", "", 0},
         {"[]", "", 0},
     };
@@ -239,8 +219,7 @@ TEST_F(CardsTest, DamagedConstantsGiveFalseOrTheExactDocument) {
         numLoaded += ok ? 1 : 0;
         return ok && out.equals(good);
     };
-    for (std::size_t size = 0; size < whole.size(); size += 37)
-        EXPECT_FALSE(check(whole.substr(0, size)));
+    for (std::size_t size = 0; size < whole.size(); size += 37) EXPECT_FALSE(check(whole.substr(0, size)));
     for (const char bad : {'=', '!', '\0'}) {
         std::string text = whole;
         text[whole.size() / 2] = bad;

@@ -42,8 +42,7 @@ TEST_F(CertsTest, CacheIsEnumeratedInTheOrderOfTheToken) {
     EXPECT_FALSE(p11->GetCert(-1, cert));
     EXPECT_FALSE(p11->GetCert(3, cert));
     EXPECT_EQ(cn(cert), "Curve 256");  // untouched
-    EXPECT_THAT(p11->errors(), ElementsAre("Error loading certificate object from DER.",
-                                           "Error loading certificate object from DER."));
+    EXPECT_THAT(p11->errors(), ElementsAre("Error loading certificate object from DER.", "Error loading certificate object from DER."));
     p11->m_certs.appendObject(std::make_unique<CertificateHolder>(nullptr));
     EXPECT_FALSE(p11->GetCert(3, cert));
     EXPECT_EQ(p11->errors().back(), "Internal error getting cert.");
@@ -84,8 +83,7 @@ TEST_F(CertsTest, ObjectsThatAreNoCertificatesArePassedOver) {
     fake::Object large = certObject(44, "p256", "w");
     large.attributes[CKA_VALUE].resize(20000);  // more than the common room
     fake::Object gone = certObject(45, "bob", "v");
-    for (const auto& object : {broken, other, secret, padded, large, gone})
-        objects().push_back(object);
+    for (const auto& object : {broken, other, secret, padded, large, gone}) objects().push_back(object);
     world.answer = [this](auto& f, auto i) {
         const bool vanished = f == "C_GetAttributeValue" && world.journal[i].arguments[1] == 45;
         return vanished ? std::optional<CK_RV>(0x082) : std::nullopt;
@@ -95,12 +93,9 @@ TEST_F(CertsTest, ObjectsThatAreNoCertificatesArePassedOver) {
     EXPECT_EQ(p11->get_NumCerts(), 3);
     EXPECT_EQ(find("CN", "Bob"), "Bob");
     EXPECT_EQ(find("CN", "Curve 256"), "Curve 256");
-    EXPECT_THAT(p11->errors(),
-                ElementsAre("The bytes are not an X.509 certificate.",
-                            "A certificate object is passed over: its value cannot be read.",
-                            "C_GetAttributeValue failed with CKR_OBJECT_HANDLE_INVALID."));
-    EXPECT_THAT(p11->infos(),
-                Contains("A certificate object is passed over: it is not an X.509 certificate."));
+    EXPECT_THAT(p11->errors(), ElementsAre("The bytes are not an X.509 certificate.", "A certificate object is passed over: its value cannot be read.",
+                                           "C_GetAttributeValue failed with CKR_OBJECT_HANDLE_INVALID."));
+    EXPECT_THAT(p11->infos(), Contains("A certificate object is passed over: it is not an X.509 certificate."));
     EXPECT_THAT(p11->values(), Contains("objectHandle=45"));
     EXPECT_EQ(world.count("C_GetAttributeValue"), 7U + 2U);  // two more for the large one
 }
@@ -108,11 +103,8 @@ TEST_F(CertsTest, ObjectsThatAreNoCertificatesArePassedOver) {
 TEST_F(CertsTest, FailedReadKeepsTheCertificatesReadBefore) {
     tokenOf({"alice"});
     ASSERT_TRUE(p11->FindAllCerts());
-    for (const std::string function :
-         {"C_FindObjectsInit", "C_FindObjects", "C_GetAttributeValue"}) {
-        world.answer = [&](auto& f, auto) {
-            return f == function ? std::optional<CK_RV>(0x30) : std::nullopt;
-        };
+    for (const std::string function : {"C_FindObjectsInit", "C_FindObjects", "C_GetAttributeValue"}) {
+        world.answer = [&](auto& f, auto) { return f == function ? std::optional<CK_RV>(0x30) : std::nullopt; };
         EXPECT_FALSE(p11->FindAllCerts());
         EXPECT_THAT(p11->log().lastError(), HasSubstr("failed with CKR_DEVICE_ERROR"));
         EXPECT_EQ(p11->get_NumCerts(), 1);
@@ -122,17 +114,13 @@ TEST_F(CertsTest, FailedReadKeepsTheCertificatesReadBefore) {
 TEST_F(CertsTest, SearchLeftOpenBySomebodyIsEndedOnce) {
     tokenOf({"alice"});
     int numActive = 1;
-    world.answer = [&](auto& f, auto) {
-        return f == "C_FindObjectsInit" && numActive-- > 0 ? std::optional(CKR_OPERATION_ACTIVE)
-                                                           : std::nullopt;
-    };
+    world.answer = [&](auto& f, auto) { return f == "C_FindObjectsInit" && numActive-- > 0 ? std::optional(CKR_OPERATION_ACTIVE) : std::nullopt; };
     EXPECT_TRUE(p11->FindAllCerts());
     EXPECT_EQ(world.count("C_FindObjectsFinal"), 2U);
 }
 
 TEST_F(CertsTest, EveryRuleFindsItsCertificateAndNoOther) {
-    objects() = {certObject(10, "alice", "a"), certObject(11, "bob", "b"),
-                 certObject(12, "p256", "c")};
+    objects() = {certObject(10, "alice", "a"), certObject(11, "bob", "b"), certObject(12, "p256", "c")};
     ASSERT_TRUE(quick());
     LogNull log;
     XString print;
@@ -199,8 +187,7 @@ TEST_F(CertsTest, EveryRuleFindsItsCertificateAndNoOther) {
         {"no such part", "x", none},
         {"privatekeys", "x", none},
     };
-    for (const auto& row : rows)
-        EXPECT_EQ(find(row.part, row.value), row.found) << row.part << " = " << row.value;
+    for (const auto& row : rows) EXPECT_EQ(find(row.part, row.value), row.found) << row.part << " = " << row.value;
     EXPECT_EQ(world.count("C_FindObjectsInit"), 1U);  // the cache is filled once
     EXPECT_THAT(p11->values(), Contains("checking=0A1B:Test CA"));
     EXPECT_THAT(p11->values(), Contains("checking="));
@@ -234,18 +221,15 @@ TEST_F(CertsTest, OtherIssuersAreChosenBeforeTheAuthenticationCa) {
         tokenOf(row.order);
         EXPECT_EQ(find(" PrivateKey ", "ignored"), row.chosen);
         const auto infos = p11->infos();
-        EXPECT_EQ(std::ranges::count(infos, "The candidate certificate was chosen."),
-                  row.order.size() == 1 ? 1 : 0);
+        EXPECT_EQ(std::ranges::count(infos, "The candidate certificate was chosen."), row.order.size() == 1 ? 1 : 0);
         const auto values = p11->values();
-        const bool named =
-            std::ranges::any_of(values, [](auto& v) { return v.starts_with("chosenCertDN="); });
+        const bool named = std::ranges::any_of(values, [](auto& v) { return v.starts_with("chosenCertDN="); });
         EXPECT_EQ(named, row.order.size() != 1);
     }
 }
 
 TEST_F(CertsTest, CertificatesWithoutKeysAreNotChosenForTheirKey) {
-    objects() = {certObject(10, "alice", "a"), certObject(11, "bob", "b"),
-                 certObject(12, "ed", "c")};
+    objects() = {certObject(10, "alice", "a"), certObject(11, "bob", "b"), certObject(12, "ed", "c")};
     ASSERT_TRUE(quick());
     EXPECT_EQ(find("privateKey", ""), "Not found.");
     EXPECT_THAT(p11->values(), Contains("hasPrivateKey=false"));

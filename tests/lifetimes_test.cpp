@@ -12,17 +12,13 @@ namespace {
 
 class LifetimesTest : public FakeTest {
   protected:
-    LifetimesTest() {
-        objects() = {certObject(10, "alice", "a"), keyObject(20, "alice", {.id = "a"})};
-    }
+    LifetimesTest() { objects() = {certObject(10, "alice", "a"), keyObject(20, "alice", {.id = "a"})}; }
     std::unique_ptr<Pkcs11> make() const {
         auto object = std::make_unique<Pkcs11>();
         object->put_SharedLibPath(XString(module.path()));
         return object;
     }
-    bool quick(Pkcs11& object) const {
-        return object.QuickSession(1, XString(world.slots[0].userPin));
-    }
+    bool quick(Pkcs11& object) const { return object.QuickSession(1, XString(world.slots[0].userPin)); }
 };
 
 TEST_F(LifetimesTest, CertificateOutlivesItsToken) {
@@ -67,9 +63,7 @@ TEST_F(LifetimesTest, TwoObjectsOnOneModuleInEveryOrder) {
 }
 
 TEST_F(LifetimesTest, ObjectThatFailedToInitializeFinalizesNothing) {
-    world.answer = [](auto& f, auto) {
-        return f == "C_Initialize" ? std::optional<CK_RV>(0x30) : std::nullopt;
-    };
+    world.answer = [](auto& f, auto) { return f == "C_Initialize" ? std::optional<CK_RV>(0x30) : std::nullopt; };
     EXPECT_FALSE(p11->Initialize());
     EXPECT_FALSE(p11->OpenSession(-1, true));
     p11.reset();
@@ -120,15 +114,12 @@ TEST_F(LifetimesTest, ForkedChildDropsTheSessionAndBeginsAnew) {
     ASSERT_TRUE(quick(*p11) && p11->FindCert(XString("privateKey"), XString(), cert));
     const std::size_t before = world.journal.size();
     EXPECT_TRUE(inChild([&] {
-        const bool dropped =
-            !p11->FindAllCerts() && world.journal.size() == before && !p11->hasOpenSession();
+        const bool dropped = !p11->FindAllCerts() && world.journal.size() == before && !p11->hasOpenSession();
         const auto infos = p11->infos();
-        const bool said = std::ranges::any_of(
-            infos, [](auto& line) { return line.starts_with("The process has forked"); });
+        const bool said = std::ranges::any_of(infos, [](auto& line) { return line.starts_with("The process has forked"); });
         world.initialized = false;  // a module that knows of forks
         world.sessions.clear();
-        return dropped && said && !cert.HasPrivateKey() && p11->Initialize() && quick(*p11) &&
-               p11->FindAllCerts();
+        return dropped && said && !cert.HasPrivateKey() && p11->Initialize() && quick(*p11) && p11->FindAllCerts();
     }));
     EXPECT_TRUE(inChild([&] {
         p11.reset();  // untouched in the child: calls nothing
@@ -181,24 +172,12 @@ TEST_F(LifetimesTest, EightThreadsOnOneObjectNeverMeetInTheModule) {
                 ClsCert cert;
                 ClsJsonObject json;
                 switch ((i + t) % 6) {
-                    case 0:
-                        p11->FindAllCerts();
-                        break;
-                    case 1:
-                        p11->FindCert(XString("privateKey"), XString(), cert);
-                        break;
-                    case 2:
-                        p11->GetCert(0, cert);
-                        break;
-                    case 3:
-                        p11->FindAllKeys(XString(), json);
-                        break;
-                    case 4:
-                        p11->OpenSession(-1, true);
-                        break;
-                    default:
-                        p11->get_NumCerts();
-                        break;
+                    case 0: p11->FindAllCerts(); break;
+                    case 1: p11->FindCert(XString("privateKey"), XString(), cert); break;
+                    case 2: p11->GetCert(0, cert); break;
+                    case 3: p11->FindAllKeys(XString(), json); break;
+                    case 4: p11->OpenSession(-1, true); break;
+                    default: p11->get_NumCerts(); break;
                 }
                 numLinked += cert.HasPrivateKey() ? 1 : 0;
             }
@@ -222,8 +201,7 @@ TEST_F(LifetimesTest, ObjectsComeAndGoInTwoThreads) {
     }
     for (std::thread& thread : threads) thread.join();
     EXPECT_EQ(numDone, 200);
-    std::erase_if(world.violations,
-                  [](const std::string& v) { return v.starts_with("two calls at once"); });
+    std::erase_if(world.violations, [](const std::string& v) { return v.starts_with("two calls at once"); });
 }
 
 }  // namespace

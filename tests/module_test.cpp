@@ -31,8 +31,7 @@ TEST_F(ModuleTest, PathThatIsNoModuleIsRefusedWithOneLine) {
         std::string error;
     } rows[] = {
         {"", "The SharedLibPath property is not yet set."},
-        {folder + "/missing.so",
-         "The PKCS11 module is missing: the SharedLibPath names no regular file."},
+        {folder + "/missing.so", "The PKCS11 module is missing: the SharedLibPath names no regular file."},
         {folder, "The PKCS11 module is missing: the SharedLibPath names no regular file."},
         {fifo, "The PKCS11 module is missing: the SharedLibPath names no regular file."},
         {text, "Failed to load PKCS11 shared library."},
@@ -81,8 +80,7 @@ TEST_F(ModuleTest, BareFileNameIsTriedSecond) {
     EXPECT_THAT(p11->errors(), IsEmpty());
     EXPECT_TRUE(p11->loadPkcs11Dll(true, p11->log()));
     EXPECT_EQ(p11->m_loadedLibPath.view(), "libz.so.1");
-    EXPECT_THAT(p11->values(), ElementsAre("sharedLib=/nowhere/libz.so.1", "filename=libz.so.1",
-                                           "sharedLib=/nowhere/libz.so.1"));
+    EXPECT_THAT(p11->values(), ElementsAre("sharedLib=/nowhere/libz.so.1", "filename=libz.so.1", "sharedLib=/nowhere/libz.so.1"));
     std::filesystem::current_path(before);
 }
 
@@ -91,8 +89,7 @@ TEST_F(ModuleTest, ModuleWhoseCertHandleIsTheKeyHandleIsKnownByItsName) {
     p11->put_SharedLibPath(XString(special.path()));
     ASSERT_TRUE(p11->Initialize());
     EXPECT_TRUE(p11->m_certHandleIsKeyHandle);
-    EXPECT_THAT(p11->infos(),
-                Contains("Will use the certificate handle as the private key handle..."));
+    EXPECT_THAT(p11->infos(), Contains("Will use the certificate handle as the private key handle..."));
     p11->put_SharedLibPath(XString("/nowhere.so"));
     EXPECT_FALSE(p11->loadPkcs11Dll_2(p11->log()));
     EXPECT_TRUE(p11->m_certHandleIsKeyHandle);  // a failed load leaves it
@@ -109,18 +106,15 @@ TEST_F(ModuleTest, FunctionListThatCannotBeUsedIsRefused) {
         void (*arrange)(fake::World&);
         std::string error;
     } rows[] = {
-        {"null", [](fake::World& w) { w.nullList = true; },
-         "C_GetFunctionList gave no function list."},
+        {"null", [](fake::World& w) { w.nullList = true; }, "C_GetFunctionList gave no function list."},
         {"version",
          [](fake::World& w) {
              w.version = {1, 0};
          },
          "The function list is not of a PKCS#11 version 2 or 3 module."},
-        {"code", [](fake::World& w) { w.answer = [](auto&, auto) { return CKR_GENERAL_ERROR; }; },
-         "C_GetFunctionList failed with CKR_GENERAL_ERROR."},
+        {"code", [](fake::World& w) { w.answer = [](auto&, auto) { return CKR_GENERAL_ERROR; }; }, "C_GetFunctionList failed with CKR_GENERAL_ERROR."},
         {"entry", [](fake::World& w) { w.nullEntries = {"C_Initialize"}; }, "Function not found"},
-        {"throws", [](fake::World& w) { w.answer = [](auto&, auto) -> CK_RV { throw 7; }; },
-         "The module threw an exception."},
+        {"throws", [](fake::World& w) { w.answer = [](auto&, auto) -> CK_RV { throw 7; }; }, "The module threw an exception."},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.what);
@@ -173,16 +167,14 @@ TEST_F(ModuleTest, EveryMethodOpensItsContextAndRecordsAsItShould) {
         std::function<bool(Pkcs11&)> call;
     } rows[] = {
         {"Initialize", Always, [](Pkcs11& p) { return p.Initialize(); }},
-        {"QuickSession", SuccessOnly,
-         [this](Pkcs11& p) { return p.QuickSession(1, XString(world.slots[0].userPin)); }},
+        {"QuickSession", SuccessOnly, [this](Pkcs11& p) { return p.QuickSession(1, XString(world.slots[0].userPin)); }},
         {"OpenSession", Always, [](Pkcs11& p) { return p.OpenSession(-1, true); }},
         {"CloseSession", Never, [](Pkcs11& p) { return p.CloseSession(); }},
         {"Login", Never, [this](Pkcs11& p) { return p.Login(1, XString(world.slots[0].userPin)); }},
         {"Logout", Never, [](Pkcs11& p) { return p.Logout(); }},
         {"SetPin", Always, [](Pkcs11& p) { return p.SetPin(XString("a"), XString("b")); }},
         {"InitPin", Always, [](Pkcs11& p) { return p.InitPin(XString("a")); }},
-        {"FindCert_pkcs11", Always,
-         [](Pkcs11& p) { return p.InitToken(9, XString("a"), XString("l")); }},
+        {"FindCert_pkcs11", Always, [](Pkcs11& p) { return p.InitToken(9, XString("a"), XString("l")); }},
         {"FindObject", Never,
          [](Pkcs11& p) {
              ClsJsonObject j;
@@ -216,8 +208,7 @@ TEST_F(ModuleTest, EveryMethodOpensItsContextAndRecordsAsItShould) {
             world.initializedByOthers = false;
             Pkcs11 object;
             object.put_SharedLibPath(XString(works ? module.path() : "/nowhere.so"));
-            if (works && row.context != "Initialize" && row.context != "QuickSession")
-                object.QuickSession(1, XString());
+            if (works && row.context != "Initialize" && row.context != "QuickSession") object.QuickSession(1, XString());
             if (works && row.context == "GetCert_pkcs11") object.FindAllCerts();
             object.log().clear();
             const bool ok = row.call(object);
@@ -234,12 +225,9 @@ TEST_F(ModuleTest, EveryMethodOpensItsContextAndRecordsAsItShould) {
 
 TEST_F(ModuleTest, ContextSpecificPinIsKeptAndRecorded) {
     EXPECT_TRUE(p11->Login(2, XString("1234-secret-user-pin-987")));
-    EXPECT_THAT(
-        p11->infos(),
-        ElementsAre(
-            "This is a context-specific PIN, so we're not actually logging in right now...",
-            "The context-specific PIN is saved for the time when each signing operation occurs.",
-            "At that point, the PIN is used within the context of signing.", "Success."));
+    EXPECT_THAT(p11->infos(), ElementsAre("This is a context-specific PIN, so we're not actually logging in right now...",
+                                          "The context-specific PIN is saved for the time when each signing operation occurs.",
+                                          "At that point, the PIN is used within the context of signing.", "Success."));
     XString pin;
     p11->get_SigContextPin(pin);
     EXPECT_EQ(pin.view(), "1234-secret-user-pin-987");
@@ -260,10 +248,7 @@ TEST_F(ModuleTest, OpenSessionChoosesTheSlot) {
     ASSERT_TRUE(p11->Initialize());
     EXPECT_TRUE(p11->OpenSession(-1, false));
     EXPECT_EQ(p11->m_slotId, 7U);
-    for (const auto& call : world.journal) {
-        EXPECT_TRUE(call.function != "C_GetSlotList" ||
-                    call.arguments == std::vector<CK_ULONG>({1, 100}));
-    }
+    for (const auto& call : world.journal) { EXPECT_TRUE(call.function != "C_GetSlotList" || call.arguments == std::vector<CK_ULONG>({1, 100})); }
     EXPECT_EQ(world.journal.back().arguments, (std::vector<CK_ULONG>{7, CKF_SERIAL_SESSION}));
     forget();
     EXPECT_FALSE(p11->OpenSession(5, true));
@@ -290,12 +275,9 @@ TEST_F(ModuleTest, MoreSlotsThanFitAreFetchedAndTheFirstCount) {
 
 TEST_F(ModuleTest, FailureToListSlotsIsSaid) {
     ASSERT_TRUE(p11->Initialize());
-    world.answer = [](auto& f, auto) {
-        return f == "C_GetSlotList" ? std::optional<CK_RV>(0x30) : std::nullopt;
-    };
+    world.answer = [](auto& f, auto) { return f == "C_GetSlotList" ? std::optional<CK_RV>(0x30) : std::nullopt; };
     EXPECT_FALSE(p11->OpenSession(-1, true));
-    EXPECT_THAT(p11->errors(), ElementsAre("C_GetSlotList failed with CKR_DEVICE_ERROR.",
-                                           "Failed to get slot IDs"));
+    EXPECT_THAT(p11->errors(), ElementsAre("C_GetSlotList failed with CKR_DEVICE_ERROR.", "Failed to get slot IDs"));
 }
 
 TEST_F(ModuleTest, NewSessionReplacesTheOldAndKeepsALoginOnTheSameToken) {
@@ -321,13 +303,9 @@ TEST_F(ModuleTest, QuickSessionSaysWhereItFailed) {
     const struct {
         std::string function;
         std::string error;
-    } rows[] = {{"C_Initialize", "Failed to initialize"},
-                {"C_OpenSession", "Failed to open session."},
-                {"C_Login", "Failed to login."}};
+    } rows[] = {{"C_Initialize", "Failed to initialize"}, {"C_OpenSession", "Failed to open session."}, {"C_Login", "Failed to login."}};
     for (const auto& row : rows) {
-        world.answer = [&](auto& f, auto) {
-            return f == row.function ? std::optional<CK_RV>(0x30) : std::nullopt;
-        };
+        world.answer = [&](auto& f, auto) { return f == row.function ? std::optional<CK_RV>(0x30) : std::nullopt; };
         Pkcs11 object;
         object.put_SharedLibPath(XString(module.path()));
         EXPECT_FALSE(object.QuickSession(1, XString("4711")));
@@ -339,8 +317,7 @@ TEST_F(ModuleTest, QuickSessionSaysWhereItFailed) {
     EXPECT_THAT(p11->infos(), Contains("PIN is empty, not logging in."));
     EXPECT_EQ(world.count("C_Login"), 1U);  // the one that failed above
     EXPECT_TRUE(quick());
-    EXPECT_EQ(world.journal[world.journal.size() - 3].arguments.at(1),
-              CKF_SERIAL_SESSION | CKF_RW_SESSION);
+    EXPECT_EQ(world.journal[world.journal.size() - 3].arguments.at(1), CKF_SERIAL_SESSION | CKF_RW_SESSION);
     const auto numInitialized = world.count("C_Initialize");
     EXPECT_TRUE(quick());
     EXPECT_EQ(world.count("C_Initialize"), numInitialized);
@@ -349,15 +326,12 @@ TEST_F(ModuleTest, QuickSessionSaysWhereItFailed) {
 TEST_F(ModuleTest, SessionThatEndsIsGivenUpAndTheWayOnIsSaid) {
     objects() = {certObject(5, "alice", "a"), keyObject(6, "alice", {.id = "a"})};
     for (const CK_RV rv :
-         {CKR_SESSION_HANDLE_INVALID, CKR_SESSION_CLOSED, CKR_TOKEN_NOT_PRESENT,
-          CKR_TOKEN_NOT_RECOGNIZED, CKR_DEVICE_REMOVED, CKR_CRYPTOKI_NOT_INITIALIZED}) {
+         {CKR_SESSION_HANDLE_INVALID, CKR_SESSION_CLOSED, CKR_TOKEN_NOT_PRESENT, CKR_TOKEN_NOT_RECOGNIZED, CKR_DEVICE_REMOVED, CKR_CRYPTOKI_NOT_INITIALIZED}) {
         ASSERT_TRUE(quick());
         ClsCert cert;
         ASSERT_TRUE(p11->FindCert(XString("privateKey"), XString(), cert));
         EXPECT_TRUE(cert.HasPrivateKey());
-        world.answer = [rv](auto& f, auto) {
-            return f == "C_GetAttributeValue" ? std::optional(rv) : std::nullopt;
-        };
+        world.answer = [rv](auto& f, auto) { return f == "C_GetAttributeValue" ? std::optional(rv) : std::nullopt; };
         forget();
         EXPECT_FALSE(p11->FindAllCerts());
         world.answer = nullptr;
@@ -366,9 +340,7 @@ TEST_F(ModuleTest, SessionThatEndsIsGivenUpAndTheWayOnIsSaid) {
         EXPECT_EQ(p11->get_NumCerts(), 0);
         EXPECT_FALSE(cert.HasPrivateKey());
         EXPECT_EQ(p11->m_initialized, rv != CKR_CRYPTOKI_NOT_INITIALIZED);
-        EXPECT_THAT(
-            p11->log().lastHint(),
-            HasSubstr(p11->m_initialized ? "OpenSession is next" : "Initialize or QuickSession"));
+        EXPECT_THAT(p11->log().lastHint(), HasSubstr(p11->m_initialized ? "OpenSession is next" : "Initialize or QuickSession"));
         world.sessions.clear();  // as it is on such a module
         world.numClosed = world.numOpened;
         world.slots[0].loggedIn.reset();
@@ -401,9 +373,7 @@ TEST_F(ModuleTest, LoginStateFollowsTheToken) {
 
 TEST_F(ModuleTest, WrongPinIsTriedOnceAndTheTokensStateIsSaid) {
     ASSERT_TRUE(p11->QuickSession(1, XString()));
-    const char* const hints[] = {"A wrong user PIN has been entered",
-                                 "One more wrong user PIN locks it.", "The user PIN is locked",
-                                 "The user PIN is locked"};
+    const char* const hints[] = {"A wrong user PIN has been entered", "One more wrong user PIN locks it.", "The user PIN is locked", "The user PIN is locked"};
     for (const char* const hint : hints) {
         forget();
         EXPECT_FALSE(p11->Login(1, XString("0000")));
@@ -419,8 +389,7 @@ TEST_F(ModuleTest, EmptyPinIsLeftToTheReadersPinPadWhereItHasOne) {
     EXPECT_FALSE(p11->Login(1, XString()));
     world.slots[0].flags |= CKF_PROTECTED_AUTHENTICATION_PATH;
     EXPECT_TRUE(p11->Login(1, XString()));
-    EXPECT_EQ(world.journal.back().arguments,
-              (std::vector<CK_ULONG>{p11->m_hSession, CKU_USER, 0, 0}));
+    EXPECT_EQ(world.journal.back().arguments, (std::vector<CK_ULONG>{p11->m_hSession, CKU_USER, 0, 0}));
     EXPECT_EQ(world.count("C_Login"), 2U);
 }
 

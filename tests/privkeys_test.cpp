@@ -12,10 +12,7 @@ const std::string kByModulus = "Found matching PKCS11 RSA private key by modulus
 const std::string kEcMatch = "Found matching PKCS11 ECDSA private key.";
 const std::string kEcFirst = "Using first PKCS11 ECDSA private key";
 const std::string kNoRsa = "No matching RSA private key found.";
-std::string noSign(const std::string& by) {
-    return "Found matching PKCS11 RSA private key by " + by +
-           ", but it does not have the CKA_SIGN attribute.";
-}
+std::string noSign(const std::string& by) { return "Found matching PKCS11 RSA private key by " + by + ", but it does not have the CKA_SIGN attribute."; }
 
 class KeysTest : public FakeTest {
   protected:
@@ -52,54 +49,27 @@ TEST_F(KeysTest, RsaKeyIsFoundByEachRuleInTurn) {
         CK_OBJECT_HANDLE key;
         std::vector<std::string> lines;
     } rows[] = {
-        {"by ID",
-         {alice, other, keyObject(20, "bob", {.id = "b"}), keyObject(21, "alice", {.id = "a"})},
-         21,
-         {kById}},
-        {"first of two by ID",
-         {alice, keyObject(20, "alice", {.id = "a"}), keyObject(21, "alice", {.id = "a"})},
-         20,
-         {kById}},
+        {"by ID", {alice, other, keyObject(20, "bob", {.id = "b"}), keyObject(21, "alice", {.id = "a"})}, 21, {kById}},
+        {"first of two by ID", {alice, keyObject(20, "alice", {.id = "a"}), keyObject(21, "alice", {.id = "a"})}, 20, {kById}},
         {"later one that may sign",
-         {alice, keyObject(20, "alice", {.id = "a", .maySign = false}),
-          keyObject(21, "alice", {.id = "a"})},
+         {alice, keyObject(20, "alice", {.id = "a", .maySign = false}), keyObject(21, "alice", {.id = "a"})},
          21,
          {noSign("ID"), kById}},
-        {"by subject in the retry",
-         {alice, other, keyObject(20, "bob", full),
-          keyObject(21, "alice", {.id = "x", .withSubject = true})},
-         21,
-         {kBySubject}},
-        {"by modulus",
-         {alice, other, keyObject(21, "alice", {.id = "x", .withModulus = true})},
-         21,
-         {kByModulus}},
-        {"by modulus with a zero byte",
-         {alice, other,
-          keyObject(21, "alice", {.id = "x", .withModulus = true, .modulusWithZero = true})},
-         21,
-         {kByModulus}},
+        {"by subject in the retry", {alice, other, keyObject(20, "bob", full), keyObject(21, "alice", {.id = "x", .withSubject = true})}, 21, {kBySubject}},
+        {"by modulus", {alice, other, keyObject(21, "alice", {.id = "x", .withModulus = true})}, 21, {kByModulus}},
+        {"by modulus with a zero byte", {alice, other, keyObject(21, "alice", {.id = "x", .withModulus = true, .modulusWithZero = true})}, 21, {kByModulus}},
         {"the first of both forms of the modulus",
-         {alice, other,
-          keyObject(20, "alice", {.id = "x", .withModulus = true, .modulusWithZero = true}),
+         {alice, other, keyObject(20, "alice", {.id = "x", .withModulus = true, .modulusWithZero = true}),
           keyObject(21, "alice", {.id = "y", .withModulus = true})},
          20,
          {kByModulus}},
         {"none may sign",
-         {alice, other,
-          keyObject(20, "alice",
-                    {.id = "a", .maySign = false, .withSubject = true, .withModulus = true})},
+         {alice, other, keyObject(20, "alice", {.id = "a", .maySign = false, .withSubject = true, .withModulus = true})},
          0,
          {noSign("ID"), noSign("Subject DER"), noSign("modulus"), kNoRsa}},
-        {"only possible key",
-         {alice, keyObject(20, "bob", {.id = "b", .maySign = false})},
-         20,
-         {"Using only possible private key"}},
+        {"only possible key", {alice, keyObject(20, "bob", {.id = "b", .maySign = false})}, 20, {"Using only possible private key"}},
         {"two certificates", {alice, other, keyObject(20, "bob", {.id = "b"})}, 0, {kNoRsa}},
-        {"no IDs at all",
-         {certObject(10, "alice", ""), other, keyObject(20, "bob", {.id = ""})},
-         0,
-         {kNoRsa}},
+        {"no IDs at all", {certObject(10, "alice", ""), other, keyObject(20, "bob", {.id = ""})}, 0, {kNoRsa}},
         {"no keys", {alice}, 0, {kNoRsa}},
     };
     for (const auto& row : rows) {
@@ -113,20 +83,15 @@ TEST_F(KeysTest, RsaKeyIsFoundByEachRuleInTurn) {
             const auto all = p11->contexts();
             return std::ranges::count(all, name);
         };
-        const bool noRetry = row.what.find("ID") != std::string::npos ||
-                             row.what == "later one that may sign" ||
-                             row.what == "only possible key" || row.what == "no keys";
-        EXPECT_EQ(numContexts("retry_subjectDer_modulus"),
-                  noRetry && row.what != "no IDs at all" ? 0 : 1);
-        if (row.key == 0) {
-            EXPECT_THAT(p11->errors(), ElementsAre("No matching private key found on the HSM."));
-        }
+        const bool noRetry =
+            row.what.find("ID") != std::string::npos || row.what == "later one that may sign" || row.what == "only possible key" || row.what == "no keys";
+        EXPECT_EQ(numContexts("retry_subjectDer_modulus"), noRetry && row.what != "no IDs at all" ? 0 : 1);
+        if (row.key == 0) { EXPECT_THAT(p11->errors(), ElementsAre("No matching private key found on the HSM.")); }
     }
 }
 
 TEST_F(KeysTest, ThoroughFillReadsSubjectAndModulusAtOnce) {
-    objects() = {certObject(10, "alice", "a"), certObject(11, "bob", "b"),
-                 keyObject(20, "alice", {.id = "x", .withSubject = true, .withModulus = true})};
+    objects() = {certObject(10, "alice", "a"), certObject(11, "bob", "b"), keyObject(20, "alice", {.id = "x", .withSubject = true, .withModulus = true})};
     ASSERT_TRUE(quick());
     EXPECT_EQ(link(false), 20U);
     EXPECT_THAT(how(), ElementsAre(kBySubject));
@@ -143,8 +108,7 @@ TEST_F(KeysTest, EcKeyIsFoundByIdByPointOrFirst) {
     const fake::Object p256 = certObject(10, "p256", "a");
     const fake::Object p521 = certObject(10, "p521", "a");
     fake::Object ownPoint = keyObject(22, "p256", {.id = "z"});
-    ownPoint.attributes[CKA_EC_POINT] =
-        ecPublicObject(0, "p256", "", true).attributes[CKA_EC_POINT];
+    ownPoint.attributes[CKA_EC_POINT] = ecPublicObject(0, "p256", "", true).attributes[CKA_EC_POINT];
     const auto other = keyObject(20, "bp384", {.id = "o"});
     const struct {
         std::string what;
@@ -155,37 +119,12 @@ TEST_F(KeysTest, EcKeyIsFoundByIdByPointOrFirst) {
         int signatureSize;
     } rows[] = {
         {"by ID", {p256, other, keyObject(21, "p256", {.id = "a"})}, true, 21, {kEcMatch}, 64},
-        {"by ID though it may not sign",
-         {p256, other, keyObject(21, "p256", {.id = "a", .maySign = false})},
-         true,
-         21,
-         {kEcMatch},
-         64},
-        {"by raw point",
-         {p256, other, keyObject(21, "p256", {.id = "x"}), ecPublicObject(30, "p256", "x", false)},
-         false,
-         21,
-         {kEcMatch},
-         64},
-        {"by wrapped point",
-         {p521, other, keyObject(21, "p521", {.id = "x"}), ecPublicObject(30, "p521", "x", true)},
-         false,
-         21,
-         {kEcMatch},
-         132},
+        {"by ID though it may not sign", {p256, other, keyObject(21, "p256", {.id = "a", .maySign = false})}, true, 21, {kEcMatch}, 64},
+        {"by raw point", {p256, other, keyObject(21, "p256", {.id = "x"}), ecPublicObject(30, "p256", "x", false)}, false, 21, {kEcMatch}, 64},
+        {"by wrapped point", {p521, other, keyObject(21, "p521", {.id = "x"}), ecPublicObject(30, "p521", "x", true)}, false, 21, {kEcMatch}, 132},
         {"by the point of the private key", {p256, other, ownPoint}, false, 22, {kEcMatch}, 64},
-        {"a quick match reads no points",
-         {p256, other, keyObject(21, "p256", {.id = "x"}), ecPublicObject(30, "p256", "x", false)},
-         true,
-         20,
-         {kEcFirst},
-         64},
-        {"first of several",
-         {p256, other, keyObject(21, "p521", {.id = "q"})},
-         false,
-         20,
-         {kEcFirst},
-         64},
+        {"a quick match reads no points", {p256, other, keyObject(21, "p256", {.id = "x"}), ecPublicObject(30, "p256", "x", false)}, true, 20, {kEcFirst}, 64},
+        {"first of several", {p256, other, keyObject(21, "p521", {.id = "q"})}, false, 20, {kEcFirst}, 64},
         {"no EC key", {p256, keyObject(20, "alice", {.id = "a"})}, true, 0, {}, 0},
     };
     for (const auto& row : rows) {
@@ -196,10 +135,7 @@ TEST_F(KeysTest, EcKeyIsFoundByIdByPointOrFirst) {
         EXPECT_EQ(how(), row.lines);
         EXPECT_EQ(signatureSize, row.signatureSize);
         EXPECT_EQ(p11->errors().at(0), "Certificate key type is ECDSA.");
-        if (row.key == 0) {
-            EXPECT_THAT(p11->errors(), ElementsAre("Certificate key type is ECDSA.",
-                                                   "No matching private key found on the HSM."));
-        }
+        if (row.key == 0) { EXPECT_THAT(p11->errors(), ElementsAre("Certificate key type is ECDSA.", "No matching private key found on the HSM.")); }
     }
     // Points are added to a cache that was filled without.
     objects() = rows[2].objects;
@@ -213,8 +149,7 @@ TEST_F(KeysTest, ExpectedSignatureSizeFollowsTheKey) {
         const char* cert;
         int type;
         int size;
-    } rows[] = {{"alice", 1, 256}, {"rsa2047", 1, 256}, {"p256", 3, 64},    {"p521", 3, 132},
-                {"bp384", 3, 96},  {"p224", 0, 0},      {"explicit", 0, 0}, {"ed", 0, 0}};
+    } rows[] = {{"alice", 1, 256}, {"rsa2047", 1, 256}, {"p256", 3, 64}, {"p521", 3, 132}, {"bp384", 3, 96}, {"p224", 0, 0}, {"explicit", 0, 0}, {"ed", 0, 0}};
     ASSERT_TRUE(quick());
     for (const auto& row : rows) {
         int type = -1;
@@ -237,8 +172,7 @@ TEST_F(KeysTest, ModuleOfOneHandleNeedsNoSearch) {
         EXPECT_TRUE(object.linkCertToPkcs11Session(cert.getCert().get(), true, object.log()));
         EXPECT_EQ(cert.getCert()->pkcs11Link()->keyHandle, 78U);
         EXPECT_EQ(cert.getCert()->pkcs11Link()->expectedSignatureSize, 64);
-        EXPECT_THAT(object.infos(),
-                    Contains("Using certificate's PKCS11 handle as the private key handle..."));
+        EXPECT_THAT(object.infos(), Contains("Using certificate's PKCS11 handle as the private key handle..."));
         // No key type is refused on this road.
         ASSERT_TRUE(object.FindCert(XString("privateKey"), XString(), cert));
         EXPECT_EQ(cert.getCert()->pkcs11Link()->keyHandle, 77U);
@@ -256,16 +190,11 @@ TEST_F(KeysTest, NullCertificateLogsNothingButItsContext) {
 }
 
 TEST_F(KeysTest, FailureToReadKeysEndsTheSearchInItsOwnWay) {
-    objects() = {certObject(10, "alice", "a"), certObject(11, "bob", "q"),
-                 keyObject(20, "bob", {.id = "b"})};
+    objects() = {certObject(10, "alice", "a"), certObject(11, "bob", "q"), keyObject(20, "bob", {.id = "b"})};
     ASSERT_TRUE(quick());
     int numReads = 0;
     int failAt = 1;
-    world.answer = [&](auto& f, auto) {
-        return f == "C_FindObjectsInit" && ++numReads == failAt
-                   ? std::optional<CK_RV>(CKR_GENERAL_ERROR)
-                   : std::nullopt;
-    };
+    world.answer = [&](auto& f, auto) { return f == "C_FindObjectsInit" && ++numReads == failAt ? std::optional<CK_RV>(CKR_GENERAL_ERROR) : std::nullopt; };
     // The first is the certificates', the second the quick fill, the third the retry.
     failAt = 2;
     EXPECT_EQ(link(), 0U);
@@ -281,10 +210,8 @@ TEST_F(KeysTest, OneCallReadsOneObject) {
     constexpr int kNum = 50;
     for (int i = 0; i < kNum; ++i) {
         const std::string id = "id" + std::to_string(i);
-        objects().push_back(
-            certObject(100 + static_cast<CK_ULONG>(i), i % 2 == 0 ? "alice" : "bob", id));
-        fake::Object key =
-            keyObject(200 + static_cast<CK_ULONG>(i), i % 2 == 0 ? "alice" : "bob", {.id = id});
+        objects().push_back(certObject(100 + static_cast<CK_ULONG>(i), i % 2 == 0 ? "alice" : "bob", id));
+        fake::Object key = keyObject(200 + static_cast<CK_ULONG>(i), i % 2 == 0 ? "alice" : "bob", {.id = id});
         if (i % 3 == 0) key.attributes.erase(CKA_ALWAYS_AUTHENTICATE);  // lacking one costs no call
         objects().push_back(key);
     }
@@ -303,8 +230,7 @@ TEST_F(KeysTest, OneCallReadsOneObject) {
 
 // Modules that do not do as the standard has it with a missing attribute.
 TEST_F(KeysTest, ModuleThatGivesUpAtAMissingAttributeIsAskedOneByOne) {
-    objects() = {certObject(10, "alice", "a"), certObject(11, "bob", "b"),
-                 keyObject(20, "alice", {.id = "a"})};
+    objects() = {certObject(10, "alice", "a"), certObject(11, "bob", "b"), keyObject(20, "alice", {.id = "a"})};
     ASSERT_TRUE(quick());
     world.lie = [](fake::Outputs& out) {
         if (out.function != "C_GetAttributeValue" || out.room == 1 || out.room == 4) return;

@@ -18,9 +18,7 @@ class QueriesTest : public FakeTest {
         EXPECT_EQ(value.find("old"), nullptr);
         return value;
     }
-    static const JsonValue& slot(const JsonValue& report, std::size_t i) {
-        return (*report.find("slots")->asArray()).at(i);
-    }
+    static const JsonValue& slot(const JsonValue& report, std::size_t i) { return (*report.find("slots")->asArray()).at(i); }
     std::string keys(const std::string& selector) {
         ClsJsonObject json;
         json.root().set("old", true);
@@ -53,9 +51,7 @@ TEST_F(QueriesTest, DiscoveryNeedsAPathAndReportsWhatFailed) {
     for (const auto& row : rows) {
         p11.reset();
         world.reset();
-        world.answer = [&](auto& f, auto) {
-            return f == row.function ? std::optional<CK_RV>(0x30) : std::nullopt;
-        };
+        world.answer = [&](auto& f, auto) { return f == row.function ? std::optional<CK_RV>(0x30) : std::nullopt; };
         p11 = std::make_unique<Pkcs11>();
         p11->put_SharedLibPath(XString(module.path()));
         discover(false);
@@ -91,8 +87,7 @@ TEST_F(QueriesTest, MechanismsAreNamedAndSkippedOnRequest) {
     EXPECT_EQ(*list[2].find("name")->asString(), "0x80000001");
     EXPECT_EQ(*list[2].find("type")->asString(), "0x80000001");
     EXPECT_EQ(list[0].find("flags")->asArray()->size(), 2U);
-    for (const char* const option :
-         {"Pkcs11DiscoverSkipMechanisms", "a,PKCS11DISCOVERSKIPMECHANISMS;b"}) {
+    for (const char* const option : {"Pkcs11DiscoverSkipMechanisms", "a,PKCS11DISCOVERSKIPMECHANISMS;b"}) {
         p11->put_Options(option);
         const JsonValue shorter = discover();
         EXPECT_EQ(slot(shorter, 0).find("token")->find("mechanisms"), nullptr);
@@ -120,8 +115,7 @@ TEST_F(QueriesTest, NonsenseIsReportedAsFarAsItGoes) {
     EXPECT_EQ(*token.find("label")->asString(), "x");
     EXPECT_EQ(*token.find("model")->asString(), "");
     EXPECT_EQ(*token.find("flags")->asArray()->back().asString(), "0xFFFFFFFFFE00F090");
-    EXPECT_TRUE(token.find("sessions")->find("max")->isNull() &&
-                token.find("sessions")->find("rwMax")->isNull());
+    EXPECT_TRUE(token.find("sessions")->find("max")->isNull() && token.find("sessions")->find("rwMax")->isNull());
     EXPECT_TRUE(token.find("memory")->find("publicTotal")->isNull());
     EXPECT_EQ(token.find("mechanisms")->asArray()->size(), 3U);
     EXPECT_EQ((*token.find("mechanisms")->asArray())[0].find("flags"), nullptr);
@@ -141,8 +135,7 @@ TEST_F(QueriesTest, ListsThatChangeOrGrowAreSettledOrRefused) {
     EXPECT_EQ(slot(discover(), 0).find("token")->find("mechanisms")->asArray()->size(), 3U);
     endless = true;
     EXPECT_EQ(slot(discover(), 0).find("token")->find("mechanisms"), nullptr);
-    EXPECT_THAT(p11->errors(),
-                Contains("C_GetMechanismList does not settle on the length of its list."));
+    EXPECT_THAT(p11->errors(), Contains("C_GetMechanismList does not settle on the length of its list."));
     world.lie = [](fake::Outputs& out) {
         if (out.count != nullptr) *out.count = ~CK_ULONG{0};  // whatever was written
     };
@@ -154,23 +147,21 @@ TEST_F(QueriesTest, SelectorsAndDescriptionsAreCheckedBeforeTheModuleIsAsked) {
     ASSERT_TRUE(quick());
     forget();
     for (const char* const selector : {"privat", "private;rsa", "all keys"}) {
-        EXPECT_THAT(keys(selector),
-                    testing::MatchesRegex("The key selector has an unknown word: \".*\"\\.\\{\\}"));
+        EXPECT_THAT(keys(selector), testing::MatchesRegex("The key selector has an unknown word: \".*\"\\.\\{\\}"));
     }
     const struct {
         const char* text;
         const char* error;
-    } rows[] = {
-        {R"({"clas":"data"})", "The description has an unknown member: \"clas\"."},
-        {R"({"class":"key"})",
-         "The member \"class\" of the description is not one of certificate, privateKey, "
-         "publicKey, secretKey, data."},
-        {R"({"keyType":1})", "The member \"keyType\" of the description is not RSA or EC."},
-        {R"({"id":"012"})", "The member \"id\" of the description is not hexadecimal digits."},
-        {R"({"token":"yes"})", "The member \"token\" of the description is not true or false."},
-        {R"({"label":null})", "The member \"label\" of the description is not a string."},
-        {R"({"token":true,"token":1})", "The description names \"token\" twice."},
-        {"[1]", "The description of the object is not a JSON object."}};
+    } rows[] = {{R"({"clas":"data"})", "The description has an unknown member: \"clas\"."},
+                {R"({"class":"key"})",
+                 "The member \"class\" of the description is not one of certificate, privateKey, "
+                 "publicKey, secretKey, data."},
+                {R"({"keyType":1})", "The member \"keyType\" of the description is not RSA or EC."},
+                {R"({"id":"012"})", "The member \"id\" of the description is not hexadecimal digits."},
+                {R"({"token":"yes"})", "The member \"token\" of the description is not true or false."},
+                {R"({"label":null})", "The member \"label\" of the description is not a string."},
+                {R"({"token":true,"token":1})", "The description names \"token\" twice."},
+                {"[1]", "The description of the object is not a JSON object."}};
     for (const auto& row : rows) {
         ClsJsonObject json;
         ASSERT_TRUE(json.loadJson(row.text, p11->log()));
@@ -210,9 +201,7 @@ TEST_F(QueriesTest, ObjectsAreFoundByWhatDescribesThem) {
         EXPECT_EQ(handle == nullptr, row.handle == nullptr) << row.text;
         EXPECT_TRUE(handle == nullptr || handle->asNumber()->text == row.handle);
     }
-    EXPECT_EQ(
-        keys("ec"),
-        R"({"keys":[{"handle":8,"class":"private","keyType":"EC","label":"p256","id":"63","sign":true,"alwaysAuthenticate":false}]})");
+    EXPECT_EQ(keys("ec"), R"({"keys":[{"handle":8,"class":"private","keyType":"EC","label":"p256","id":"63","sign":true,"alwaysAuthenticate":false}]})");
     EXPECT_THAT(keys("rsa ec, private"), HasSubstr("\"handle\":7"));
     EXPECT_EQ(keys("secret"), R"({"keys":[]})");
     ASSERT_TRUE(p11->CloseSession());
@@ -223,12 +212,10 @@ TEST_F(QueriesTest, ObjectsAreFoundByWhatDescribesThem) {
 TEST_F(QueriesTest, FixedSizesCountOnlyExactly) {
     objects() = {certObject(5, "alice", "a"), keyObject(7, "alice", {.id = "a"})};
     ASSERT_TRUE(quick());
-    for (const CK_ULONG length :
-         {CK_ULONG{0}, CK_ULONG{3}, CK_ULONG{9}, CK_ULONG{1} << 40, CK_UNAVAILABLE_INFORMATION}) {
+    for (const CK_ULONG length : {CK_ULONG{0}, CK_ULONG{3}, CK_ULONG{9}, CK_ULONG{1} << 40, CK_UNAVAILABLE_INFORMATION}) {
         for (const CK_RV rv : {CKR_OK, CKR_BUFFER_TOO_SMALL, CKR_ATTRIBUTE_TYPE_INVALID}) {
             world.lie = [&](fake::Outputs& out) {
-                for (CK_ULONG i = 0; out.attributes != nullptr && i < out.room; ++i)
-                    out.attributes[i].ulValueLen = length;
+                for (CK_ULONG i = 0; out.attributes != nullptr && i < out.room; ++i) out.attributes[i].ulValueLen = length;
                 if (out.attributes != nullptr) out.result = rv;
             };
             p11->FindAllCerts();

@@ -15,14 +15,11 @@ std::string publicPoint(const Certificate& cert) {
     LogNull log;
     _mvPublicKey key;
     DataBuffer point;
-    if (cert.getCertPublicKey(key, log) && key.getEccKey() != nullptr)
-        key.getEccKey()->exportEccPoint(point, log);
+    if (cert.getCertPublicKey(key, log) && key.getEccKey() != nullptr) key.getEccKey()->exportEccPoint(point, log);
     return {point.span().begin(), point.span().end()};
 }
 
-fake::Bytes toBytes(std::span<const std::uint8_t> bytes) {
-    return {bytes.begin(), bytes.end()};
-}
+fake::Bytes toBytes(std::span<const std::uint8_t> bytes) { return {bytes.begin(), bytes.end()}; }
 
 }  // namespace
 
@@ -31,8 +28,7 @@ std::vector<std::string> Pkcs11::lines(_mvLogger::Entry::What what) const {
     m_log.forEach([&](const _mvLogger::Entry& entry) {
         if (entry.what != what) return;
         const bool isValue = what == _mvLogger::Entry::What::Data;
-        out.push_back((isValue ? std::string(entry.name) + "=" : std::string()) +
-                      std::string(entry.text));
+        out.push_back((isValue ? std::string(entry.name) + "=" : std::string()) + std::string(entry.text));
     });
     return out;
 }
@@ -62,8 +58,7 @@ std::string readFile(const std::string& path) {
 
 FakeModule::FakeModule(const std::string& fileName) : m_path(scratchFolder() + "/" + fileName) {
     if (!std::filesystem::exists(m_path)) std::filesystem::copy_file(MERVANE_FAKE_MODULE, m_path);
-    void* const library =
-        ::dlopen(m_path.c_str(), RTLD_NOW);  // stays mapped: its world is used to the end
+    void* const library = ::dlopen(m_path.c_str(), RTLD_NOW);  // stays mapped: its world is used to the end
     if (library == nullptr) throw std::runtime_error(::dlerror());
     const auto getWorld = reinterpret_cast<fake::World* (*)()>(::dlsym(library, "fakeWorld"));
     m_world = getWorld();
@@ -115,8 +110,7 @@ fake::Object keyObject(CK_OBJECT_HANDLE handle, const std::string& cert, const K
     return object;
 }
 
-fake::Object ecPublicObject(CK_OBJECT_HANDLE handle, const std::string& cert, const std::string& id,
-                            bool wrapped) {
+fake::Object ecPublicObject(CK_OBJECT_HANDLE handle, const std::string& cert, const std::string& id, bool wrapped) {
     std::string point = publicPoint(*loadCert(cert));
     if (wrapped) {
         std::string head = point.size() < 128 ? "\x04" : "\x04\x81";
@@ -131,9 +125,7 @@ fake::Object ecPublicObject(CK_OBJECT_HANDLE handle, const std::string& cert, co
     return object;
 }
 
-FakeTest::FakeTest() {
-    p11->put_SharedLibPath(XString(module.path()));
-}
+FakeTest::FakeTest() { p11->put_SharedLibPath(XString(module.path())); }
 
 void FakeTest::forget() {
     p11->log().clear();

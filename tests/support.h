@@ -54,19 +54,11 @@ class Pkcs11 final : public ClsPkcs11 {
 
     // What stands in the log of all calls kept, by channel; contexts as "name".
     [[nodiscard]] std::vector<std::string> lines(_mvLogger::Entry::What what) const;
-    [[nodiscard]] std::vector<std::string> errors() const {
-        return lines(_mvLogger::Entry::What::Error);
-    }
-    [[nodiscard]] std::vector<std::string> infos() const {
-        return lines(_mvLogger::Entry::What::Info);
-    }
-    [[nodiscard]] std::vector<std::string> contexts() const {
-        return lines(_mvLogger::Entry::What::Enter);
-    }
+    [[nodiscard]] std::vector<std::string> errors() const { return lines(_mvLogger::Entry::What::Error); }
+    [[nodiscard]] std::vector<std::string> infos() const { return lines(_mvLogger::Entry::What::Info); }
+    [[nodiscard]] std::vector<std::string> contexts() const { return lines(_mvLogger::Entry::What::Enter); }
     /// "name=value" of the named values.
-    [[nodiscard]] std::vector<std::string> values() const {
-        return lines(_mvLogger::Entry::What::Data);
-    }
+    [[nodiscard]] std::vector<std::string> values() const { return lines(_mvLogger::Entry::What::Data); }
 };
 
 /// A copy of the scriptable module under a file name of its own, with its world as new.
@@ -102,8 +94,7 @@ fake::Object certObject(CK_OBJECT_HANDLE handle, const std::string& cert, const 
 /// The private key of a certificate's key pair.
 fake::Object keyObject(CK_OBJECT_HANDLE handle, const std::string& cert, const KeyTraits& traits);
 /// The public key of a certificate's EC key pair; its point raw or as DER OCTET STRING.
-fake::Object ecPublicObject(CK_OBJECT_HANDLE handle, const std::string& cert, const std::string& id,
-                            bool wrapped);
+fake::Object ecPublicObject(CK_OBJECT_HANDLE handle, const std::string& cert, const std::string& id, bool wrapped);
 
 /// A test on the scriptable module. Whatever the test does, at its end no log line may hold a PIN,
 /// no context may be open, the module may have seen nothing against the standard, and once the

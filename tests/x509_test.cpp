@@ -11,9 +11,7 @@
 namespace mervane::test {
 namespace {
 
-std::vector<std::uint8_t> hex(std::string_view digits) {
-    return fromHex(digits).value();
-}
+std::vector<std::uint8_t> hex(std::string_view digits) { return fromHex(digits).value(); }
 
 // Odd lengths, decided while compiling: what is read is the size of the content, -1 when refused.
 template <std::size_t N>
@@ -24,9 +22,9 @@ constexpr long contentSize(const std::uint8_t (&bytes)[N]) {
 }
 static_assert(contentSize({0x04, 0x00}) == 0);
 static_assert(contentSize({0x04, 0x01, 0xAA}) == 1);
-static_assert(contentSize({0x04, 0x02, 0xAA}) == -1);        // longer than what is there
-static_assert(contentSize({0x04, 0x80, 0x00, 0x00}) == -1);  // indefinite
-static_assert(contentSize({0x04, 0x81, 0x01, 0xAA}) == 1);   // not minimal, let pass
+static_assert(contentSize({0x04, 0x02, 0xAA}) == -1);                          // longer than what is there
+static_assert(contentSize({0x04, 0x80, 0x00, 0x00}) == -1);                    // indefinite
+static_assert(contentSize({0x04, 0x81, 0x01, 0xAA}) == 1);                     // not minimal, let pass
 static_assert(contentSize({0x04, 0x84, 0xFF, 0xFF, 0xFF, 0xFF, 0xAA}) == -1);  // 4 GiB
 static_assert(contentSize({0x04, 0x89, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0xAA}) == -1);
 static_assert(contentSize({0x1F, 0x81, 0x00}) == -1);  // tag above 30
@@ -53,32 +51,21 @@ TEST(OidTest, TextAndOctetsAgree) {
         const std::string text = oidToText(octets);
         EXPECT_THAT(text, testing::StartsWith(row.text)) << row.octets;
         if (row.back) {
-            EXPECT_EQ(toHex(hex(row.octets)),
-                      toHex(der::Bytes(
-                          reinterpret_cast<const std::uint8_t*>(oidFromText(row.text).data()),
-                          octets.size())));
+            EXPECT_EQ(toHex(hex(row.octets)), toHex(der::Bytes(reinterpret_cast<const std::uint8_t*>(oidFromText(row.text).data()), octets.size())));
         }
     }
     EXPECT_TRUE(oidToText(std::vector<std::uint8_t>(5000, 0xFF)).empty());
     // 2.25 and a UUID of 128 bits (ITU-T X.667)
-    EXPECT_EQ(oidToText(hex("6983F09DA7EBCFDEE0C7A1A7B2C0948CC8F9D776")),
-              "2.25.329800735698586629295641978511506172918");
-    for (const char* const bad :
-         {"", "1", "3.1", "1.40", "1..2", "1.2.", "a.b", "1.2.99999999999999999999"}) {
-        EXPECT_TRUE(oidFromText(bad).empty()) << bad;
-    }
+    EXPECT_EQ(oidToText(hex("6983F09DA7EBCFDEE0C7A1A7B2C0948CC8F9D776")), "2.25.329800735698586629295641978511506172918");
+    for (const char* const bad : {"", "1", "3.1", "1.40", "1..2", "1.2.", "a.b", "1.2.99999999999999999999"}) { EXPECT_TRUE(oidFromText(bad).empty()) << bad; }
 }
 
 TEST(Sha1Test, KnownAnswers) {
     // FIPS 180-4 examples, and the lengths around a block's end against the openssl tool.
-    const auto of = [](const std::string& text) {
-        return toHex(
-            sha1(der::Bytes(reinterpret_cast<const std::uint8_t*>(text.data()), text.size())));
-    };
+    const auto of = [](const std::string& text) { return toHex(sha1(der::Bytes(reinterpret_cast<const std::uint8_t*>(text.data()), text.size()))); };
     EXPECT_EQ(of(""), "DA39A3EE5E6B4B0D3255BFEF95601890AFD80709");
     EXPECT_EQ(of("abc"), "A9993E364706816ABA3E25717850C26C9CD0D89D");
-    EXPECT_EQ(of("abcdbcdecdefdefgefghfghighijhijkijkljklmklmnlmnomnopnopq"),
-              "84983E441C3BD26EBAAE4AA1F95129E5E54670F1");
+    EXPECT_EQ(of("abcdbcdecdefdefgefghfghighijhijkijkljklmklmnlmnomnopnopq"), "84983E441C3BD26EBAAE4AA1F95129E5E54670F1");
     EXPECT_EQ(of(std::string(1000000, 'a')), "34AA973CD4C4DAA4F61EEB2BDBAD27316534016F");
     EXPECT_EQ(of(std::string(55, 'a')), "C1C8BBDC22796E28C0E15163D20899B65621D65A");
     EXPECT_EQ(of(std::string(64, 'a')), "0098BA824B5C16427BD7A1122A5A442A25EC644D");
@@ -87,24 +74,18 @@ TEST(Sha1Test, KnownAnswers) {
 std::string nameOf(std::string_view attributes, bool withTags = true) {
     // Each "OID:TAG:hexvalue;" is one relative name.
     std::string der;
-    const auto wrap = [](char tag, const std::string& content) {
-        return std::string{tag, static_cast<char>(content.size())} + content;
-    };
+    const auto wrap = [](char tag, const std::string& content) { return std::string{tag, static_cast<char>(content.size())} + content; };
     while (!attributes.empty()) {
         const auto one = attributes.substr(0, attributes.find(';'));
         attributes.remove_prefix(std::min(attributes.size(), one.size() + 1));
         const std::string oid = oidFromText(one.substr(0, one.find(':')));
         const auto rest = one.substr(one.find(':') + 1);
         const auto value = hex(rest.substr(3));
-        const std::string pair =
-            wrap(0x06, oid) +
-            wrap(static_cast<char>(hex(rest.substr(0, 2))[0]), {value.begin(), value.end()});
+        const std::string pair = wrap(0x06, oid) + wrap(static_cast<char>(hex(rest.substr(0, 2))[0]), {value.begin(), value.end()});
         der += wrap(0x31, wrap(0x30, pair));
     }
     der = wrap(0x30, der);
-    return nameToText(der::Bytes(reinterpret_cast<const std::uint8_t*>(der.data()), der.size()),
-                      withTags)
-        .value_or("malformed");
+    return nameToText(der::Bytes(reinterpret_cast<const std::uint8_t*>(der.data()), der.size()), withTags).value_or("malformed");
 }
 
 TEST(NameTest, TextForms) {
@@ -119,9 +100,8 @@ TEST(NameTest, TextForms) {
         {"2.5.4.3:0C:20782020", "CN=\\ x \\ "},
         {"2.5.4.3:0C:2361", "CN=\\#a"},
         {"2.5.4.3:0C:610A00", "CN=a\\0A\\00"},
-        {"2.5.4.3:14:FC", "CN=\xC3\xBC"},  // TeletexString as Latin-1
-        {"2.5.4.3:1E:00FCD83DDE00",
-         "CN=\xC3\xBC\xF0\x9F\x98\x80"},  // BMPString with a surrogate pair
+        {"2.5.4.3:14:FC", "CN=\xC3\xBC"},                            // TeletexString as Latin-1
+        {"2.5.4.3:1E:00FCD83DDE00", "CN=\xC3\xBC\xF0\x9F\x98\x80"},  // BMPString with a surrogate pair
         {"2.5.4.3:1E:D83D0041",
          "CN=\xEF\xBF\xBD"
          "A"},
@@ -151,8 +131,7 @@ TEST(CertificateTest, ValuesOfACertificateMadeByTheOpensslTool) {
     EXPECT_TRUE(bob->getSubjectDN(text, log));
     EXPECT_THAT(std::string(text.view()), HasSubstr("C=EX, O=Z\xC3\xBCrich \\, \\\"S\xC3\xBC"
                                                     "d\\\", "));
-    EXPECT_THAT(std::string(text.view()),
-                testing::AnyOf(HasSubstr("CN=Bob+UID=b7"), HasSubstr("UID=b7+CN=Bob")));
+    EXPECT_THAT(std::string(text.view()), testing::AnyOf(HasSubstr("CN=Bob+UID=b7"), HasSubstr("UID=b7+CN=Bob")));
     EXPECT_TRUE(bob->getSerialNumber(text, log));
     EXPECT_EQ(text.view(), "FF00112233445566778899AABBCCDDEEFF001122");  // no sign octet
     EXPECT_TRUE(bob->getIssuerPart("CN", text, log));
@@ -194,30 +173,19 @@ TEST(CertificateTest, ValuesOfACertificateMadeByTheOpensslTool) {
 TEST(CertificateTest, ExtensionsOfAnyFormStayReadable) {
     const auto xml = [](const char* oid, const char* value) {
         const std::string content = oidFromText(oid);
-        return extensionToXml(
-            der::Bytes(reinterpret_cast<const std::uint8_t*>(content.data()), content.size()), true,
-            hex(value));
+        return extensionToXml(der::Bytes(reinterpret_cast<const std::uint8_t*>(content.data()), content.size()), true, hex(value));
     };
-    EXPECT_EQ(
-        xml("1.2.3", "0500"),
-        "<extension><extnID>1.2.3</extnID><critical>true</critical><hex>0500</hex></extension>");
+    EXPECT_EQ(xml("1.2.3", "0500"), "<extension><extnID>1.2.3</extnID><critical>true</critical><hex>0500</hex></extension>");
     EXPECT_THAT(xml("2.5.29.32", "30"), HasSubstr("<hex>30</hex>"));  // malformed policies
     // A qualifier's OID is no policy.
     EXPECT_EQ(xml("2.5.29.32", "3017301506022A03300F300D06082B06010505070201160161"),
               "<certificatePolicies><policy><oid>1.2.3</oid><qualifier><id>1.3.6.1.5.5.7.2.1</"
               "id><text>a</text></qualifier></policy></certificatePolicies>");
-    EXPECT_EQ(xml("2.5.29.17", "300482023C26"),
-              "<subjectAltName><dNSName>&lt;&amp;</dNSName></subjectAltName>");
+    EXPECT_EQ(xml("2.5.29.17", "300482023C26"), "<subjectAltName><dNSName>&lt;&amp;</dNSName></subjectAltName>");
     const struct {
         const char* value;
         int bits;
-    } usages[] = {{"030206C0", 0xC0},
-                  {"030206FF", 0xC0},
-                  {"03030700FF", 0x00},
-                  {"0303078080", 0x80},
-                  {"030100", 0},
-                  {"0500", 0},
-                  {"", 0}};
+    } usages[] = {{"030206C0", 0xC0}, {"030206FF", 0xC0}, {"03030700FF", 0x00}, {"0303078080", 0x80}, {"030100", 0}, {"0500", 0}, {"", 0}};
     for (const auto& row : usages) EXPECT_EQ(keyUsageBits(hex(row.value)), row.bits) << row.value;
 }
 
@@ -225,9 +193,7 @@ TEST(CertificateTest, EveryTruncationAndFlippedByteIsHarmless) {
     LogNull log;
     for (const char* const name : {"alice", "p521", "explicit"}) {
         const fake::Bytes der = certDer(name);
-        for (std::size_t size = 0; size < der.size(); ++size) {
-            EXPECT_EQ(Certificate::createFromDer(der::Bytes(der).first(size), log), nullptr);
-        }
+        for (std::size_t size = 0; size < der.size(); ++size) { EXPECT_EQ(Certificate::createFromDer(der::Bytes(der).first(size), log), nullptr); }
         for (std::size_t at = 0; at < der.size(); ++at) {
             for (const unsigned flip : {0x01U, 0x80U, 0xFFU}) {
                 fake::Bytes changed = der;
@@ -243,12 +209,9 @@ TEST(CertificateTest, EveryTruncationAndFlippedByteIsHarmless) {
                 cert->getIssuerDN(text, log);
                 cert->getSubjectPart("CN", text, log);
                 cert->getSerialNumber(text, log);
-                for (const char* const oid :
-                     {"2.5.29.32", "2.5.29.15", "2.5.29.37", "2.5.29.19", "2.5.29.17"})
-                    cert->getExtensionXml(oid, xml, log);
+                for (const char* const oid : {"2.5.29.32", "2.5.29.15", "2.5.29.37", "2.5.29.19", "2.5.29.17"}) cert->getExtensionXml(oid, xml, log);
                 cert->getCertKeyType(bits, log);
-                if (cert->getCertPublicKey(key, log) && key.getEccKey() != nullptr)
-                    key.getEccKey()->exportEccPoint(point, log);
+                if (cert->getCertPublicKey(key, log) && key.getEccKey() != nullptr) key.getEccKey()->exportEccPoint(point, log);
             }
         }
     }

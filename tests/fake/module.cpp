@@ -12,9 +12,7 @@ using namespace mervane::fake;
 
 namespace {
 
-World& world() {
-    return *fakeWorld();
-}
+World& world() { return *fakeWorld(); }
 
 // Runs one call: journal, scripted answer, the function itself, the lie about its outputs.
 template <class Body>
@@ -29,9 +27,7 @@ CK_RV call(const char* function, std::vector<CK_ULONG> arguments, Outputs output
     } const leave{w};
     const std::size_t index = w.journal.size();
     const std::string name = function;
-    if (!w.initialized && name != "C_Initialize" && name != "C_GetFunctionList") {
-        w.violations.push_back("called without initialization: " + name);
-    }
+    if (!w.initialized && name != "C_Initialize" && name != "C_GetFunctionList") { w.violations.push_back("called without initialization: " + name); }
     w.journal.push_back({name, std::move(arguments), CKR_OK});
     std::optional<CK_RV> rv;
     if (w.answer) rv = w.answer(name, index);
@@ -45,14 +41,12 @@ CK_RV call(const char* function, std::vector<CK_ULONG> arguments, Outputs output
 
 // The same for a function on a session: notes a handle that was never given or is closed.
 template <class Body>
-CK_RV sessionCall(const char* function, CK_SESSION_HANDLE session, std::vector<CK_ULONG> arguments,
-                  Outputs outputs, Body body) {
+CK_RV sessionCall(const char* function, CK_SESSION_HANDLE session, std::vector<CK_ULONG> arguments, Outputs outputs, Body body) {
     arguments.insert(arguments.begin(), session);
     return call(function, std::move(arguments), outputs, [&](World& w) -> CK_RV {
         const auto at = w.sessions.find(session);
         if (at == w.sessions.end()) {
-            if (session == 0 || session > w.lastSession)
-                w.violations.emplace_back(std::string("unknown session: ") + function);
+            if (session == 0 || session > w.lastSession) w.violations.emplace_back(std::string("unknown session: ") + function);
             return CKR_SESSION_HANDLE_INVALID;
         }
         Slot& slot = w.slot(at->second);
@@ -82,9 +76,7 @@ const Slot* findSlot(World& w, CK_SLOT_ID id) {
     return at == w.slots.end() ? nullptr : &*at;
 }
 
-bool isSeen(const Object& object, const Slot& slot) {
-    return !object.isPrivate || slot.loggedIn == CKU_USER;
-}
+bool isSeen(const Object& object, const Slot& slot) { return !object.isPrivate || slot.loggedIn == CKU_USER; }
 
 CK_RV initialize(void* args) {
     return call("C_Initialize", {args == nullptr ? 0UL : 1UL}, {}, [&](World& w) -> CK_RV {
@@ -122,14 +114,13 @@ CK_RV getInfo(CK_INFO* info) {
 }
 
 CK_RV getSlotList(CK_BBOOL present, CK_SLOT_ID* list, CK_ULONG* count) {
-    return call("C_GetSlotList", {present, list == nullptr ? 0UL : *count},
-                {.ids = list, .room = *count, .count = count}, [&](World& w) {
-                    std::vector<CK_ULONG> ids;
-                    for (const Slot& slot : w.slots) {
-                        if (present == CK_FALSE || slot.tokenPresent) ids.push_back(slot.id);
-                    }
-                    return giveList(ids, list, count);
-                });
+    return call("C_GetSlotList", {present, list == nullptr ? 0UL : *count}, {.ids = list, .room = *count, .count = count}, [&](World& w) {
+        std::vector<CK_ULONG> ids;
+        for (const Slot& slot : w.slots) {
+            if (present == CK_FALSE || slot.tokenPresent) ids.push_back(slot.id);
+        }
+        return giveList(ids, list, count);
+    });
 }
 
 CK_RV getSlotInfo(CK_SLOT_ID id, CK_SLOT_INFO* info) {
@@ -164,8 +155,7 @@ CK_RV getTokenInfo(CK_SLOT_ID id, CK_TOKEN_INFO* info) {
 }
 
 CK_RV getMechanismList(CK_SLOT_ID id, CK_MECHANISM_TYPE* list, CK_ULONG* count) {
-    return call("C_GetMechanismList", {id, list == nullptr ? 0UL : *count},
-                {.ids = list, .room = *count, .count = count},
+    return call("C_GetMechanismList", {id, list == nullptr ? 0UL : *count}, {.ids = list, .room = *count, .count = count},
                 [&](World& w) { return giveList(w.slot(id).mechanisms, list, count); });
 }
 
@@ -181,8 +171,7 @@ CK_RV checkPin(Slot& slot, bool isOfficer, const unsigned char* pin, CK_ULONG si
     const CK_FLAGS finalTry = low << 1;
     const CK_FLAGS locked = low << 2;
     if ((slot.flags & locked) != 0) return CKR_PIN_LOCKED;
-    const std::string given =
-        pin == nullptr ? std::string() : std::string(reinterpret_cast<const char*>(pin), size);
+    const std::string given = pin == nullptr ? std::string() : std::string(reinterpret_cast<const char*>(pin), size);
     const bool asksItself = pin == nullptr && (slot.flags & CKF_PROTECTED_AUTHENTICATION_PATH) != 0;
     if (asksItself || given == (isOfficer ? slot.soPin : slot.userPin)) {
         slot.flags &= ~(low | finalTry | locked);
@@ -213,14 +202,12 @@ CK_RV initPin(CK_SESSION_HANDLE session, CK_UTF8CHAR* pin, CK_ULONG size) {
     });
 }
 
-CK_RV setPin(CK_SESSION_HANDLE session, CK_UTF8CHAR* oldPin, CK_ULONG oldSize, CK_UTF8CHAR* newPin,
-             CK_ULONG newSize) {
+CK_RV setPin(CK_SESSION_HANDLE session, CK_UTF8CHAR* oldPin, CK_ULONG oldSize, CK_UTF8CHAR* newPin, CK_ULONG newSize) {
     return sessionCall("C_SetPIN", session, {}, {}, [&](World&, Slot& slot) -> CK_RV {
         const bool isOfficer = slot.loggedIn == CKU_SO;
         if (const CK_RV rv = checkPin(slot, isOfficer, oldPin, oldSize); rv != CKR_OK) return rv;
         if (newSize < 4) return CKR_PIN_LEN_RANGE;
-        (isOfficer ? slot.soPin : slot.userPin)
-            .assign(reinterpret_cast<const char*>(newPin), newSize);
+        (isOfficer ? slot.soPin : slot.userPin).assign(reinterpret_cast<const char*>(newPin), newSize);
         return CKR_OK;
     });
 }
@@ -250,23 +237,20 @@ CK_RV closeSession(CK_SESSION_HANDLE session) {
         w.searches.erase(session);
         w.sessions.erase(at);
         ++w.numClosed;
-        const bool isLast =
-            std::ranges::none_of(w.sessions, [id](const auto& s) { return s.second == id; });
+        const bool isLast = std::ranges::none_of(w.sessions, [id](const auto& s) { return s.second == id; });
         if (isLast) w.slot(id).loggedIn.reset();
         return CKR_OK;
     });
 }
 
 CK_RV login(CK_SESSION_HANDLE session, CK_USER_TYPE user, CK_UTF8CHAR* pin, CK_ULONG size) {
-    return sessionCall("C_Login", session, {user, pin == nullptr ? 0UL : 1UL, size}, {},
-                       [&](World&, Slot& slot) -> CK_RV {
-                           if (user > 1) return 0x103;  // CKR_USER_TYPE_INVALID
-                           if (slot.loggedIn)
-                               return slot.loggedIn == user ? CKR_USER_ALREADY_LOGGED_IN : 0x104;
-                           const CK_RV rv = checkPin(slot, user == CKU_SO, pin, size);
-                           if (rv == CKR_OK) slot.loggedIn = user;
-                           return rv;
-                       });
+    return sessionCall("C_Login", session, {user, pin == nullptr ? 0UL : 1UL, size}, {}, [&](World&, Slot& slot) -> CK_RV {
+        if (user > 1) return 0x103;  // CKR_USER_TYPE_INVALID
+        if (slot.loggedIn) return slot.loggedIn == user ? CKR_USER_ALREADY_LOGGED_IN : 0x104;
+        const CK_RV rv = checkPin(slot, user == CKU_SO, pin, size);
+        if (rv == CKR_OK) slot.loggedIn = user;
+        return rv;
+    });
 }
 
 CK_RV logout(CK_SESSION_HANDLE session) {
@@ -291,8 +275,7 @@ CK_RV getAttributes(const Object& object, CK_ATTRIBUTE* attributes, CK_ULONG cou
         } else if (wanted.pValue != nullptr && wanted.ulValueLen < at->second.size()) {
             one = CKR_BUFFER_TOO_SMALL;
         } else {
-            if (wanted.pValue != nullptr && !at->second.empty())
-                std::memcpy(wanted.pValue, at->second.data(), at->second.size());
+            if (wanted.pValue != nullptr && !at->second.empty()) std::memcpy(wanted.pValue, at->second.data(), at->second.size());
             wanted.ulValueLen = at->second.size();
             continue;
         }
@@ -302,62 +285,48 @@ CK_RV getAttributes(const Object& object, CK_ATTRIBUTE* attributes, CK_ULONG cou
     return rv;
 }
 
-CK_RV getAttributeValue(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE handle,
-                        CK_ATTRIBUTE* attributes, CK_ULONG count) {
-    return sessionCall("C_GetAttributeValue", session, {handle, count},
-                       {.attributes = attributes, .room = count},
-                       [&](World& w, Slot& slot) -> CK_RV {
-                           if (!w.issued.contains(handle))
-                               w.violations.emplace_back("unknown object handle");
-                           const auto at = std::ranges::find(slot.objects, handle, &Object::handle);
-                           if (at == slot.objects.end() || !isSeen(*at, slot))
-                               return 0x082;  // CKR_OBJECT_HANDLE_INVALID
-                           return getAttributes(*at, attributes, count);
-                       });
+CK_RV getAttributeValue(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE handle, CK_ATTRIBUTE* attributes, CK_ULONG count) {
+    return sessionCall("C_GetAttributeValue", session, {handle, count}, {.attributes = attributes, .room = count}, [&](World& w, Slot& slot) -> CK_RV {
+        if (!w.issued.contains(handle)) w.violations.emplace_back("unknown object handle");
+        const auto at = std::ranges::find(slot.objects, handle, &Object::handle);
+        if (at == slot.objects.end() || !isSeen(*at, slot)) return 0x082;  // CKR_OBJECT_HANDLE_INVALID
+        return getAttributes(*at, attributes, count);
+    });
 }
 
 CK_RV findObjectsInit(CK_SESSION_HANDLE session, CK_ATTRIBUTE* attributes, CK_ULONG count) {
-    return sessionCall(
-        "C_FindObjectsInit", session, {count}, {}, [&](World& w, Slot& slot) -> CK_RV {
-            if (w.searches.contains(session)) return CKR_OPERATION_ACTIVE;
-            std::vector<CK_OBJECT_HANDLE> found;
-            for (const Object& object : slot.objects) {
-                const bool fits =
-                    std::all_of(attributes, attributes + count, [&](const CK_ATTRIBUTE& a) {
-                        const auto at = object.attributes.find(a.type);
-                        return at != object.attributes.end() && at->second.size() == a.ulValueLen &&
-                               (a.ulValueLen == 0 ||
-                                std::memcmp(at->second.data(), a.pValue, a.ulValueLen) == 0);
-                    });
-                if (fits && isSeen(object, slot)) found.push_back(object.handle);
-            }
-            std::ranges::reverse(found);  // handed out from the back
-            w.searches[session] = std::move(found);
-            return CKR_OK;
-        });
+    return sessionCall("C_FindObjectsInit", session, {count}, {}, [&](World& w, Slot& slot) -> CK_RV {
+        if (w.searches.contains(session)) return CKR_OPERATION_ACTIVE;
+        std::vector<CK_OBJECT_HANDLE> found;
+        for (const Object& object : slot.objects) {
+            const bool fits = std::all_of(attributes, attributes + count, [&](const CK_ATTRIBUTE& a) {
+                const auto at = object.attributes.find(a.type);
+                return at != object.attributes.end() && at->second.size() == a.ulValueLen &&
+                       (a.ulValueLen == 0 || std::memcmp(at->second.data(), a.pValue, a.ulValueLen) == 0);
+            });
+            if (fits && isSeen(object, slot)) found.push_back(object.handle);
+        }
+        std::ranges::reverse(found);  // handed out from the back
+        w.searches[session] = std::move(found);
+        return CKR_OK;
+    });
 }
 
-CK_RV findObjects(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE* handles, CK_ULONG room,
-                  CK_ULONG* count) {
-    return sessionCall("C_FindObjects", session, {room},
-                       {.ids = handles, .room = room, .count = count},
-                       [&](World& w, Slot&) -> CK_RV {
-                           const auto at = w.searches.find(session);
-                           if (at == w.searches.end())
-                               return 0x091;  // CKR_OPERATION_NOT_INITIALIZED
-                           for (*count = 0; *count < room && !at->second.empty(); ++*count) {
-                               handles[*count] = at->second.back();
-                               w.issued.insert(at->second.back());
-                               at->second.pop_back();
-                           }
-                           return CKR_OK;
-                       });
+CK_RV findObjects(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE* handles, CK_ULONG room, CK_ULONG* count) {
+    return sessionCall("C_FindObjects", session, {room}, {.ids = handles, .room = room, .count = count}, [&](World& w, Slot&) -> CK_RV {
+        const auto at = w.searches.find(session);
+        if (at == w.searches.end()) return 0x091;  // CKR_OPERATION_NOT_INITIALIZED
+        for (*count = 0; *count < room && !at->second.empty(); ++*count) {
+            handles[*count] = at->second.back();
+            w.issued.insert(at->second.back());
+            at->second.pop_back();
+        }
+        return CKR_OK;
+    });
 }
 
 CK_RV findObjectsFinal(CK_SESSION_HANDLE session) {
-    return sessionCall("C_FindObjectsFinal", session, {}, {}, [&](World& w, Slot&) -> CK_RV {
-        return w.searches.erase(session) == 1 ? CKR_OK : 0x091;
-    });
+    return sessionCall("C_FindObjectsFinal", session, {}, {}, [&](World& w, Slot&) -> CK_RV { return w.searches.erase(session) == 1 ? CKR_OK : 0x091; });
 }
 
 }  // namespace
@@ -384,9 +353,7 @@ extern "C" CK_RV C_GetFunctionList(CK_FUNCTION_LIST** list) {
     functions = {};
     functions.version = w.version;
     functions.C_GetFunctionList = C_GetFunctionList;
-    const auto add = [&w](const char* name, auto& entry, auto function) {
-        entry = w.nullEntries.contains(name) ? nullptr : function;
-    };
+    const auto add = [&w](const char* name, auto& entry, auto function) { entry = w.nullEntries.contains(name) ? nullptr : function; };
     add("C_Initialize", functions.C_Initialize, initialize);
     add("C_Finalize", functions.C_Finalize, finalize);
     add("C_GetInfo", functions.C_GetInfo, getInfo);

@@ -1,4 +1,2 @@
 // A shared library that is no PKCS#11 module.
-extern "C" int notAModule() {
-    return 1;
-}
+extern "C" int notAModule() { return 1; }

@@ -129,9 +129,7 @@ inline Bytes bytesOf(CK_ULONG number) {
     const auto* const at = reinterpret_cast<const unsigned char*>(&number);
     return {at, at + sizeof number};
 }
-inline Bytes bytesOf(bool flag) {
-    return {static_cast<unsigned char>(flag ? 1 : 0)};
-}
+inline Bytes bytesOf(bool flag) { return {static_cast<unsigned char>(flag ? 1 : 0)}; }
 inline Bytes bytesOf(const char* text) {
     const std::string s(text);
     return {s.begin(), s.end()};
