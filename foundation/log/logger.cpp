@@ -116,6 +116,12 @@ bool _mvLogger::store(Entry::What what, std::string_view name, std::string_view 
 
 void _mvLogger::append(Entry::What what, std::string_view name, std::string_view text) {
     const std::size_t start = m_bytes.size();
+    // A half of an entry would make the rest unreadable.
+    struct Rollback {
+        std::string& bytes;
+        std::size_t size;
+        ~Rollback() { bytes.resize(std::min(size, bytes.size())); }
+    } rollback{m_bytes, start};
     m_bytes.push_back(static_cast<char>(what));
     m_bytes.append(kHeadSize - 1, '\0');
     appendOneLine(m_bytes, cut(name));
@@ -125,6 +131,7 @@ void _mvLogger::append(Entry::What what, std::string_view name, std::string_view
     const std::size_t textSize = m_bytes.size() - start - kHeadSize - nameSize;
     setLength(m_bytes, start + 1, nameSize);
     setLength(m_bytes, start + 3, textSize);
+    rollback.size = m_bytes.size();
 }
 
 void _mvLogger::forEach(const std::function<void(const Entry&)>& visit) const {

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <bit>
-#include <cstring>
+#include <utility>
 
 namespace mervane {
 namespace {
@@ -16,29 +16,46 @@ std::uint32_t bigEndian(const std::uint8_t* bytes) noexcept {
            static_cast<std::uint32_t>(bytes[2]) << 8 | bytes[3];
 }
 
-// Twenty rounds with one function and constant (FIPS 180-4 4.1.1, 4.2.1). The schedule is a ring of
-// sixteen words (6.1.3), each made when its round comes.
-template <int First, class F>
-void rounds(State& s, std::array<std::uint32_t, 16>& w, std::uint32_t k, F f) noexcept {
-    for (unsigned t = First; t < First + 20; ++t) {
-        if (t >= 16) {
-            w[t & 15U] =
-                std::rotl(w[(t + 13) & 15U] ^ w[(t + 8) & 15U] ^ w[(t + 2) & 15U] ^ w[t & 15U], 1);
-        }
-        const std::uint32_t next = std::rotl(s[0], 5) + f(s[1], s[2], s[3]) + s[4] + k + w[t & 15U];
-        s = {next, s[0], std::rotl(s[1], 30), s[2], s[3]};
+using Schedule = std::array<std::uint32_t, 16>;
+
+// One round (FIPS 180-4 6.1.3). The schedule is a ring of sixteen words, each made when its round
+// comes. The five words of the state do not move: each round takes them by other names.
+template <unsigned T>
+void step(Schedule& w, std::uint32_t a, std::uint32_t& b, std::uint32_t c, std::uint32_t d,
+          std::uint32_t& e) noexcept {
+    std::uint32_t& word = w[T & 15U];
+    if constexpr (T >= 16) {
+        word = std::rotl(w[(T + 13) & 15U] ^ w[(T + 8) & 15U] ^ w[(T + 2) & 15U] ^ word, 1);
     }
+    std::uint32_t f = 0;
+    if constexpr (T < 20) {
+        f = (d ^ (b & (c ^ d))) + 0x5A827999;  // 4.1.1 Ch, 4.2.1
+    } else if constexpr (T < 40) {
+        f = (b ^ c ^ d) + 0x6ED9EBA1;  // Parity
+    } else if constexpr (T < 60) {
+        f = ((b & c) | (d & (b | c))) + 0x8F1BBCDC;  // Maj
+    } else {
+        f = (b ^ c ^ d) + 0xCA62C1D6;
+    }
+    e += std::rotl(a, 5) + f + word;
+    b = std::rotl(b, 30);
+}
+
+// Five rounds bring the state's words back to their names.
+template <unsigned... Fives>
+void allRounds(Schedule& w, State& s, std::integer_sequence<unsigned, Fives...>) noexcept {
+    auto& [a, b, c, d, e] = s;
+    ((step<Fives * 5>(w, a, b, c, d, e), step<Fives * 5 + 1>(w, e, a, b, c, d),
+      step<Fives * 5 + 2>(w, d, e, a, b, c), step<Fives * 5 + 3>(w, c, d, e, a, b),
+      step<Fives * 5 + 4>(w, b, c, d, e, a)),
+     ...);
 }
 
 void addBlock(State& state, const std::uint8_t* block) noexcept {
-    std::array<std::uint32_t, 16> w{};
+    Schedule w{};
     for (std::size_t i = 0; i < w.size(); ++i) w[i] = bigEndian(block + i * 4);
-    const auto parity = [](std::uint32_t x, std::uint32_t y, std::uint32_t z) { return x ^ y ^ z; };
     State s = state;
-    rounds<0>(s, w, 0x5A827999, [](auto x, auto y, auto z) { return z ^ (x & (y ^ z)); });
-    rounds<20>(s, w, 0x6ED9EBA1, parity);
-    rounds<40>(s, w, 0x8F1BBCDC, [](auto x, auto y, auto z) { return (x & y) | (z & (x | y)); });
-    rounds<60>(s, w, 0xCA62C1D6, parity);
+    allRounds(w, s, std::make_integer_sequence<unsigned, 16>());
     for (std::size_t i = 0; i < s.size(); ++i) state[i] += s[i];
 }
 

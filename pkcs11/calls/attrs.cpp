@@ -27,6 +27,12 @@ bool isPartial(CK_RV rv) noexcept {
            rv == CKR_BUFFER_TOO_SMALL;
 }
 
+// The part of a room that is preset, so that a value which the module did not write is not mistaken
+// for that of the object read before: enough for no DER and no identifier to begin like it.
+std::span<std::uint8_t> startOf(std::span<std::uint8_t> room) noexcept {
+    return room.first(std::min<std::size_t>(room.size(), 64));
+}
+
 bool isAll(std::span<const std::uint8_t> bytes, std::uint8_t value) noexcept {
     return std::ranges::all_of(bytes, [value](std::uint8_t b) { return b == value; });
 }
@@ -65,9 +71,9 @@ void ObjectReader::prepare() {
     m_record.clearPkcs11Attrs();
     m_record.m_numAsked = static_cast<std::uint32_t>(m_rows.size());
     m_record.m_fixed.fill(kUnwritten);
-    std::ranges::fill(m_room, std::uint8_t{0});
     for (std::size_t i = 0; i < m_rows.size(); ++i) {
         const auto room = roomOf(i);
+        if (m_rows[i].kind == AttrKind::Bytes) std::ranges::fill(startOf(room), std::uint8_t{0});
         m_attributes[i] = {m_rows[i].type, room.data(), room.size()};
     }
     m_present.fill(false);
@@ -90,7 +96,7 @@ ObjectReader::State ObjectReader::judge(std::size_t row, CK_RV rv) {
         if (isUnavailable) return rv == CKR_BUFFER_TOO_SMALL ? State::TooLong : State::Absent;
         if (given.ulValueLen > room.size()) return State::TooLong;
         // A module that gave up at an earlier attribute has not touched this one.
-        if (given.ulValueLen == room.size() && (rv != CKR_OK || isAll(room, 0)))
+        if (given.ulValueLen == room.size() && (rv != CKR_OK || isAll(startOf(room), 0)))
             return State::AskAgain;
     }
     m_values[row] = room.first(given.ulValueLen);
@@ -132,7 +138,7 @@ ObjectReader::State ObjectReader::readAlone(std::size_t row, CK_OBJECT_HANDLE ob
                                             LogBase& log) {
     ++m_record.m_numAskedAgain;
     const auto room = roomOf(row);
-    std::ranges::fill(room, std::uint8_t{0});
+    std::ranges::fill(startOf(room), std::uint8_t{0});
     CK_ATTRIBUTE& attribute = m_attributes[row];
     attribute = {m_rows[row].type, room.data(), room.size()};
     const auto rv = m_owner.ask(log, entry::kGetAttributeValue, object, &attribute, CK_ULONG{1});
@@ -140,7 +146,8 @@ ObjectReader::State ObjectReader::readAlone(std::size_t row, CK_OBJECT_HANDLE ob
     if (rv != CKR_OK || attribute.ulValueLen > room.size()) return State::Absent;
     const bool isFixed = m_rows[row].kind != AttrKind::Bytes;
     if (isFixed && attribute.ulValueLen != room.size()) return State::Absent;
-    if (!isFixed && attribute.ulValueLen == room.size() && isAll(room, 0)) return State::Absent;
+    if (!isFixed && attribute.ulValueLen == room.size() && isAll(startOf(room), 0))
+        return State::Absent;
     m_values[row] = room.first(attribute.ulValueLen);
     return State::Present;
 }

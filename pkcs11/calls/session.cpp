@@ -136,6 +136,9 @@ bool ClsPkcs11::C_OpenSession(unsigned long slotId, bool, bool readWrite, LogBas
         return ask(log, entry::kOpenSession, slotId, flags, static_cast<void*>(nullptr),
                    static_cast<CK_NOTIFY>(nullptr), &session);
     };
+    // A session that cannot be closed is not opened.
+    if (m_funcs != nullptr && m_funcs->C_CloseSession == nullptr)
+        return noFunc(entry::kCloseSession.name, log);
     auto rv = open();
     if (rv == CKR_SESSION_COUNT && m_hSession != 0) {
         // The token has no room for two: the old one has to go first.

@@ -14,45 +14,62 @@ namespace {
 
 World& world() { return *fakeWorld(); }
 
+// Counts a call as running for the length of a scope.
+struct Presence {
+    explicit Presence(World& w) : world(w), isMeeting(w.inside.fetch_add(1) != 0) {}
+    ~Presence() { world.inside.fetch_sub(1); }
+    Presence(const Presence&) = delete;
+    Presence& operator=(const Presence&) = delete;
+    World& world;
+    bool isMeeting;  // another call is running
+};
+
 // Runs one call: journal, scripted answer, the function itself, the lie about its outputs.
 template <class Body>
-CK_RV call(const char* function, std::vector<CK_ULONG> arguments, Outputs outputs, Body body) {
+CK_RV call(const char* function, std::initializer_list<CK_ULONG> arguments, Outputs outputs, Body body, CK_SESSION_HANDLE session = 0) {
     World& w = world();
-    const bool isMeeting = w.inside.fetch_add(1) != 0;
+    const Presence presence(w);
     const std::lock_guard lock(w.mutex);
-    if (isMeeting) w.violations.emplace_back(std::string("two calls at once: ") + function);
-    struct Leave {
-        World& w;
-        ~Leave() { w.inside.fetch_sub(1); }
-    } const leave{w};
+    if (presence.isMeeting) w.violations.emplace_back(std::string("two calls at once: ") + function);
     const std::size_t index = w.journal.size();
     const std::string name = function;
     if (!w.initialized && name != "C_Initialize" && name != "C_GetFunctionList") { w.violations.push_back("called without initialization: " + name); }
-    w.journal.push_back({name, std::move(arguments), CKR_OK});
-    std::optional<CK_RV> rv;
-    if (w.answer) rv = w.answer(name, index);
+    w.journal.push_back({name, arguments, CKR_GENERAL_ERROR});  // what a thrown call counts as
+    if (session != 0) w.journal.back().arguments.insert(w.journal.back().arguments.begin(), session);
+    const auto scripted = w.answer ? w.answer(name, index) : std::nullopt;
+    CK_RV rv = scripted.value_or(CKR_OK);
+    // What changes the state alone and is said to have happened, happens.
+    const bool isStateOnly = name == "C_Initialize" || name == "C_Finalize" || name == "C_CloseSession";
+    const bool happens = !scripted.has_value() || (isStateOnly && rv == CKR_OK);
+    if (name == "C_Initialize" && rv == CKR_CRYPTOKI_ALREADY_INITIALIZED) w.initialized = true;
+    if (happens) rv = body(w);
     outputs.function = name;
     outputs.index = index;
-    outputs.result = rv ? *rv : body(w);
-    if (!rv && w.lie) w.lie(outputs);
+    outputs.result = rv;
+    if (happens && w.lie) w.lie(outputs);
+    // A handle given out is issued, true or not.
+    const bool gaveHandles = name == "C_FindObjects" && outputs.result == CKR_OK;
+    if (gaveHandles) w.issued.insert(outputs.ids, outputs.ids + std::min(*outputs.count, outputs.room));
     w.journal[index].result = outputs.result;
     return outputs.result;
 }
 
 // The same for a function on a session: notes a handle that was never given or is closed.
 template <class Body>
-CK_RV sessionCall(const char* function, CK_SESSION_HANDLE session, std::vector<CK_ULONG> arguments, Outputs outputs, Body body) {
-    arguments.insert(arguments.begin(), session);
-    return call(function, std::move(arguments), outputs, [&](World& w) -> CK_RV {
-        const auto at = w.sessions.find(session);
-        if (at == w.sessions.end()) {
-            if (session == 0 || session > w.lastSession) w.violations.emplace_back(std::string("unknown session: ") + function);
-            return CKR_SESSION_HANDLE_INVALID;
-        }
-        Slot& slot = w.slot(at->second);
-        if (!slot.tokenPresent) return CKR_DEVICE_REMOVED;
-        return body(w, slot);
-    });
+CK_RV sessionCall(const char* function, CK_SESSION_HANDLE session, std::initializer_list<CK_ULONG> arguments, Outputs outputs, Body body) {
+    return call(
+        function, arguments, outputs,
+        [&](World& w) -> CK_RV {
+            const auto at = w.sessions.find(session);
+            if (at == w.sessions.end()) {
+                if (session == 0 || session > w.lastSession) w.violations.emplace_back(std::string("unknown session: ") + function);
+                return CKR_SESSION_HANDLE_INVALID;
+            }
+            Slot& slot = w.slot(at->second);
+            if (!slot.tokenPresent) return CKR_DEVICE_REMOVED;
+            return body(w, slot);
+        },
+        session);
 }
 
 template <std::size_t N>
@@ -171,6 +188,7 @@ CK_RV checkPin(Slot& slot, bool isOfficer, const unsigned char* pin, CK_ULONG si
     const CK_FLAGS finalTry = low << 1;
     const CK_FLAGS locked = low << 2;
     if ((slot.flags & locked) != 0) return CKR_PIN_LOCKED;
+    if (world().acceptsAnyPin) return CKR_OK;
     const std::string given = pin == nullptr ? std::string() : std::string(reinterpret_cast<const char*>(pin), size);
     const bool asksItself = pin == nullptr && (slot.flags & CKF_PROTECTED_AUTHENTICATION_PATH) != 0;
     if (asksItself || given == (isOfficer ? slot.soPin : slot.userPin)) {
@@ -197,7 +215,7 @@ CK_RV initPin(CK_SESSION_HANDLE session, CK_UTF8CHAR* pin, CK_ULONG size) {
     return sessionCall("C_InitPIN", session, {}, {}, [&](World&, Slot& slot) -> CK_RV {
         if (slot.loggedIn != CKU_SO) return CKR_USER_NOT_LOGGED_IN;
         if (size < 4) return CKR_PIN_LEN_RANGE;
-        slot.userPin.assign(reinterpret_cast<const char*>(pin), size);
+        if (!world().acceptsAnyPin) slot.userPin.assign(reinterpret_cast<const char*>(pin), size);
         return CKR_OK;
     });
 }
@@ -207,7 +225,7 @@ CK_RV setPin(CK_SESSION_HANDLE session, CK_UTF8CHAR* oldPin, CK_ULONG oldSize, C
         const bool isOfficer = slot.loggedIn == CKU_SO;
         if (const CK_RV rv = checkPin(slot, isOfficer, oldPin, oldSize); rv != CKR_OK) return rv;
         if (newSize < 4) return CKR_PIN_LEN_RANGE;
-        (isOfficer ? slot.soPin : slot.userPin).assign(reinterpret_cast<const char*>(newPin), newSize);
+        if (!world().acceptsAnyPin) (isOfficer ? slot.soPin : slot.userPin).assign(reinterpret_cast<const char*>(newPin), newSize);
         return CKR_OK;
     });
 }
@@ -230,10 +248,12 @@ CK_RV closeSession(CK_SESSION_HANDLE session) {
     return call("C_CloseSession", {session}, {}, [&](World& w) -> CK_RV {
         const auto at = w.sessions.find(session);
         if (at == w.sessions.end()) {
-            w.violations.emplace_back("closed an unknown session");
+            const bool wasLost = session != 0 && session <= w.lastSession && !w.closedByCaller.contains(session);
+            if (!wasLost) w.violations.emplace_back("closed an unknown session");
             return CKR_SESSION_HANDLE_INVALID;
         }
         const CK_SLOT_ID id = at->second;
+        w.closedByCaller.insert(session);
         w.searches.erase(session);
         w.sessions.erase(at);
         ++w.numClosed;
@@ -343,6 +363,7 @@ extern "C" World* fakeWorld() {
 extern "C" CK_RV C_GetFunctionList(CK_FUNCTION_LIST** list) {
     static CK_FUNCTION_LIST functions;
     World& w = world();
+    const Presence presence(w);
     const std::lock_guard lock(w.mutex);
     w.journal.push_back({"C_GetFunctionList", {}, CKR_OK});
     if (w.answer) {

@@ -70,6 +70,7 @@ struct World {
     CK_VERSION version = {2, 40};
     std::set<std::string> nullEntries;  // functions missing from the list
     bool initializedByOthers = false;   // C_Initialize finds it done
+    bool acceptsAnyPin = false;         // and keeps no copy of one
     bool needsNullArguments = false;    // C_Initialize takes no arguments
     CK_ULONG maxSessions = 10;
     CK_OBJECT_HANDLE handleBase = 0;  // added to the handles of sessions
@@ -86,6 +87,7 @@ struct World {
     std::map<CK_SESSION_HANDLE, CK_SLOT_ID> sessions;
     std::map<CK_SESSION_HANDLE, std::vector<CK_OBJECT_HANDLE>> searches;
     std::set<CK_OBJECT_HANDLE> issued;  // object handles that were given out
+    std::set<CK_SESSION_HANDLE> closedByCaller;
     CK_SESSION_HANDLE lastSession = 0;
     int numOpened = 0;
     int numClosed = 0;
@@ -103,12 +105,22 @@ struct World {
         }
         return slots.at(0);
     }
+    // Takes the tokens out: their sessions are gone with them.
+    void removeTokens() {
+        for (Slot& s : slots) {
+            s.tokenPresent = false;
+            s.loggedIn.reset();
+        }
+        numClosed += static_cast<int>(sessions.size());
+        sessions.clear();
+        searches.clear();
+    }
     // The whole state anew, as after loading.
     void reset() {
         const std::lock_guard lock(mutex);
         slots.assign(1, Slot{});
         slots[0].id = 1;
-        listMade = nullList = initializedByOthers = needsNullArguments = initialized = false;
+        listMade = nullList = initializedByOthers = acceptsAnyPin = needsNullArguments = initialized = false;
         version = {2, 40};
         nullEntries.clear();
         maxSessions = 10;
@@ -120,6 +132,7 @@ struct World {
         sessions.clear();
         searches.clear();
         issued.clear();
+        closedByCaller.clear();
         lastSession = 0;
         numOpened = numClosed = 0;
     }

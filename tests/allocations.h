@@ -1,0 +1,17 @@
+#ifndef MERVANE_TESTS_ALLOCATIONS_H
+#define MERVANE_TESTS_ALLOCATIONS_H
+
+#include <atomic>
+
+/// Memory that runs out on request: the program's operator new fails for one allocation, or for all
+/// from there on.
+namespace mervane::test::allocations {
+
+extern std::atomic<long> left;             ///< allocations until one fails; -1: none fails
+extern std::atomic<bool> failsOnwards;     ///< and all that follow
+extern std::atomic<int>* insideModule;     ///< while this is not 0, none fails: the module's own do not count
+extern std::atomic<unsigned long> number;  ///< of allocations so far
+
+}  // namespace mervane::test::allocations
+
+#endif

@@ -1,0 +1,284 @@
+// Whatever a module answers, the application is not hurt: every call of six roads with every return
+// value, lies of all kinds, tokens that come and go, and memory that runs out.
+
+#include <stdexcept>
+
+#include "tests/allocations.h"
+#include "tests/roads.h"
+
+namespace mervane::test {
+namespace {
+
+class FaultsTest : public testing::TestWithParam<int> {
+  protected:
+    FaultsTest() : m_road(kRoads.at(static_cast<std::size_t>(GetParam()))) {}
+
+    // The road with faults, the oracle; then the road again without, which has to succeed unhurt.
+    template <class Arrange>
+    void runWith(Arrange arrange, const char* what, std::size_t number, bool mustRecover = true) {
+        if (HasFailure()) return;
+        world.reset();
+        furnish(world);
+        auto p11 = std::make_unique<Pkcs11>();
+        p11->put_SharedLibPath(XString(module.path()));
+        arrange();
+        run(*p11);
+        world.answer = nullptr;
+        world.lie = nullptr;
+        expectUnhurt(*p11, world, m_road.numLogins);
+        furnish(world);
+        const bool recovered = run(*p11) || run(*p11);
+        EXPECT_TRUE(recovered || !mustRecover) << p11->log().text();
+        expectUnhurt(*p11, world, 3 * m_road.numLogins);
+        p11.reset();
+        expectNothingLeft(world);
+        ++numRuns;
+        ASSERT_FALSE(HasFailure()) << m_road.name << ": " << what << " " << number;
+    }
+    bool run(Pkcs11& p11) const {
+        RoadArgs args;
+        return m_road.run(p11, args);
+    }
+    std::size_t traceLength() {
+        world.reset();
+        furnish(world);
+        Pkcs11 p11;
+        p11.put_SharedLibPath(XString(module.path()));
+        EXPECT_TRUE(run(p11)) << p11.log().text();
+        return world.journal.size();
+    }
+    void TearDown() override { RecordProperty("runs", static_cast<int>(numRuns)); }
+
+    const Road& m_road;
+    FakeModule module{"libfake.so"};
+    fake::World& world = module.world();
+    std::size_t numRuns = 0;
+};
+
+TEST_P(FaultsTest, EveryReturnValueAtEveryCall) {
+    std::vector<CK_RV> codes = {0x80000001, ~CK_RV{0}};
+    for (CK_RV rv = 0; rv < 0x300; ++rv) {
+        if (rvName(rv).starts_with("CKR_")) codes.push_back(rv);
+    }
+    const std::size_t length = traceLength();
+    for (std::size_t at = 0; at < length; ++at) {
+        for (const CK_RV rv : codes) {
+            runWith([&] { world.answer = [=](auto&, auto index) { return index == at ? std::optional(rv) : std::nullopt; }; }, rvName(rv).c_str(), at);
+        }
+        runWith(
+            [&] {
+                world.answer = [=](auto&, auto index) -> std::optional<CK_RV> {
+                    if (index == at) throw 7;
+                    return {};
+                };
+            },
+            "int", at);
+        runWith(
+            [&] {
+                world.answer = [=](auto&, auto index) -> std::optional<CK_RV> {
+                    if (index == at) throw std::runtime_error("x");
+                    return {};
+                };
+            },
+            "exception", at);
+    }
+}
+
+using Lie = void (*)(fake::Outputs& out);
+
+void setLengths(fake::Outputs& out, CK_ULONG length, CK_RV rv) {
+    for (CK_ULONG i = 0; i < out.room; ++i) out.attributes[i].ulValueLen = length;
+    out.result = rv;
+}
+
+template <std::size_t N>
+void fill(unsigned char (&field)[N], const char* pattern) {
+    for (std::size_t i = 0; i < N; ++i) field[i] = static_cast<unsigned char>(pattern[i % std::strlen(pattern)]);
+}
+
+void setTexts(fake::Outputs& out, const char* pattern) {
+    if (out.info != nullptr) fill(out.info->manufacturerID, pattern), fill(out.info->libraryDescription, pattern);
+    if (out.slotInfo != nullptr) fill(out.slotInfo->slotDescription, pattern);
+    if (out.tokenInfo != nullptr) fill(out.tokenInfo->label, pattern), fill(out.tokenInfo->serialNumber, pattern);
+}
+
+unsigned char strayValue[16];
+
+struct LieRow {
+    const char* what;
+    bool (*concerns)(const fake::Outputs& out);
+    Lie tell;
+};
+
+bool hasAttributes(const fake::Outputs& out) { return out.attributes != nullptr; }
+bool hasList(const fake::Outputs& out) { return out.ids != nullptr && out.room > 0; }
+bool hasCount(const fake::Outputs& out) { return out.count != nullptr; }
+bool isFind(const fake::Outputs& out) { return out.function == "C_FindObjects" && out.room > 0; }
+bool hasTexts(const fake::Outputs& out) { return out.info != nullptr || out.slotInfo != nullptr || out.tokenInfo != nullptr; }
+
+const LieRow kLies[] = {
+    {"count beyond the room", hasCount, [](auto& out) { *out.count = out.room + 5; }},
+    {"huge count", hasCount, [](auto& out) { *out.count = ~CK_ULONG{0} / 2; }},
+    {"count of zero", hasCount, [](auto& out) { *out.count = 0; }},
+    {"count not written", hasCount, [](auto& out) { *out.count = out.room; }},
+    {"one more than before", hasCount, [](auto& out) { *out.count += 1; }},
+    {"list not written", hasList, [](auto& out) { std::fill_n(out.ids, out.room, 0); }},
+    {"lengths of -1 with CKR_OK", hasAttributes, [](auto& out) { setLengths(out, CK_UNAVAILABLE_INFORMATION, CKR_OK); }},
+    {"lengths of 0", hasAttributes, [](auto& out) { setLengths(out, 0, CKR_OK); }},
+    {"lengths of 3", hasAttributes, [](auto& out) { setLengths(out, 3, CKR_OK); }},
+    {"huge lengths", hasAttributes, [](auto& out) { setLengths(out, CK_ULONG{1} << 60, CKR_OK); }},
+    {"huge lengths, too small", hasAttributes, [](auto& out) { setLengths(out, CK_ULONG{1} << 40, CKR_BUFFER_TOO_SMALL); }},
+    {"lengths of a megabyte", hasAttributes, [](auto& out) { setLengths(out, 1048576, CKR_BUFFER_TOO_SMALL); }},
+    {"all too small", hasAttributes, [](auto& out) { setLengths(out, CK_UNAVAILABLE_INFORMATION, CKR_BUFFER_TOO_SMALL); }},
+    {"lengths of the room", hasAttributes, [](auto& out) { setLengths(out, 8192, CKR_OK); }},
+    {"no attribute type", hasAttributes, [](auto& out) { setLengths(out, CK_UNAVAILABLE_INFORMATION, CKR_ATTRIBUTE_TYPE_INVALID); }},
+    {"values of its own", hasAttributes,
+     [](auto& out) {
+         for (CK_ULONG i = 0; i < out.room; ++i) out.attributes[i].pValue = strayValue;
+     }},
+    {"null values", hasAttributes,
+     [](auto& out) {
+         for (CK_ULONG i = 0; i < out.room; ++i) out.attributes[i].pValue = nullptr;
+     }},
+    {"other types", hasAttributes,
+     [](auto& out) {
+         for (CK_ULONG i = 0; i < out.room; ++i) out.attributes[i].type += 1;
+     }},
+    {"values of garbage", hasAttributes,
+     [](auto& out) {
+         for (CK_ULONG i = 0; i < out.room; ++i) {
+             const bool written = out.attributes[i].pValue != nullptr && out.attributes[i].ulValueLen < 9000;
+             if (written) std::memset(out.attributes[i].pValue, 0x30 + static_cast<int>(i), out.attributes[i].ulValueLen);
+         }
+     }},
+    {"endless handles", isFind,
+     [](auto& out) {
+         static CK_ULONG next = 1000;
+         for (CK_ULONG i = 0; i < out.room; ++i) out.ids[i] = ++next;
+         *out.count = out.room;
+     }},
+    {"repeated handles", isFind,
+     [](auto& out) {
+         std::fill_n(out.ids, out.room, 10);
+         *out.count = out.room;
+     }},
+    {"handles of zero", isFind,
+     [](auto& out) {
+         std::fill_n(out.ids, out.room, 0);
+         *out.count = out.room;
+     }},
+    {"falling handles", isFind,
+     [](auto& out) {
+         for (CK_ULONG i = 0; i < *out.count; ++i) std::swap(out.ids[i], out.ids[*out.count - 1 - i]);
+     }},
+    {"session of zero", [](auto& out) { return out.session != nullptr; }, [](auto& out) { *out.session = 0; }},
+    {"texts of NUL", hasTexts, [](auto& out) { setTexts(out, "\x01"); }},
+    {"texts of control characters", hasTexts, [](auto& out) { setTexts(out, "\x1B[2J\r\n"); }},
+    {"texts of invalid UTF-8", hasTexts, [](auto& out) { setTexts(out, "\xFF\xC0\xED\xA0\x80"); }},
+    {"all flags", hasTexts,
+     [](auto& out) {
+         if (out.tokenInfo != nullptr) out.tokenInfo->flags = ~CK_FLAGS{0};
+         if (out.slotInfo != nullptr) out.slotInfo->flags = ~CK_FLAGS{0};
+     }},
+};
+
+TEST_P(FaultsTest, EveryLieFirstMiddleLastAndAlways) {
+    for (const LieRow& row : kLies) {
+        // With session 0 the module has one open that nobody can close.
+        const bool leaves = std::string(row.what) == "session of zero";
+        std::size_t numTold = 0;
+        const auto tellAt = [&](long wanted) {
+            runWith(
+                [&, wanted] {
+                    numTold = 0;
+                    world.lie = [&, wanted](fake::Outputs& out) {
+                        if (!row.concerns(out)) return;
+                        const bool tells = wanted < 0 || static_cast<std::size_t>(wanted) == numTold;
+                        ++numTold;
+                        if (tells) row.tell(out);
+                        if (tells && leaves) world.numClosed += 1, world.sessions.erase(world.lastSession);
+                    };
+                },
+                row.what, static_cast<std::size_t>(wanted + 1));
+        };
+        tellAt(0);
+        const auto last = static_cast<long>(numTold);
+        for (const long at : {last / 2, last - 1, -1L}) {
+            if (!HasFailure() && last > 0) tellAt(at);
+        }
+    }
+}
+
+TEST_P(FaultsTest, NullEntriesEachAndAll) {
+    const char* const names[] = {
+        "C_Initialize",       "C_Finalize",          "C_GetInfo",         "C_GetSlotList", "C_GetSlotInfo",     "C_GetTokenInfo", "C_GetMechanismList",
+        "C_GetMechanismInfo", "C_InitToken",         "C_InitPIN",         "C_SetPIN",      "C_OpenSession",     "C_CloseSession", "C_Login",
+        "C_Logout",           "C_GetAttributeValue", "C_FindObjectsInit", "C_FindObjects", "C_FindObjectsFinal"};
+    std::set<std::string> all;
+    for (const char* const name : names) {
+        all.insert(name);
+        runWith([&] { world.nullEntries = {name}; }, name, 0, false);
+    }
+    runWith([&] { world.nullEntries = all; }, "all", 0, false);
+}
+
+TEST_P(FaultsTest, TokenRemovedAtEveryPointAndPutBack) {
+    const std::size_t length = traceLength();
+    for (std::size_t at = 0; at < length; ++at) {
+        for (const bool comesBack : {false, true}) {
+            runWith(
+                [&, at, comesBack] {
+                    world.answer = [this, at, comesBack](auto&, auto index) -> std::optional<CK_RV> {
+                        if (index == at) world.removeTokens();
+                        if (comesBack && index == at + 2) world.slots[0].tokenPresent = true;
+                        return {};
+                    };
+                },
+                "removed", at);
+        }
+    }
+}
+
+TEST_P(FaultsTest, ObjectsVanishBetweenFindAndRead) {
+    runWith(
+        [&] {
+            world.answer = [this](auto& f, auto) -> std::optional<CK_RV> {
+                if (f == "C_GetAttributeValue") world.slots[0].objects.clear();
+                return {};
+            };
+        },
+        "vanish", 0);
+}
+
+TEST_P(FaultsTest, EveryAllocationFailsOnceAndFromThereOn) {
+    allocations::insideModule = &world.inside;
+    for (const bool onwards : {false, true}) {
+        bool reachedEnd = false;
+        for (long at = 0; !reachedEnd; at += at < 400 ? 1 : 7) {
+            world.reset();
+            furnish(world);
+            auto p11 = std::make_unique<Pkcs11>();
+            p11->put_SharedLibPath(XString(module.path()));
+            RoadArgs args;
+            allocations::failsOnwards = onwards;
+            allocations::left = at;
+            const bool ok = m_road.run(*p11, args);
+            reachedEnd = allocations::left > 0;
+            allocations::left = -1;
+            EXPECT_TRUE(ok || !reachedEnd);
+            expectUnhurt(*p11, world, m_road.numLogins);
+            furnish(world);
+            EXPECT_TRUE(run(*p11)) << p11->log().text();
+            p11.reset();
+            expectNothingLeft(world);
+            ++numRuns;
+            ASSERT_FALSE(HasFailure()) << m_road.name << ": allocation " << at << (onwards ? " and on" : "");
+        }
+    }
+    allocations::insideModule = nullptr;
+}
+
+INSTANTIATE_TEST_SUITE_P(Roads, FaultsTest, testing::Range(0, 6));
+
+}  // namespace
+}  // namespace mervane::test

@@ -1,0 +1,96 @@
+#include "tests/roads.h"
+
+#include <thread>
+
+namespace mervane::test {
+namespace {
+
+// A certificate of the caller's: untouched when the call is false.
+template <class Call>
+bool givesCert(Call call) {
+    ClsCert cert;
+    const bool ok = call(cert);
+    EXPECT_EQ(ok, cert.getCert() != nullptr);
+    return ok;
+}
+
+bool wholeSession(Pkcs11& p, RoadArgs& a) {
+    const bool ok = p.Initialize() && p.OpenSession(-1, true) && p.Login(1, a.userPin) && p.FindAllCerts() &&
+                    givesCert([&](ClsCert& c) { return p.GetCert(0, c); }) && p.Logout();
+    return p.CloseSession() && ok;
+}
+
+bool findRsa(Pkcs11& p, RoadArgs& a) {
+    return p.QuickSession(1, a.userPin) && givesCert([&](ClsCert& c) { return p.FindCert(a.privateKey, a.empty, c); });
+}
+
+bool findEc(Pkcs11& p, RoadArgs& a) {
+    return p.QuickSession(1, a.userPin) && givesCert([&](ClsCert& c) {
+               const bool ok = p.FindCert(a.commonName, a.curve, c);
+               return ok && (p.linkCertToPkcs11Session(c.getCert().get(), false, p.log()), true);
+           });
+}
+
+bool discoverAll(Pkcs11& p, RoadArgs& a) { return p.Discover(false, a.report); }
+
+bool askForObjects(Pkcs11& p, RoadArgs& a) { return p.QuickSession(1, a.userPin) && p.FindObject(a.description) != 0 && p.FindAllKeys(a.privateWord, a.keys); }
+
+bool administer(Pkcs11& p, RoadArgs& a) {
+    const bool ok = p.QuickSession(0, a.soPin) && p.InitPin(a.newPin) && p.Logout() && p.SetPin(a.newPin, a.userPin) && p.CloseSession();
+    return p.InitToken(1, a.soPin, a.label) && ok;
+}
+
+}  // namespace
+
+RoadArgs::RoadArgs() { description.root().set("id", "78"); }
+
+const std::array<Road, 6> kRoads = {{{"whole session", wholeSession, 1},
+                                     {"RSA certificate", findRsa, 1},
+                                     {"EC certificate", findEc, 1},
+                                     {"discovery", discoverAll, 0},
+                                     {"objects and keys", askForObjects, 1},
+                                     {"PINs and token", administer, 1}}};
+
+void furnish(fake::World& world) {
+    static const std::vector<fake::Object> objects = {
+        certObject(10, "alice", "a"),       certObject(11, "p256", "e"),
+        certObject(12, "bob", "b"),         keyObject(20, "alice", {.id = "x", .withSubject = true, .withModulus = true}),
+        keyObject(21, "p256", {.id = "e"}), ecPublicObject(30, "p256", "e", true)};
+    fake::Slot& slot = world.slots.at(0);
+    slot.tokenPresent = true;
+    slot.objects = objects;
+    slot.flags = fake::Slot().flags;
+    slot.userPin = fake::Slot().userPin;
+    slot.soPin = fake::Slot().soPin;
+    world.answer = nullptr;
+    world.lie = nullptr;
+}
+
+void expectUnhurt(const Pkcs11& p11, const fake::World& world, int asked) {
+    std::size_t numBegun = 0;
+    std::size_t numEnded = 0;
+    bool sessionLost = false;
+    for (const fake::Call& call : world.journal) {
+        const bool begins = call.function == "C_FindObjectsInit";
+        numBegun += begins && (call.result == CKR_OK || call.result == CKR_OPERATION_ACTIVE) ? 1 : 0;
+        numEnded += call.function == "C_FindObjectsFinal" ? 1 : 0;
+        sessionLost = sessionLost || endsSession(call.result) || call.result == CKR_CRYPTOKI_NOT_INITIALIZED;
+    }
+    EXPECT_EQ(numBegun, numEnded);
+    const int numOpen = world.numOpened - world.numClosed;
+    EXPECT_TRUE(sessionLost || numOpen == (p11.hasOpenSession() ? 1 : 0)) << numOpen;
+    EXPECT_LE(world.count("C_Login"), static_cast<std::size_t>(asked));
+    EXPECT_THAT(world.violations, IsEmpty());
+    EXPECT_EQ(p11.log().contextDepth(), 0);
+    const std::string log = p11.log().text() + p11.log().json();
+    for (const auto& pin : {fake::Slot().userPin, fake::Slot().soPin, std::string("a-new-user-pin-000000001")}) { EXPECT_EQ(log.find(pin), std::string::npos); }
+}
+
+void expectNothingLeft(const fake::World& world) {
+    std::size_t numInitialized = 0;
+    for (const fake::Call& call : world.journal) numInitialized += call.function == "C_Initialize" && call.result == CKR_OK ? 1 : 0;
+    EXPECT_LE(world.count("C_Finalize"), numInitialized);
+    EXPECT_THAT(world.violations, IsEmpty());
+}
+
+}  // namespace mervane::test

@@ -1,0 +1,38 @@
+#ifndef MERVANE_TESTS_ROADS_H
+#define MERVANE_TESTS_ROADS_H
+
+#include <array>
+
+#include "tests/support.h"
+
+namespace mervane::test {
+
+/// What an application has at hand before it calls. Made before memory runs out: a public call does
+/// not throw, but the application's own strings may.
+struct RoadArgs {
+    RoadArgs();
+    XString userPin{fake::Slot().userPin}, soPin{fake::Slot().soPin}, newPin{"a-new-user-pin-000000001"}, empty;
+    XString privateKey{"privateKey"}, commonName{"CN"}, curve{"Curve 256"}, privateWord{"private"}, label{"renewed"};
+    ClsJsonObject description, keys, report;
+};
+
+/// What an application does from beginning to end, as faults are injected into it. Each is a few
+/// public calls; the result says whether all of them succeeded.
+struct Road {
+    const char* name;
+    bool (*run)(Pkcs11& p11, RoadArgs& args);
+    int numLogins;  // that it asks for
+};
+extern const std::array<Road, 6> kRoads;
+
+/// The token that the roads are made for. Sessions and initialisation stay as they are.
+void furnish(fake::World& world);
+
+/// What holds after a road whatever the module did. `asked`: logins asked for so far.
+void expectUnhurt(const Pkcs11& p11, const fake::World& world, int asked);
+/// The same when the object is gone.
+void expectNothingLeft(const fake::World& world);
+
+}  // namespace mervane::test
+
+#endif
