@@ -98,6 +98,20 @@ def main(build, module, count):
         print(f"{name:36} {total:>9} {median * 1000:9.1f} {ratio:9.2f} {memory[name] / 1024:7.1f}  {by_name}")
 
 
+def instructions(command):
+    done = subprocess.run(["valgrind", "--tool=callgrind", "--callgrind-out-file=/dev/null", *command],
+                          stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True, check=True)
+    return int(re.search(r"refs:\s+([\d,]+)", done.stderr)[1].replace(",", ""))
+
+
+def compare_setup(build, module):
+    """Instructions of a whole process that sets up and ends, on a token with one object."""
+    make_token(build, module, 1)
+    ours, raw = (instructions([str(build / "setup"), module, LABEL, PIN, how]) for how in ("ours", "raw"))
+    print(f"\nset-up (QuickSession) in instructions of the process: {ours:,}; the raw calls: {raw:,}; ratio {ours / raw:.4f}")
+
+
 if __name__ == "__main__":
     resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
     main(sys.argv[1], sys.argv[2], int(sys.argv[3]))
+    compare_setup(pathlib.Path(sys.argv[1]).resolve(), sys.argv[2])

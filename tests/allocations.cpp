@@ -9,6 +9,7 @@ std::atomic<long> left{-1};
 std::atomic<bool> failsOnwards{false};
 std::atomic<int>* insideModule = nullptr;
 std::atomic<unsigned long> number{0};
+std::atomic<unsigned long> bytes{0};
 
 static bool fails() {
     number.fetch_add(1, std::memory_order_relaxed);
@@ -21,6 +22,7 @@ static bool fails() {
 }  // namespace mervane::test::allocations
 
 void* operator new(std::size_t size) {
+    mervane::test::allocations::bytes.fetch_add(size, std::memory_order_relaxed);
     void* const memory = mervane::test::allocations::fails() ? nullptr : std::malloc(size == 0 ? 1 : size);
     if (memory == nullptr) throw std::bad_alloc();
     return memory;

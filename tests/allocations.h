@@ -11,6 +11,7 @@ extern std::atomic<long> left;             ///< allocations until one fails; -1:
 extern std::atomic<bool> failsOnwards;     ///< and all that follow
 extern std::atomic<int>* insideModule;     ///< while this is not 0, none fails: the module's own do not count
 extern std::atomic<unsigned long> number;  ///< of allocations so far
+extern std::atomic<unsigned long> bytes;   ///< that they asked for
 
 }  // namespace mervane::test::allocations
 

@@ -1,0 +1,23 @@
+// An ATR over the card database.
+
+#include "fuzz/fuzz.h"
+#include "pkcs11/clspkcs11.h"
+
+using namespace mervane;
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    LogNull log;
+    static ClsJsonObject& cards = *[] {
+        LogNull silent;
+        auto* const loaded = ClsJsonObject::createNewCls();
+        fuzz::require(ClsPkcs11::GetCardDataJson(*loaded, silent));
+        return loaded;
+    }();
+    const std::string atr(fuzz::asText(data, size));
+    StringBuffer name;
+    bool readOnly = true;
+    ExtPtrArraySb paths;
+    const bool found = ClsPkcs11::CardDataLookupAtr(cards, atr.c_str(), name, readOnly, paths, log);
+    fuzz::require(found ? paths.getSize() > 0 && !name.isEmpty() : paths.getSize() == 0);
+    return 0;
+}

@@ -1,0 +1,230 @@
+// Certificates, JSON and compressed data made to hurt: work and memory stay in proportion to the input,
+// and what is refused is refused for good.
+
+#include <ctime>
+
+#include "foundation/json/parser.h"
+#include "foundation/text/hex.h"
+#include "foundation/x509/oid.h"
+#include "tests/allocations.h"
+#include "tests/support.h"
+
+namespace mervane::test {
+namespace {
+
+using Bytes = std::string;
+
+Bytes tlv(unsigned tag, const Bytes& content) {
+    Bytes out(1, static_cast<char>(tag));
+    if (content.size() < 128) return out + static_cast<char>(content.size()) + content;
+    Bytes length;
+    for (std::size_t size = content.size(); size != 0; size >>= 8) length.insert(length.begin(), static_cast<char>(size));
+    return out + static_cast<char>(0x80 + length.size()) + length + content;
+}
+
+Bytes repeated(const Bytes& piece, std::size_t size) {
+    Bytes out;
+    while (out.size() < size) out += piece;
+    return out;
+}
+
+const Bytes kOidCn("\x06\x03\x55\x04\x03", 5);
+const Bytes kPlainName = tlv(0x30, tlv(0x31, tlv(0x30, kOidCn + tlv(0x0C, "A"))));
+const Bytes kRsaKey = tlv(0x30, tlv(0x30, tlv(0x06, "\x2A\x86\x48\x86\xF7\x0D\x01\x01\x01")) +
+                                    tlv(0x03, Bytes(1, '\0') + tlv(0x30, tlv(0x02, Bytes(128, '\x71')) + tlv(0x02, "\x03"))));
+
+struct Parts {
+    Bytes serial = tlv(0x02, "\x05");
+    Bytes issuer = kPlainName;
+    Bytes subject = kPlainName;
+    Bytes key = kRsaKey;
+    Bytes extensions;
+};
+
+Bytes certificate(const Parts& parts) {
+    const Bytes algorithm = tlv(0x30, tlv(0x06, "\x2A\x03"));
+    const Bytes times = tlv(0x30, tlv(0x17, "260101000000Z") + tlv(0x17, "360101000000Z"));
+    const Bytes extensions = parts.extensions.empty() ? "" : tlv(0xA3, tlv(0x30, parts.extensions));
+    const Bytes tbs = tlv(0x30, parts.serial + algorithm + parts.issuer + times + parts.subject + parts.key + extensions);
+    return tlv(0x30, tbs + algorithm + tlv(0x03, Bytes(5, '\0')));
+}
+
+Bytes extension(char oidTail, const Bytes& value) { return tlv(0x30, tlv(0x06, Bytes("\x55\x1D", 2) + oidTail) + tlv(0x04, value)); }
+
+std::span<const std::uint8_t> asBytes(const Bytes& text) { return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()}; }
+
+// Of this thread alone, whatever else the machine does.
+double cpuSeconds() {
+    timespec now{};
+    ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
+}
+
+// Every reader; the result says whether it is a certificate at all.
+bool readAll(const Bytes& der) {
+    LogNull log;
+    const auto cert = Certificate::createFromDer(asBytes(der), log);
+    if (!cert) return false;
+    XString text;
+    StringBuffer xml;
+    int bits = 0;
+    _mvPublicKey key;
+    std::string from, to;
+    cert->getSubjectDN(text, log);
+    cert->getSubjectDN_noTags(text, log);
+    cert->getIssuerPart("CN", text, log);
+    cert->getSerialNumber(text, log);
+    cert->getSha1ThumbprintX(text, log);
+    cert->getIntendedKeyUsage(log);
+    for (const char* const oid : {"2.5.29.32", "2.5.29.15", "2.5.29.37", "2.5.29.19", "2.5.29.17", "2.5.29.14"}) cert->getExtensionXml(oid, xml, log);
+    cert->getCertKeyType(bits, log);
+    static_cast<void>(cert->getCertPublicKey(key, log));
+    cert->getValidity(from, to);
+    return true;
+}
+
+const struct {
+    const char* what;
+    Bytes (*make)(std::size_t size);
+} kGrowing[] = {
+    {"serial", [](std::size_t n) { return certificate({.serial = tlv(0x02, Bytes(n, '\x81'))}); }},
+    {"one long value", [](std::size_t n) { return certificate({.subject = tlv(0x30, tlv(0x31, tlv(0x30, kOidCn + tlv(0x0C, Bytes(n, ',')))))}); }},
+    {"BMPString",
+     [](std::size_t n) { return certificate({.subject = tlv(0x30, tlv(0x31, tlv(0x30, kOidCn + tlv(0x1E, Bytes(n & ~std::size_t{1}, '\xD8')))))}); }},
+    {"value of no string type", [](std::size_t n) { return certificate({.subject = tlv(0x30, tlv(0x31, tlv(0x30, kOidCn + tlv(0x04, Bytes(n, 'x')))))}); }},
+    {"many names", [](std::size_t n) { return certificate({.subject = tlv(0x30, repeated(tlv(0x31, tlv(0x30, kOidCn + tlv(0x0C, "v"))), n))}); }},
+    {"many attributes in one name",
+     [](std::size_t n) { return certificate({.subject = tlv(0x30, tlv(0x31, repeated(tlv(0x30, kOidCn + tlv(0x0C, "v")), n)))}); }},
+    {"huge OID",
+     [](std::size_t n) { return certificate({.subject = tlv(0x30, tlv(0x31, tlv(0x30, tlv(0x06, Bytes(n, '\xFF') + '\x01') + tlv(0x0C, "v"))))}); }},
+    {"long OIDs",
+     [](std::size_t n) {
+         return certificate({.subject = tlv(0x30, repeated(tlv(0x31, tlv(0x30, tlv(0x06, Bytes(120, '\xFF') + '\x01') + tlv(0x0C, "v"))), n))});
+     }},
+    {"many extensions", [](std::size_t n) { return certificate({.extensions = repeated(extension('\x63', "v"), n)}); }},
+    {"many policies", [](std::size_t n) { return certificate({.extensions = extension('\x20', tlv(0x30, repeated(tlv(0x30, tlv(0x06, "\x2A\x03")), n)))}); }},
+    {"many alternative names", [](std::size_t n) { return certificate({.extensions = extension('\x11', tlv(0x30, repeated(tlv(0x82, "<"), n)))}); }},
+    {"many purposes", [](std::size_t n) { return certificate({.extensions = extension('\x25', tlv(0x30, repeated(tlv(0x06, "\x2A\x03"), n)))}); }},
+    {"unknown extension", [](std::size_t n) { return certificate({.extensions = extension('\x0E', Bytes(n, 'x'))}); }},
+    {"huge modulus",
+     [](std::size_t n) {
+         return certificate({.key = tlv(0x30, tlv(0x30, tlv(0x06, "\x2A\x86\x48\x86\xF7\x0D\x01\x01\x01")) +
+                                                  tlv(0x03, Bytes(1, '\0') + tlv(0x30, tlv(0x02, Bytes(n, '\x71')) + tlv(0x02, "\x03"))))});
+     }},
+    {"trailing bytes", [](std::size_t n) { return certificate({}) + Bytes(n, '\0'); }},
+};
+
+TEST(HostileTest, WorkAndMemoryGrowWithTheInputAndNoFaster) {
+    for (const auto& row : kGrowing) {
+        double times[2] = {};
+        for (const int doubled : {0, 1}) {
+            const Bytes der = row.make(std::size_t{100000} << doubled);
+            const unsigned long before = allocations::bytes;
+            EXPECT_TRUE(readAll(der)) << row.what;
+            // All readers together; each gives its memory back when its result goes.
+            EXPECT_LE(allocations::bytes - before, 16 * 12 * der.size()) << row.what;
+            times[doubled] = 1e9;
+            for (int i = 0; i < 7; ++i) {
+                const double start = cpuSeconds();
+                readAll(der);
+                times[doubled] = std::min(times[doubled], cpuSeconds() - start);
+            }
+        }
+        EXPECT_LT(times[1] / times[0], 3.5) << row.what;  // quadratic work would be 4
+    }
+}
+
+TEST(HostileTest, JsonAndDeflateStayInProportion) {
+    const Bytes texts[] = {"[" + repeated("0,", 200000) + "0]", "{" + repeated("\"a\":{},", 200000) + "\"a\":1}", "\"" + repeated("\\u0041", 200000) + "\"",
+                           "[" + repeated("[[[]]],", 200000) + "[]]"};
+    for (const Bytes& text : texts) {
+        JsonValue value;
+        JsonError error;
+        const unsigned long before = allocations::bytes;
+        EXPECT_TRUE(parseJson(text, value, error));
+        EXPECT_LE(allocations::bytes - before, 160 * text.size());  // all steps of growing vectors
+    }
+}
+
+// Names, keys and extensions that are malformed: no value, never a wrong one.
+TEST(HostileTest, MalformedPartsHaveNoValue) {
+    LogNull log;
+    const Bytes ec = tlv(0x06, "\x2A\x86\x48\xCE\x3D\x02\x01");
+    const Bytes p256 = tlv(0x06, "\x2A\x86\x48\xCE\x3D\x03\x01\x07");
+    const auto ecKey = [&](const Bytes& parameters, const Bytes& point) { return tlv(0x30, tlv(0x30, ec + parameters) + tlv(0x03, Bytes(1, '\0') + point)); };
+    const struct {
+        const char* what;
+        Bytes key;
+        int type;
+        bool hasPoint;
+    } keys[] = {
+        {"good", ecKey(p256, '\x04' + Bytes(64, 'x')), 3, true},
+        {"compressed", ecKey(p256, '\x02' + Bytes(32, 'x')), 3, true},
+        {"infinity", ecKey(p256, Bytes(1, '\0')), 3, false},
+        {"short", ecKey(p256, '\x04' + Bytes(63, 'x')), 3, false},
+        {"long", ecKey(p256, '\x04' + Bytes(65, 'x')), 3, false},
+        {"hybrid", ecKey(p256, '\x06' + Bytes(64, 'x')), 3, false},
+        {"empty", ecKey(p256, ""), 3, false},
+        {"no parameters", ecKey("", '\x04' + Bytes(64, 'x')), 0, false},
+        {"implicit CA", ecKey(tlv(0x05, ""), '\x04' + Bytes(64, 'x')), 0, false},
+        {"explicit", ecKey(tlv(0x30, tlv(0x02, "\x01")), '\x04' + Bytes(64, 'x')), 0, false},
+        {"unused bits", tlv(0x30, tlv(0x30, ec + p256) + tlv(0x03, Bytes(1, '\x03') + '\x04' + Bytes(64, 'x'))), 0, false},
+        {"RSA of 504 bits",
+         tlv(0x30, tlv(0x30, tlv(0x06, "\x2A\x86\x48\x86\xF7\x0D\x01\x01\x01")) +
+                       tlv(0x03, Bytes(1, '\0') + tlv(0x30, tlv(0x02, Bytes(63, '\x71')) + tlv(0x02, "\x03")))),
+         0, false},
+        {"RSA without exponent",
+         tlv(0x30, tlv(0x30, tlv(0x06, "\x2A\x86\x48\x86\xF7\x0D\x01\x01\x01")) + tlv(0x03, Bytes(1, '\0') + tlv(0x30, tlv(0x02, Bytes(128, '\x71'))))), 0,
+         false},
+    };
+    for (const auto& row : keys) {
+        const auto cert = Certificate::createFromDer(asBytes(certificate({.key = row.key})), log);
+        ASSERT_NE(cert, nullptr) << row.what;
+        int bits = 0;
+        EXPECT_EQ(cert->getCertKeyType(bits, log), row.type) << row.what;
+        _mvPublicKey key;
+        DataBuffer point;
+        const bool hasKey = cert->getCertPublicKey(key, log);
+        EXPECT_EQ(hasKey, row.type != 0) << row.what;
+        EXPECT_EQ(hasKey && key.getEccKey() != nullptr && key.getEccKey()->exportEccPoint(point, log), row.hasPoint) << row.what;
+    }
+    const struct {
+        Bytes serial;
+        const char* text;
+    } serials[] = {{tlv(0x02, Bytes(1, '\0')), "00"},        {tlv(0x02, Bytes("\0\x80", 2)), "80"},   {tlv(0x02, "\xFF"), "-01"}, {tlv(0x02, "\x80"), "-80"},
+                   {tlv(0x02, Bytes("\xFF\x7F", 2)), "-81"}, {tlv(0x02, Bytes("\0\0\x01", 3)), "01"}, {tlv(0x02, ""), nullptr}};
+    for (const auto& row : serials) {
+        XString text;
+        const auto cert = Certificate::createFromDer(asBytes(certificate({.serial = row.serial})), log);
+        EXPECT_EQ(cert->getSerialNumber(text, log), row.text != nullptr);
+        EXPECT_EQ(text.view(), row.text == nullptr ? "" : row.text);
+    }
+    const Bytes bad[] = {"",
+                         "0",
+                         tlv(0x30, ""),
+                         Bytes("\x30\x80\0\0", 4),
+                         tlv(0x31, certificate({})),
+                         certificate({.issuer = "", .subject = ""}),
+                         certificate({.extensions = "x"}).substr(0, 40),
+                         certificate({.key = tlv(0x31, "")})};
+    for (const Bytes& der : bad) EXPECT_FALSE(readAll(der)) << toHex(asBytes(der));
+    Parts nul;
+    nul.subject = tlv(0x30, tlv(0x31, tlv(0x30, kOidCn + tlv(0x0C, Bytes("good.example\0.evil", 18)))));
+    XString name;
+    const auto cert = Certificate::createFromDer(asBytes(certificate(nul)), log);
+    EXPECT_TRUE(cert->getSubjectPart("CN", name, log));
+    EXPECT_EQ(name.view().size(), 18U);  // whole: "good.example" does not match it
+}
+
+TEST(HostileTest, SearchInALoadedDocumentAllocatesNothing) {
+    LogNull log;
+    ClsJsonObject cards;
+    ASSERT_TRUE(ClsPkcs11::GetCardDataJson(cards, log));
+    const unsigned long before = allocations::number;
+    EXPECT_EQ(cards.FindRecord("cards", "atr", "no such card", false), nullptr);
+    EXPECT_NE(cards.valueAt("drivers[45].file"), nullptr);
+    EXPECT_EQ(allocations::number, before);
+}
+
+}  // namespace
+}  // namespace mervane::test
