@@ -18,7 +18,8 @@ install_packages() {
 
 build_packages=(g++ cmake ninja-build zlib1g-dev)
 token_packages=(softhsm2 opensc openssl)
-test_packages=(libgtest-dev libgmock-dev python3 python3-jsonschema p11-kit-modules)
+test_packages=(libgtest-dev libgmock-dev python3 python3-jsonschema p11-kit-modules valgrind ca-certificates
+  python3-cryptography-vectors)
 
 # The SoftHSM 2 module, wherever the distribution puts it.
 softhsm_module() {

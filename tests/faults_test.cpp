@@ -84,6 +84,13 @@ TEST_P(FaultsTest, EveryReturnValueAtEveryCall) {
     }
 }
 
+TEST_P(FaultsTest, OneReturnValueAtEveryCall) {
+    const std::size_t length = traceLength();
+    for (std::size_t at = 0; at < length; ++at) {
+        runWith([&] { world.answer = [=](auto&, auto index) { return index == at ? std::optional(CKR_DEVICE_REMOVED) : std::nullopt; }; }, "one", at);
+    }
+}
+
 using Lie = void (*)(fake::Outputs& out);
 
 void setLengths(fake::Outputs& out, CK_ULONG length, CK_RV rv) {
