@@ -121,6 +121,32 @@ TEST_F(LifetimesTest, ForkedChildDropsTheSessionAndBeginsAnew) {
         world.sessions.clear();
         return dropped && said && !cert.HasPrivateKey() && p11->Initialize() && quick(*p11) && p11->FindAllCerts();
     }));
+    // Whatever is called first answers, and calls nothing of the module.
+    const std::function<bool()> calls[] = {[&] { return p11->OpenSession(-1, true); },
+                                           [&] { return p11->CloseSession(); },
+                                           [&] { return p11->Login(1, XString("x")); },
+                                           [&] { return p11->Logout(); },
+                                           [&] { return p11->SetPin(XString("x"), XString("y")); },
+                                           [&] { return p11->InitPin(XString("x")); },
+                                           [&] { return p11->InitToken(1, XString("x"), XString("l")); },
+                                           [&] {
+                                               ClsJsonObject json;
+                                               return p11->FindObject(json) != 0;
+                                           },
+                                           [&] {
+                                               ClsJsonObject json;
+                                               return p11->FindAllKeys(XString(), json);
+                                           },
+                                           [&] { return p11->GetCert(0, cert); },
+                                           [&] { return p11->FindCert(XString(), XString(), cert); },
+                                           [&] { return p11->get_NumCerts() != 0; },
+                                           [&] { return p11->linkCertToPkcs11Session(cert.getCert().get(), true, p11->log()); }};
+    for (const auto& call : calls) {
+        EXPECT_TRUE(inChild([&] {
+            ::alarm(1);
+            return !call() && world.journal.size() == before && !cert.HasPrivateKey();
+        }));
+    }
     EXPECT_TRUE(inChild([&] {
         p11.reset();  // untouched in the child: calls nothing
         return world.journal.size() == before;

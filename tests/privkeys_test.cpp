@@ -189,6 +189,18 @@ TEST_F(KeysTest, NullCertificateLogsNothingButItsContext) {
     EXPECT_THAT(p11->values(), IsEmpty());
 }
 
+TEST_F(KeysTest, CertificateWithAMalformedSubjectIsStillMatchedByItsModulus) {
+    fake::Object broken = certObject(10, "alice", "a");
+    fake::Bytes& der = broken.attributes[CKA_VALUE];
+    const std::string acme = "Acme";  // its length, one octet before it, is made one too large
+    *(std::search(der.begin(), der.end(), acme.begin(), acme.end()) - 1) += 1;
+    objects() = {broken, certObject(11, "bob", "b"), keyObject(20, "alice", {.id = "x", .withSubject = true, .withModulus = true})};
+    ASSERT_TRUE(quick());
+    EXPECT_EQ(link(), 20U);
+    EXPECT_THAT(p11->errors(), Contains("Unable to get cert SubjectDN DER."));
+    EXPECT_THAT(how(), ElementsAre(kByModulus));
+}
+
 TEST_F(KeysTest, FailureToReadKeysEndsTheSearchInItsOwnWay) {
     objects() = {certObject(10, "alice", "a"), certObject(11, "bob", "q"), keyObject(20, "bob", {.id = "b"})};
     ASSERT_TRUE(quick());

@@ -205,7 +205,7 @@ bool Certificate::getCertPublicKey(_mvPublicKey& out, LogBase&) const {
 }
 
 bool Certificate::getPartDer(int part, DataBuffer& out, LogBase&) const {
-    if (part != 1) return false;
+    if (part != 1 || !isWellFormedName(bytesOf(m_subject))) return false;
     out.assign(bytesOf(m_subject));
     return true;
 }

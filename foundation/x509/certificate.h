@@ -81,7 +81,7 @@ class Certificate final : public std::enable_shared_from_this<Certificate> {
     /// 1 RSA, 3 EC, 0 any other; `bits` is the size of the modulus or the field, 0 with type 0.
     int getCertKeyType(int& bits, LogBase& log) const;
     bool getCertPublicKey(_mvPublicKey& out, LogBase& log) const;
-    /// The DER of a part: 1 the subject name.
+    /// The DER of a part: 1 the subject name. False for other numbers and a malformed name.
     bool getPartDer(int part, DataBuffer& out, LogBase& log) const;
 
     // --- Link to the session that holds the private key

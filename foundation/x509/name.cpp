@@ -181,6 +181,10 @@ std::optional<std::string> nameToText(der::Bytes name, bool withTags) {
     return ok ? std::optional(std::move(out)) : std::nullopt;
 }
 
+bool isWellFormedName(der::Bytes name) noexcept {
+    return forEachAttribute(name, [](const Attribute&) { return true; });
+}
+
 std::optional<std::string> namePart(der::Bytes name, std::string_view part) {
     const auto* const known = std::ranges::find(kTypes, part, &AttributeType::tag);
     const std::string parsed = known == kTypes.end() ? oidFromText(part) : std::string();

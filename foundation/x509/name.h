@@ -17,6 +17,9 @@ namespace mervane {
 /// false, the values alone, joined and escaped the same way. Nothing when the name is malformed.
 std::optional<std::string> nameToText(der::Bytes name, bool withTags);
 
+/// Whether the whole name can be walked.
+bool isWellFormedName(der::Bytes name) noexcept;
+
 /// The first value of the type that `part` names: a short name in upper case or a dotted OID.
 /// UTF-8, not escaped. Nothing when the name lacks it.
 std::optional<std::string> namePart(der::Bytes name, std::string_view part);

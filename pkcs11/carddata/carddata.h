@@ -1,6 +1,7 @@
 #ifndef MERVANE_PKCS11_CARDDATA_CARDDATA_H
 #define MERVANE_PKCS11_CARDDATA_CARDDATA_H
 
+#include <cstdint>
 #include <span>
 #include <string_view>
 
@@ -13,8 +14,12 @@ namespace mervane::carddata {
 /// document, in pieces that belong together in this order.
 std::span<const std::string_view> constants() noexcept;
 
-/// Decodes and inflates the pieces. False, with a line, when they are damaged; `json` is then
-/// untouched.
+/// CRC-32 (that of zlib) of the document. Raw deflate has no checksum of its own, and a damaged
+/// stream may well inflate to something.
+std::uint32_t documentCrc32() noexcept;
+
+/// Decodes and inflates the pieces. False, with a line, when they do not give the exact document;
+/// `json` is then untouched.
 bool load(std::span<const std::string_view> pieces, DataBuffer& json, LogBase& log);
 
 }  // namespace mervane::carddata

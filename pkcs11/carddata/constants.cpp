@@ -138,4 +138,8 @@ std::span<const std::string_view> constants() noexcept {
     return kConstants;
 }
 
+std::uint32_t documentCrc32() noexcept {
+    return 0x4DF434E7;
+}
+
 }  // namespace mervane::carddata

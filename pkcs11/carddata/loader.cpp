@@ -1,4 +1,7 @@
 #include <string>
+#include <utility>
+
+#include <zlib.h>
 
 #include "foundation/system/deflate.h"
 #include "pkcs11/carddata/carddata.h"
@@ -13,7 +16,17 @@ bool load(std::span<const std::string_view> pieces, DataBuffer& json, LogBase& l
     for (const std::string_view piece : pieces) text.append(piece);
     DataBuffer compressed;
     compressed.appendEncodedById(text, 1);  // damaged text shows up when it is inflated
-    return MervaneDeflate::inflateDb(false, compressed, json, false, _mvIoParams(), kMaxSize, log);
+    DataBuffer document;
+    if (!MervaneDeflate::inflateDb(false, compressed, document, false, _mvIoParams(), kMaxSize,
+                                   log))
+        return false;
+    const auto bytes = document.span();
+    if (::crc32(0, bytes.data(), static_cast<uInt>(bytes.size())) != documentCrc32()) {
+        log.LogError("The card data is damaged.");
+        return false;
+    }
+    json = std::move(document);
+    return true;
 }
 
 }  // namespace mervane::carddata

@@ -34,6 +34,10 @@ std::span<const std::string_view> constants() noexcept {{
     return kConstants;
 }}
 
+std::uint32_t documentCrc32() noexcept {{
+    return 0x{crc:08X};
+}}
+
 }}  // namespace mervane::carddata
 """
 
@@ -49,7 +53,8 @@ def main(args):
     packed = deflate.compress(document) + deflate.flush()
     text = base64.b64encode(packed).decode().rstrip("=")
     pieces = [text[at:at + WIDTH] for at in range(0, len(text), WIDTH)]
-    content = HEAD.format(rows="\n".join(f'    "{piece}",' for piece in pieces))
+    content = HEAD.format(rows="\n".join(f'    "{piece}",' for piece in pieces),
+                          crc=zlib.crc32(document))
     print(f"{len(document)} bytes, {len(packed)} deflated, {len(pieces)} constants, "
           f"the last of {len(pieces[-1])} characters")
     if check:
