@@ -132,28 +132,40 @@ std::string howFound(const ClsPkcs11& p11) {
     return how;
 }
 
+// Reads the certificates and prints each as `describe` has it: as JSON, or as the row of a table.
+template <class Describe, class ToRow>
+Exit listCerts(ClsPkcs11& p11, const Options& options, std::vector<std::string> heading,
+               Describe describe, ToRow toRow) {
+    openToken(p11, options, false);
+    if (!p11.FindAllCerts()) throwLastError(p11);
+    JsonList list("certs");
+    Table table(std::move(heading));
+    const int numCerts = p11.get_NumCerts();
+    for (int i = 0; i < numCerts; ++i) {
+        const JsonValue record = describe(*certAt(p11, i), i);
+        if (options.json) {
+            list.add(record);
+        } else {
+            table.add(toRow(record));
+        }
+    }
+    options.json ? list.print() : table.print();
+    return Exit::Done;
+}
+
 }  // namespace
 
 Exit runCerts(ClsPkcs11& p11, const Options& options) {
     if (!options.arguments.empty()) usageError("certs takes no arguments.");
-    openToken(p11, options, false);
-    if (!p11.FindAllCerts()) throwLastError(p11);
-    JsonValue list = JsonValue::array();
-    for (int i = 0; i < p11.get_NumCerts(); ++i) list.append(certToJson(*certAt(p11, i), i));
-    if (options.json) {
-        JsonValue document = JsonValue::object();
-        document.set("certs", std::move(list));
-        printJson(document);
-        return Exit::Done;
-    }
-    Table table({"#", "SUBJECT", "KEY", "SERIAL", "NOT AFTER", "ID", "LABEL"});
-    for (const JsonValue& cert : *list.asArray()) {
-        table.add({textOf(cert, "index"), textOf(cert, "subject"), keyText(cert),
-                   textOf(cert, "serialNumber"), textOf(cert, "notAfter"), textOf(cert, "ckaId"),
-                   textOf(cert, "label")});
-    }
-    table.print();
-    return Exit::Done;
+    return listCerts(
+        p11, options, {"#", "SUBJECT", "KEY", "SERIAL", "NOT AFTER", "ID", "LABEL"},
+        [](Certificate& cert, int index) { return certToJson(cert, index); },
+        [](const JsonValue& record) {
+            return std::vector{
+                textOf(record, "index"),        textOf(record, "subject"),  keyText(record),
+                textOf(record, "serialNumber"), textOf(record, "notAfter"), textOf(record, "ckaId"),
+                textOf(record, "label")};
+        });
 }
 
 Exit runFindCert(ClsPkcs11& p11, const Options& options) {
@@ -195,32 +207,24 @@ Exit runFindCert(ClsPkcs11& p11, const Options& options) {
 
 Exit runMatch(ClsPkcs11& p11, const Options& options) {
     if (!options.arguments.empty()) usageError("match takes no arguments.");
-    openToken(p11, options, false);
-    if (!p11.FindAllCerts()) throwLastError(p11);
-    JsonValue list = JsonValue::array();
-    for (int i = 0; i < p11.get_NumCerts(); ++i) {
-        const auto cert = certAt(p11, i);
-        const std::string how = linkToKey(p11, *cert);
-        JsonValue record = certToJson(*cert, i);
-        record.set("privateKey", keyToJson(*cert));
-        record.set("how", how);
-        list.append(std::move(record));
-    }
-    if (options.json) {
-        JsonValue document = JsonValue::object();
-        document.set("certs", std::move(list));
-        printJson(document);
-        return Exit::Done;
-    }
-    Table table({"#", "SUBJECT", "KEY", "ID", "PRIVATE KEY", "HOW"});
-    for (const JsonValue& cert : *list.asArray()) {
-        const JsonValue& key = *cert.find("privateKey");
-        table.add({textOf(cert, "index"), textOf(cert, "subject"), keyText(cert),
-                   textOf(cert, "ckaId"), key.isNull() ? "none" : textOf(key, "handle"),
-                   textOf(cert, "how")});
-    }
-    table.print();
-    return Exit::Done;
+    return listCerts(
+        p11, options, {"#", "SUBJECT", "KEY", "ID", "PRIVATE KEY", "HOW"},
+        [&p11](Certificate& cert, int index) {
+            const std::string how = linkToKey(p11, cert);
+            JsonValue record = certToJson(cert, index);
+            record.set("privateKey", keyToJson(cert));
+            record.set("how", how);
+            return record;
+        },
+        [](const JsonValue& record) {
+            const JsonValue& key = *record.find("privateKey");
+            return std::vector{textOf(record, "index"),
+                               textOf(record, "subject"),
+                               keyText(record),
+                               textOf(record, "ckaId"),
+                               key.isNull() ? std::string("none") : textOf(key, "handle"),
+                               textOf(record, "how")};
+        });
 }
 
 }  // namespace mervane::cli

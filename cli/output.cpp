@@ -46,6 +46,22 @@ void printFields(const std::vector<std::pair<std::string, std::string>>& fields)
     }
 }
 
+JsonList::JsonList(std::string_view name) : m_text("{\n  ") {
+    appendJsonString(m_text, name);
+    m_text.append(": [");
+}
+
+void JsonList::add(const JsonValue& record) {
+    m_text.append(m_isEmpty ? "\n    " : ",\n    ");
+    m_isEmpty = false;
+    appendJsonText(m_text, record, true, 2);
+}
+
+void JsonList::print() {
+    m_text.append(m_isEmpty ? "]\n}\n" : "\n  ]\n}\n");
+    std::cout << m_text;
+}
+
 void printJson(const JsonValue& value) {
     std::cout << toJsonText(value, true) << '\n';
 }

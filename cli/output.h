@@ -28,6 +28,19 @@ void printFields(const std::vector<std::pair<std::string, std::string>>& fields)
 
 void printJson(const JsonValue& value);
 
+/// A document of one list, {"name":[..]}, printed when it is whole. Its records are kept as text,
+/// which takes a third of the room.
+class JsonList {
+  public:
+    explicit JsonList(std::string_view name);
+    void add(const JsonValue& record);
+    void print();
+
+  private:
+    std::string m_text;
+    bool m_isEmpty = true;
+};
+
 // Readers for printing: the text of a member, its number as written, empty when absent or null.
 std::string textOf(const JsonValue& object, std::string_view member);
 /// The strings of an array member, joined by blanks.

@@ -37,7 +37,8 @@ void appendEscaped(std::string& out, std::uint32_t c) {
 
 class Writer {
   public:
-    Writer(std::string& out, bool indented) : m_out(out), m_indented(indented) {}
+    Writer(std::string& out, bool indented, std::size_t depth)
+        : m_out(out), m_depth(depth), m_indented(indented) {}
 
     void write(const JsonValue& value) {
         if (const bool* const flag = value.asBool()) {
@@ -81,7 +82,7 @@ class Writer {
     }
 
     std::string& m_out;
-    std::size_t m_depth = 0;
+    std::size_t m_depth;
     bool m_indented;
 };
 
@@ -101,9 +102,13 @@ void appendJsonString(std::string& out, std::string_view text) {
     out.push_back('"');
 }
 
+void appendJsonText(std::string& out, const JsonValue& value, bool indented, std::size_t depth) {
+    Writer(out, indented, depth).write(value);
+}
+
 std::string toJsonText(const JsonValue& value, bool indented) {
     std::string out;
-    Writer(out, indented).write(value);
+    appendJsonText(out, value, indented);
     return out;
 }
 

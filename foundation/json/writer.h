@@ -1,6 +1,7 @@
 #ifndef MERVANE_FOUNDATION_JSON_WRITER_H
 #define MERVANE_FOUNDATION_JSON_WRITER_H
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 
@@ -12,7 +13,10 @@ namespace mervane {
 /// which a terminal would obey) are escaped: the result is valid whatever the text holds.
 void appendJsonString(std::string& out, std::string_view text);
 
-/// The value as JSON text: in one line, or indented by two blanks a level.
+/// Appends the value as JSON text: in one line, or indented by two blanks a level, as if it stood
+/// `depth` levels within a document.
+void appendJsonText(std::string& out, const JsonValue& value, bool indented, std::size_t depth = 0);
+
 std::string toJsonText(const JsonValue& value, bool indented);
 
 }  // namespace mervane
