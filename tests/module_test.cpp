@@ -299,6 +299,20 @@ TEST_F(ModuleTest, NewSessionReplacesTheOldAndKeepsALoginOnTheSameToken) {
     EXPECT_THAT(p11->errors(), Contains("No PKCS11 session is open."));
 }
 
+TEST_F(ModuleTest, SessionGivenAgainUnderItsHandleIsNotClosed) {
+    ASSERT_TRUE(p11->QuickSession(1, XString()));
+    const CK_SESSION_HANDLE session = p11->m_hSession;
+    world.lie = [&](fake::Outputs& out) {
+        if (out.session == nullptr) return;
+        world.sessions.erase(*out.session);
+        --world.numOpened;
+        *out.session = session;
+    };
+    EXPECT_TRUE(p11->OpenSession(-1, true));
+    EXPECT_EQ(world.count("C_CloseSession"), 0U);
+    EXPECT_TRUE(p11->FindAllCerts());
+}
+
 TEST_F(ModuleTest, QuickSessionSaysWhereItFailed) {
     const struct {
         std::string function;

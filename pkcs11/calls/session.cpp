@@ -163,7 +163,8 @@ bool ClsPkcs11::C_OpenSession(unsigned long slotId, bool, bool readWrite, LogBas
         setSession(session);
         m_userLoggedIn = user;
         m_soLoggedIn = officer;
-        closeQuietly(old, log);
+        // A module that gave the old handle again means the one session.
+        if (old != session) closeQuietly(old, log);
         return true;
     }
     setSession(session);
