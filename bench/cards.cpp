@@ -1,5 +1,5 @@
-// The card database: decoding, inflating and parsing it, and looking a card up, beside zlib's inflate
-// and RapidJSON's parse of the same bytes.
+// The card database: decoding, inflating and parsing it, and looking a card up, beside zlib's
+// inflate and RapidJSON's parse of the same bytes.
 
 #include <benchmark/benchmark.h>
 #include <rapidjson/document.h>
@@ -98,7 +98,8 @@ void ourLookupInLoadedDocument(benchmark::State& state) {
         StringBuffer name;
         bool readOnly = false;
         ExtPtrArraySb paths;
-        benchmark::DoNotOptimize(ClsPkcs11::CardDataLookupAtr(json, kAtr, name, readOnly, paths, log));
+        benchmark::DoNotOptimize(
+            ClsPkcs11::CardDataLookupAtr(json, kAtr, name, readOnly, paths, log));
     }
 }
 BENCHMARK(ourLookupInLoadedDocument);

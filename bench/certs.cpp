@@ -27,7 +27,8 @@ struct Made {
 };
 
 void addName(X509_NAME* name, const char* type, const std::string& value) {
-    X509_NAME_add_entry_by_txt(name, type, MBSTRING_UTF8, reinterpret_cast<const unsigned char*>(value.data()),
+    X509_NAME_add_entry_by_txt(name, type, MBSTRING_UTF8,
+                               reinterpret_cast<const unsigned char*>(value.data()),
                                static_cast<int>(value.size()), -1, 0);
 }
 
@@ -35,7 +36,8 @@ void addName(X509_NAME* name, const char* type, const std::string& value) {
 Made makeCert(EVP_PKEY* key, int number) {
     std::unique_ptr<X509, decltype(&X509_free)> cert(X509_new(), X509_free);
     X509_set_version(cert.get(), 2);
-    ASN1_INTEGER_set(X509_get_serialNumber(cert.get()), number == 0x7A7A7A7A ? number : 1000000 + number);
+    ASN1_INTEGER_set(X509_get_serialNumber(cert.get()),
+                     number == 0x7A7A7A7A ? number : 1000000 + number);
     X509_gmtime_adj(X509_getm_notBefore(cert.get()), 0);
     X509_gmtime_adj(X509_getm_notAfter(cert.get()), 86400L * 365);
     X509_NAME* const subject = X509_get_subject_name(cert.get());
@@ -50,9 +52,10 @@ Made makeCert(EVP_PKEY* key, int number) {
     X509_set_issuer_name(cert.get(), issuer);
     X509_NAME_free(issuer);
     X509_set_pubkey(cert.get(), key);
-    for (const auto& [nid, value] : {std::pair{NID_key_usage, "critical,digitalSignature,nonRepudiation"},
-                                     {NID_certificate_policies, "1.2.3.4.5"},
-                                     {NID_basic_constraints, "CA:FALSE"}}) {
+    for (const auto& [nid, value] :
+         {std::pair{NID_key_usage, "critical,digitalSignature,nonRepudiation"},
+          {NID_certificate_policies, "1.2.3.4.5"},
+          {NID_basic_constraints, "CA:FALSE"}}) {
         X509V3_CTX context;
         X509V3_set_ctx(&context, cert.get(), cert.get(), nullptr, nullptr, 0);
         static CONF* const noDatabase = NCONF_new(nullptr);  // policies ask for one
@@ -99,7 +102,8 @@ class Filled final : public ClsPkcs11 {
             TokenCertInfo token;
             token.handle = static_cast<unsigned long>(i) + 1;
             const std::string id = "id " + std::to_string(i);
-            const std::span<const std::uint8_t> idBytes(reinterpret_cast<const std::uint8_t*>(id.data()), id.size());
+            const std::span<const std::uint8_t> idBytes(
+                reinterpret_cast<const std::uint8_t*>(id.data()), id.size());
             if (by == kId) token.ckaId.assign(idBytes);
             const Made made = makeCert(by == kPoint ? ecKey() : rsaKey(), i);
             auto cert = Certificate::createFromDer(made.der, std::move(token), log);
@@ -117,7 +121,8 @@ class Filled final : public ClsPkcs11 {
     void matchAll() {
         LogNull log;
         for (int i = 0; i < m_certs.getSize(); ++i) {
-            Certificate* const cert = static_cast<CertificateHolder*>(m_certs.elementAt(i))->getCertPtr(log);
+            Certificate* const cert =
+                static_cast<CertificateHolder*>(m_certs.elementAt(i))->getCertPtr(log);
             int type = 0;
             int size = 0;
             benchmark::DoNotOptimize(findPrivKeyHandle(*cert, true, type, size, log));
@@ -137,7 +142,9 @@ class Filled final : public ClsPkcs11 {
             publicKey.getEccKey()->exportEccPoint(value, log);
         }
         const auto bytes = value.resized(value.getSize());
-        if (i != 500) bytes[bytes.size() - 1] = static_cast<std::uint8_t>(bytes[bytes.size() - 1] ^ (1 + i % 200));
+        if (i != 500)
+            bytes[bytes.size() - 1] =
+                static_cast<std::uint8_t>(bytes[bytes.size() - 1] ^ (1 + i % 200));
     }
 };
 
@@ -225,7 +232,8 @@ void listAndMatch(benchmark::State& state) {
         bool ok = token.QuickSession(1, XString("1234")) && token.FindAllCerts();
         for (int i = 0; ok && i < token.get_NumCerts(); ++i) {
             ClsCert found;
-            ok = token.GetCert(i, found) && token.linkCertToPkcs11Session(found.getCert().get(), true, log);
+            ok = token.GetCert(i, found) &&
+                 token.linkCertToPkcs11Session(found.getCert().get(), true, log);
         }
         if (!ok) state.SkipWithError(token.log().lastError().c_str());
     }

@@ -21,10 +21,14 @@ using Bytes = std::vector<unsigned char>;
 
 constexpr CK_ATTRIBUTE_TYPE kPrivateExponent = 0x123;  // CKA_PRIVATE_EXPONENT and those after it
 constexpr std::array kRsaParts = {
-    std::pair{0x120UL, OSSL_PKEY_PARAM_RSA_N},       std::pair{0x122UL, OSSL_PKEY_PARAM_RSA_E},
-    std::pair{kPrivateExponent, OSSL_PKEY_PARAM_RSA_D}, std::pair{0x124UL, OSSL_PKEY_PARAM_RSA_FACTOR1},
-    std::pair{0x125UL, OSSL_PKEY_PARAM_RSA_FACTOR2}, std::pair{0x126UL, OSSL_PKEY_PARAM_RSA_EXPONENT1},
-    std::pair{0x127UL, OSSL_PKEY_PARAM_RSA_EXPONENT2}, std::pair{0x128UL, OSSL_PKEY_PARAM_RSA_COEFFICIENT1},
+    std::pair{0x120UL, OSSL_PKEY_PARAM_RSA_N},
+    std::pair{0x122UL, OSSL_PKEY_PARAM_RSA_E},
+    std::pair{kPrivateExponent, OSSL_PKEY_PARAM_RSA_D},
+    std::pair{0x124UL, OSSL_PKEY_PARAM_RSA_FACTOR1},
+    std::pair{0x125UL, OSSL_PKEY_PARAM_RSA_FACTOR2},
+    std::pair{0x126UL, OSSL_PKEY_PARAM_RSA_EXPONENT1},
+    std::pair{0x127UL, OSSL_PKEY_PARAM_RSA_EXPONENT2},
+    std::pair{0x128UL, OSSL_PKEY_PARAM_RSA_COEFFICIENT1},
 };
 
 Bytes number(EVP_PKEY* key, const char* name) {
@@ -48,8 +52,10 @@ CertParts makeCert(EVP_PKEY* key, int i) {
     X509_gmtime_adj(X509_getm_notAfter(cert), 86400L * 365);
     X509_NAME* const subject = X509_get_subject_name(cert);
     const std::string name = "Person " + std::to_string(i);
-    X509_NAME_add_entry_by_txt(subject, "O", MBSTRING_UTF8, reinterpret_cast<const unsigned char*>("Example"), -1, -1, 0);
-    X509_NAME_add_entry_by_txt(subject, "CN", MBSTRING_UTF8, reinterpret_cast<const unsigned char*>(name.c_str()), -1, -1, 0);
+    X509_NAME_add_entry_by_txt(subject, "O", MBSTRING_UTF8,
+                               reinterpret_cast<const unsigned char*>("Example"), -1, -1, 0);
+    X509_NAME_add_entry_by_txt(subject, "CN", MBSTRING_UTF8,
+                               reinterpret_cast<const unsigned char*>(name.c_str()), -1, -1, 0);
     X509_set_issuer_name(cert, subject);
     X509_set_pubkey(cert, key);
     X509_sign(cert, key, EVP_sha256());
@@ -76,14 +82,20 @@ class Template {
         const auto* const at = reinterpret_cast<const unsigned char*>(&value);
         add(type, Bytes(at, at + sizeof value));
     }
-    void addFlag(CK_ATTRIBUTE_TYPE type, bool value) { add(type, Bytes{static_cast<unsigned char>(value)}); }
+    void addFlag(CK_ATTRIBUTE_TYPE type, bool value) {
+        add(type, Bytes{static_cast<unsigned char>(value)});
+    }
     void create(RawModule& module) {
-        using CreateObject = CK_RV (*)(CK_SESSION_HANDLE, CK_ATTRIBUTE*, CK_ULONG, CK_OBJECT_HANDLE*);
+        using CreateObject =
+            CK_RV (*)(CK_SESSION_HANDLE, CK_ATTRIBUTE*, CK_ULONG, CK_OBJECT_HANDLE*);
         std::vector<CK_ATTRIBUTE> attributes;
-        for (std::size_t i = 0; i < m_types.size(); ++i) attributes.push_back({m_types[i], m_values[i].data(), m_values[i].size()});
+        for (std::size_t i = 0; i < m_types.size(); ++i)
+            attributes.push_back({m_types[i], m_values[i].data(), m_values[i].size()});
         CK_OBJECT_HANDLE handle = 0;
         const auto createObject = reinterpret_cast<CreateObject>(module.functions->C_CreateObject);
-        RawModule::check(createObject(module.session, attributes.data(), attributes.size(), &handle), "C_CreateObject");
+        RawModule::check(
+            createObject(module.session, attributes.data(), attributes.size(), &handle),
+            "C_CreateObject");
     }
 
   private:
@@ -102,7 +114,8 @@ int main(int argc, char** argv) {
     for (int i = 0; i < count; ++i) {
         EVP_PKEY* const key = keys[static_cast<std::size_t>(i) % keys.size()];
         const CertParts cert = makeCert(key, i);
-        const Bytes id = {static_cast<unsigned char>(i >> 16), static_cast<unsigned char>(i >> 8), static_cast<unsigned char>(i)};
+        const Bytes id = {static_cast<unsigned char>(i >> 16), static_cast<unsigned char>(i >> 8),
+                          static_cast<unsigned char>(i)};
         Template certificate;
         certificate.add(CKA_CLASS, CKO_CERTIFICATE);
         certificate.add(CKA_CERTIFICATE_TYPE, CKC_X_509);
@@ -115,7 +128,8 @@ int main(int argc, char** argv) {
         Template privateKey;
         privateKey.add(CKA_CLASS, CKO_PRIVATE_KEY);
         privateKey.add(CKA_KEY_TYPE, CKK_RSA);
-        for (const CK_ATTRIBUTE_TYPE flag : {CKA_TOKEN, CKA_PRIVATE, CKA_SENSITIVE, CKA_SIGN}) privateKey.addFlag(flag, true);
+        for (const CK_ATTRIBUTE_TYPE flag : {CKA_TOKEN, CKA_PRIVATE, CKA_SENSITIVE, CKA_SIGN})
+            privateKey.addFlag(flag, true);
         privateKey.add(CKA_ID, id);
         for (const auto& [type, name] : kRsaParts) privateKey.add(type, number(key, name));
         privateKey.create(module);

@@ -1,5 +1,5 @@
-// The floor: what a client that wants all certificates (and, with a PIN, all private keys) has to ask
-// of the module, with one C_GetAttributeValue an object and nothing done with the answers.
+// The floor: what a client that wants all certificates (and, with a PIN, all private keys) has to
+// ask of the module, with one C_GetAttributeValue an object and nothing done with the answers.
 //
 // usage: floor_loop MODULE TOKEN_LABEL [PIN]
 
@@ -12,22 +12,29 @@ using bench::RawModule;
 
 namespace {
 
-std::size_t readAll(RawModule& module, CK_ULONG objectClass, std::initializer_list<CK_ATTRIBUTE_TYPE> types) {
+std::size_t readAll(RawModule& module, CK_ULONG objectClass,
+                    std::initializer_list<CK_ATTRIBUTE_TYPE> types) {
     CK_ATTRIBUTE query = {CKA_CLASS, &objectClass, sizeof objectClass};
-    RawModule::check(module.functions->C_FindObjectsInit(module.session, &query, 1), "C_FindObjectsInit");
+    RawModule::check(module.functions->C_FindObjectsInit(module.session, &query, 1),
+                     "C_FindObjectsInit");
     std::vector<CK_OBJECT_HANDLE> handles;
     std::vector<CK_OBJECT_HANDLE> batch(1024);
     for (CK_ULONG count = 1; count != 0;) {
-        RawModule::check(module.functions->C_FindObjects(module.session, batch.data(), batch.size(), &count), "C_FindObjects");
-        handles.insert(handles.end(), batch.begin(), batch.begin() + static_cast<std::ptrdiff_t>(count));
+        RawModule::check(
+            module.functions->C_FindObjects(module.session, batch.data(), batch.size(), &count),
+            "C_FindObjects");
+        handles.insert(handles.end(), batch.begin(),
+                       batch.begin() + static_cast<std::ptrdiff_t>(count));
     }
     RawModule::check(module.functions->C_FindObjectsFinal(module.session), "C_FindObjectsFinal");
     std::vector<unsigned char> room(8192 * types.size());
     std::size_t total = 0;
     for (const CK_OBJECT_HANDLE handle : handles) {
         std::vector<CK_ATTRIBUTE> attributes;
-        for (const CK_ATTRIBUTE_TYPE type : types) attributes.push_back({type, room.data() + 8192 * attributes.size(), 8192});
-        module.functions->C_GetAttributeValue(module.session, handle, attributes.data(), attributes.size());
+        for (const CK_ATTRIBUTE_TYPE type : types)
+            attributes.push_back({type, room.data() + 8192 * attributes.size(), 8192});
+        module.functions->C_GetAttributeValue(module.session, handle, attributes.data(),
+                                              attributes.size());
         total += attributes[0].ulValueLen;
     }
     return total;
@@ -38,8 +45,10 @@ std::size_t readAll(RawModule& module, CK_ULONG objectClass, std::initializer_li
 int main(int argc, char** argv) {
     if (argc < 3) return 2;
     RawModule module(argv[1], argv[2], argc > 3 ? argv[3] : nullptr, false);
-    std::size_t total = readAll(module, CKO_CERTIFICATE, {CKA_VALUE, CKA_ID, CKA_LABEL, CKA_CERTIFICATE_TYPE});
-    if (argc > 3) total += readAll(module, CKO_PRIVATE_KEY, {CKA_ID, CKA_SIGN, CKA_ALWAYS_AUTHENTICATE});
+    std::size_t total =
+        readAll(module, CKO_CERTIFICATE, {CKA_VALUE, CKA_ID, CKA_LABEL, CKA_CERTIFICATE_TYPE});
+    if (argc > 3)
+        total += readAll(module, CKO_PRIVATE_KEY, {CKA_ID, CKA_SIGN, CKA_ALWAYS_AUTHENTICATE});
     std::cout << total << " bytes\n";
     return 0;
 }

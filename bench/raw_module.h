@@ -27,7 +27,8 @@ struct RawModule {
     RawModule(const char* path, const char* label, const char* pin, bool readWrite) {
         void* const library = ::dlopen(path, RTLD_NOW);
         if (library == nullptr) check(CKR_GENERAL_ERROR, ::dlerror());
-        const auto getList = reinterpret_cast<CK_RV (*)(CK_FUNCTION_LIST**)>(::dlsym(library, "C_GetFunctionList"));
+        const auto getList =
+            reinterpret_cast<CK_RV (*)(CK_FUNCTION_LIST**)>(::dlsym(library, "C_GetFunctionList"));
         check(getList(&functions), "C_GetFunctionList");
         CK_C_INITIALIZE_ARGS args{};
         args.flags = CKF_OS_LOCKING_OK;
@@ -42,11 +43,14 @@ struct RawModule {
             text.erase(text.find_last_not_of(' ') + 1);
             if (text != label) continue;
             const CK_FLAGS flags = CKF_SERIAL_SESSION | (readWrite ? CKF_RW_SESSION : 0);
-            check(functions->C_OpenSession(slots[i], flags, nullptr, nullptr, &session), "C_OpenSession");
+            check(functions->C_OpenSession(slots[i], flags, nullptr, nullptr, &session),
+                  "C_OpenSession");
         }
         std::string copy = pin == nullptr ? "" : pin;
         if (!copy.empty()) {
-            check(functions->C_Login(session, CKU_USER, reinterpret_cast<CK_UTF8CHAR*>(copy.data()), copy.size()), "C_Login");
+            check(functions->C_Login(session, CKU_USER, reinterpret_cast<CK_UTF8CHAR*>(copy.data()),
+                                     copy.size()),
+                  "C_Login");
         }
     }
     ~RawModule() {

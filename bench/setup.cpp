@@ -1,5 +1,5 @@
-// Set-up and nothing else, for counting instructions: with the class, or with the module's functions
-// alone.
+// Set-up and nothing else, for counting instructions: with the class, or with the module's
+// functions alone.
 //
 // usage: setup MODULE TOKEN_LABEL PIN ours|raw
 

@@ -1,6 +1,6 @@
-// A module that costs next to nothing: N certificates and N private keys under their own IDs, made from
-// one template, each found by its handle at once. What a client takes on it is the client's own work.
-// N is the environment variable SYNTHETIC_OBJECTS.
+// A module that costs next to nothing: N certificates and N private keys under their own IDs, made
+// from one template, each found by its handle at once. What a client takes on it is the client's
+// own work. N is the environment variable SYNTHETIC_OBJECTS.
 
 #include <algorithm>
 #include <cstdlib>
@@ -29,12 +29,15 @@ CK_RV initialize(void*) {
     if (!bytes) return CKR_GENERAL_ERROR;
     certTemplate = *bytes;
     constexpr unsigned char kSerial[] = {0x02, 0x04, 0x7A, 0x7A, 0x7A, 0x7A};
-    const auto at = std::search(certTemplate.begin(), certTemplate.end(), std::begin(kSerial), std::end(kSerial));
+    const auto at = std::search(certTemplate.begin(), certTemplate.end(), std::begin(kSerial),
+                                std::end(kSerial));
     serialAt = static_cast<std::size_t>(at - certTemplate.begin()) + 2;
     return at == certTemplate.end() ? CKR_GENERAL_ERROR : CKR_OK;
 }
 
-CK_RV finalize(void*) { return CKR_OK; }
+CK_RV finalize(void*) {
+    return CKR_OK;
+}
 
 CK_RV getSlotList(CK_BBOOL, CK_SLOT_ID* list, CK_ULONG* count) {
     if (list != nullptr) *list = 1;
@@ -53,15 +56,20 @@ CK_RV openSession(CK_SLOT_ID, CK_FLAGS, void*, CK_NOTIFY, CK_SESSION_HANDLE* ses
     return CKR_OK;
 }
 
-CK_RV closeSession(CK_SESSION_HANDLE) { return CKR_OK; }
-CK_RV login(CK_SESSION_HANDLE, CK_USER_TYPE, CK_UTF8CHAR*, CK_ULONG) { return CKR_OK; }
+CK_RV closeSession(CK_SESSION_HANDLE) {
+    return CKR_OK;
+}
+CK_RV login(CK_SESSION_HANDLE, CK_USER_TYPE, CK_UTF8CHAR*, CK_ULONG) {
+    return CKR_OK;
+}
 
 // Handles: certificates from 1 on, keys behind them.
 CK_RV findObjectsInit(CK_SESSION_HANDLE, CK_ATTRIBUTE* query, CK_ULONG count) {
     CK_ULONG objectClass = CKO_DATA;
     CK_ULONG keyType = CKK_RSA;
     for (CK_ULONG i = 0; i < count; ++i) {
-        std::memcpy(query[i].type == CKA_CLASS ? &objectClass : &keyType, query[i].pValue, sizeof(CK_ULONG));
+        std::memcpy(query[i].type == CKA_CLASS ? &objectClass : &keyType, query[i].pValue,
+                    sizeof(CK_ULONG));
     }
     const bool isCert = objectClass == CKO_CERTIFICATE;
     const bool isKey = objectClass == CKO_PRIVATE_KEY && keyType == CKK_RSA;
@@ -71,13 +79,17 @@ CK_RV findObjectsInit(CK_SESSION_HANDLE, CK_ATTRIBUTE* query, CK_ULONG count) {
 }
 
 CK_RV findObjects(CK_SESSION_HANDLE, CK_OBJECT_HANDLE* handles, CK_ULONG room, CK_ULONG* count) {
-    for (*count = 0; *count < room && nextFound <= lastFound; ++*count) handles[*count] = nextFound++;
+    for (*count = 0; *count < room && nextFound <= lastFound; ++*count)
+        handles[*count] = nextFound++;
     return CKR_OK;
 }
 
-CK_RV findObjectsFinal(CK_SESSION_HANDLE) { return CKR_OK; }
+CK_RV findObjectsFinal(CK_SESSION_HANDLE) {
+    return CKR_OK;
+}
 
-CK_RV getAttributeValue(CK_SESSION_HANDLE, CK_OBJECT_HANDLE handle, CK_ATTRIBUTE* attributes, CK_ULONG count) {
+CK_RV getAttributeValue(CK_SESSION_HANDLE, CK_OBJECT_HANDLE handle, CK_ATTRIBUTE* attributes,
+                        CK_ULONG count) {
     const bool isCert = handle <= numObjects;
     const CK_ULONG number = isCert ? handle : handle - numObjects;
     unsigned char id[4];

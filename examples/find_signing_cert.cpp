@@ -16,7 +16,8 @@ int main(int argc, char** argv) {
     mervane::ClsPkcs11 token;
     token.put_SharedLibPath(mervane::XString(argv[1]));
     mervane::ClsCert cert;
-    if (!token.QuickSession(1, pin) || !token.FindCert(mervane::XString("privateKey"), mervane::XString(), cert)) {
+    if (!token.QuickSession(1, pin) ||
+        !token.FindCert(mervane::XString("privateKey"), mervane::XString(), cert)) {
         std::cerr << token.log().text();
         return 1;
     }
@@ -24,7 +25,7 @@ int main(int argc, char** argv) {
     cert.get_SubjectDN(subject);
     const auto link = cert.getCert()->pkcs11Link();
     std::cout << "Sign with:   " << subject.view() << '\n'
-              << "Private key: handle " << link->keyHandle << ", signatures of " << link->expectedSignatureSize
-              << " bytes\n";
+              << "Private key: handle " << link->keyHandle << ", signatures of "
+              << link->expectedSignatureSize << " bytes\n";
     return 0;
 }
