@@ -99,11 +99,11 @@ void setLengths(fake::Outputs& out, CK_ULONG length, CK_RV rv) {
 }
 
 template <std::size_t N>
-void fill(unsigned char (&field)[N], const char* pattern) {
-    for (std::size_t i = 0; i < N; ++i) field[i] = static_cast<unsigned char>(pattern[i % std::strlen(pattern)]);
+void fill(unsigned char (&field)[N], std::string_view pattern) {
+    for (std::size_t i = 0; i < N; ++i) field[i] = static_cast<unsigned char>(pattern[i % pattern.size()]);
 }
 
-void setTexts(fake::Outputs& out, const char* pattern) {
+void setTexts(fake::Outputs& out, std::string_view pattern) {
     if (out.info != nullptr) fill(out.info->manufacturerID, pattern), fill(out.info->libraryDescription, pattern);
     if (out.slotInfo != nullptr) fill(out.slotInfo->slotDescription, pattern);
     if (out.tokenInfo != nullptr) fill(out.tokenInfo->label, pattern), fill(out.tokenInfo->serialNumber, pattern);
@@ -179,7 +179,8 @@ const LieRow kLies[] = {
          for (CK_ULONG i = 0; i < *out.count; ++i) std::swap(out.ids[i], out.ids[*out.count - 1 - i]);
      }},
     {"session of zero", [](auto& out) { return out.session != nullptr; }, [](auto& out) { *out.session = 0; }},
-    {"texts of NUL", hasTexts, [](auto& out) { setTexts(out, "\x01"); }},
+    {"texts of NUL", hasTexts, [](auto& out) { setTexts(out, std::string_view("\0", 1)); }},
+    {"texts without padding", hasTexts, [](auto& out) { setTexts(out, "abcdefgh"); }},
     {"texts of control characters", hasTexts, [](auto& out) { setTexts(out, "\x1B[2J\r\n"); }},
     {"texts of invalid UTF-8", hasTexts, [](auto& out) { setTexts(out, "\xFF\xC0\xED\xA0\x80"); }},
     {"all flags", hasTexts,

@@ -240,6 +240,24 @@ TEST_F(KeysTest, OneCallReadsOneObject) {
     EXPECT_LE(world.journal.size(), 2U * kNum + 14U);
 }
 
+TEST_F(KeysTest, MatchingBySubjectOrModulusReadsEachKeyTwiceAtMost) {
+    constexpr int kNum = 40;
+    for (int i = 0; i < kNum; ++i) {
+        const char* const cert = i % 2 == 0 ? "alice" : "bob";
+        objects().push_back(certObject(100 + static_cast<CK_ULONG>(i), cert, ""));
+        objects().push_back(keyObject(200 + static_cast<CK_ULONG>(i), cert, {.id = "k", .withSubject = i % 2 == 0, .withModulus = true}));
+    }
+    ASSERT_TRUE(quick());
+    ASSERT_TRUE(p11->FindAllCerts());
+    for (int i = 0; i < kNum; ++i) {
+        ClsCert cert;
+        ASSERT_TRUE(p11->GetCert(i, cert));
+        EXPECT_TRUE(p11->linkCertToPkcs11Session(cert.getCert().get(), true, p11->log()));
+    }
+    EXPECT_EQ(world.count("C_GetAttributeValue"), 3U * kNum);
+    EXPECT_LE(world.journal.size(), 3U * kNum + 20U);
+}
+
 // Modules that do not do as the standard has it with a missing attribute.
 TEST_F(KeysTest, ModuleThatGivesUpAtAMissingAttributeIsAskedOneByOne) {
     objects() = {certObject(10, "alice", "a"), certObject(11, "bob", "b"), keyObject(20, "alice", {.id = "a"})};

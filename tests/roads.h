@@ -29,7 +29,7 @@ extern const std::array<Road, 6> kRoads;
 void furnish(fake::World& world);
 
 /// What holds after a road whatever the module did. `asked`: logins asked for so far.
-void expectUnhurt(const Pkcs11& p11, const fake::World& world, int asked);
+void expectUnhurt(Pkcs11& p11, const fake::World& world, int asked);
 /// The same when the object is gone.
 void expectNothingLeft(const fake::World& world);
 
