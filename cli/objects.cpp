@@ -49,7 +49,7 @@ std::string usageOf(const JsonValue& key) {
     std::string out;
     for (const JsonMember& member : *key.asObject()) {
         if (member.value.asBool() == nullptr || !*member.value.asBool()) continue;
-        out.append(out.empty() ? "" : " ").append(member.name);
+        out.append(out.empty() ? "" : " ").append(member.name());
     }
     return out;
 }

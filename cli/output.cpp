@@ -69,7 +69,7 @@ void printJson(const JsonValue& value) {
 std::string textOf(const JsonValue& object, std::string_view member) {
     const JsonValue* const value = object.find(member);
     if (value == nullptr || value->isNull()) return {};
-    return value->asString() != nullptr ? *value->asString() : toJsonText(*value, false);
+    return value->asString() ? std::string(*value->asString()) : toJsonText(*value, false);
 }
 
 std::string joined(const JsonValue& object, std::string_view member) {
@@ -77,7 +77,7 @@ std::string joined(const JsonValue& object, std::string_view member) {
     std::string out;
     if (value == nullptr || value->asArray() == nullptr) return out;
     for (const JsonValue& item : *value->asArray()) {
-        if (item.asString() != nullptr) out.append(out.empty() ? "" : " ").append(*item.asString());
+        if (item.asString()) out.append(out.empty() ? "" : " ").append(*item.asString());
     }
     return out;
 }

@@ -11,7 +11,8 @@ extern std::atomic<long> left;             ///< allocations until one fails; -1:
 extern std::atomic<bool> failsOnwards;     ///< and all that follow
 extern std::atomic<int>* insideModule;     ///< while this is not 0, none fails: the module's own do not count
 extern std::atomic<unsigned long> number;  ///< of allocations so far
-extern std::atomic<unsigned long> bytes;   ///< that they asked for
+extern std::atomic<unsigned long> inUse;   ///< bytes, with what the allocator keeps for itself
+extern std::atomic<unsigned long> peak;    ///< the most of them at a time
 
 }  // namespace mervane::test::allocations
 

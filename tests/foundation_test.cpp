@@ -87,7 +87,7 @@ TEST(JsonTest, ValidTextsAreAcceptedAndInvalidOnesRefused) {
         JsonError error;
         EXPECT_FALSE(parseJson(text, value, error)) << text;
         EXPECT_FALSE(error.reason.empty()) << text;
-        EXPECT_NE(value.asNumber(), nullptr);  // untouched
+        EXPECT_TRUE(value.asNumber());  // untouched
     }
 }
 
@@ -145,7 +145,7 @@ TEST(JsonTest, PathsRecordsAndSharing) {
     EXPECT_EQ(json->JsonTypeOf("a.b[i]"), -1);
     json->put_I(1 << 30);
     EXPECT_EQ(json->JsonTypeOf("a.b[i]"), -1);
-    EXPECT_EQ(json->valueAt("d")->asNumber()->text, "1");  // the first of two counts
+    EXPECT_EQ(json->valueAt("d")->asNumber(), "1");  // the first of two counts
     EXPECT_EQ(json->SizeOfArray("a.b"), 3);
     EXPECT_EQ(json->sizeOfArray("a", log), 0);
 

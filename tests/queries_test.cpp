@@ -18,7 +18,7 @@ class QueriesTest : public FakeTest {
         EXPECT_EQ(value.find("old"), nullptr);
         return value;
     }
-    static const JsonValue& slot(const JsonValue& report, std::size_t i) { return (*report.find("slots")->asArray()).at(i); }
+    static const JsonValue& slot(const JsonValue& report, std::size_t i) { return (*report.find("slots")->asArray())[i]; }
     std::string keys(const std::string& selector) {
         ClsJsonObject json;
         json.root().set("old", true);
@@ -199,7 +199,7 @@ TEST_F(QueriesTest, ObjectsAreFoundByWhatDescribesThem) {
         EXPECT_EQ(p11->FindObject(json), row.result) << row.text;
         const JsonValue* const handle = json.valueAt("handle");
         EXPECT_EQ(handle == nullptr, row.handle == nullptr) << row.text;
-        EXPECT_TRUE(handle == nullptr || handle->asNumber()->text == row.handle);
+        EXPECT_TRUE(handle == nullptr || handle->asNumber() == row.handle);
     }
     EXPECT_EQ(keys("ec"), R"({"keys":[{"handle":8,"class":"private","keyType":"EC","label":"p256","id":"63","sign":true,"alwaysAuthenticate":false}]})");
     EXPECT_THAT(keys("rsa ec, private"), HasSubstr("\"handle\":7"));

@@ -101,8 +101,8 @@ ClsJsonObject* ClsJsonObject::FindRecord(std::string_view arrayPath, std::string
     if (list == nullptr || list->asArray() == nullptr) return nullptr;
     const auto matches = [&](const JsonValue& record) {
         const JsonValue* const found = walk(&record, relativePath, m_i);
-        const std::string* const text = found == nullptr ? nullptr : found->asString();
-        if (text == nullptr) return false;
+        const auto text = found == nullptr ? std::nullopt : found->asString();
+        if (!text) return false;
         return caseSensitive ? *text == value : equalsIgnoreCase(*text, value);
     };
     const JsonArray& records = *list->asArray();
@@ -116,7 +116,7 @@ ClsJsonObject* ClsJsonObject::FindRecord(std::string_view arrayPath, std::string
 
 bool ClsJsonObject::sbOfPathUtf8(std::string_view path, StringBuffer& out, LogBase& log) const {
     const JsonValue* const value = valueAt(path);
-    if (value == nullptr || value->asString() == nullptr) {
+    if (value == nullptr || !value->asString()) {
         log.LogData("missingJsonString", path);
         return false;
     }
@@ -136,8 +136,8 @@ bool ClsJsonObject::boolOf(std::string_view path, LogBase& log) const {
 int ClsJsonObject::JsonTypeOf(std::string_view path) const noexcept {
     const JsonValue* const value = valueAt(path);
     if (value == nullptr) return kAbsent;
-    if (value->asString() != nullptr) return kString;
-    if (value->asNumber() != nullptr) return kNumber;
+    if (value->asString()) return kString;
+    if (value->asNumber()) return kNumber;
     if (value->asObject() != nullptr) return kObject;
     if (value->asArray() != nullptr) return kArray;
     return value->isNull() ? kNull : kBool;

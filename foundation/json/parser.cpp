@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <string>
 
 #include "foundation/text/utf8.h"
 
@@ -9,6 +10,9 @@ namespace mervane {
 namespace {
 
 constexpr int kMaxDepth = 64;
+// A longer list has its elements counted before they are parsed: a block that grows is there twice
+// for a while, and half empty afterwards.
+constexpr std::size_t kFewItems = 256;
 
 constexpr bool isDigit(char c) noexcept {
     return c >= '0' && c <= '9';
@@ -70,9 +74,9 @@ class Parser {
             case '[':
                 return parseArray(out, depth);
             case '"': {
-                std::string text;
+                std::string_view text;
                 if (!parseString(text)) return false;
-                out = JsonValue(std::move(text));
+                out = JsonValue(text);
                 return true;
             }
             case 't':
@@ -103,12 +107,14 @@ class Parser {
             do {
                 skipWhiteSpace();
                 if (peek() != '"') return fail("a member name is expected");
-                JsonMember& member = members.emplace_back();
-                if (!parseString(member.name)) return false;
+                std::string_view name;
+                if (!parseString(name)) return false;
+                JsonMember member{JsonValue(name), JsonValue()};
                 skipWhiteSpace();
                 if (!accept(':')) return fail("':' is expected after a member name");
                 skipWhiteSpace();
                 if (!parseValue(member.value, depth + 1)) return false;
+                append(members, std::move(member));
                 skipWhiteSpace();
             } while (accept(','));
             if (!accept('}')) return fail("',' or '}' is expected in an object");
@@ -126,13 +132,42 @@ class Parser {
         if (!accept(']')) {
             do {
                 skipWhiteSpace();
-                if (!parseValue(items.emplace_back(), depth + 1)) return false;
+                JsonValue item;
+                if (!parseValue(item, depth + 1)) return false;
+                append(items, std::move(item));
                 skipWhiteSpace();
             } while (accept(','));
             if (!accept(']')) return fail("',' or ']' is expected in an array");
         }
         out = JsonValue(std::move(items));
         return true;
+    }
+
+    // Behind the latest element m_at stands.
+    template <class T>
+    void append(CompactList<T>& list, T item) {
+        if (list.size() == kFewItems) list.reserve(kFewItems + 1 + countItems());
+        list.emplace_back(std::move(item));
+    }
+
+    // The elements that are still to come in the list where m_at stands; a guess, though never more
+    // than one for two bytes, where the text is malformed.
+    [[nodiscard]] std::size_t countItems() const noexcept {
+        std::size_t numItems = 0;
+        std::size_t depth = 0;
+        for (std::size_t at = m_at; at < m_text.size(); ++at) {
+            const char c = m_text[at];
+            if (c == '"') {
+                while (++at < m_text.size() && m_text[at] != '"') at += m_text[at] == '\\';
+            } else if (c == '[' || c == '{') {
+                ++depth;
+            } else if (c == ']' || c == '}') {
+                if (depth-- == 0) break;
+            } else if (c == ',') {
+                numItems += depth == 0 && m_text[at - 1] != ',';
+            }
+        }
+        return numItems;
     }
 
     // number = [ minus ] int [ frac ] [ exp ]
@@ -147,7 +182,7 @@ class Parser {
             if (!accept('+')) accept('-');
             if (!skipDigits()) return fail("a digit is expected in the exponent");
         }
-        out = JsonValue(JsonNumber{std::string(m_text.substr(start, m_at - start))});
+        out = JsonValue::number(m_text.substr(start, m_at - start));
         return true;
     }
 
@@ -157,20 +192,39 @@ class Parser {
         return m_at != start;
     }
 
-    bool parseString(std::string& out) {
+    // The result is a view of the document where no escape stands in it, and otherwise lasts until
+    // the next string is parsed.
+    bool parseString(std::string_view& out) {
         ++m_at;
+        m_unescaped.clear();
         while (true) {
             const std::size_t start = m_at;
-            while (m_at < m_text.size() && kPlain[static_cast<std::uint8_t>(m_text[m_at])]) ++m_at;
-            out.append(m_text, start, m_at - start);
-            if (m_at == m_text.size()) return fail("a string is not closed");
-            if (accept('"')) return true;
-            if (!(m_text[m_at] == '\\' ? parseEscape(out) : parseOther(out))) return false;
+            if (!skipCharacters()) return false;
+            const std::string_view piece = m_text.substr(start, m_at - start);
+            const bool isLast = accept('"');
+            if (!isLast || !m_unescaped.empty()) m_unescaped.append(piece);
+            out = m_unescaped.empty() ? piece : m_unescaped;
+            if (isLast) return true;
+            if (!parseEscape(m_unescaped)) return false;
         }
     }
 
+    // Those that stand for themselves: up to a quotation mark or a backslash.
+    bool skipCharacters() {
+        while (m_at < m_text.size()) {
+            if (kPlain[static_cast<std::uint8_t>(m_text[m_at])]) {
+                ++m_at;
+            } else if (m_text[m_at] == '"' || m_text[m_at] == '\\') {
+                return true;
+            } else if (!skipOther()) {
+                return false;
+            }
+        }
+        return fail("a string is not closed");
+    }
+
     // A control character (refused) or one beyond ASCII.
-    bool parseOther(std::string& out) {
+    bool skipOther() {
         if (static_cast<std::uint8_t>(m_text[m_at]) < 0x20) {
             return fail("a control character stands in a string");
         }
@@ -178,9 +232,7 @@ class Parser {
         bool ok = true;
         takeCodePoint(rest, ok);
         if (!ok) return fail("the text is not UTF-8");
-        const std::size_t size = m_text.size() - rest.size() - m_at;
-        out.append(m_text, m_at, size);
-        m_at += size;
+        m_at = m_text.size() - rest.size();
         return true;
     }
 
@@ -229,6 +281,7 @@ class Parser {
 
     std::string_view m_text;
     std::size_t m_at = 0;
+    std::string m_unescaped;  // of the latest string with escapes
     std::string_view m_reason;
 };
 

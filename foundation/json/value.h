@@ -1,13 +1,16 @@
 #ifndef MERVANE_FOUNDATION_JSON_VALUE_H
 #define MERVANE_FOUNDATION_JSON_VALUE_H
 
+#include <array>
 #include <concepts>
-#include <cstdint>
+#include <cstddef>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <variant>
-#include <vector>
+
+#include "foundation/json/compactlist.h"
 
 namespace mervane {
 
@@ -16,45 +19,42 @@ class JsonValue;
 /// A member of an object. A template, so that it is completed only when JsonValue is.
 template <class Value>
 struct BasicJsonMember {
-    std::string name;
+    Value nameValue;  // a string
     Value value;
+
+    [[nodiscard]] std::string_view name() const noexcept { return *nameValue.asString(); }
 };
 using JsonMember = BasicJsonMember<JsonValue>;
 
-/// A number as its text, so that none is too large or loses digits.
-struct JsonNumber {
-    std::string text;
-};
+using JsonArray = CompactList<JsonValue>;
+using JsonObject = CompactList<JsonMember>;  // in document order
 
-using JsonArray = std::vector<JsonValue>;
-using JsonObject = std::vector<JsonMember>;  // in document order
-
-/// One JSON value (RFC 8259) with all that it contains; copied as a whole.
+/// One JSON value (RFC 8259) with all that it contains; copied as a whole. It takes 16 bytes, and
+/// a block for a text of more than eight bytes and for a list that is not empty.
 class JsonValue {
   public:
     JsonValue() noexcept = default;
     explicit JsonValue(bool value) noexcept : m_data(value) {}
-    explicit JsonValue(std::string text) noexcept : m_data(std::move(text)) {}
-    explicit JsonValue(std::string_view text) : m_data(std::string(text)) {}
-    explicit JsonValue(const char* text) : m_data(std::string(text)) {}
-    explicit JsonValue(JsonNumber number) noexcept : m_data(std::move(number)) {}
+    explicit JsonValue(std::string_view text);
+    explicit JsonValue(const std::string& text) : JsonValue(std::string_view(text)) {}
+    explicit JsonValue(const char* text) : JsonValue(std::string_view(text)) {}
     template <std::integral Number>
     requires(!std::same_as<Number, bool>) explicit JsonValue(Number value)
-        : m_data(JsonNumber{std::to_string(value)}) {}
+        : JsonValue(number(std::to_string(value))) {}
     explicit JsonValue(JsonArray items) noexcept : m_data(std::move(items)) {}
     explicit JsonValue(JsonObject members) noexcept : m_data(std::move(members)) {}
 
+    /// A number of that text, which has to be one as RFC 8259 section 6 writes it.
+    static JsonValue number(std::string_view text);
     static JsonValue array() { return JsonValue(JsonArray()); }
     static JsonValue object() { return JsonValue(JsonObject()); }
 
-    // Null when the value is of another type.
+    // Nothing when the value is of another type. Text and lists are the value's own, as long as it
+    // stands unchanged.
     [[nodiscard]] const bool* asBool() const noexcept { return std::get_if<bool>(&m_data); }
-    [[nodiscard]] const JsonNumber* asNumber() const noexcept {
-        return std::get_if<JsonNumber>(&m_data);
-    }
-    [[nodiscard]] const std::string* asString() const noexcept {
-        return std::get_if<std::string>(&m_data);
-    }
+    /// A number as its text, so that none is too large or loses digits.
+    [[nodiscard]] std::optional<std::string_view> asNumber() const noexcept;
+    [[nodiscard]] std::optional<std::string_view> asString() const noexcept;
     [[nodiscard]] const JsonArray* asArray() const noexcept {
         return std::get_if<JsonArray>(&m_data);
     }
@@ -83,8 +83,26 @@ class JsonValue {
     JsonValue& append(JsonValue value);
 
   private:
+    enum class Kind { String, Number };
+    // Filled up with NUL, and without NUL otherwise.
+    template <Kind>
+    struct ShortText {
+        std::array<char, 8> chars;
+    };
+    template <Kind>
+    struct LongText {
+        CompactList<char> chars;
+    };
+
+    template <Kind kind>
+    void setText(std::string_view text);
+    template <Kind kind>
+    [[nodiscard]] std::optional<std::string_view> textOf() const noexcept;
+
     // The order counts: index 0 is null.
-    std::variant<std::monostate, bool, JsonNumber, std::string, JsonArray, JsonObject> m_data;
+    std::variant<std::monostate, bool, ShortText<Kind::Number>, LongText<Kind::Number>,
+                 ShortText<Kind::String>, LongText<Kind::String>, JsonArray, JsonObject>
+        m_data;
 };
 
 }  // namespace mervane

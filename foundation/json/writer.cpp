@@ -43,15 +43,15 @@ class Writer {
     void write(const JsonValue& value) {
         if (const bool* const flag = value.asBool()) {
             m_out.append(*flag ? "true" : "false");
-        } else if (const JsonNumber* const number = value.asNumber()) {
-            m_out.append(number->text);
-        } else if (const std::string* const text = value.asString()) {
+        } else if (const auto number = value.asNumber()) {
+            m_out.append(*number);
+        } else if (const auto text = value.asString()) {
             appendJsonString(m_out, *text);
         } else if (const JsonArray* const items = value.asArray()) {
             list('[', ']', *items, [this](const JsonValue& item) { write(item); });
         } else if (const JsonObject* const members = value.asObject()) {
             list('{', '}', *members, [this](const JsonMember& member) {
-                appendJsonString(m_out, member.name);
+                appendJsonString(m_out, member.name());
                 m_out.append(m_indented ? ": " : ":");
                 write(member.value);
             });

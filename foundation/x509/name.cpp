@@ -102,29 +102,11 @@ void appendEscaped(std::string& out, std::string_view value) {
     }
 }
 
-void appendValue(std::string& out, const der::Element& value) {
-    if (const auto text = stringValue(value)) {
-        appendEscaped(out, *text);
-    } else {
-        out.append("#").append(toHex(value.whole));
-    }
-}
-
-void appendType(std::string& out, std::string_view oid) {
-    const auto* const known = std::ranges::find(kTypes, oid, &AttributeType::oid);
-    if (known != kTypes.end() && known->inNames) {
-        out.append(known->tag);
-    } else {
-        out.append(oidToText({reinterpret_cast<const std::uint8_t*>(oid.data()), oid.size()}));
-    }
-}
-
 // BMPString and UniversalString: big-endian units of 2 or 4 octets (X.690 8.23.7, 8.23.8).
 std::optional<std::string> wideToUtf8(der::Bytes units, std::size_t unitSize) {
     if (units.size() % unitSize != 0) return std::nullopt;
     std::string out;
-    std::uint32_t high =
-        0;  // the first half of a surrogate pair: found in BMPStrings of real names
+    std::uint32_t high = 0;  // half of a surrogate pair, as BMPStrings of real names have it
     for (; !units.empty(); units = units.subspan(unitSize)) {
         std::uint32_t c = 0;
         for (const std::uint8_t octet : units.first(unitSize)) c = c << 8 | octet;
@@ -138,8 +120,8 @@ std::optional<std::string> wideToUtf8(der::Bytes units, std::size_t unitSize) {
     return out;
 }
 
-}  // namespace
-
+// The UTF-8 text of a string value; nothing when the type is no string type or the content has no
+// whole number of characters.
 std::optional<std::string> stringValue(const der::Element& value) {
     switch (value.tag) {
         case der::kUtf8String:
@@ -165,6 +147,25 @@ std::optional<std::string> stringValue(const der::Element& value) {
             return std::nullopt;
     }
 }
+
+void appendValue(std::string& out, const der::Element& value) {
+    if (const auto text = stringValue(value)) {
+        appendEscaped(out, *text);
+    } else {
+        out.append("#").append(toHex(value.whole));
+    }
+}
+
+void appendType(std::string& out, std::string_view oid) {
+    const auto* const known = std::ranges::find(kTypes, oid, &AttributeType::oid);
+    if (known != kTypes.end() && known->inNames) {
+        out.append(known->tag);
+    } else {
+        out.append(oidToText({reinterpret_cast<const std::uint8_t*>(oid.data()), oid.size()}));
+    }
+}
+
+}  // namespace
 
 std::optional<std::string> nameToText(der::Bytes name, bool withTags) {
     std::string out;

@@ -24,10 +24,6 @@ bool isWellFormedName(der::Bytes name) noexcept;
 /// UTF-8, not escaped. Nothing when the name lacks it.
 std::optional<std::string> namePart(der::Bytes name, std::string_view part);
 
-/// The UTF-8 text of a string value; nothing when the type is no string type or the content has no
-/// whole number of characters.
-std::optional<std::string> stringValue(const der::Element& value);
-
 }  // namespace mervane
 
 #endif

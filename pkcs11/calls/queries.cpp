@@ -41,24 +41,24 @@ struct Description {
 template <std::size_t N>
 bool readWord(const JsonValue& value, const std::array<Word, N>& words,
               std::optional<CK_ULONG>& out) {
-    const std::string* const text = value.asString();
-    if (text == nullptr) return false;
-    const auto* const word = std::ranges::find(words, std::string_view(*text), &Word::text);
+    const auto text = value.asString();
+    if (!text) return false;
+    const auto* const word = std::ranges::find(words, *text, &Word::text);
     if (word == words.end()) return false;
     out = word->value;
     return true;
 }
 
 bool readHex(const JsonValue& value, std::optional<std::vector<std::uint8_t>>& out) {
-    const std::string* const text = value.asString();
-    out = text == nullptr ? std::nullopt : fromHex(*text);
+    const auto text = value.asString();
+    out = text ? fromHex(*text) : std::nullopt;
     return out.has_value();
 }
 
 bool readText(const JsonValue& value, std::optional<std::vector<std::uint8_t>>& out) {
-    const std::string* const text = value.asString();
-    if (text != nullptr) out.emplace(text->begin(), text->end());
-    return text != nullptr;
+    const auto text = value.asString();
+    if (text) out.emplace(text->begin(), text->end());
+    return text.has_value();
 }
 
 bool readBool(const JsonValue& value, std::optional<bool>& out) {
@@ -91,7 +91,7 @@ constexpr std::array kMembers = {
            [](const JsonValue& v, Description& d) { return readBool(v, d.onToken); }},
     // What an earlier search left in the document.
     Member{"handle", "a number",
-           [](const JsonValue& v, Description&) { return v.asNumber() != nullptr; }},
+           [](const JsonValue& v, Description&) { return v.asNumber().has_value(); }},
 };
 
 bool readDescription(const ClsJsonObject& json, Description& out, LogBase& log) {
@@ -101,18 +101,19 @@ bool readDescription(const ClsJsonObject& json, Description& out, LogBase& log) 
         return false;
     }
     for (const JsonMember& given : *members) {
+        const std::string name(given.name());
         const auto* const member =
-            std::ranges::find(kMembers, std::string_view(given.name), &Member::name);
+            std::ranges::find(kMembers, std::string_view(name), &Member::name);
         if (member == kMembers.end()) {
-            log.LogError("The description has an unknown member: \"" + given.name + "\".");
+            log.LogError("The description has an unknown member: \"" + name + "\".");
             return false;
         }
-        if (&given.value != json.valueAt("")->find(given.name)) {
-            log.LogError("The description names \"" + given.name + "\" twice.");
+        if (&given.value != json.valueAt("")->find(name)) {
+            log.LogError("The description names \"" + name + "\" twice.");
             return false;
         }
         if (!member->read(given.value, out)) {
-            log.LogError("The member \"" + given.name + "\" of the description is not " +
+            log.LogError("The member \"" + name + "\" of the description is not " +
                          std::string(member->form) + ".");
             return false;
         }
