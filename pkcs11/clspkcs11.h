@@ -225,9 +225,12 @@ class ClsPkcs11 : public ClsBase {
 
     // Table check, session check, call, report: once, in invoke.h. `ask` gives the return value
     // where some codes are no failures, and nothing when the function could not be called (which
-    // has been reported then); `invoke` reports every code but CKR_OK and gives false.
+    // has been reported then); `attempt` is for what may fail, and reports only what means that
+    // session or initialization are gone; `invoke` reports every code but CKR_OK and gives false.
     template <Needs N, class Function, class... Args>
     std::optional<CK_RV> ask(LogBase& log, const Entry<N, Function>& entry, Args... args);
+    template <Needs N, class Function, class... Args>
+    std::optional<CK_RV> attempt(LogBase& log, const Entry<N, Function>& entry, Args... args);
     template <Needs N, class Function, class... Args>
     bool invoke(LogBase& log, const Entry<N, Function>& entry, Args... args);
     /// Whether all of these functions can be called; reports the first that cannot.

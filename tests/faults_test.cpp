@@ -9,16 +9,16 @@
 namespace mervane::test {
 namespace {
 
-class FaultsTest : public testing::TestWithParam<int> {
+class FaultsTest : public testing::TestWithParam<std::tuple<std::size_t, Token>> {
   protected:
-    FaultsTest() : m_road(kRoads.at(static_cast<std::size_t>(GetParam()))) {}
+    FaultsTest() : m_road(kRoads.at(std::get<0>(GetParam()))), m_token(std::get<1>(GetParam())) {}
 
     // The road with faults, the oracle; then the road again without, which has to succeed unhurt.
     template <class Arrange>
     void runWith(Arrange arrange, const char* what, std::size_t number, bool mustRecover = true) {
         if (HasFailure()) return;
         world.reset();
-        furnish(world);
+        furnish(world, m_token);
         auto p11 = std::make_unique<Pkcs11>();
         p11->put_SharedLibPath(XString(module.path()));
         arrange();
@@ -26,7 +26,7 @@ class FaultsTest : public testing::TestWithParam<int> {
         world.answer = nullptr;
         world.lie = nullptr;
         expectUnhurt(*p11, world, m_road.numLogins);
-        furnish(world);
+        furnish(world, m_token);
         const bool recovered = run(*p11) || run(*p11);
         EXPECT_TRUE(recovered || !mustRecover) << p11->log().text();
         expectUnhurt(*p11, world, 3 * m_road.numLogins);
@@ -39,9 +39,10 @@ class FaultsTest : public testing::TestWithParam<int> {
         RoadArgs args;
         return m_road.run(p11, args);
     }
+    // The calls of the road without faults.
     std::size_t traceLength() {
         world.reset();
-        furnish(world);
+        furnish(world, m_token);
         Pkcs11 p11;
         p11.put_SharedLibPath(XString(module.path()));
         EXPECT_TRUE(run(p11)) << p11.log().text();
@@ -50,6 +51,7 @@ class FaultsTest : public testing::TestWithParam<int> {
     void TearDown() override { RecordProperty("runs", static_cast<int>(numRuns)); }
 
     const Road& m_road;
+    const Token m_token;
     FakeModule module{"libfake.so"};
     fake::World& world = module.world();
     std::size_t numRuns = 0;
@@ -264,7 +266,7 @@ TEST_P(FaultsTest, EveryAllocationFailsOnceAndFromThereOn) {
         bool reachedEnd = false;
         for (long at = 0; !reachedEnd; at += at < 400 ? 1 : 7) {
             world.reset();
-            furnish(world);
+            furnish(world, m_token);
             auto p11 = std::make_unique<Pkcs11>();
             p11->put_SharedLibPath(XString(module.path()));
             RoadArgs args;
@@ -275,7 +277,7 @@ TEST_P(FaultsTest, EveryAllocationFailsOnceAndFromThereOn) {
             allocations::left = -1;
             EXPECT_TRUE(ok || !reachedEnd);
             expectUnhurt(*p11, world, m_road.numLogins);
-            furnish(world);
+            furnish(world, m_token);
             EXPECT_TRUE(run(*p11)) << p11->log().text();
             p11.reset();
             expectNothingLeft(world);
@@ -286,7 +288,8 @@ TEST_P(FaultsTest, EveryAllocationFailsOnceAndFromThereOn) {
     allocations::insideModule = nullptr;
 }
 
-INSTANTIATE_TEST_SUITE_P(Roads, FaultsTest, testing::Range(0, 6));
+INSTANTIATE_TEST_SUITE_P(Roads, FaultsTest,
+                         testing::Combine(testing::Range(std::size_t{0}, kRoads.size()), testing::Values(Token::Plain, Token::Sparse, Token::Crowded)));
 
 }  // namespace
 }  // namespace mervane::test

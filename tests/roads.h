@@ -25,8 +25,12 @@ struct Road {
 };
 extern const std::array<Road, 6> kRoads;
 
-/// The token that the roads are made for. Sessions and initialisation stay as they are.
-void furnish(fake::World& world);
+/// What the roads lead to: a token with all attributes; one whose keys have few, on a module that
+/// others have initialised; one of many objects and slots, on a module that takes no arguments when
+/// it is initialised.
+enum class Token { Plain, Sparse, Crowded };
+/// Sessions and initialisation stay as they are.
+void furnish(fake::World& world, Token token);
 
 /// What holds after a road whatever the module did. `asked`: logins asked for so far.
 void expectUnhurt(Pkcs11& p11, const fake::World& world, int asked);

@@ -62,7 +62,7 @@ TEST(SecretsTest, NoCopyOfAPinStaysInMemory) {
 #endif
     FakeModule module("libsecrets.so");
     fake::World& world = module.world();
-    furnish(world);
+    furnish(world, Token::Plain);
     world.acceptsAnyPin = true;
     world.slots[0].userPin.clear();
     world.slots[0].soPin.clear();

@@ -11,7 +11,7 @@ namespace mervane {
 PinArgument ClsPkcs11::pinArgument(const char* pin, CK_SLOT_ID slotId, LogBase& log) {
     PinArgument argument(pin);
     CK_TOKEN_INFO token{};
-    if (argument.size != 0 || ask(log, entry::kGetTokenInfo, slotId, &token) != CKR_OK)
+    if (argument.size != 0 || attempt(log, entry::kGetTokenInfo, slotId, &token) != CKR_OK)
         return argument;
     // PKCS#11 2.40 base, C_Login and the others that take a PIN.
     if ((token.flags & CKF_PROTECTED_AUTHENTICATION_PATH) != 0) argument.bytes = nullptr;
@@ -20,7 +20,7 @@ PinArgument ClsPkcs11::pinArgument(const char* pin, CK_SLOT_ID slotId, LogBase& 
 
 void ClsPkcs11::logPinState(CK_SLOT_ID slotId, bool isOfficer, LogBase& log) {
     CK_TOKEN_INFO token{};
-    if (ask(log, entry::kGetTokenInfo, slotId, &token) != CKR_OK) return;
+    if (attempt(log, entry::kGetTokenInfo, slotId, &token) != CKR_OK) return;
     for (const PinState& state : pinStates()) {
         if (state.isOfficers != isOfficer || (token.flags & state.flag) == 0) continue;
         log.LogHint(state.meaning);

@@ -141,7 +141,8 @@ ObjectReader::State ObjectReader::readAlone(std::size_t row, CK_OBJECT_HANDLE ob
     std::ranges::fill(startOf(room), std::uint8_t{0});
     CK_ATTRIBUTE& attribute = m_attributes[row];
     attribute = {m_rows[row].type, room.data(), room.size()};
-    const auto rv = m_owner.ask(log, entry::kGetAttributeValue, object, &attribute, CK_ULONG{1});
+    const auto rv =
+        m_owner.attempt(log, entry::kGetAttributeValue, object, &attribute, CK_ULONG{1});
     if (rv == CKR_BUFFER_TOO_SMALL && m_rows[row].kind == AttrKind::Bytes) return State::TooLong;
     if (rv != CKR_OK || attribute.ulValueLen > room.size()) return State::Absent;
     const bool isFixed = m_rows[row].kind != AttrKind::Bytes;
@@ -158,7 +159,7 @@ ObjectReader::State ObjectReader::readLong(std::size_t row, CK_OBJECT_HANDLE obj
     if (attribute.ulValueLen == CK_UNAVAILABLE_INFORMATION) {
         attribute.ulValueLen = 0;
         const auto rv =
-            m_owner.ask(log, entry::kGetAttributeValue, object, &attribute, CK_ULONG{1});
+            m_owner.attempt(log, entry::kGetAttributeValue, object, &attribute, CK_ULONG{1});
         if (rv != CKR_OK) return State::Absent;
     }
     if (attribute.ulValueLen > kMaxValue) {
@@ -167,7 +168,8 @@ ObjectReader::State ObjectReader::readLong(std::size_t row, CK_OBJECT_HANDLE obj
     }
     auto value = std::make_unique<LongValue>(attribute.ulValueLen);
     attribute = {m_rows[row].type, value->bytes.data(), value->bytes.size()};
-    const auto rv = m_owner.ask(log, entry::kGetAttributeValue, object, &attribute, CK_ULONG{1});
+    const auto rv =
+        m_owner.attempt(log, entry::kGetAttributeValue, object, &attribute, CK_ULONG{1});
     if (rv != CKR_OK || attribute.ulValueLen > value->bytes.size()) return State::Absent;
     m_values[row] = der::Bytes(value->bytes).first(attribute.ulValueLen);
     m_record.m_longValues.appendObject(std::move(value));

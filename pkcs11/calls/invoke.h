@@ -26,6 +26,11 @@ CK_RV callModule(LogBase& log, Function function, Args... args) {
     }
 }
 
+/// The return value of a call means that what the call needs is gone.
+inline bool endsUse(Needs needs, CK_RV rv) noexcept {
+    return rv == CKR_CRYPTOKI_NOT_INITIALIZED || (needs == Needs::Session && endsSession(rv));
+}
+
 template <class... Entries>
 bool ClsPkcs11::ready(LogBase& log, const Entries&... entries) {
     const auto isReady = [&]<Needs N, class Function>(const Entry<N, Function>& e) {
@@ -48,6 +53,14 @@ std::optional<CK_RV> ClsPkcs11::ask(LogBase& log, const Entry<N, Function>& entr
 template <Needs N, class Function>
 bool ClsPkcs11::report(const Entry<N, Function>& entry, CK_RV rv, LogBase& log) {
     return rv == CKR_OK || reportCode(entry.name, N, rv, log);
+}
+
+template <Needs N, class Function, class... Args>
+std::optional<CK_RV> ClsPkcs11::attempt(LogBase& log, const Entry<N, Function>& entry,
+                                        Args... args) {
+    const auto rv = ask(log, entry, args...);
+    if (rv && endsUse(N, *rv)) report(entry, *rv, log);
+    return rv;
 }
 
 template <Needs N, class Function, class... Args>

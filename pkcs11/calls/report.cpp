@@ -129,7 +129,8 @@ bool ClsPkcs11::describeMechanisms(CK_SLOT_ID id, JsonValue& token, LogBase& log
         mechanism.set("name", mechanismName(type));
         mechanism.set("type", toHexNumber(type));
         CK_MECHANISM_INFO info{};
-        const auto rv = ask(log, entry::kGetMechanismInfo, id, type, &info);
+        const auto rv = attempt(log, entry::kGetMechanismInfo, id, type, &info);
+        if (!m_initialized) return false;
         if (rv != CKR_OK) {
             // One that the module lists but does not explain keeps its name.
             log.LogData("mechanismWithoutInfo", mechanismName(type));

@@ -3,6 +3,7 @@
 #include "pkcs11/calls/search.h"
 
 #include <unordered_set>
+#include <utility>
 
 #include "pkcs11/calls/invoke.h"
 
@@ -49,20 +50,25 @@ class HandleList {
 
 }  // namespace
 
-// An active search of the session; ends it.
+// An active search of the session; ends it on every way out.
 class FindOperation {
   public:
     FindOperation(ClsPkcs11& owner, LogBase& log) noexcept : m_owner(owner), m_log(log) {}
-    ~FindOperation() {
-        const auto rv = m_owner.ask(m_log, entry::kFindObjectsFinal);
-        if (rv && *rv != CKR_OK) m_log.LogDataUnsigned("findObjectsFinalResult", *rv);
-    }
+    ~FindOperation() { end(); }
     FindOperation(const FindOperation&) = delete;
     FindOperation& operator=(const FindOperation&) = delete;
+
+    std::optional<CK_RV> end() {
+        if (std::exchange(m_hasEnded, true)) return std::nullopt;
+        const auto rv = m_owner.ask(m_log, entry::kFindObjectsFinal);
+        if (rv && *rv != CKR_OK) m_log.LogDataUnsigned("findObjectsFinalResult", *rv);
+        return rv;
+    }
 
   private:
     ClsPkcs11& m_owner;
     LogBase& m_log;
+    bool m_hasEnded = false;
 };
 
 bool ClsPkcs11::findObjects(std::span<CK_ATTRIBUTE> query, std::size_t limit,
@@ -79,12 +85,14 @@ bool ClsPkcs11::findObjects(std::span<CK_ATTRIBUTE> query, std::size_t limit,
         rv = begin();
     }
     if (!rv || !report(entry::kFindObjectsInit, *rv, log)) return false;
-    {
-        const FindOperation operation(*this, log);
-        rv = gatherObjects(limit, handles, log);
-    }
+    FindOperation operation(*this, log);
+    rv = gatherObjects(limit, handles, log);
+    const auto endRv = operation.end();
     // Reported when the search has ended: the report may give the session up.
-    return rv && report(entry::kFindObjects, *rv, log);
+    if (!rv || !report(entry::kFindObjects, *rv, log)) return false;
+    // What was found counts, unless there is no session left to read it on.
+    return !endRv || !endsUse(Needs::Session, *endRv) ||
+           report(entry::kFindObjectsFinal, *endRv, log);
 }
 
 std::optional<CK_RV> ClsPkcs11::gatherObjects(std::size_t limit,

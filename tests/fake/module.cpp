@@ -14,6 +14,8 @@ namespace {
 
 World& world() { return *fakeWorld(); }
 
+constexpr CK_RV kSessionIsGone[] = {CKR_DEVICE_REMOVED, CKR_SESSION_CLOSED, CKR_SESSION_HANDLE_INVALID, CKR_TOKEN_NOT_PRESENT, CKR_TOKEN_NOT_RECOGNIZED};
+
 // Counts a call as running for the length of a scope.
 struct Presence {
     explicit Presence(World& w) : world(w), isMeeting(w.inside.fetch_add(1) != 0) {}
@@ -26,22 +28,29 @@ struct Presence {
 
 // Runs one call: journal, scripted answer, the function itself, the lie about its outputs.
 template <class Body>
-CK_RV call(const char* function, std::initializer_list<CK_ULONG> arguments, Outputs outputs, Body body, CK_SESSION_HANDLE session = 0) {
+CK_RV call(const char* function, std::initializer_list<CK_ULONG> arguments, Outputs outputs, Body body, std::optional<CK_SESSION_HANDLE> session = {}) {
     World& w = world();
     const Presence presence(w);
     const std::lock_guard lock(w.mutex);
     if (presence.isMeeting) w.violations.emplace_back(std::string("two calls at once: ") + function);
     const std::size_t index = w.journal.size();
     const std::string name = function;
-    if (!w.initialized && name != "C_Initialize" && name != "C_GetFunctionList") { w.violations.push_back("called without initialization: " + name); }
+    // A search that began is ended whatever became of the module meanwhile.
+    const bool needsInitialization = name != "C_Initialize" && name != "C_GetFunctionList" && name != "C_FindObjectsFinal";
+    if (!w.initialized && needsInitialization) w.violations.push_back("called without initialization: " + name);
     w.journal.push_back({name, arguments, CKR_GENERAL_ERROR});  // what a thrown call counts as
-    if (session != 0) w.journal.back().arguments.insert(w.journal.back().arguments.begin(), session);
+    if (session) w.journal.back().arguments.insert(w.journal.back().arguments.begin(), *session);
+    if (session && (*session == 0 || *session > w.lastSession || w.closedByCaller.contains(*session))) {
+        w.violations.push_back("on a session never given or closed: " + name);
+    }
     const auto scripted = w.answer ? w.answer(name, index) : std::nullopt;
     CK_RV rv = scripted.value_or(CKR_OK);
     // What changes the state alone and is said to have happened, happens.
     const bool isStateOnly = name == "C_Initialize" || name == "C_Finalize" || name == "C_CloseSession";
     const bool happens = !scripted.has_value() || (isStateOnly && rv == CKR_OK);
     if (name == "C_Initialize" && rv == CKR_CRYPTOKI_ALREADY_INITIALIZED) w.initialized = true;
+    if (scripted && rv == CKR_CRYPTOKI_NOT_INITIALIZED) w.loseInitialization();
+    if (scripted && session && std::ranges::count(kSessionIsGone, rv) != 0) w.loseSession(*session);
     if (happens) rv = body(w);
     outputs.function = name;
     outputs.index = index;
@@ -54,17 +63,14 @@ CK_RV call(const char* function, std::initializer_list<CK_ULONG> arguments, Outp
     return outputs.result;
 }
 
-// The same for a function on a session: notes a handle that was never given or is closed.
+// The same for a function on a session.
 template <class Body>
 CK_RV sessionCall(const char* function, CK_SESSION_HANDLE session, std::initializer_list<CK_ULONG> arguments, Outputs outputs, Body body) {
     return call(
         function, arguments, outputs,
         [&](World& w) -> CK_RV {
             const auto at = w.sessions.find(session);
-            if (at == w.sessions.end()) {
-                if (session == 0 || session > w.lastSession) w.violations.emplace_back(std::string("unknown session: ") + function);
-                return CKR_SESSION_HANDLE_INVALID;
-            }
+            if (at == w.sessions.end()) return CKR_SESSION_HANDLE_INVALID;
             Slot& slot = w.slot(at->second);
             if (!slot.tokenPresent) return CKR_DEVICE_REMOVED;
             return body(w, slot);
@@ -110,11 +116,7 @@ CK_RV initialize(void* args) {
 CK_RV finalize(void*) {
     return call("C_Finalize", {}, {}, [](World& w) -> CK_RV {
         if (w.initializedByOthers) w.violations.emplace_back("finalized what others initialized");
-        w.initialized = false;
-        w.numClosed += static_cast<int>(w.sessions.size());
-        w.sessions.clear();
-        w.searches.clear();
-        for (Slot& slot : w.slots) slot.loggedIn.reset();
+        w.loseInitialization();
         return CKR_OK;
     });
 }
@@ -245,22 +247,13 @@ CK_RV openSession(CK_SLOT_ID id, CK_FLAGS flags, void*, CK_NOTIFY, CK_SESSION_HA
 }
 
 CK_RV closeSession(CK_SESSION_HANDLE session) {
-    return call("C_CloseSession", {session}, {}, [&](World& w) -> CK_RV {
-        const auto at = w.sessions.find(session);
-        if (at == w.sessions.end()) {
-            const bool wasLost = session != 0 && session <= w.lastSession && !w.closedByCaller.contains(session);
-            if (!wasLost) w.violations.emplace_back("closed an unknown session");
-            return CKR_SESSION_HANDLE_INVALID;
-        }
-        const CK_SLOT_ID id = at->second;
+    const auto close = [&](World& w) -> CK_RV {
+        if (!w.sessions.contains(session)) return CKR_SESSION_HANDLE_INVALID;
         w.closedByCaller.insert(session);
-        w.searches.erase(session);
-        w.sessions.erase(at);
-        ++w.numClosed;
-        const bool isLast = std::ranges::none_of(w.sessions, [id](const auto& s) { return s.second == id; });
-        if (isLast) w.slot(id).loggedIn.reset();
+        w.loseSession(session);
         return CKR_OK;
-    });
+    };
+    return call("C_CloseSession", {}, {}, close, session);
 }
 
 CK_RV login(CK_SESSION_HANDLE session, CK_USER_TYPE user, CK_UTF8CHAR* pin, CK_ULONG size) {

@@ -1,6 +1,7 @@
 #ifndef MERVANE_TESTS_FAKE_WORLD_H
 #define MERVANE_TESTS_FAKE_WORLD_H
 
+#include <algorithm>
 #include <atomic>
 #include <functional>
 #include <map>
@@ -111,9 +112,21 @@ struct World {
             s.tokenPresent = false;
             s.loggedIn.reset();
         }
-        numClosed += static_cast<int>(sessions.size());
-        sessions.clear();
-        searches.clear();
+        while (!sessions.empty()) loseSession(sessions.begin()->first);
+    }
+    void loseSession(CK_SESSION_HANDLE session) {
+        const auto at = sessions.find(session);
+        if (at == sessions.end()) return;
+        const CK_SLOT_ID id = at->second;
+        sessions.erase(at);
+        searches.erase(session);
+        ++numClosed;
+        const bool isLast = std::ranges::none_of(sessions, [id](const auto& s) { return s.second == id; });
+        if (isLast) slot(id).loggedIn.reset();
+    }
+    void loseInitialization() {
+        initialized = false;
+        while (!sessions.empty()) loseSession(sessions.begin()->first);
     }
     // The whole state anew, as after loading.
     void reset() {
