@@ -62,6 +62,9 @@ void furnish(fake::World& world, Token token) {
         return objects;
     }();
     const bool isPlain = token == Token::Plain;
+    if (token == Token::Crowded && world.slots.size() == 1) {
+        world.slots.insert(world.slots.end(), {{.id = 2, .tokenPresent = false}, {.id = 3, .label = "second"}});
+    }
     fake::Slot& slot = world.slots.at(0);
     slot.tokenPresent = true;
     slot.objects = {certObject(10, "alice", "a"), certObject(11, "p256", "e"), certObject(12, "bob", "b"),
@@ -69,9 +72,6 @@ void furnish(fake::World& world, Token token) {
     if (isPlain) slot.objects.push_back(ecPublicObject(30, "p256", "e", true));
     if (token == Token::Sparse) slot.objects[3].attributes[CKA_ID] = fake::bytesOf("a");
     if (token == Token::Crowded) slot.objects.insert(slot.objects.begin(), crowded.begin(), crowded.end());
-    if (token == Token::Crowded && world.slots.size() == 1) {
-        world.slots.insert(world.slots.end(), {{.id = 2, .tokenPresent = false}, {.id = 3, .label = "second"}});
-    }
     slot.flags = fake::Slot().flags;
     slot.userPin = fake::Slot().userPin;
     slot.soPin = fake::Slot().soPin;
@@ -81,16 +81,23 @@ void furnish(fake::World& world, Token token) {
     world.lie = nullptr;
 }
 
+static std::string journalText(const fake::World& world) {
+    std::string out;
+    for (const fake::Call& call : world.journal) out += call.function + " " + rvName(call.result) + "\n";
+    return out;
+}
+
 void expectUnhurt(Pkcs11& p11, const fake::World& world, int asked) {
     std::size_t numBegun = 0;
-    std::size_t numEnded = 0;
+    std::size_t numRefused = 0;  // since another one was active, which may be ended
     for (const fake::Call& call : world.journal) {
-        const bool begins = call.function == "C_FindObjectsInit";
-        numBegun += begins && (call.result == CKR_OK || call.result == CKR_OPERATION_ACTIVE) ? 1 : 0;
-        numEnded += call.function == "C_FindObjectsFinal" ? 1 : 0;
+        if (call.function != "C_FindObjectsInit") continue;
+        numBegun += call.result == CKR_OK ? 1 : 0;
+        numRefused += call.result == CKR_OPERATION_ACTIVE ? 1 : 0;
     }
-    EXPECT_EQ(numBegun, numEnded);
-    EXPECT_EQ(world.numOpened - world.numClosed, p11.hasOpenSession() ? 1 : 0);
+    EXPECT_GE(world.count("C_FindObjectsFinal"), numBegun);
+    EXPECT_LE(world.count("C_FindObjectsFinal"), numBegun + numRefused);
+    EXPECT_EQ(world.numOpened - world.numClosed, p11.hasOpenSession() ? 1 : 0) << journalText(world);
     EXPECT_LE(world.count("C_Login"), static_cast<std::size_t>(asked));
     EXPECT_THAT(world.violations, IsEmpty());
     EXPECT_EQ(p11.log().contextDepth(), 0);
