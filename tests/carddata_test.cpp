@@ -138,11 +138,7 @@ TEST_F(CardsTest, RecordsOfEveryShape) {
     const std::string head =
         R"({"cards":[{"atr":"AA","name":"n","driver":"D","readOnly":true},{"atr":"aa","name":"second","driver":"d"}],"drivers":[{"id":"d","file":{)";
     using Paths = std::vector<std::string>;
-    const struct {
-        std::string file;
-        Paths paths;
-        std::string error;
-    } rows[] = {
+    const std::tuple<std::string, Paths, std::string> rows[] = {
         {R"("linux":"/a")", {"/a"}, ""},
         {R"("linux":["/a","","/b"])", {"/a", "/b"}, ""},
         {R"("linux":["",""])", {}, "Failed to find driver paths."},
@@ -159,37 +155,33 @@ TEST_F(CardsTest, RecordsOfEveryShape) {
         {R"("linux":{"x86":{}})", {}, "Failed to find driver paths."},
         {R"("linux":{"x86":""})", {}, "Failed to get Windows driver path.|Failed to find driver paths."},
     };
-    for (const auto& row : rows) {
-        json(head + row.file + "}}]}");
+    for (const auto& [file, paths, error] : rows) {
+        json(head + file + "}}]}");
         const Found card = find("aa", &document);
-        EXPECT_EQ(card.ok, row.error.empty()) << row.file;
-        EXPECT_EQ(card.paths, row.paths) << row.file;
-        EXPECT_EQ(card.name, row.error.empty() ? "n" : "");  // the first of two
+        EXPECT_EQ(card.ok, error.empty()) << file;
+        EXPECT_EQ(card.paths, paths) << file;
+        EXPECT_EQ(card.name, error.empty() ? "n" : "");  // the first of two
         EXPECT_EQ(card.readOnly, card.ok);
         std::string errors;
         object.log().forEach([&](const _mvLogger::Entry& entry) {
             if (entry.what == _mvLogger::Entry::What::Error) errors.append(errors.empty() ? "" : "|").append(entry.text);
         });
-        EXPECT_EQ(errors, row.error) << row.file;
+        EXPECT_EQ(errors, error) << file;
     }
-    const struct {
-        std::string text;
-        std::string error;
-        std::size_t numPaths;
-    } broken[] = {
+    const std::tuple<std::string, std::string, std::size_t> broken[] = {
         {R"({"cards":[{"atr":"AA","name":"n"}]})", "Did not find driver member.", 0},
         {R"({"cards":[{"atr":"AA","driver":"q"}],"drivers":[{"id":"d"}]})", "Did not find driver record.", 0},
         {R"({"cards":[{"atr":"AA","driver":"d","readOnly":true}],"drivers":[{"id":"d","file":{"linux":"/p"}}]})", "", 1},  // without a name
         {R"({"cards":7})", "", 0},
         {"[]", "", 0},
     };
-    for (const auto& row : broken) {
-        json(row.text);
+    for (const auto& [text, error, numPaths] : broken) {
+        json(text);
         const Found card = find("aa", &document);
-        EXPECT_FALSE(card.ok) << row.text;
-        EXPECT_EQ(object.log().lastError(), row.error);
-        EXPECT_EQ(card.paths.size(), row.numPaths);
-        EXPECT_EQ(card.readOnly, row.numPaths == 1);
+        EXPECT_FALSE(card.ok) << text;
+        EXPECT_EQ(object.log().lastError(), error);
+        EXPECT_EQ(card.paths.size(), numPaths);
+        EXPECT_EQ(card.readOnly, numPaths == 1);
     }
 }
 

@@ -14,7 +14,7 @@ class CertsTest : public FakeTest {
         EXPECT_EQ(found, cert.getCert() != nullptr);
         return found ? cn(cert) : p11->errors().back();
     }
-    void tokenOf(std::initializer_list<const char*> certs) {
+    void tokenOf(const std::vector<const char*>& certs) {
         objects().clear();
         CK_OBJECT_HANDLE handle = 10;
         for (const char* const name : certs) {
@@ -133,11 +133,7 @@ TEST_F(CertsTest, EveryRuleFindsItsCertificateAndNoOther) {
     const std::string aliceTags = "C=EX, O=Acme, OU=Sales, CN=Alice, E=alice@example.org";
     const std::string alicePlain = "EX, Acme, Sales, Alice, alice@example.org";
     const std::string none = "Not found.";
-    const struct {
-        std::string part;
-        std::string value;
-        std::string found;
-    } rows[] = {
+    const std::tuple<std::string, std::string, std::string> rows[] = {
         {"", "whatever", "Alice"},
         {"  ", "", "Alice"},
         {"subjectDN_withTags", aliceTags, "Alice"},
@@ -187,7 +183,7 @@ TEST_F(CertsTest, EveryRuleFindsItsCertificateAndNoOther) {
         {"no such part", "x", none},
         {"privatekeys", "x", none},
     };
-    for (const auto& row : rows) EXPECT_EQ(find(row.part, row.value), row.found) << row.part << " = " << row.value;
+    for (const auto& [part, value, found] : rows) EXPECT_EQ(find(part, value), found) << part << " = " << value;
     EXPECT_EQ(world.count("C_FindObjectsInit"), 1U);  // the cache is filled once
     EXPECT_THAT(p11->values(), Contains("checking=0A1B:Test CA"));
     EXPECT_THAT(p11->values(), Contains("checking="));
@@ -205,26 +201,23 @@ TEST_F(CertsTest, EmptyTokenAndFailedReadFindNothing) {
 }
 
 TEST_F(CertsTest, OtherIssuersAreChosenBeforeTheAuthenticationCa) {
-    const struct {
-        std::initializer_list<const char*> order;
-        std::string chosen;
-    } rows[] = {
+    const std::pair<std::vector<const char*>, std::string> rows[] = {
         {{"auth1", "alice"}, "Alice"},
         {{"alice", "auth1"}, "Alice"},
         {{"auth1"}, "Auth one"},
         {{"auth1", "auth2"}, "Auth two"},
         {{"auth1", "auth2", "alice"}, "Auth two"},
     };
-    for (const auto& row : rows) {
+    for (const auto& [order, chosen] : rows) {
         p11 = std::make_unique<Pkcs11>();
         p11->put_SharedLibPath(XString(module.path()));
-        tokenOf(row.order);
-        EXPECT_EQ(find(" PrivateKey ", "ignored"), row.chosen);
+        tokenOf(order);
+        EXPECT_EQ(find(" PrivateKey ", "ignored"), chosen);
         const auto infos = p11->infos();
-        EXPECT_EQ(std::ranges::count(infos, "The candidate certificate was chosen."), row.order.size() == 1 ? 1 : 0);
+        EXPECT_EQ(std::ranges::count(infos, "The candidate certificate was chosen."), order.size() == 1 ? 1 : 0);
         const auto values = p11->values();
         const bool named = std::ranges::any_of(values, [](auto& v) { return v.starts_with("chosenCertDN="); });
-        EXPECT_EQ(named, row.order.size() != 1);
+        EXPECT_EQ(named, order.size() != 1);
     }
 }
 

@@ -35,6 +35,11 @@ class FaultsTest : public testing::TestWithParam<std::tuple<std::size_t, Token>>
         ++numRuns;
         ASSERT_FALSE(HasFailure()) << m_road.name << ": " << what << " " << number;
     }
+    // The same with one call of the road answered as told.
+    template <class Answer>
+    void runWithAnswer(Answer answer, const char* what, std::size_t at) {
+        runWith([&] { world.answer = [=](auto&, auto index) { return index == at ? std::optional<CK_RV>(answer()) : std::nullopt; }; }, what, at);
+    }
     bool run(Pkcs11& p11) const {
         RoadArgs args;
         return m_road.run(p11, args);
@@ -64,33 +69,15 @@ TEST_P(FaultsTest, EveryReturnValueAtEveryCall) {
     }
     const std::size_t length = traceLength();
     for (std::size_t at = 0; at < length; ++at) {
-        for (const CK_RV rv : codes) {
-            runWith([&] { world.answer = [=](auto&, auto index) { return index == at ? std::optional(rv) : std::nullopt; }; }, rvName(rv).c_str(), at);
-        }
-        runWith(
-            [&] {
-                world.answer = [=](auto&, auto index) -> std::optional<CK_RV> {
-                    if (index == at) throw 7;
-                    return {};
-                };
-            },
-            "int", at);
-        runWith(
-            [&] {
-                world.answer = [=](auto&, auto index) -> std::optional<CK_RV> {
-                    if (index == at) throw std::runtime_error("x");
-                    return {};
-                };
-            },
-            "exception", at);
+        for (const CK_RV rv : codes) runWithAnswer([rv] { return rv; }, rvName(rv).c_str(), at);
+        runWithAnswer([]() -> CK_RV { throw 7; }, "int", at);
+        runWithAnswer([]() -> CK_RV { throw std::runtime_error("x"); }, "exception", at);
     }
 }
 
 TEST_P(FaultsTest, OneReturnValueAtEveryCall) {
     const std::size_t length = traceLength();
-    for (std::size_t at = 0; at < length; ++at) {
-        runWith([&] { world.answer = [=](auto&, auto index) { return index == at ? std::optional(CKR_DEVICE_REMOVED) : std::nullopt; }; }, "one", at);
-    }
+    for (std::size_t at = 0; at < length; ++at) runWithAnswer([] { return CKR_DEVICE_REMOVED; }, "one", at);
 }
 
 using Lie = void (*)(fake::Outputs& out);

@@ -14,27 +14,25 @@ namespace mervane::test {
 namespace {
 
 TEST(TextTest, Utf8IsMadeValidAndFitForOneLine) {
-    const struct {
-        std::string text;
-        std::string valid;
-        std::string line;
-        std::size_t width;
-    } rows[] = {
+    const std::string replaced = "\xEF\xBF\xBD";
+    const std::string beyondAscii = "\xC3\xBC\xE4\xBD\xA0\xF0\x9F\x98\x80";
+    const std::string control("a\n\x1B[2J\0", 7);
+    const std::tuple<std::string, std::string, std::string, std::size_t> rows[] = {
         {"plain", "plain", "plain", 5},
-        {"\xC3\xBC\xE4\xBD\xA0\xF0\x9F\x98\x80", "\xC3\xBC\xE4\xBD\xA0\xF0\x9F\x98\x80", "\xC3\xBC\xE4\xBD\xA0\xF0\x9F\x98\x80", 5},
+        {beyondAscii, beyondAscii, beyondAscii, 5},
         {"e\xCC\x81", "e\xCC\x81", "e\xCC\x81", 1},
-        {"\xC0\x80\xED\xA0\x80", "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD", "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD",
-         5},
-        {"a\xE2\x82", "a\xEF\xBF\xBD\xEF\xBF\xBD", "a\xEF\xBF\xBD\xEF\xBF\xBD", 3},
-        {std::string("a\n\x1B[2J\0", 7), std::string("a\n\x1B[2J\0", 7), "a\\x0a\\x1b[2J\\x00", 7},
+        {"\xC0\x80", replaced + replaced, replaced + replaced, 2},
+        {"\xED\xA0\x80", replaced + replaced + replaced, replaced + replaced + replaced, 3},
+        {"a\xE2\x82", "a" + replaced + replaced, "a" + replaced + replaced, 3},
+        {control, control, "a\\x0a\\x1b[2J\\x00", 7},
         {"\xC2\x9B\xE2\x80\xAE", "\xC2\x9B\xE2\x80\xAE", "\\x9b\\u{202e}", 2},
     };
-    for (const auto& row : rows) {
-        EXPECT_EQ(toValidUtf8(row.text), row.valid);
+    for (const auto& [text, valid, oneLine, width] : rows) {
+        EXPECT_EQ(toValidUtf8(text), valid);
         std::string line;
-        appendOneLine(line, row.text);
-        EXPECT_EQ(line, row.line);
-        EXPECT_EQ(displayWidth(row.text), row.width);
+        appendOneLine(line, text);
+        EXPECT_EQ(line, oneLine);
+        EXPECT_EQ(displayWidth(text), width);
     }
 }
 
@@ -99,15 +97,12 @@ TEST(JsonTest, DepthIsBoundedAndErrorsHaveTheirPlace) {
     EXPECT_FALSE(parseJson(nested(65), value, error));
     EXPECT_FALSE(parseJson(std::string(100000, '['), value, error));
     ClsJsonObject json;
-    const struct {
-        const char* text;
-        const char* line;
-    } rows[] = {{"{\n \"a\": 1,\n \"b\" 2}", "Invalid JSON at line 3, column 6: ':' is expected after a member name."},
-                {"", "Invalid JSON at line 1, column 1: a value is expected."},
-                {"[1,\n\n,2]", "Invalid JSON at line 3, column 1: a value is expected."}};
-    for (const auto& row : rows) {
-        EXPECT_FALSE(json.loadJson(row.text, json.log()));
-        EXPECT_EQ(json.log().lastError(), row.line);
+    const std::pair<const char*, const char*> rows[] = {{"{\n \"a\": 1,\n \"b\" 2}", "Invalid JSON at line 3, column 6: ':' is expected after a member name."},
+                                                        {"", "Invalid JSON at line 1, column 1: a value is expected."},
+                                                        {"[1,\n\n,2]", "Invalid JSON at line 3, column 1: a value is expected."}};
+    for (const auto& [text, line] : rows) {
+        EXPECT_FALSE(json.loadJson(text, json.log()));
+        EXPECT_EQ(json.log().lastError(), line);
     }
 }
 
@@ -116,31 +111,17 @@ TEST(JsonTest, PathsRecordsAndSharing) {
     auto json = std::make_unique<ClsJsonObject>();
     ASSERT_TRUE(json->loadJson(R"({"a":{"b":[{"k":"x"},{"k":"Y","n":[1,2]},7]},"t":true,"s":"","d":1,"d":2,"z":null})", log));
     json->put_I(1);
-    const struct {
-        const char* path;
-        int type;
-    } rows[] = {{"", 3},
-                {"a", 3},
-                {"a.b", 4},
-                {"a.b[0].k", 1},
-                {"a.b[i].k", 1},
-                {"a.b[2]", 2},
-                {"a.b[3]", -1},
-                {"a.b[i].n[i]", 2},
-                {"t", 5},
-                {"z", 6},
-                {"s", 1},
-                {"a.", -1},
-                {"a..b", -1},
-                {"a[0]", -1},
-                {"t.x", -1},
-                {"a.b[]", -1},
-                {"a.b[-1]", -1},
-                {"a.b[1", -1},
-                {"a.b[99999999999999999999]", -1},
-                {"a.b.[0]", -1},
-                {"a.b[ 0]", -1}};
-    for (const auto& row : rows) EXPECT_EQ(json->JsonTypeOf(row.path), row.type) << row.path;
+    const std::pair<int, std::vector<const char*>> rows[] = {
+        {1, {"a.b[0].k", "a.b[i].k", "s"}},
+        {2, {"a.b[2]", "a.b[i].n[i]"}},
+        {3, {"", "a"}},
+        {4, {"a.b"}},
+        {5, {"t"}},
+        {6, {"z"}},
+        {-1, {"a.", "a..b", "a[0]", "t.x", "a.b[]", "a.b[-1]", "a.b[1", "a.b[3]", "a.b[99999999999999999999]", "a.b.[0]", "a.b[ 0]"}}};
+    for (const auto& [type, paths] : rows) {
+        for (const char* const path : paths) EXPECT_EQ(json->JsonTypeOf(path), type) << path;
+    }
     json->put_I(-1);
     EXPECT_EQ(json->JsonTypeOf("a.b[i]"), -1);
     json->put_I(1 << 30);

@@ -149,24 +149,21 @@ TEST_F(QueriesTest, SelectorsAndDescriptionsAreCheckedBeforeTheModuleIsAsked) {
     for (const char* const selector : {"privat", "private;rsa", "all keys"}) {
         EXPECT_THAT(keys(selector), testing::MatchesRegex("The key selector has an unknown word: \".*\"\\.\\{\\}"));
     }
-    const struct {
-        const char* text;
-        const char* error;
-    } rows[] = {{R"({"clas":"data"})", "The description has an unknown member: \"clas\"."},
-                {R"({"class":"key"})",
-                 "The member \"class\" of the description is not one of certificate, privateKey, "
-                 "publicKey, secretKey, data."},
-                {R"({"keyType":1})", "The member \"keyType\" of the description is not RSA or EC."},
-                {R"({"id":"012"})", "The member \"id\" of the description is not hexadecimal digits."},
-                {R"({"token":"yes"})", "The member \"token\" of the description is not true or false."},
-                {R"({"label":null})", "The member \"label\" of the description is not a string."},
-                {R"({"token":true,"token":1})", "The description names \"token\" twice."},
-                {"[1]", "The description of the object is not a JSON object."}};
-    for (const auto& row : rows) {
+    const std::pair<const char*, const char*> rows[] = {{R"({"clas":"data"})", "The description has an unknown member: \"clas\"."},
+                                                        {R"({"class":"key"})",
+                                                         "The member \"class\" of the description is not one of certificate, privateKey, "
+                                                         "publicKey, secretKey, data."},
+                                                        {R"({"keyType":1})", "The member \"keyType\" of the description is not RSA or EC."},
+                                                        {R"({"id":"012"})", "The member \"id\" of the description is not hexadecimal digits."},
+                                                        {R"({"token":"yes"})", "The member \"token\" of the description is not true or false."},
+                                                        {R"({"label":null})", "The member \"label\" of the description is not a string."},
+                                                        {R"({"token":true,"token":1})", "The description names \"token\" twice."},
+                                                        {"[1]", "The description of the object is not a JSON object."}};
+    for (const auto& [text, error] : rows) {
         ClsJsonObject json;
-        ASSERT_TRUE(json.loadJson(row.text, p11->log()));
+        ASSERT_TRUE(json.loadJson(text, p11->log()));
         EXPECT_EQ(p11->FindObject(json), 0);
-        EXPECT_EQ(p11->log().lastError(), row.error);
+        EXPECT_EQ(p11->log().lastError(), error);
     }
     EXPECT_THAT(world.journal, IsEmpty());
     EXPECT_FALSE(p11->InitToken(1, XString("x"), XString(std::string(33, 'l'))));

@@ -24,6 +24,10 @@ JsonValue describe(const Certificate& cert) {
     text("issuer", &Certificate::getIssuerDN);
     text("serialNumber", &Certificate::getSerialNumber);
     text("sha1Thumbprint", &Certificate::getSha1ThumbprintX);
+    std::string from, to;
+    cert.getValidity(from, to);
+    out.set("notBefore", from);
+    out.set("notAfter", to);
     out.set("keyUsage", cert.getIntendedKeyUsage(log));
     int bits = 0;
     out.set("keyType", cert.getCertKeyType(bits, log));

@@ -125,6 +125,41 @@ fake::Object ecPublicObject(CK_OBJECT_HANDLE handle, const std::string& cert, co
     return object;
 }
 
+const std::vector<PublicCall>& publicCalls() {
+    static const XString userPin(fake::Slot().userPin);
+    static ClsJsonObject json;
+    static const std::vector<PublicCall> calls = {
+        {"Initialize", [](Pkcs11& p) { return p.Initialize(); }},
+        {"QuickSession", [](Pkcs11& p) { return p.QuickSession(1, userPin); }},
+        {"Discover", [](Pkcs11& p) { return p.Discover(true, json); }},
+        {"OpenSession", [](Pkcs11& p) { return p.OpenSession(-1, true); }},
+        {"CloseSession", [](Pkcs11& p) { return p.CloseSession(); }},
+        {"Login", [](Pkcs11& p) { return p.Login(1, userPin); }},
+        {"Logout", [](Pkcs11& p) { return p.Logout(); }},
+        {"SetPin", [](Pkcs11& p) { return p.SetPin(userPin, userPin); }},
+        {"InitPin", [](Pkcs11& p) { return p.InitPin(userPin); }},
+        {"FindCert_pkcs11", [](Pkcs11& p) { return p.InitToken(9, userPin, XString("l")); }},
+        {"FindObject",
+         [](Pkcs11& p) {
+             json.clear(p.log());
+             return p.FindObject(json) != 0;
+         }},
+        {"FindAllKeys", [](Pkcs11& p) { return p.FindAllKeys(XString(), json); }},
+        {"FindAllCerts", [](Pkcs11& p) { return p.FindAllCerts(); }},
+        {"FindCert_pkcs11",
+         [](Pkcs11& p) {
+             ClsCert cert;
+             return p.FindCert(XString(), XString(), cert);
+         }},
+        {"GetCert_pkcs11",
+         [](Pkcs11& p) {
+             ClsCert cert;
+             return p.GetCert(0, cert);
+         }},
+    };
+    return calls;
+}
+
 FakeTest::FakeTest() { p11->put_SharedLibPath(XString(module.path())); }
 
 void FakeTest::forget() {

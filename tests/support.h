@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -95,6 +96,13 @@ fake::Object certObject(CK_OBJECT_HANDLE handle, const std::string& cert, const 
 fake::Object keyObject(CK_OBJECT_HANDLE handle, const std::string& cert, const KeyTraits& traits);
 /// The public key of a certificate's EC key pair; its point raw or as DER OCTET STRING.
 fake::Object ecPublicObject(CK_OBJECT_HANDLE handle, const std::string& cert, const std::string& id, bool wrapped);
+
+/// A call of each public method that asks something of the token, under the context that it opens.
+struct PublicCall {
+    const char* context;
+    std::function<bool(Pkcs11&)> call;
+};
+const std::vector<PublicCall>& publicCalls();
 
 /// A test on the scriptable module. Whatever the test does, at its end no log line may hold a PIN,
 /// no context may be open, the module may have seen nothing against the standard, and once the

@@ -6,6 +6,7 @@
 #include "foundation/x509/name.h"
 #include "foundation/x509/oid.h"
 #include "foundation/x509/sha1.h"
+#include "tests/readers.h"
 #include "tests/support.h"
 
 namespace mervane::test {
@@ -31,32 +32,21 @@ static_assert(contentSize({0x1F, 0x81, 0x00}) == -1);  // tag above 30
 static_assert(contentSize({0x30}) == -1);
 
 TEST(OidTest, TextAndOctetsAgree) {
-    const struct {
-        const char* octets;
-        const char* text;
-        bool back;
-    } rows[] = {
-        {"550403", "2.5.4.3", true},
-        {"2A864886F70D010101", "1.2.840.113549.1.1.1", true},
-        {"00", "0.0", true},
-        {"883703", "2.999.3", true},
-        {"69AAF8DDC9A3A3B3B3B3B3B3B3B3B3B3B3B3B37F", "2.25.", false},  // an arc beyond 64 bits
-        {"", "", false},
-        {"5504", "2.5.4", true},
-        {"80", "", false},      // ends within an arc
-        {"558004", "", false},  // padded arc
-    };
-    for (const auto& row : rows) {
-        const auto octets = hex(row.octets);
-        const std::string text = oidToText(octets);
-        EXPECT_THAT(text, testing::StartsWith(row.text)) << row.octets;
-        if (row.back) {
-            EXPECT_EQ(toHex(hex(row.octets)), toHex(der::Bytes(reinterpret_cast<const std::uint8_t*>(oidFromText(row.text).data()), octets.size())));
-        }
+    const std::pair<const char*, const char*> rows[] = {{"550403", "2.5.4.3"},
+                                                        {"2A864886F70D010101", "1.2.840.113549.1.1.1"},
+                                                        {"00", "0.0"},
+                                                        {"883703", "2.999.3"},
+                                                        {"5504", "2.5.4"},
+                                                        // 2.25 and a UUID of 128 bits (ITU-T X.667): an arc beyond 64 bits, which is read only
+                                                        {"6983F09DA7EBCFDEE0C7A1A7B2C0948CC8F9D776", "2.25.329800735698586629295641978511506172918"}};
+    for (const auto& [octets, dotted] : rows) {
+        EXPECT_EQ(oidToText(hex(octets)), dotted);
+        const std::string back = oidFromText(dotted);
+        EXPECT_EQ(toHex(der::Bytes(reinterpret_cast<const std::uint8_t*>(back.data()), back.size())), std::strlen(octets) > 30 ? "" : octets);
     }
+    // Nothing, one that ends within an arc, one with a padded arc
+    for (const char* const bad : {"", "80", "558004"}) EXPECT_EQ(oidToText(hex(bad)), "") << bad;
     EXPECT_TRUE(oidToText(std::vector<std::uint8_t>(5000, 0xFF)).empty());
-    // 2.25 and a UUID of 128 bits (ITU-T X.667)
-    EXPECT_EQ(oidToText(hex("6983F09DA7EBCFDEE0C7A1A7B2C0948CC8F9D776")), "2.25.329800735698586629295641978511506172918");
     for (const char* const bad : {"", "1", "3.1", "1.40", "1..2", "1.2.", "a.b", "1.2.99999999999999999999"}) { EXPECT_TRUE(oidFromText(bad).empty()) << bad; }
 }
 
@@ -89,13 +79,9 @@ std::string nameOf(std::string_view attributes, bool withTags = true) {
 }
 
 TEST(NameTest, TextForms) {
-    const struct {
-        const char* attributes;
-        const char* text;
-    } rows[] = {
+    const std::pair<const char*, const char*> rows[] = {
         {"", ""},
         {"2.5.4.3:0C:416C;2.5.4.10:13:42", "CN=Al, O=B"},
-        {"2.5.4.3:0C:2061 ", "malformed"},
         {"2.5.4.3:0C:2C2B223C3E3B5C", "CN=\\,\\+\\\"\\<\\>\\;\\\\"},
         {"2.5.4.3:0C:20782020", "CN=\\ x \\ "},
         {"2.5.4.3:0C:2361", "CN=\\#a"},
@@ -115,10 +101,7 @@ TEST(NameTest, TextForms) {
         {"1.2.840.113549.1.9.1:16:6140;0.9.2342.19200300.100.1.25:16:62", "E=a@, DC=b"},
         {"2.5.4.3:0C:", "CN="},
     };
-    for (const auto& row : rows) {
-        if (std::string_view(row.text) == "malformed") continue;
-        EXPECT_EQ(nameOf(row.attributes), row.text) << row.attributes;
-    }
+    for (const auto& [attributes, text] : rows) EXPECT_EQ(nameOf(attributes), text) << attributes;
     EXPECT_EQ(nameOf("2.5.4.3:0C:61;2.5.4.10:13:622C", false), "a, b\\,");
     EXPECT_FALSE(nameToText(hex("310130"), true));
     EXPECT_FALSE(nameToText(hex("3003300130"), true));
@@ -160,37 +143,22 @@ TEST(CertificateTest, ExtensionsOfAnyFormStayReadable) {
     // A qualifier's OID is no policy.
     EXPECT_EQ(xml("2.5.29.32", "3017301506022A03300F300D06082B06010505070201160161"),
               "<certificatePolicies><policy><oid>1.2.3</oid></policy></certificatePolicies>");
-    const struct {
-        const char* value;
-        int bits;
-    } usages[] = {{"030206C0", 0xC0}, {"030206FF", 0xC0}, {"03030700FF", 0x00}, {"0303078080", 0x80}, {"030100", 0}, {"0500", 0}, {"", 0}};
-    for (const auto& row : usages) EXPECT_EQ(keyUsageBits(hex(row.value)), row.bits) << row.value;
+    const std::pair<const char*, int> usages[] = {
+        {"030206C0", 0xC0}, {"030206FF", 0xC0}, {"03030700FF", 0x00}, {"0303078080", 0x80}, {"030100", 0}, {"0500", 0}, {"", 0}};
+    for (const auto& [value, bits] : usages) EXPECT_EQ(keyUsageBits(hex(value)), bits) << value;
 }
 
 TEST(CertificateTest, EveryTruncationAndFlippedByteIsHarmless) {
-    LogNull log;
     for (const char* const name : {"alice", "p521", "explicit"}) {
-        const fake::Bytes der = certDer(name);
-        for (std::size_t size = 0; size < der.size(); ++size) { EXPECT_EQ(Certificate::createFromDer(der::Bytes(der).first(size), log), nullptr); }
-        for (std::size_t at = 0; at < der.size(); ++at) {
+        fake::Bytes der = certDer(name);
+        for (std::size_t size = 0; size < der.size(); ++size) EXPECT_FALSE(readAll(der::Bytes(der).first(size)));
+        for (unsigned char& byte : der) {
+            const unsigned char before = byte;
             for (const unsigned flip : {0x01U, 0x80U, 0xFFU}) {
-                fake::Bytes changed = der;
-                changed[at] = static_cast<unsigned char>(changed[at] ^ flip);
-                const auto cert = Certificate::createFromDer(changed, log);
-                if (!cert) continue;
-                XString text;
-                StringBuffer xml;
-                _mvPublicKey key;
-                int bits = 0;
-                DataBuffer point;
-                cert->getSubjectDN(text, log);
-                cert->getIssuerDN(text, log);
-                cert->getSubjectPart("CN", text, log);
-                cert->getSerialNumber(text, log);
-                for (const char* const oid : {"2.5.29.32", "2.5.29.15", "2.5.29.37", "2.5.29.19", "2.5.29.17"}) cert->getExtensionXml(oid, xml, log);
-                cert->getCertKeyType(bits, log);
-                if (cert->getCertPublicKey(key, log) && key.getEccKey() != nullptr) key.getEccKey()->exportEccPoint(point, log);
+                byte = static_cast<unsigned char>(before ^ flip);
+                readAll(der);
             }
+            byte = before;
         }
     }
 }

@@ -45,11 +45,11 @@ std::string serialToText(der::Bytes content) {
 // RFC 5280 4.1.2.5: "YYMMDDhhmmssZ" with a pivot of 50, or "YYYYMMDDhhmmssZ".
 std::string timeToText(const der::Element& time) {
     std::string text(asChars(time.content));
-    if (time.tag == der::kUtcTime && text.size() == 13)
-        text.insert(0, text[0] >= '5' ? "19" : "20");
-    const bool inForm =
-        text.size() == 15 && text.back() == 'Z' && text.find_first_not_of("0123456789") == 14;
+    const bool isUtc = time.tag == der::kUtcTime;
+    const bool inForm = text.size() == (isUtc ? 13 : 15) && text.back() == 'Z' &&
+                        text.find_first_not_of("0123456789") == text.size() - 1;
     if (!inForm) return text;
+    if (isUtc) text.insert(0, text[0] >= '5' ? "19" : "20");
     std::string out = text.substr(0, 4) + "-" + text.substr(4, 2) + "-" + text.substr(6, 2) + "T";
     return out + text.substr(8, 2) + ":" + text.substr(10, 2) + ":" + text.substr(12, 2) + "Z";
 }
