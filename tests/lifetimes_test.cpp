@@ -28,9 +28,13 @@ TEST_F(LifetimesTest, CertificateOutlivesItsToken) {
     p11.reset();
     EXPECT_FALSE(cert.HasPrivateKey());
     EXPECT_EQ(cn(cert), "Alice");
-    XString subject;
-    cert.get_SubjectDN(subject);
-    EXPECT_THAT(std::string(subject.view()), HasSubstr("CN=Alice"));
+    XString text;
+    cert.get_SubjectDN(text);
+    EXPECT_THAT(std::string(text.view()), HasSubstr("CN=Alice"));
+    cert.get_SerialNumber(text);
+    EXPECT_EQ(text.view(), "0A1B");
+    cert.get_Sha1Thumbprint(text);
+    EXPECT_EQ(text.view().size(), 40U);
 }
 
 TEST_F(LifetimesTest, LinkHoldsForItsSessionOnly) {

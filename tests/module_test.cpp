@@ -134,6 +134,8 @@ TEST_F(ModuleTest, FunctionListThatCannotBeUsedIsRefused) {
 }
 
 TEST_F(ModuleTest, InitializeTwiceCallsTheModuleOnce) {
+    const std::unique_ptr<ClsPkcs11> other(ClsPkcs11::createNewCls());
+    EXPECT_FALSE(other->cardRequiresPss(other->log()) || other->Initialize());
     EXPECT_TRUE(p11->Initialize());
     forget();
     EXPECT_TRUE(p11->Initialize());

@@ -1,6 +1,7 @@
 // Discovery, administration and object queries on a module that tells what it likes.
 
 #include "foundation/json/parser.h"
+#include "foundation/text/hex.h"
 #include "tests/support.h"
 
 namespace mervane::test {
@@ -176,8 +177,9 @@ TEST_F(QueriesTest, ObjectsAreFoundByWhatDescribesThem) {
     cert.attributes[CKA_SERIAL_NUMBER] = {0x02, 0x02, 0x0A, 0x1B};
     fake::Object bare = certObject(0xFFFFFFFE, "bob", "b");
     bare.attributes[CKA_SERIAL_NUMBER] = {0xBE, 0xEF};
-    objects() = {cert, bare, keyObject(7, "alice", {.id = "a"}), keyObject(8, "p256", {.id = "c"})};
+    objects() = {cert, bare, keyObject(7, "alice", {.id = "a", .withSubject = true}), keyObject(8, "p256", {.id = "c"})};
     ASSERT_TRUE(quick());
+    const std::string subject = R"({"subject":")" + toHex(objects()[2].attributes[CKA_SUBJECT]) + "\"}";
     const struct {
         const char* text;
         int result;
@@ -186,6 +188,7 @@ TEST_F(QueriesTest, ObjectsAreFoundByWhatDescribesThem) {
                 {R"({"serialNumber":"0a1b"})", -1, "8589934591"},
                 {R"({"serialNumber":"BEEF"})", -2, "4294967294"},
                 {R"({"class":"privateKey","id":"61"})", 7, "7"},
+                {subject.c_str(), 7, "7"},
                 {R"({"keyType":"EC"})", 8, "8"},
                 {R"({"id":"63","handle":5})", 8, "8"},
                 {R"({"id":"62"})", -2, "4294967294"},

@@ -133,13 +133,6 @@ constexpr NamedValue kKeyTypes[] = {
     {0x45, "SHA512_T_HMAC"},
 };
 
-// CKO_ values.
-constexpr NamedValue kObjectClasses[] = {
-    {0, "data"},      {1, "certificate"}, {2, "publicKey"},        {3, "privateKey"},
-    {4, "secretKey"}, {5, "hwFeature"},   {6, "domainParameters"}, {7, "mechanism"},
-    {8, "otpKey"},    {9, "profile"},
-};
-
 constexpr PinState kPinStates[] = {
     {0x00080000, false, "userPinToBeChanged", "The user PIN has to be changed."},
     {0x00800000, true, "soPinToBeChanged", "The security officer's PIN has to be changed."},
@@ -176,9 +169,6 @@ std::string mechanismName(CK_MECHANISM_TYPE type) {
 }
 std::string keyTypeName(CK_ULONG keyType) {
     return nameOf(kKeyTypes, keyType);
-}
-std::string objectClassName(CK_ULONG objectClass) {
-    return nameOf(kObjectClasses, objectClass);
 }
 std::vector<std::string> slotFlagNames(CK_FLAGS flags) {
     return flagNames(kSlotFlags, flags);
