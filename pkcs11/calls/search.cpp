@@ -81,7 +81,7 @@ bool ClsPkcs11::findObjects(std::span<CK_ATTRIBUTE> query, std::size_t limit,
     auto rv = begin();
     if (rv == CKR_OPERATION_ACTIVE) {
         // Left behind by somebody else on this session.
-        ask(log, entry::kFindObjectsFinal);
+        attempt(log, entry::kFindObjectsFinal);
         rv = begin();
     }
     if (!rv || !report(entry::kFindObjectsInit, *rv, log)) return false;
