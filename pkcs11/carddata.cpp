@@ -1,4 +1,4 @@
-// Chapter 4: the card database that the library carries, and the look-up of a card by its ATR. All
+// The card database that the library carries, and the look-up of a card by its ATR. All
 // of it is static: it needs no module, no session and no object.
 
 #include <array>

@@ -1,4 +1,4 @@
-// Chapter 2: the certificate cache, its enumeration, and the choice of one certificate.
+// The certificate cache, its enumeration, and the choice of one certificate.
 
 #include <array>
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <ranges>
 #include <string_view>
 #include <utility>
 
@@ -34,24 +35,35 @@ const std::vector<KeyIndex::Slot>& KeyIndex::indexOf(const ExtPtrArray& keys, Fi
     for (int i = 0; i < keys.getSize(); ++i) {
         const Pkcs11_PrivateKey* const key = keyAt(keys, i);
         if (key == nullptr || (key->*field).isEmpty()) continue;
-        index->slots.push_back({hashOf((key->*field).span()), i});
+        index->slots.push_back({hashOf((key->*field).span()), i, 0});
     }
     std::ranges::sort(index->slots, {}, orderOf<Slot>);
+    std::size_t toSigning = 0;  // from behind the last slot there is none to go
+    for (Slot& slot : std::views::reverse(index->slots)) {
+        toSigning = keyAt(keys, slot.position)->maySign() ? 0 : toSigning + 1;
+        slot.toSigning = toSigning;
+    }
     index->field = field;
     index->changes = keys.changes();
     return index->slots;
 }
 
 const Pkcs11_PrivateKey* KeyIndex::find(const ExtPtrArray& keys, Field field,
-                                        std::span<const std::uint8_t> value, int from, int& at) {
+                                        std::span<const std::uint8_t> value, Among among, int from,
+                                        int& at) {
     const auto& slots = indexOf(keys, field);
     const std::uint64_t hash = hashOf(value);
     auto slot = std::ranges::lower_bound(slots, std::pair(hash, from), {}, orderOf<Slot>);
-    for (; slot != slots.end() && slot->hash == hash; ++slot) {
+    while (slot != slots.end() && slot->hash == hash) {
         const Pkcs11_PrivateKey* const key = keyAt(keys, slot->position);
-        if (key == nullptr || !std::ranges::equal((key->*field).span(), value)) continue;
-        at = slot->position;
-        return key;
+        if (among == Among::Signing && slot->toSigning != 0) {
+            slot += static_cast<std::ptrdiff_t>(slot->toSigning);
+        } else if (!std::ranges::equal((key->*field).span(), value)) {
+            ++slot;
+        } else {
+            at = slot->position;
+            return key;
+        }
     }
     return nullptr;
 }

@@ -19,15 +19,19 @@ class KeyIndex {
   public:
     using Field = DataBuffer Pkcs11_PrivateKey::*;
 
+    enum class Among { All, Signing };  // Signing: those that may sign
+
     /// The first record at or behind position `from` whose `field` equals `value` (not empty);
     /// `at` is its position. Null when there is none.
     const Pkcs11_PrivateKey* find(const ExtPtrArray& keys, Field field,
-                                  std::span<const std::uint8_t> value, int from, int& at);
+                                  std::span<const std::uint8_t> value, Among among, int from,
+                                  int& at);
 
   private:
     struct Slot {
         std::uint64_t hash;
         int position;
+        std::size_t toSigning;  // slots from here to the next one whose key may sign, or to the end
     };
     struct FieldIndex {
         Field field = nullptr;

@@ -1,4 +1,4 @@
-// Chapter 1: the object, its module, sessions, login, PIN and token administration, queries.
+// The object, its module, sessions, login, PIN and token administration, queries.
 // The functions of the module itself are called in calls/ alone.
 
 #include <dlfcn.h>

@@ -1,4 +1,4 @@
-// Chapter 3: the private key that belongs to a certificate, and the link between the two.
+// The private key that belongs to a certificate, and the link between the two.
 
 #include <initializer_list>
 #include <string>
@@ -13,6 +13,10 @@ namespace {
 
 enum KeyType : int { kRsa = 1, kEc = 3 };
 
+// Keys that fit a certificate and may not sign are named in the log up to that many; a token that
+// lists thousands under one ID is not real.
+constexpr int kMaxNamed = 100;
+
 constexpr int bytesOfBits(int bits) noexcept {
     return (bits + 7) / 8;
 }
@@ -23,19 +27,22 @@ CK_OBJECT_HANDLE firstRsaKey(const ExtPtrArray& keys, KeyIndex& index, KeyIndex:
                              std::initializer_list<const DataBuffer*> values, bool requireSign,
                              const char* by, LogBase& log) {
     const std::string found = std::string("Found matching PKCS11 RSA private key by ") + by;
-    for (int from = 0;;) {
+    int from = 0;
+    for (int numRefused = 0;; ++numRefused) {
+        const auto among = numRefused < kMaxNamed ? KeyIndex::Among::All : KeyIndex::Among::Signing;
         const Pkcs11_PrivateKey* first = nullptr;
         int firstAt = 0;
         for (const DataBuffer* const value : values) {
             int at = 0;
-            const auto* const key =
-                value->isEmpty() ? nullptr : index.find(keys, field, value->span(), from, at);
+            const auto* const key = value->isEmpty()
+                                        ? nullptr
+                                        : index.find(keys, field, value->span(), among, from, at);
             if (key == nullptr || (first != nullptr && at > firstAt)) continue;
             first = key;
             firstAt = at;
         }
         if (first == nullptr) return 0;
-        if (!requireSign || first->m_signState != Pkcs11_PrivateKey::kMayNotSign) {
+        if (!requireSign || first->maySign()) {
             log.LogInfo(found + ".");
             return first->m_handle;
         }
@@ -133,9 +140,10 @@ CK_OBJECT_HANDLE ClsPkcs11::findEcKey(Certificate& cert, bool quick, LogBase& lo
 
     const auto find = [&](KeyIndex::Field field, const DataBuffer& value) -> CK_OBJECT_HANDLE {
         int at = 0;
-        const auto* const key =
-            value.isEmpty() ? nullptr
-                            : m_ecdsaIndex.find(m_ecdsaPrivKeys, field, value.span(), 0, at);
+        const auto* const key = value.isEmpty()
+                                    ? nullptr
+                                    : m_ecdsaIndex.find(m_ecdsaPrivKeys, field, value.span(),
+                                                        KeyIndex::Among::All, 0, at);
         if (key == nullptr) return 0;
         log.LogInfo("Found matching PKCS11 ECDSA private key.");
         return key->m_handle;

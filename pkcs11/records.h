@@ -22,6 +22,8 @@ class Pkcs11_PrivateKey final : public NonRefCountedObj {
         kMayNotSign = 2,  ///< CKA_SIGN is false or missing
     };
 
+    [[nodiscard]] bool maySign() const noexcept { return m_signState != kMayNotSign; }
+
     CK_OBJECT_HANDLE m_handle = 0;
     DataBuffer m_subjectDer;  ///< CKA_SUBJECT, the DER of a name
     DataBuffer m_modulus;     ///< CKA_MODULUS as the token has it, big-endian (RSA)

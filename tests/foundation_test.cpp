@@ -23,6 +23,7 @@ TEST(TextTest, Utf8IsMadeValidAndFitForOneLine) {
         {"e\xCC\x81", "e\xCC\x81", "e\xCC\x81", 1},
         {"\xC0\x80", replaced + replaced, replaced + replaced, 2},
         {"\xED\xA0\x80", replaced + replaced + replaced, replaced + replaced + replaced, 3},
+        {"\xED\xBF\xBF", replaced + replaced + replaced, replaced + replaced + replaced, 3},
         {"a\xE2\x82", "a" + replaced + replaced, "a" + replaced + replaced, 3},
         {control, control, "a\\x0a\\x1b[2J\\x00", 7},
         {"\xC2\x9B\xE2\x80\xAE", "\xC2\x9B\xE2\x80\xAE", "\\x9b\\u{202e}", 2},
@@ -151,6 +152,11 @@ TEST(JsonTest, WrittenTextIsValidWhateverItHolds) {
                                10));
     EXPECT_EQ(toJsonText(value, false), "{\"t\":\"\\\"\\\\\\n\\u0001\\u007F\\u009B\xEF\xBF\xBD\xC3\xBC\"}");
     EXPECT_EQ(toJsonText(JsonValue::array(), true), "[]");
+    // Pairs of surrogates at both ends, and halves
+    JsonError error;
+    EXPECT_TRUE(parseJson(R"("\uD800\uDC00\uDBFF\uDFFF\uD834x\uDC00\uD834\uD834\uDD1E")", value, error));
+    const std::string half = "\xEF\xBF\xBD";
+    EXPECT_EQ(value.asString(), "\xF0\x90\x80\x80\xF4\x8F\xBF\xBF" + half + "x" + half + half + "\xF0\x9D\x84\x9E");
 }
 
 class TestObject final : public ClsBase {};
@@ -173,7 +179,7 @@ TEST(LogTest, RendersAsTextAndJson) {
     EXPECT_EQ(
         toJsonText(value, false),
         R"([{"context":"Call","entries":[{"info":"line\\x0awith end"},{"context":"inner","entries":[{"name":"n","value":"-5"},{"error":"wrong"},{"info":"do this"}]}]},{"context":"Next","entries":[]}])");
-    EXPECT_TRUE(object.log().lastError().empty());  // of the last call
+    EXPECT_TRUE(object.log().lastError().empty() && object.log().lastHint().empty());  // of the last call
 }
 
 TEST(LogTest, KeepsTheCurrentCallAndWhatFitsOfEarlierOnes) {

@@ -99,6 +99,7 @@ TEST_F(KeysTest, ThoroughFillReadsSubjectAndModulusAtOnce) {
     EXPECT_THAT(p11->contexts(), Not(Contains("retry_subjectDer_modulus")));
     p11->clearPrivateKeyCaches();
     EXPECT_FALSE(p11->m_rsaKeysLoaded || p11->m_ecdsaKeysLoaded);
+    EXPECT_EQ(p11->m_rsaPrivKeys.getSize() + p11->m_ecdsaPrivKeys.getSize(), 0);
     EXPECT_TRUE(p11->m_rsaKeysHaveSubject && p11->m_rsaKeysHaveModulus);  // until the next fill
     EXPECT_TRUE(p11->cacheRsaPrivateKeys(false, false, p11->log()));
     EXPECT_FALSE(p11->m_rsaKeysHaveSubject || p11->m_rsaKeysHaveModulus);
@@ -217,6 +218,15 @@ TEST_F(KeysTest, FailureToReadKeysEndsTheSearchInItsOwnWay) {
     EXPECT_EQ(how().back(), kNoRsa);
 }
 
+TEST_F(KeysTest, ThousandsOfKeysThatMayNotSignAreNotAllNamed) {
+    objects() = {certObject(10, "alice", "a")};
+    for (CK_OBJECT_HANDLE i = 0; i < 3000; ++i) objects().push_back(keyObject(100 + i, "alice", {.id = i % 2 == 0 ? "a" : "x", .maySign = i == 2998}));
+    ASSERT_TRUE(quick());
+    EXPECT_EQ(link(), 100U + 2998U);
+    EXPECT_EQ(how().size(), 101U);
+    EXPECT_EQ(how().back(), kById);
+}
+
 TEST_F(KeysTest, OneCallReadsOneObject) {
     objects().clear();
     constexpr int kNum = 50;
@@ -258,21 +268,25 @@ TEST_F(KeysTest, MatchingBySubjectOrModulusReadsEachKeyTwiceAtMost) {
     EXPECT_LE(world.journal.size(), 3U * kNum + 20U);
 }
 
-// Modules that do not do as the standard has it with a missing attribute.
+// Modules that do not do as the standard has it with a missing attribute, or with one that is too long.
 TEST_F(KeysTest, ModuleThatGivesUpAtAMissingAttributeIsAskedOneByOne) {
     objects() = {certObject(10, "alice", "a"), certObject(11, "bob", "b"), keyObject(20, "alice", {.id = "a"})};
+    objects()[0].attributes[CKA_VALUE].resize(20000);
     ASSERT_TRUE(quick());
     world.lie = [](fake::Outputs& out) {
-        if (out.function != "C_GetAttributeValue" || out.room == 1 || out.room == 4) return;
+        if (out.function != "C_GetAttributeValue" || out.room == 1) return;
         for (CK_ULONG i = 0; i < out.room; ++i) {  // untouched: as before the call
             CK_ATTRIBUTE& a = out.attributes[i];
-            a.ulValueLen = a.type == CKA_ID ? 1024 : 1;
-            std::memset(a.pValue, a.type == CKA_ID ? 0 : 0xFF, a.ulValueLen);
+            const bool isNumber = a.type == CKA_CERTIFICATE_TYPE;
+            const bool isFlag = a.type == CKA_SIGN || a.type == CKA_ALWAYS_AUTHENTICATE;
+            a.ulValueLen = isFlag ? 1 : isNumber ? sizeof(CK_ULONG) : a.type == CKA_VALUE ? 8192 : 1024;
+            std::memset(a.pValue, isFlag || isNumber ? 0xFF : 0, a.ulValueLen);
         }
         out.result = CKR_ATTRIBUTE_TYPE_INVALID;
     };
     EXPECT_EQ(link(), 20U);
     EXPECT_THAT(how(), ElementsAre(kById));
+    EXPECT_EQ(p11->get_NumCerts(), 2);
 }
 
 }  // namespace
