@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <functional>
-#include <ranges>
 #include <string_view>
 #include <utility>
 
@@ -39,9 +38,9 @@ const std::vector<KeyIndex::Slot>& KeyIndex::indexOf(const ExtPtrArray& keys, Fi
     }
     std::ranges::sort(index->slots, {}, orderOf<Slot>);
     std::size_t toSigning = 0;  // from behind the last slot there is none to go
-    for (Slot& slot : std::views::reverse(index->slots)) {
-        toSigning = keyAt(keys, slot.position)->maySign() ? 0 : toSigning + 1;
-        slot.toSigning = toSigning;
+    for (auto slot = index->slots.rbegin(); slot != index->slots.rend(); ++slot) {
+        toSigning = keyAt(keys, slot->position)->maySign() ? 0 : toSigning + 1;
+        slot->toSigning = toSigning;
     }
     index->field = field;
     index->changes = keys.changes();
