@@ -6,6 +6,12 @@ namespace mervane {
 
 static_assert(sizeof(JsonValue) == 2 * sizeof(void*));
 
+JsonValue::JsonValue(const JsonValue& other) = default;
+JsonValue::JsonValue(JsonValue&& other) noexcept = default;
+JsonValue& JsonValue::operator=(const JsonValue& other) = default;
+JsonValue& JsonValue::operator=(JsonValue&& other) noexcept = default;
+JsonValue::~JsonValue() = default;
+
 template <JsonValue::Kind kind>
 void JsonValue::setText(std::string_view text) {
     using Short = ShortText<kind>;

@@ -34,6 +34,13 @@ using JsonObject = CompactList<JsonMember>;  // in document order
 class JsonValue {
   public:
     JsonValue() noexcept = default;
+    // In one place: inlined, the tree's recursion takes a quarter of the library.
+    JsonValue(const JsonValue& other);
+    JsonValue(JsonValue&& other) noexcept;
+    JsonValue& operator=(const JsonValue& other);
+    JsonValue& operator=(JsonValue&& other) noexcept;
+    ~JsonValue();
+
     explicit JsonValue(bool value) noexcept : m_data(value) {}
     explicit JsonValue(std::string_view text);
     explicit JsonValue(const std::string& text) : JsonValue(std::string_view(text)) {}
