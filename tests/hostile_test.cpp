@@ -31,14 +31,16 @@ Bytes repeated(const Bytes& piece, std::size_t size) {
 
 const Bytes kOidCn("\x06\x03\x55\x04\x03", 5);
 const Bytes kPlainName = tlv(0x30, tlv(0x31, tlv(0x30, kOidCn + tlv(0x0C, "A"))));
-const Bytes kRsaKey = tlv(0x30, tlv(0x30, tlv(0x06, "\x2A\x86\x48\x86\xF7\x0D\x01\x01\x01")) +
-                                    tlv(0x03, Bytes(1, '\0') + tlv(0x30, tlv(0x02, Bytes(128, '\x71')) + tlv(0x02, "\x03"))));
+Bytes rsaKey(std::size_t size) {
+    return tlv(0x30, tlv(0x30, tlv(0x06, "\x2A\x86\x48\x86\xF7\x0D\x01\x01\x01")) +
+                         tlv(0x03, Bytes(1, '\0') + tlv(0x30, tlv(0x02, '\0' + Bytes(size, '\xF1')) + tlv(0x02, "\x03"))));
+}
 
 struct Parts {
     Bytes serial = tlv(0x02, "\x05");
     Bytes issuer = kPlainName;
     Bytes subject = kPlainName;
-    Bytes key = kRsaKey;
+    Bytes key = rsaKey(128);
     Bytes extensions;
 };
 
@@ -82,11 +84,7 @@ const struct {
     {"many extensions", [](std::size_t n) { return certificate({.extensions = repeated(extension('\x63', "v"), n)}); }},
     {"many policies", [](std::size_t n) { return certificate({.extensions = extension('\x20', tlv(0x30, repeated(tlv(0x30, tlv(0x06, "\x2A")), n)))}); }},
     {"unknown extension", [](std::size_t n) { return certificate({.extensions = extension('\x0E', Bytes(n, 'x'))}); }},
-    {"huge modulus",
-     [](std::size_t n) {
-         return certificate({.key = tlv(0x30, tlv(0x30, tlv(0x06, "\x2A\x86\x48\x86\xF7\x0D\x01\x01\x01")) +
-                                                  tlv(0x03, Bytes(1, '\0') + tlv(0x30, tlv(0x02, Bytes(n, '\x71')) + tlv(0x02, "\x03"))))});
-     }},
+    {"huge modulus", [](std::size_t n) { return certificate({.key = rsaKey(n)}); }},
     {"trailing bytes", [](std::size_t n) { return certificate({}) + Bytes(n, '\0'); }},
 };
 
@@ -174,10 +172,10 @@ TEST(HostileTest, MalformedPartsHaveNoValue) {
         {"implicit CA", ecKey(tlv(0x05, ""), '\x04' + Bytes(64, 'x')), 0, false},
         {"explicit", ecKey(tlv(0x30, tlv(0x02, "\x01")), '\x04' + Bytes(64, 'x')), 0, false},
         {"unused bits", tlv(0x30, tlv(0x30, ec + p256) + tlv(0x03, Bytes(1, '\x03') + '\x04' + Bytes(64, 'x'))), 0, false},
-        {"RSA of 504 bits",
-         tlv(0x30, tlv(0x30, tlv(0x06, "\x2A\x86\x48\x86\xF7\x0D\x01\x01\x01")) +
-                       tlv(0x03, Bytes(1, '\0') + tlv(0x30, tlv(0x02, Bytes(63, '\x71')) + tlv(0x02, "\x03")))),
-         0, false},
+        {"RSA of 504 bits", rsaKey(63), 0, false},
+        {"RSA of 512 bits", rsaKey(64), 1, false},
+        {"RSA of 16384 bits", rsaKey(2048), 1, false},
+        {"RSA of 16392 bits", rsaKey(2049), 0, false},
         {"RSA without exponent",
          tlv(0x30, tlv(0x30, tlv(0x06, "\x2A\x86\x48\x86\xF7\x0D\x01\x01\x01")) + tlv(0x03, Bytes(1, '\0') + tlv(0x30, tlv(0x02, Bytes(128, '\x71'))))), 0,
          false},

@@ -21,14 +21,20 @@ bool wholeSession(Pkcs11& p, RoadArgs& a) {
 }
 
 bool findRsa(Pkcs11& p, RoadArgs& a) {
-    return p.QuickSession(1, a.userPin) && givesCert([&](ClsCert& c) { return p.FindCert(a.privateKey, a.empty, c); });
+    const bool found = p.QuickSession(1, a.userPin) && givesCert([&](ClsCert& c) { return p.FindCert(a.privateKey, a.empty, c); });
+    EXPECT_TRUE(!found || p.hasOpenSession());
+    return found;
 }
 
 bool findEc(Pkcs11& p, RoadArgs& a) {
-    return p.QuickSession(1, a.userPin) && givesCert([&](ClsCert& c) {
-               const bool ok = p.FindCert(a.commonName, a.curve, c);
-               return ok && (p.linkCertToPkcs11Session(c.getCert().get(), false, p.log()), true);
-           });
+    bool isLinked = false;
+    const bool found = p.QuickSession(1, a.userPin) && givesCert([&](ClsCert& c) {
+                           const bool ok = p.FindCert(a.commonName, a.curve, c);
+                           isLinked = ok && p.linkCertToPkcs11Session(c.getCert().get(), false, p.log());
+                           return ok;
+                       });
+    EXPECT_TRUE(!isLinked || p.hasOpenSession());
+    return found && isLinked;
 }
 
 bool discoverAll(Pkcs11& p, RoadArgs& a) { return p.Discover(false, a.report); }
