@@ -89,10 +89,11 @@ bool ClsPkcs11::findObjects(std::span<CK_ATTRIBUTE> query, std::size_t limit,
     rv = gatherObjects(limit, handles, log);
     const auto endRv = operation.end();
     // Reported when the search has ended: the report may give the session up.
-    if (!rv || !report(entry::kFindObjects, *rv, log)) return false;
-    // What was found counts, unless there is no session left to read it on.
-    return !endRv || !endsUse(Needs::Session, *endRv) ||
-           report(entry::kFindObjectsFinal, *endRv, log);
+    const bool isWhole = rv && report(entry::kFindObjects, *rv, log);
+    if (hasOpenSession() && endRv && endsUse(Needs::Session, *endRv)) {
+        report(entry::kFindObjectsFinal, *endRv, log);
+    }
+    return isWhole && hasOpenSession();  // handles are of no use without
 }
 
 std::optional<CK_RV> ClsPkcs11::gatherObjects(std::size_t limit,
