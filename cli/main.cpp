@@ -1,6 +1,9 @@
 // mervane-p11: what a PKCS#11 module holds, from the command line. Data goes to standard output,
 // everything else to standard error.
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <array>
 #include <exception>
 #include <iostream>
@@ -84,7 +87,18 @@ Exit run(const Options& options, ClsPkcs11& p11) {
     return Exit::Done;
 }
 
+// A module must not open its files where this program writes: what is closed is taken. Nothing can
+// be read from the one or written to the others, which is then said.
+void takeStandardDescriptors() {
+    for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (::fcntl(descriptor, F_GETFD) != -1) continue;
+        const int mode = descriptor == STDIN_FILENO ? O_WRONLY : O_RDONLY;
+        static_cast<void>(::open("/dev/null", mode));  // gets the lowest number, which is this one
+    }
+}
+
 int main(std::span<const char* const> words) {
+    takeStandardDescriptors();
     Options options;
     ClsPkcs11 p11;
     Failure failure{Exit::Done, {}, {}};

@@ -8,6 +8,13 @@
 
 namespace mervane::cli {
 
+namespace {
+
+// A longer cell moves the rest of its own line, instead of padding all others.
+constexpr std::size_t kMaxWidth = 200;
+
+}  // namespace
+
 std::string printable(std::string_view text) {
     std::string out;
     appendOneLine(out, text);
@@ -23,13 +30,14 @@ void Table::print() const {
     std::vector<std::size_t> widths(m_rows.front().size(), 0);
     for (const auto& row : m_rows) {
         for (std::size_t i = 0; i < row.size(); ++i)
-            widths[i] = std::max(widths[i], displayWidth(row[i]));
+            widths[i] = std::max(widths[i], std::min(displayWidth(row[i]), kMaxWidth));
     }
     std::string out;
     for (const auto& row : m_rows) {
         std::string line;
         for (std::size_t i = 0; i < row.size(); ++i) {
-            line.append(row[i]).append(widths[i] - displayWidth(row[i]) + 2, ' ');
+            const std::size_t width = displayWidth(row[i]);
+            line.append(row[i]).append(widths[i] - std::min(width, widths[i]) + 2, ' ');
         }
         line.erase(line.find_last_not_of(' ') + 1);
         out.append(line).push_back('\n');

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <filesystem>
 #include <optional>
 
 #include "cli/output.h"
@@ -93,14 +94,20 @@ void loginAs(ClsPkcs11& p11, const Options& options, bool hasPinPad) {
 void useModule(ClsPkcs11& p11, const Options& options) {
     if (options.module.empty())
         usageError("No module is named: use --module PATH or set MERVANE_P11_MODULE.");
-    p11.put_SharedLibPath(XString(options.module));
+    // A file of that name here is meant, not one on the loader's search path.
+    std::error_code error;
+    const bool isHere = std::filesystem::is_regular_file(options.module, error);
+    const auto path =
+        isHere ? std::filesystem::absolute(options.module, error).string() : options.module;
+    p11.put_SharedLibPath(XString(error ? options.module : path));
 }
 
 void throwLastError(const ClsPkcs11& p11, Exit status) {
     std::string error = p11.log().lastError();
     if (error.empty()) error = "The call failed.";
-    const bool aboutPin = error.find("CKR_PIN_") != std::string::npos ||
-                          error.find("CKR_USER_PIN_NOT_INITIALIZED") != std::string::npos;
+    const bool aboutPin =
+        error.find(" failed with CKR_PIN_") != std::string::npos ||
+        error.find(" failed with CKR_USER_PIN_NOT_INITIALIZED") != std::string::npos;
     throw Failure{aboutPin ? Exit::Pin : status, error, p11.log().lastHint()};
 }
 

@@ -23,7 +23,7 @@ namespace mervane {
 enum class Needs : unsigned char;
 template <Needs N, class Function>
 struct Entry;
-struct PinArgument;
+class PinArgument;
 struct Pkcs11SessionAnchor;
 
 /// A PKCS#11 module in use: loads it, opens a session with a token, logs in, lists and chooses

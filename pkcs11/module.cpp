@@ -3,7 +3,9 @@
 
 #include <dlfcn.h>
 
+#include <algorithm>
 #include <array>
+#include <initializer_list>
 #include <memory>
 
 #include "foundation/core/forkwatch.h"
@@ -19,6 +21,16 @@ namespace {
 constexpr std::string_view kCertHandleModule = "libkeyfactorpkcs11";
 
 constexpr int kContextSpecific = 2;  // CKU_CONTEXT_SPECIFIC
+
+// The internal methods take PINs and labels as C strings, which a NUL would cut short.
+bool areCStrings(std::initializer_list<const XString*> texts, LogBase& log) {
+    const auto hasNul = [](const XString* text) {
+        return text->view().find('\0') != std::string_view::npos;
+    };
+    if (std::ranges::none_of(texts, hasNul)) return true;
+    log.LogError("A PIN or label with a NUL character in it is refused.");
+    return false;
+}
 
 }  // namespace
 
@@ -206,11 +218,11 @@ bool ClsPkcs11::openSession(int slotId, bool readWrite, LogBase& log) {
     if (slotId == -1) return std::ranges::any_of(present, open);
 
     log.LogDataLong("desiredSlotId", slotId);
-    // An ID beyond 31 bits is given as the int of the same 32 bits.
-    const auto isWanted = [slotId](unsigned long id) {
-        return id == static_cast<unsigned long>(slotId) || id == static_cast<unsigned int>(slotId);
-    };
-    const auto wanted = std::ranges::find_if(present, isWanted);
+    // An ID beyond 31 bits is given as the int of the same 32 bits; where there is none of 32 bits,
+    // as the one whose upper bits are all set.
+    auto wanted = std::ranges::find(present, static_cast<unsigned int>(slotId));
+    if (wanted == present.end())
+        wanted = std::ranges::find(present, static_cast<unsigned long>(slotId));
     if (wanted == present.end()) {
         log.LogError("Did not find desired slot ID.");
         return false;
@@ -230,6 +242,7 @@ bool ClsPkcs11::QuickSession(int userType, const XString& pin) {
             log.LogError(sentence);
             return false;
         };
+        if (!areCStrings({&pin}, log)) return false;
         if (!m_initialized && !C_Initialize(log)) return failed("Failed to initialize");
         if (!openSession(-1, true, log)) return failed("Failed to open session.");
         if (pin.isEmpty()) {
@@ -245,7 +258,9 @@ bool ClsPkcs11::QuickSession(int userType, const XString& pin) {
 bool ClsPkcs11::Login(int userType, const XString& pin) {
     // Of the two branches only the one that keeps the PIN records its outcome.
     return publicCall("Login", Record::No, [&](LogBase& log) {
-        if (userType != kContextSpecific) return C_Login(userType, pin.getUtf8(), false, log);
+        if (userType != kContextSpecific) {
+            return areCStrings({&pin}, log) && C_Login(userType, pin.getUtf8(), false, log);
+        }
         setContextSpecificPin(pin, log);
         logSuccessFailure2(true, log);
         return true;
@@ -281,13 +296,15 @@ bool ClsPkcs11::alreadyLoggedIn(int userType, LogBase&) const noexcept {
 
 bool ClsPkcs11::SetPin(const XString& oldPin, const XString& newPin) {
     return publicCall("SetPin", Record::Yes, [&](LogBase& log) {
-        return C_SetPIN(oldPin.getUtf8(), newPin.getUtf8(), log);
+        return areCStrings({&oldPin, &newPin}, log) &&
+               C_SetPIN(oldPin.getUtf8(), newPin.getUtf8(), log);
     });
 }
 
 bool ClsPkcs11::InitPin(const XString& pin) {
-    return publicCall("InitPin", Record::Yes,
-                      [&](LogBase& log) { return C_InitPIN(pin.getUtf8(), log); });
+    return publicCall("InitPin", Record::Yes, [&](LogBase& log) {
+        return areCStrings({&pin}, log) && C_InitPIN(pin.getUtf8(), log);
+    });
 }
 
 bool ClsPkcs11::InitToken(int slotId, const XString& soPin, const XString& label) {
@@ -295,7 +312,8 @@ bool ClsPkcs11::InitToken(int slotId, const XString& soPin, const XString& label
     return publicCall("FindCert_pkcs11", Record::Yes, [&](LogBase& log) {
         // No slot means "any" here: a negative number is an ID of 32 bits like others.
         const auto id = static_cast<unsigned long>(static_cast<unsigned int>(slotId));
-        return C_InitToken(id, soPin.getUtf8(), label.getUtf8(), log);
+        return areCStrings({&soPin, &label}, log) &&
+               C_InitToken(id, soPin.getUtf8(), label.getUtf8(), log);
     });
 }
 

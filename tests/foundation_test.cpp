@@ -159,6 +159,30 @@ TEST(JsonTest, WrittenTextIsValidWhateverItHolds) {
     EXPECT_EQ(value.asString(), "\xF0\x90\x80\x80\xF4\x8F\xBF\xBF" + half + "x" + half + half + "\xF0\x9D\x84\x9E");
 }
 
+// A value may be changed by a part of itself.
+TEST(JsonTest, PartsOfAValueChangeIt) {
+    const auto after = [](const char* text, const std::function<void(JsonValue&)>& change) {
+        JsonValue value;
+        JsonError error;
+        EXPECT_TRUE(parseJson(text, value, error));
+        change(value);
+        return toJsonText(value, false);
+    };
+    const std::tuple<const char*, std::function<void(JsonValue&)>, const char*> rows[] = {
+        {R"(["x",["long enough for a block"]])", [](JsonValue& v) { v = (*v.asArray())[0]; }, R"("x")"},
+        {R"(["x",["long enough for a block"]])", [](JsonValue& v) { v = (*v.asArray())[1]; }, R"(["long enough for a block"])"},
+        {R"({"a":{"b":123456789}})", [](JsonValue& v) { v = std::move(*v.find("a")); }, R"({"b":123456789})"},
+        {R"({"a":{"b":123456789}})", [](JsonValue& v) { v = std::move(*v.find("a")->find("b")); }, "123456789"},
+        {R"({"k1":1,"k2":2,"k1":3})", [](JsonValue& v) { v.remove(v.asObject()->begin()->name()); }, R"({"k2":2})"},
+        {R"({"a long name 1":1,"k2":2,"a long name 1":3})", [](JsonValue& v) { v.remove(v.asObject()->begin()->name()); }, R"({"k2":2})"},
+        {R"("a name of its own")", [](JsonValue& v) { v.set(*v.asString(), 1); }, R"({"a name of its own":1})"},
+        {"[[1]]", [](JsonValue& v) { v.append((*v.asArray())[0]); }, "[[1],[1]]"},
+        {"[123456789]", [](JsonValue& v) { JsonValue taken = std::move(const_cast<JsonValue&>((*v.asArray())[0])); }, "[null]"},
+        {"[1]", [](JsonValue& v) { v = *&v; }, "[1]"},
+    };
+    for (const auto& [text, change, result] : rows) EXPECT_EQ(after(text, change), result) << text;
+}
+
 class TestObject final : public ClsBase {};
 
 TEST(LogTest, RendersAsTextAndJson) {

@@ -210,6 +210,10 @@ TEST_F(ModuleTest, OpenSessionChoosesTheSlot) {
     EXPECT_EQ(p11->m_slotId, 7U);
     EXPECT_EQ(world.journal.at(2).arguments, (std::vector<CK_ULONG>{1, 100}));  // slots with a token, room for 100
     EXPECT_EQ(world.journal.back().arguments, (std::vector<CK_ULONG>{7, CKF_SERIAL_SESSION}));
+    slots({0xFFFFFFFF80000001, 0x80000001});
+    EXPECT_TRUE(p11->OpenSession(static_cast<int>(0x80000001), false));
+    EXPECT_EQ(p11->m_slotId, 0x80000001U);  // before the one that the sign would make of it
+    slots({3, 7});
     forget();
     EXPECT_FALSE(p11->OpenSession(5, true));
     EXPECT_THAT(p11->values(), ElementsAre("desiredSlotId=5"));
@@ -352,6 +356,26 @@ TEST_F(ModuleTest, WrongPinIsTriedOnceAndTheTokensStateIsSaid) {
         EXPECT_THAT(p11->log().lastError(), HasSubstr("C_Login failed with CKR_PIN_"));
     }
     EXPECT_THAT(p11->values(), Contains("userPinLocked=true"));
+}
+
+TEST_F(ModuleTest, PinIsHandedOverWholeAndStaysTheCallers) {
+    ASSERT_TRUE(p11->QuickSession(1, XString()));
+    forget();
+    const std::string cut("1234-secret-user-pin-987\0x", 26);
+    for (const auto& [context, ok] : {std::pair{"QuickSession", p11->QuickSession(1, XString(cut))},
+                                      {"Login", p11->Login(1, XString(cut))},
+                                      {"SetPin", p11->SetPin(XString("x"), XString(cut))},
+                                      {"InitPin", p11->InitPin(XString(cut))},
+                                      {"InitToken", p11->InitToken(1, XString(cut), XString("l"))},
+                                      {"label", p11->InitToken(1, XString("x"), XString(cut))}}) {
+        EXPECT_FALSE(ok) << context;
+    }
+    EXPECT_EQ(p11->errors(), std::vector<std::string>(6, "A PIN or label with a NUL character in it is refused."));
+    EXPECT_THAT(world.journal, IsEmpty());
+    world.spoilsPins = true;
+    const XString pin(world.slots[0].userPin);
+    EXPECT_TRUE(p11->Login(1, pin));
+    EXPECT_EQ(pin.view(), world.slots[0].userPin);
 }
 
 TEST_F(ModuleTest, EmptyPinIsLeftToTheReadersPinPadWhereItHasOne) {

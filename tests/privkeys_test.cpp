@@ -250,6 +250,20 @@ TEST_F(KeysTest, OneCallReadsOneObject) {
     EXPECT_LE(world.journal.size(), 2U * kNum + 14U);
 }
 
+TEST_F(KeysTest, KeysThatCannotBeReadAreAskedForOnce) {
+    for (CK_OBJECT_HANDLE i = 0; i < 20; ++i) {
+        objects().push_back(certObject(100 + i, "alice", "a"));
+        objects().push_back(keyObject(200 + i, "alice", {.id = "a"}));
+    }
+    ASSERT_TRUE(quick());
+    world.answer = [this](auto& f, auto i) {
+        return f == "C_GetAttributeValue" && world.journal[i].arguments[1] >= 200 ? std::optional(CKR_GENERAL_ERROR) : std::nullopt;
+    };
+    ClsCert cert;
+    EXPECT_FALSE(p11->FindCert(XString("privateKey"), XString(), cert));
+    EXPECT_EQ(world.count("C_GetAttributeValue"), 40U);
+}
+
 TEST_F(KeysTest, MatchingBySubjectOrModulusReadsEachKeyTwiceAtMost) {
     constexpr int kNum = 40;
     for (int i = 0; i < kNum; ++i) {

@@ -224,6 +224,25 @@ TEST_F(QueriesTest, FixedSizesCountOnlyExactly) {
     }
 }
 
+// A module that claims values and writes none: what the room held is not taken for them.
+TEST_F(QueriesTest, UnwrittenValuesAreNoValues) {
+    objects() = {keyObject(7, "alice", {.id = "a"})};
+    ASSERT_TRUE(quick());
+    for (const CK_ULONG claimed : {CK_ULONG{1}, CK_ULONG{20}, CK_ULONG{500}}) {
+        world.lie = [&](fake::Outputs& out) {
+            for (CK_ULONG i = 0; out.attributes != nullptr && i < out.room; ++i) {
+                CK_ATTRIBUTE& a = out.attributes[i];
+                // As the reader presets its room: for all at once, and for one again.
+                const bool isFixed = a.type != CKA_ID && a.type != CKA_LABEL && a.ulValueLen != CK_UNAVAILABLE_INFORMATION;
+                a.ulValueLen = isFixed ? a.ulValueLen : claimed;
+                std::memset(a.pValue, out.room == 1 ? 0xA5 : 0xFF, std::min<CK_ULONG>(a.ulValueLen, 64));
+            }
+            if (out.attributes != nullptr) out.result = CKR_OK;
+        };
+        EXPECT_EQ(keys("private"), R"({"keys":[{"handle":7,"class":"private"}]})") << claimed;
+    }
+}
+
 TEST_F(QueriesTest, PinAdministrationFollowsTheStandard) {
     EXPECT_FALSE(p11->SetPin(XString("a"), XString("b")));
     EXPECT_EQ(p11->log().lastError(), "PKCS11 functions not available");

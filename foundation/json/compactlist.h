@@ -62,10 +62,11 @@ class CompactList {
 
     template <class... Args>
     T& emplace_back(Args&&... args) {
+        T item(std::forward<Args>(args)...);  // `args` may be of an element that moves now
         if (size() == capacity()) reserve(std::max<std::size_t>(1, 2 * size()));
-        T* const item = std::construct_at(end(), std::forward<Args>(args)...);
+        T* const added = std::construct_at(end(), std::move(item));
         ++m_block->size;
-        return *item;
+        return *added;
     }
 
     /// Adds copies of elements that are not its own.

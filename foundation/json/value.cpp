@@ -7,9 +7,17 @@ namespace mervane {
 static_assert(sizeof(JsonValue) == 2 * sizeof(void*));
 
 JsonValue::JsonValue(const JsonValue& other) = default;
-JsonValue::JsonValue(JsonValue&& other) noexcept = default;
-JsonValue& JsonValue::operator=(const JsonValue& other) = default;
-JsonValue& JsonValue::operator=(JsonValue&& other) noexcept = default;
+JsonValue::JsonValue(JsonValue&& other) noexcept
+    : m_data(std::exchange(other.m_data, std::monostate())) {}
+// What is assigned may be a part of this value, so that it is taken out before the old one goes.
+JsonValue& JsonValue::operator=(const JsonValue& other) {
+    return *this = JsonValue(other);
+}
+JsonValue& JsonValue::operator=(JsonValue&& other) noexcept {
+    JsonValue taken(std::move(other));
+    m_data.swap(taken.m_data);
+    return *this;
+}
 JsonValue::~JsonValue() = default;
 
 template <JsonValue::Kind kind>
@@ -63,16 +71,17 @@ JsonValue* JsonValue::find(std::string_view name) noexcept {
 }
 
 JsonValue& JsonValue::set(std::string_view name, JsonValue value) {
-    if (asObject() == nullptr) m_data = JsonObject();
     if (JsonValue* const old = find(name)) return *old = std::move(value);
     JsonMember member{JsonValue(name), std::move(value)};
+    if (asObject() == nullptr) m_data = JsonObject();
     return std::get<JsonObject>(m_data).emplace_back(std::move(member)).value;
 }
 
 void JsonValue::remove(std::string_view name) {
     auto* const members = std::get_if<JsonObject>(&m_data);
     if (members != nullptr) {
-        members->eraseIf([name](const JsonMember& member) { return member.name() == name; });
+        const std::string wanted(name);  // `name` may be that of a member
+        members->eraseIf([&wanted](const JsonMember& member) { return member.name() == wanted; });
     }
 }
 

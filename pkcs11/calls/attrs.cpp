@@ -11,8 +11,14 @@ namespace {
 
 constexpr std::size_t kMaxValue = std::size_t{1024} * 1024;
 
-// What numbers and flags are preset to: no standard value, and no truth value either.
+// All that long values of one list may take together; far beyond what tokens hold.
+constexpr std::size_t kMaxLongTotal = std::size_t{64} * 1024 * 1024;
+
+// What room is preset to, so that a value which the module claims and did not write is told from
+// one that it wrote. Should a value really be all of that, the second reading finds it over
+// another.
 constexpr std::uint8_t kUnwritten = 0xFF;
+constexpr std::uint8_t kUnwrittenAgain = 0xA5;
 
 // A value of a length that did not fit the common room.
 class LongValue final : public NonRefCountedObj {
@@ -27,14 +33,20 @@ bool isPartial(CK_RV rv) noexcept {
            rv == CKR_BUFFER_TOO_SMALL;
 }
 
-// The part of a room that is preset, so that a value which the module did not write is not mistaken
-// for that of the object read before: enough for no DER and no identifier to begin like it.
+// The part of a room that is preset: enough for no DER and no identifier to begin like it.
 std::span<std::uint8_t> startOf(std::span<std::uint8_t> room) noexcept {
     return room.first(std::min<std::size_t>(room.size(), 64));
 }
 
-bool isAll(std::span<const std::uint8_t> bytes, std::uint8_t value) noexcept {
-    return std::ranges::all_of(bytes, [value](std::uint8_t b) { return b == value; });
+void preset(std::span<std::uint8_t> room, std::uint8_t value) noexcept {
+    std::ranges::fill(startOf(room), value);
+}
+
+// Whether a value of that length was not written into the room that was preset.
+bool isUntouched(std::span<std::uint8_t> room, std::size_t length, std::uint8_t value) noexcept {
+    const auto given = startOf(room.first(length));
+    return length != 0 &&
+           std::ranges::all_of(given, [value](std::uint8_t b) { return b == value; });
 }
 
 }  // namespace
@@ -73,7 +85,7 @@ void ObjectReader::prepare() {
     m_record.m_fixed.fill(kUnwritten);
     for (std::size_t i = 0; i < m_rows.size(); ++i) {
         const auto room = roomOf(i);
-        if (m_rows[i].kind == AttrKind::Bytes) std::ranges::fill(startOf(room), std::uint8_t{0});
+        if (m_rows[i].kind == AttrKind::Bytes) preset(room, kUnwritten);
         m_attributes[i] = {m_rows[i].type, room.data(), room.size()};
     }
     m_present.fill(false);
@@ -91,14 +103,13 @@ ObjectReader::State ObjectReader::judge(std::size_t row, CK_RV rv) {
         // A fixed size fits, so that "too small" says nothing about this one.
         if (isUnavailable && rv == CKR_BUFFER_TOO_SMALL) return State::AskAgain;
         if (given.ulValueLen != room.size()) return State::Absent;
-        if (isAll(room, kUnwritten)) return State::AskAgain;
     } else {
         if (isUnavailable) return rv == CKR_BUFFER_TOO_SMALL ? State::TooLong : State::Absent;
         if (given.ulValueLen > room.size()) return State::TooLong;
         // A module that gave up at an earlier attribute has not touched this one.
-        if (given.ulValueLen == room.size() && (rv != CKR_OK || isAll(startOf(room), 0)))
-            return State::AskAgain;
+        if (given.ulValueLen == room.size() && rv != CKR_OK) return State::AskAgain;
     }
+    if (isUntouched(room, given.ulValueLen, kUnwritten)) return State::AskAgain;
     m_values[row] = room.first(given.ulValueLen);
     return State::Present;
 }
@@ -138,7 +149,7 @@ ObjectReader::State ObjectReader::readAlone(std::size_t row, CK_OBJECT_HANDLE ob
                                             LogBase& log) {
     ++m_record.m_numAskedAgain;
     const auto room = roomOf(row);
-    std::ranges::fill(startOf(room), std::uint8_t{0});
+    preset(room, kUnwrittenAgain);
     CK_ATTRIBUTE& attribute = m_attributes[row];
     attribute = {m_rows[row].type, room.data(), room.size()};
     const auto rv =
@@ -147,8 +158,7 @@ ObjectReader::State ObjectReader::readAlone(std::size_t row, CK_OBJECT_HANDLE ob
     if (rv != CKR_OK || attribute.ulValueLen > room.size()) return State::Absent;
     const bool isFixed = m_rows[row].kind != AttrKind::Bytes;
     if (isFixed && attribute.ulValueLen != room.size()) return State::Absent;
-    if (!isFixed && attribute.ulValueLen == room.size() && isAll(startOf(room), 0))
-        return State::Absent;
+    if (isUntouched(room, attribute.ulValueLen, kUnwrittenAgain)) return State::Absent;
     m_values[row] = room.first(attribute.ulValueLen);
     return State::Present;
 }
@@ -162,15 +172,20 @@ ObjectReader::State ObjectReader::readLong(std::size_t row, CK_OBJECT_HANDLE obj
             m_owner.attempt(log, entry::kGetAttributeValue, object, &attribute, CK_ULONG{1});
         if (rv != CKR_OK) return State::Absent;
     }
-    if (attribute.ulValueLen > kMaxValue) {
+    if (attribute.ulValueLen > kMaxValue || m_longTotal + attribute.ulValueLen > kMaxLongTotal) {
         m_record.m_malformed.appendString(toHexNumber(m_rows[row].type));
         return State::Absent;
     }
+    m_longTotal += attribute.ulValueLen;
     auto value = std::make_unique<LongValue>(attribute.ulValueLen);
+    preset(value->bytes, kUnwritten);
     attribute = {m_rows[row].type, value->bytes.data(), value->bytes.size()};
     const auto rv =
         m_owner.attempt(log, entry::kGetAttributeValue, object, &attribute, CK_ULONG{1});
-    if (rv != CKR_OK || attribute.ulValueLen > value->bytes.size()) return State::Absent;
+    if (rv != CKR_OK || attribute.ulValueLen > value->bytes.size() ||
+        isUntouched(value->bytes, attribute.ulValueLen, kUnwritten)) {
+        return State::Absent;
+    }
     m_values[row] = der::Bytes(value->bytes).first(attribute.ulValueLen);
     m_record.m_longValues.appendObject(std::move(value));
     return State::Present;

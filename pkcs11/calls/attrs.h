@@ -28,7 +28,8 @@ struct AttrRow {
 ///
 /// Nothing that the module says is believed: the room is preset so that what it did not write is
 /// not taken for a value, lengths count only within the room, fixed-size values only at their exact
-/// size, and no value may be longer than 1 MiB.
+/// size, no value may be longer than 1 MiB, and those beyond the common room not longer than 64 MiB
+/// together.
 class ObjectReader {
   public:
     /// `rows` is kept by reference; at most 16.
@@ -68,6 +69,7 @@ class ObjectReader {
     std::array<CK_ATTRIBUTE, kMaxRows> m_attributes{};
     std::array<der::Bytes, kMaxRows> m_values{};  // of the rows present
     std::array<bool, kMaxRows> m_present{};
+    std::size_t m_longTotal = 0;  // bytes of values beyond the common room, in all objects read
 };
 
 }  // namespace mervane

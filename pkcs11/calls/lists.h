@@ -26,15 +26,16 @@ bool ClsPkcs11::fetchList(const Entry<N, Function>& entry, CK_ULONG limit,
                           std::vector<CK_ULONG>& list, LogBase& log, Args... args) {
     constexpr int kMaxTries = 4;
     constexpr CK_ULONG kSpare = 16;
+    constexpr CK_ULONG kMaxRoom = 1048576;  // bounds what a module can make us allocate
     for (int numTries = 0; numTries < kMaxTries; ++numTries) {
         CK_ULONG count = 0;
         if (!invoke(log, entry, args..., static_cast<CK_ULONG*>(nullptr), &count)) return false;
-        list.assign(std::min(count, limit) + kSpare, CK_UNAVAILABLE_INFORMATION);
+        list.assign(std::min(count, kMaxRoom) + kSpare, CK_UNAVAILABLE_INFORMATION);
         count = list.size();
         const auto rv = ask(log, entry, args..., list.data(), &count);
         if (rv == CKR_BUFFER_TOO_SMALL) continue;
         if (!rv || !report(entry, *rv, log)) return false;
-        list.resize(numWritten(list, count));
+        list.resize(std::min(numWritten(list, count), static_cast<std::size_t>(limit)));
         return true;
     }
     log.LogError(std::string(entry.name) + " does not settle on the length of its list.");

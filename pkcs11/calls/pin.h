@@ -7,15 +7,24 @@
 
 namespace mervane {
 
-/// A PIN as an argument of a module's function, which takes it by a pointer that is not const. It
-/// is handed over where it lies, never copied.
-struct PinArgument {
-    explicit PinArgument(const char* pin) noexcept
-        : bytes(reinterpret_cast<CK_UTF8CHAR*>(const_cast<char*>(pin))),
-          size(std::char_traits<char>::length(pin)) {}
+/// A PIN as an argument of a module's function, which takes it by a pointer that is not const: a
+/// copy, so that the caller's stays what it is, wiped at the end.
+class PinArgument {
+  public:
+    explicit PinArgument(const char* pin) : m_pin(pin) {}
 
-    CK_UTF8CHAR* bytes;
-    CK_ULONG size;
+    /// The reader asks for the PIN on its own pad.
+    void leaveToPinPad() noexcept { m_isLeft = true; }
+
+    [[nodiscard]] CK_UTF8CHAR* bytes() noexcept {
+        return m_isLeft ? nullptr
+                        : reinterpret_cast<CK_UTF8CHAR*>(const_cast<char*>(m_pin.getUtf8()));
+    }
+    [[nodiscard]] CK_ULONG size() const noexcept { return m_pin.view().size(); }
+
+  private:
+    XString m_pin;
+    bool m_isLeft = false;
 };
 
 template <Needs N, class Function>

@@ -137,7 +137,7 @@ std::vector<std::uint8_t> derInteger(std::span<const std::uint8_t> number) {
     std::vector<std::uint8_t> content(number.begin(), number.end());
     if (content.empty() || (content.front() & 0x80U) != 0) content.insert(content.begin(), 0);
     // Serial numbers have 20 octets (RFC 5280 4.1.2.2); the short form of the length holds 127.
-    content.resize(std::min<std::size_t>(content.size(), 127));
+    if (content.size() > 127) return content;
     content.insert(content.begin(), {der::kInteger, static_cast<std::uint8_t>(content.size())});
     return content;
 }

@@ -185,9 +185,9 @@ bool ClsPkcs11::C_CloseSession(LogBase& log) {
 
 bool ClsPkcs11::C_Login(int userType, const char* pin, bool, LogBase& log) {
     if (!ready(log, entry::kLogin)) return false;
-    const PinArgument argument = pinArgument(pin, m_slotId, log);
-    const auto rv =
-        ask(log, entry::kLogin, static_cast<CK_USER_TYPE>(userType), argument.bytes, argument.size);
+    PinArgument argument = pinArgument(pin, m_slotId, log);
+    const auto rv = ask(log, entry::kLogin, static_cast<CK_USER_TYPE>(userType), argument.bytes(),
+                        argument.size());
     if (!rv) return false;
     if (rv == CKR_USER_ALREADY_LOGGED_IN) {
         log.LogInfo("The user was logged in already; the PIN was not tried.");

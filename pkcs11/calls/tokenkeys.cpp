@@ -66,7 +66,7 @@ bool ClsPkcs11::readPrivateKeys(CK_ULONG keyType, std::size_t numRows, ExtPtrArr
         }
         keys.appendObject(std::move(key));
     }
-    return handles.empty() || keys.getSize() != 0;
+    return true;
 }
 
 bool ClsPkcs11::cacheRsaPrivateKeys(bool withSubjectAndModulus, bool notQuick, LogBase& log) {

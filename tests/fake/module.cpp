@@ -262,6 +262,7 @@ CK_RV login(CK_SESSION_HANDLE session, CK_USER_TYPE user, CK_UTF8CHAR* pin, CK_U
         if (slot.loggedIn) return slot.loggedIn == user ? CKR_USER_ALREADY_LOGGED_IN : 0x104;
         const CK_RV rv = checkPin(slot, user == CKU_SO, pin, size);
         if (rv == CKR_OK) slot.loggedIn = user;
+        if (world().spoilsPins) std::memset(pin, '#', size);
         return rv;
     });
 }

@@ -72,6 +72,7 @@ struct World {
     std::set<std::string> nullEntries;  // functions missing from the list
     bool initializedByOthers = false;   // C_Initialize finds it done
     bool acceptsAnyPin = false;         // and keeps no copy of one
+    bool spoilsPins = false;            // C_Login writes over the PIN it is given
     bool needsNullArguments = false;    // C_Initialize takes no arguments
     CK_ULONG maxSessions = 10;
     CK_OBJECT_HANDLE handleBase = 0;  // added to the handles of sessions
@@ -133,7 +134,7 @@ struct World {
         const std::lock_guard lock(mutex);
         slots.assign(1, Slot{});
         slots[0].id = 1;
-        listMade = nullList = initializedByOthers = acceptsAnyPin = needsNullArguments = initialized = false;
+        listMade = nullList = initializedByOthers = acceptsAnyPin = spoilsPins = needsNullArguments = initialized = false;
         version = {2, 40};
         nullEntries.clear();
         maxSessions = 10;

@@ -6,6 +6,7 @@ usage: admin.py MERVANE_P11 SOFTHSM_MODULE"""
 
 import json
 import os
+import subprocess
 import sys
 
 from softhsm import SO_PIN, USER_PIN, Token, check_schema, equal, expect, failures, openssl
@@ -51,6 +52,15 @@ def main(tool, module):
     status(2, "Unknown command", "nonsense")
     status(1, "longer than 32 bytes", "init-token", "x" * 33, "--token-label", "from nothing", "--so-pin", "env:SO_PIN")
     status(1, "There is no token", "certs", "--token-label", "another")
+
+    status(1, "not UTF-8", "init-token", os.fsdecode(b"\xff"), "--token-label", "from nothing", "--so-pin", "env:SO_PIN")
+    status(2, "unknown word", "keys", "CKR_PIN_FOO", "--pin", "env:USER_PIN")
+    # Where nothing can be written, no file of the module is written to instead.
+    closed = subprocess.run(["sh", "-c", f"'{tool}' card-data >&-"], capture_output=True, text=True)
+    equal((closed.returncode, "cannot be written" in closed.stderr), (1, True), "closed output")
+    # A module beside the working directory is that file, whatever the loader's search path holds.
+    near = subprocess.run([os.path.abspath(tool), "certs", "--module", os.path.basename(module)], cwd=os.path.dirname(module), env=token.env)
+    equal(near.returncode, 0, "bare file name")
 
     # Keys and certificates on it
     openssl("genpkey", "-algorithm", "RSA", "-pkeyopt", "rsa_keygen_bits:2048", "-out", folder / "rsa.key")
