@@ -74,7 +74,7 @@ class ClsPkcs11 : public ClsBase {
     /// no session.
     bool Discover(bool onlyTokensPresent, ClsJsonObject& json);
 
-    // --- Session and login
+    // --- Session and login. A PIN or label with a NUL character in it is refused.
 
     /// Opens a session on the slot with this ID, or with -1 on the first slot with a token that
     /// takes one. A session that is open is replaced once the new one stands.
@@ -142,7 +142,8 @@ class ClsPkcs11 : public ClsBase {
     // --- Entry points for the rest of the library. These take no lock.
 
     /// Finds the certificate's private key and links the certificate to the session. `quick` looks
-    /// at less: see findPrivKeyHandle. `cert` may be null, which is false.
+    /// at less: see findPrivKeyHandle. `cert` may be null, which is false. Where no EC key fits an
+    /// EC certificate by ID or point, the token's first EC key is taken, and the log says so.
     bool linkCertToPkcs11Session(Certificate* cert, bool quick, LogBase& log);
 
     /// Unlinks and forgets all cached certificates.

@@ -134,6 +134,14 @@ TEST_F(QueriesTest, ListsThatChangeOrGrowAreSettledOrRefused) {
         }
     };
     EXPECT_EQ(slot(discover(), 0).find("token")->find("mechanisms")->asArray()->size(), 3U);
+    world.slots[0].mechanisms.assign(5000, 0x1041);  // more than are described, of one token and in all
+    for (CK_SLOT_ID id = 2; id <= 20; ++id) world.slots.emplace_back(world.slots[0]).id = id;
+    const JsonValue large = discover();
+    EXPECT_EQ(slot(large, 0).find("token")->find("mechanisms")->asArray()->size(), 4096U);
+    EXPECT_EQ(slot(large, 15).find("token")->find("mechanisms")->asArray()->size(), 4096U);
+    EXPECT_EQ(slot(large, 16).find("token")->find("mechanisms"), nullptr);
+    world.slots.resize(1);
+    world.slots[0].mechanisms = {0x1};
     endless = true;
     EXPECT_EQ(slot(discover(), 0).find("token")->find("mechanisms"), nullptr);
     EXPECT_THAT(p11->errors(), Contains("C_GetMechanismList does not settle on the length of its list."));
@@ -233,8 +241,8 @@ TEST_F(QueriesTest, UnwrittenValuesAreNoValues) {
             for (CK_ULONG i = 0; out.attributes != nullptr && i < out.room; ++i) {
                 CK_ATTRIBUTE& a = out.attributes[i];
                 // As the reader presets its room: for all at once, and for one again.
-                const bool isFixed = a.type != CKA_ID && a.type != CKA_LABEL && a.ulValueLen != CK_UNAVAILABLE_INFORMATION;
-                a.ulValueLen = isFixed ? a.ulValueLen : claimed;
+                if (a.ulValueLen == CK_UNAVAILABLE_INFORMATION) continue;
+                if (a.type == CKA_ID || a.type == CKA_LABEL) a.ulValueLen = claimed;
                 std::memset(a.pValue, out.room == 1 ? 0xA5 : 0xFF, std::min<CK_ULONG>(a.ulValueLen, 64));
             }
             if (out.attributes != nullptr) out.result = CKR_OK;

@@ -11,7 +11,8 @@
 namespace mervane {
 namespace {
 
-constexpr CK_ULONG kMaxMechanisms = 4096;  // some nine times what the standard names
+constexpr CK_ULONG kMaxMechanisms = 4096;           // some nine times what the standard names
+constexpr std::size_t kMaxMechanismsInAll = 65536;  // bounds the report as a whole
 
 // A fixed-size text of the standard's structures: padded with blanks, not terminated. Modules that
 // terminate it all the same mean the NUL as its end.
@@ -40,6 +41,12 @@ JsonValue knownOrNull(CK_ULONG value) {
 // A maximum of sessions: unlimited is null as well.
 JsonValue limitOrNull(CK_ULONG value) {
     return value == CK_EFFECTIVELY_INFINITE ? JsonValue() : knownOrNull(value);
+}
+
+std::size_t numMechanismsOf(const JsonValue& slot) {
+    const JsonValue* const token = slot.find("token");
+    const JsonValue* const list = token == nullptr ? nullptr : token->find("mechanisms");
+    return list == nullptr ? 0 : list->asArray()->size();
 }
 
 JsonValue tokenToJson(const CK_TOKEN_INFO& info) {
@@ -85,10 +92,16 @@ bool ClsPkcs11::getSlotsInfo(bool onlyTokensPresent, bool, bool skipMechanisms, 
     std::vector<CK_SLOT_ID> slotIds;
     if (!getSlotList(onlyTokensPresent, slotIds, log)) return false;
     JsonValue& slots = json.root().set("slots", JsonValue::array());
+    std::size_t numMechanisms = 0;
     for (const CK_SLOT_ID id : slotIds) {
         JsonValue& slot = slots.append(JsonValue::object());
         slot.set("slotId", id);
-        if (!describeSlot(id, skipMechanisms, slot, log)) return false;
+        const bool skip = skipMechanisms || numMechanisms >= kMaxMechanismsInAll;
+        if (!describeSlot(id, skip, slot, log)) return false;
+        numMechanisms += numMechanismsOf(slot);
+    }
+    if (numMechanisms >= kMaxMechanismsInAll && !skipMechanisms) {
+        log.LogInfo("The module lists more mechanisms than are described.");
     }
     return true;
 }
