@@ -38,9 +38,10 @@ const std::vector<KeyIndex::Slot>& KeyIndex::indexOf(const ExtPtrArray& keys, Fi
     }
     std::ranges::sort(index->slots, {}, orderOf<Slot>);
     std::size_t toSigning = 0;  // from behind the last slot there is none to go
-    for (auto slot = index->slots.rbegin(); slot != index->slots.rend(); ++slot) {
-        toSigning = keyAt(keys, slot->position)->maySign() ? 0 : toSigning + 1;
-        slot->toSigning = toSigning;
+    for (std::size_t i = index->slots.size(); i > 0; --i) {
+        Slot& slot = index->slots[i - 1];
+        toSigning = keyAt(keys, slot.position)->maySign() ? 0 : toSigning + 1;
+        slot.toSigning = toSigning;
     }
     index->field = field;
     index->changes = keys.changes();

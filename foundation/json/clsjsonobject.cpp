@@ -106,7 +106,7 @@ ClsJsonObject* ClsJsonObject::FindRecord(std::string_view arrayPath, std::string
         return caseSensitive ? *text == value : equalsIgnoreCase(*text, value);
     };
     const JsonArray& records = *list->asArray();
-    const auto at = std::ranges::find_if(records, matches);
+    const auto* const at = std::ranges::find_if(records, matches);
     if (at == records.end()) return nullptr;
     auto record = std::make_unique<ClsJsonObject>();
     // Shares the whole document and points at the record: root() copies before a change.

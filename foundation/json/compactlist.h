@@ -51,7 +51,7 @@ class CompactList {
         if (numItems <= capacity()) return;
         if (numItems > std::numeric_limits<std::uint32_t>::max())
             throw std::length_error("CompactList");
-        Block* fresh = new (::operator new(sizeof(Block) + numItems * sizeof(T)))
+        auto* fresh = new (::operator new(sizeof(Block) + numItems * sizeof(T)))
             Block{static_cast<std::uint32_t>(size()), static_cast<std::uint32_t>(numItems)};
         std::uninitialized_move(begin(), end(), items(fresh));
         std::swap(m_block, fresh);

@@ -7,8 +7,9 @@ namespace mervane {
 static_assert(sizeof(JsonValue) == 2 * sizeof(void*));
 
 JsonValue::JsonValue(const JsonValue& other) = default;
-JsonValue::JsonValue(JsonValue&& other) noexcept
-    : m_data(std::exchange(other.m_data, std::monostate())) {}
+JsonValue::JsonValue(JsonValue&& other) noexcept {
+    m_data.swap(other.m_data);
+}
 // What is assigned may be a part of this value, so that it is taken out before the old one goes.
 JsonValue& JsonValue::operator=(const JsonValue& other) {
     return *this = JsonValue(other);
@@ -61,7 +62,7 @@ std::optional<std::string_view> JsonValue::asString() const noexcept {
 const JsonValue* JsonValue::find(std::string_view name) const noexcept {
     const JsonObject* const members = asObject();
     if (members == nullptr) return nullptr;
-    const auto at = std::ranges::find_if(
+    const auto* const at = std::ranges::find_if(
         *members, [name](const JsonMember& member) { return member.name() == name; });
     return at == members->end() ? nullptr : &at->value;
 }
