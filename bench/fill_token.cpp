@@ -6,6 +6,7 @@
 #include <openssl/core_names.h>
 #include <openssl/evp.h>
 #include <openssl/x509.h>
+#include <bit>
 
 #include <array>
 #include <vector>
@@ -92,7 +93,7 @@ class Template {
         for (std::size_t i = 0; i < m_types.size(); ++i)
             attributes.push_back({m_types[i], m_values[i].data(), m_values[i].size()});
         CK_OBJECT_HANDLE handle = 0;
-        const auto createObject = reinterpret_cast<CreateObject>(module.functions->C_CreateObject);
+        const auto createObject = std::bit_cast<CreateObject>(module.functions->C_CreateObject);
         RawModule::check(
             createObject(module.session, attributes.data(), attributes.size(), &handle),
             "C_CreateObject");

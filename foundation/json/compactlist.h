@@ -62,9 +62,12 @@ class CompactList {
 
     template <class... Args>
     T& emplace_back(Args&&... args) {
-        T item(std::forward<Args>(args)...);  // `args` may be of an element that moves now
-        if (size() == capacity()) reserve(std::max<std::size_t>(1, 2 * size()));
-        T* const added = std::construct_at(end(), std::move(item));
+        if (size() == capacity()) {
+            T item(std::forward<Args>(args)...);  // `args` may be of an element that moves now
+            reserve(std::max<std::size_t>(1, 2 * size()));
+            return emplace_back(std::move(item));
+        }
+        T* const added = std::construct_at(end(), std::forward<Args>(args)...);
         ++m_block->size;
         return *added;
     }

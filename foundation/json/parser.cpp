@@ -109,12 +109,12 @@ class Parser {
                 if (peek() != '"') return fail("a member name is expected");
                 std::string_view name;
                 if (!parseString(name)) return false;
-                JsonMember member{JsonValue(name), JsonValue()};
+                JsonMember& member = append(members);
+                member.nameValue = JsonValue(name);
                 skipWhiteSpace();
                 if (!accept(':')) return fail("':' is expected after a member name");
                 skipWhiteSpace();
                 if (!parseValue(member.value, depth + 1)) return false;
-                append(members, std::move(member));
                 skipWhiteSpace();
             } while (accept(','));
             if (!accept('}')) return fail("',' or '}' is expected in an object");
@@ -132,9 +132,7 @@ class Parser {
         if (!accept(']')) {
             do {
                 skipWhiteSpace();
-                JsonValue item;
-                if (!parseValue(item, depth + 1)) return false;
-                append(items, std::move(item));
+                if (!parseValue(append(items), depth + 1)) return false;
                 skipWhiteSpace();
             } while (accept(','));
             if (!accept(']')) return fail("',' or ']' is expected in an array");
@@ -143,11 +141,11 @@ class Parser {
         return true;
     }
 
-    // Behind the latest element m_at stands.
+    // Within the element that is added m_at stands.
     template <class T>
-    void append(CompactList<T>& list, T item) {
+    T& append(CompactList<T>& list) {
         if (list.size() == kFewItems) list.reserve(kFewItems + 1 + countItems());
-        list.emplace_back(std::move(item));
+        return list.emplace_back();
     }
 
     // The elements that are still to come in the list where m_at stands; a guess, though never more

@@ -10,13 +10,9 @@ JsonValue::JsonValue(const JsonValue& other) = default;
 JsonValue::JsonValue(JsonValue&& other) noexcept {
     m_data.swap(other.m_data);
 }
-// What is assigned may be a part of this value, so that it is taken out before the old one goes.
-JsonValue& JsonValue::operator=(const JsonValue& other) {
-    return *this = JsonValue(other);
-}
-JsonValue& JsonValue::operator=(JsonValue&& other) noexcept {
-    JsonValue taken(std::move(other));
-    m_data.swap(taken.m_data);
+// What is assigned may be a part of this value: it is taken out before the old one goes.
+JsonValue& JsonValue::operator=(JsonValue other) noexcept {
+    m_data = std::move(other.m_data);
     return *this;
 }
 JsonValue::~JsonValue() = default;

@@ -37,8 +37,7 @@ class JsonValue {
     // In one place: inlined, the tree's recursion takes a quarter of the library.
     JsonValue(const JsonValue& other);
     JsonValue(JsonValue&& other) noexcept;
-    JsonValue& operator=(const JsonValue& other);
-    JsonValue& operator=(JsonValue&& other) noexcept;
+    JsonValue& operator=(JsonValue other) noexcept;
     ~JsonValue();
 
     explicit JsonValue(bool value) noexcept : m_data(value) {}
