@@ -6,9 +6,9 @@
 #include <openssl/core_names.h>
 #include <openssl/evp.h>
 #include <openssl/x509.h>
-#include <bit>
 
 #include <array>
+#include <bit>
 #include <vector>
 
 #include "bench/raw_module.h"
