@@ -62,10 +62,7 @@ TEST(SecretsTest, NoCopyOfAPinStaysInMemory) {
 #endif
     FakeModule module("libsecrets.so");
     fake::World& world = module.world();
-    furnish(world, Token::Plain);
     world.acceptsAnyPin = true;
-    world.slots[0].userPin.clear();
-    world.slots[0].soPin.clear();
     // Put together at run time: the compiler does not know them.
     const Masked user(std::string("user-pin-") + std::to_string(::getpid() + 100000000) + "-abcdef");
     const Masked fresh(std::string("next-pin-") + std::to_string(::getpid() + 200000000) + "-ghijkl");
@@ -77,27 +74,23 @@ TEST(SecretsTest, NoCopyOfAPinStaysInMemory) {
     }
     EXPECT_EQ(countCopies(user), 0);
     for (const bool fails : {false, true}) {
-        world.answer = [fails](auto& f, auto) { return fails && (f == "C_Login" || f == "C_SetPIN") ? std::optional(CKR_PIN_INCORRECT) : std::nullopt; };
-        XString pin;
-        XString newPin;
-        XString soPin;
-        user.unmaskInto(pin);
-        fresh.unmaskInto(newPin);
-        officer.unmaskInto(soPin);
-        Pkcs11 p11;
-        p11.put_SharedLibPath(XString(module.path()));
-        p11.QuickSession(1, pin);
-        p11.Login(1, pin);
-        p11.Login(2, pin);
-        p11.put_SigContextPin(newPin);
-        p11.get_SigContextPin(pin);
-        p11.put_SigContextPin(XString());
-        p11.SetPin(pin, newPin);
-        p11.Logout();
-        p11.Login(0, soPin);
-        p11.InitPin(newPin);
-        p11.InitToken(1, soPin, XString("label"));
-        EXPECT_EQ(p11.log().text().find("-pin-"), std::string::npos);
+        RoadArgs args;
+        user.unmaskInto(args.userPin);
+        fresh.unmaskInto(args.newPin);
+        officer.unmaskInto(args.soPin);
+        for (const Road& road : kRoads) {
+            furnish(world, Token::Plain);
+            world.answer = [fails](auto& f, auto) { return fails && (f == "C_Login" || f == "C_SetPIN") ? std::optional(CKR_PIN_INCORRECT) : std::nullopt; };
+            Pkcs11 p11;
+            p11.put_SharedLibPath(XString(module.path()));
+            EXPECT_EQ(road.run(p11, args), !fails || road.numLogins == 0) << road.name;
+            p11.Login(2, args.userPin);
+            p11.put_SigContextPin(args.newPin);
+            XString kept;
+            p11.get_SigContextPin(kept);
+            p11.put_SigContextPin(XString());
+            EXPECT_EQ(p11.log().text().find("-pin-"), std::string::npos);
+        }
     }
     world.answer = nullptr;
     EXPECT_EQ(countCopies(user), 0);
