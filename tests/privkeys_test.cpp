@@ -27,6 +27,17 @@ class KeysTest : public FakeTest {
         signatureSize = made ? made->expectedSignatureSize : 0;
         return made ? made->keyHandle : 0;
     }
+    // Handles of the keys found for all certificates of the token, each of which has one.
+    std::vector<CK_OBJECT_HANDLE> linkAll() {
+        std::vector<CK_OBJECT_HANDLE> keys;
+        EXPECT_TRUE(quick() && p11->FindAllCerts());
+        for (int i = 0; i < p11->get_NumCerts(); ++i) {
+            ClsCert cert;
+            EXPECT_TRUE(p11->GetCert(i, cert) && p11->linkCertToPkcs11Session(cert.getCert().get(), true, p11->log()));
+            keys.push_back(cert.getCert()->pkcs11Link().value().keyHandle);
+        }
+        return keys;
+    }
     // The info lines about keys, without those that begin or end the search.
     std::vector<std::string> how() const {
         std::vector<std::string> out;
@@ -237,14 +248,9 @@ TEST_F(KeysTest, OneCallReadsOneObject) {
         if (i % 3 == 0) key.attributes.erase(CKA_ALWAYS_AUTHENTICATE);  // lacking one costs no call
         objects().push_back(key);
     }
-    ASSERT_TRUE(quick());
-    ASSERT_TRUE(p11->FindAllCerts());
-    for (int i = 0; i < kNum; ++i) {
-        ClsCert cert;
-        ASSERT_TRUE(p11->GetCert(i, cert));
-        EXPECT_TRUE(p11->linkCertToPkcs11Session(cert.getCert().get(), true, p11->log()));
-        EXPECT_EQ(cert.getCert()->pkcs11Link()->keyHandle, 200U + static_cast<unsigned>(i));
-    }
+    const auto keys = linkAll();
+    ASSERT_EQ(keys.size(), std::size_t{kNum});
+    for (std::size_t i = 0; i < kNum; ++i) EXPECT_EQ(keys[i], 200U + i);
     EXPECT_EQ(world.count("C_GetAttributeValue"), 2U * kNum);
     EXPECT_EQ(world.count("C_FindObjects"), 4U);
     EXPECT_LE(world.journal.size(), 2U * kNum + 14U);
@@ -271,13 +277,7 @@ TEST_F(KeysTest, MatchingBySubjectOrModulusReadsEachKeyTwiceAtMost) {
         objects().push_back(certObject(100 + static_cast<CK_ULONG>(i), cert, ""));
         objects().push_back(keyObject(200 + static_cast<CK_ULONG>(i), cert, {.id = "k", .withSubject = i % 2 == 0, .withModulus = true}));
     }
-    ASSERT_TRUE(quick());
-    ASSERT_TRUE(p11->FindAllCerts());
-    for (int i = 0; i < kNum; ++i) {
-        ClsCert cert;
-        ASSERT_TRUE(p11->GetCert(i, cert));
-        EXPECT_TRUE(p11->linkCertToPkcs11Session(cert.getCert().get(), true, p11->log()));
-    }
+    EXPECT_EQ(linkAll().size(), std::size_t{kNum});
     EXPECT_EQ(world.count("C_GetAttributeValue"), 3U * kNum);
     EXPECT_LE(world.journal.size(), 3U * kNum + 20U);
 }
