@@ -8,9 +8,7 @@ using namespace mervane;
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static test::Pkcs11& token = *[] {
         auto filled = std::make_unique<test::Pkcs11>();
-        for (const char* const name : {"alice", "bob", "p256"}) {
-            filled->m_certs.appendObject(std::make_unique<CertificateHolder>(test::loadCert(name)));
-        }
+        for (const char* const name : {"alice", "bob", "p256"}) { filled->m_certs.appendObject(std::make_unique<CertificateHolder>(test::loadCert(name))); }
         filled->m_certsLoaded = true;
         return filled.release();
     }();

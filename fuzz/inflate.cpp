@@ -8,8 +8,7 @@ using namespace mervane;
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     LogNull log;
     DataBuffer out;
-    const bool ok = MervaneDeflate::inflateDb(false, DataBuffer({data, size}), out, false,
-                                              _mvIoParams(), 60000, log);
+    const bool ok = MervaneDeflate::inflateDb(false, DataBuffer({data, size}), out, false, _mvIoParams(), 60000, log);
     fuzz::require(ok ? out.getSize() <= 60000 : out.isEmpty());
     return 0;
 }

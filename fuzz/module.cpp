@@ -28,19 +28,7 @@ class Stream {
 };
 
 CK_ULONG number(Stream& in) {
-    constexpr CK_ULONG kNumbers[] = {0,
-                                     1,
-                                     3,
-                                     8,
-                                     64,
-                                     1023,
-                                     1024,
-                                     8192,
-                                     1048576,
-                                     1048577,
-                                     CK_ULONG{1} << 40,
-                                     ~CK_ULONG{0} / 2,
-                                     ~CK_ULONG{0}};
+    constexpr CK_ULONG kNumbers[] = {0, 1, 3, 8, 64, 1023, 1024, 8192, 1048576, 1048577, CK_ULONG{1} << 40, ~CK_ULONG{0} / 2, ~CK_ULONG{0}};
     const unsigned choice = in.next();
     return choice < 128 ? choice : kNumbers[choice % std::size(kNumbers)];
 }
@@ -49,19 +37,14 @@ void lie(Stream& in, fake::World& world, fake::Outputs& out) {
     const unsigned what = in.next();
     if (what < 96) return;  // mostly the truth
     if (out.count != nullptr && (what & 1U) != 0) *out.count = number(in);
-    for (CK_ULONG i = 0;
-         out.ids != nullptr && i < std::min<CK_ULONG>(out.room, 8) && (what & 2U) != 0; ++i)
-        out.ids[i] = number(in);
+    for (CK_ULONG i = 0; out.ids != nullptr && i < std::min<CK_ULONG>(out.room, 8) && (what & 2U) != 0; ++i) out.ids[i] = number(in);
     for (CK_ULONG i = 0; out.attributes != nullptr && i < out.room; ++i) {
         CK_ATTRIBUTE& attribute = out.attributes[i];
         const unsigned how = in.next();
-        const bool hasBytes = attribute.pValue != nullptr &&
-                              attribute.ulValueLen != CK_UNAVAILABLE_INFORMATION &&
-                              attribute.ulValueLen <= 8192;
+        const bool hasBytes = attribute.pValue != nullptr && attribute.ulValueLen != CK_UNAVAILABLE_INFORMATION && attribute.ulValueLen <= 8192;
         if (hasBytes && (how & 1U) != 0) {
             for (CK_ULONG k = 0; k < std::min<CK_ULONG>(attribute.ulValueLen, 16); ++k)
-                static_cast<unsigned char*>(attribute.pValue)[k] =
-                    static_cast<unsigned char>(in.next());
+                static_cast<unsigned char*>(attribute.pValue)[k] = static_cast<unsigned char>(in.next());
         }
         if ((how & 6U) == 6) attribute.ulValueLen = number(in);
         if (how > 250) attribute.pValue = nullptr;
@@ -72,11 +55,9 @@ void lie(Stream& in, fake::World& world, fake::Outputs& out) {
         *out.session = 0;
     }
     if (out.tokenInfo != nullptr) out.tokenInfo->flags = number(in);
-    if (out.tokenInfo != nullptr)
-        std::fill_n(out.tokenInfo->label, 32, static_cast<unsigned char>(in.next()));
+    if (out.tokenInfo != nullptr) std::fill_n(out.tokenInfo->label, 32, static_cast<unsigned char>(in.next()));
     if (out.slotInfo != nullptr) out.slotInfo->flags |= number(in);
-    constexpr CK_RV kPartial[] = {CKR_OK, CKR_ATTRIBUTE_TYPE_INVALID, CKR_ATTRIBUTE_SENSITIVE,
-                                  CKR_BUFFER_TOO_SMALL};
+    constexpr CK_RV kPartial[] = {CKR_OK, CKR_ATTRIBUTE_TYPE_INVALID, CKR_ATTRIBUTE_SENSITIVE, CKR_BUFFER_TOO_SMALL};
     if (out.attributes != nullptr && (what & 8U) != 0) out.result = kPartial[in.next() % 4];
 }
 

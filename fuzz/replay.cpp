@@ -14,8 +14,7 @@ int main(int argc, char** argv) {
         for (const auto& file : std::filesystem::directory_iterator(argv[i])) {
             std::ifstream in(file.path(), std::ios::binary);
             const std::vector<char> bytes{std::istreambuf_iterator<char>(in), {}};
-            LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(bytes.data()),
-                                   bytes.size());
+            LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());
             ++numFiles;
         }
     }

@@ -26,10 +26,8 @@ class CertsTest : public FakeTest {
 };
 
 TEST_F(CertsTest, CacheIsEnumeratedInTheOrderOfTheToken) {
-    EXPECT_EQ(p11->get_NumCerts(), 0);
     ClsCert cert;
-    EXPECT_FALSE(p11->GetCert(0, cert));
-    EXPECT_THAT(p11->errors(), ElementsAre("Error loading certificate object from DER."));
+    EXPECT_TRUE(p11->get_NumCerts() == 0 && !p11->GetCert(0, cert));
     tokenOf({"bob", "alice", "p256"});
     ASSERT_TRUE(p11->FindAllCerts());
     ASSERT_EQ(p11->get_NumCerts(), 3);
@@ -38,36 +36,26 @@ TEST_F(CertsTest, CacheIsEnumeratedInTheOrderOfTheToken) {
         EXPECT_EQ(cn(cert), name);
         EXPECT_EQ(cert.getCert()->tokenInfo().handle, 10U + 2U * static_cast<unsigned>(index));
     }
-    forget();
-    EXPECT_FALSE(p11->GetCert(-1, cert));
-    EXPECT_FALSE(p11->GetCert(3, cert));
+    EXPECT_FALSE(p11->GetCert(-1, cert) || p11->GetCert(3, cert));
     EXPECT_EQ(cn(cert), "Curve 256");  // untouched
-    EXPECT_THAT(p11->errors(), ElementsAre("Error loading certificate object from DER.", "Error loading certificate object from DER."));
+    EXPECT_EQ(p11->errors(), std::vector<std::string>(3, "Error loading certificate object from DER."));
     p11->m_certs.appendObject(std::make_unique<CertificateHolder>(nullptr));
     EXPECT_FALSE(p11->GetCert(3, cert));
     EXPECT_EQ(p11->errors().back(), "Internal error getting cert.");
 }
 
-TEST_F(CertsTest, ClearingUnlinksWhatWasHandedOut) {
+TEST_F(CertsTest, LinksOfWhatWasHandedOutLastAsLongAsTheSession) {
     tokenOf({"alice"});
     ClsCert cert;
-    ASSERT_TRUE(p11->FindCert(XString("privateKey"), XString(), cert));
-    EXPECT_TRUE(cert.HasPrivateKey());
-    p11->clearCertCache(p11->log());
-    EXPECT_THAT(p11->contexts(), Contains("clearPkcs11CertCache"));
-    EXPECT_EQ(p11->get_NumCerts(), 0);
-    EXPECT_FALSE(cert.HasPrivateKey());
-    EXPECT_EQ(cn(cert), "Alice");
-}
-
-TEST_F(CertsTest, ReadingAgainLeavesLinksOfWhatWasHandedOut) {
-    tokenOf({"alice"});
-    ClsCert cert;
-    ASSERT_TRUE(p11->FindCert(XString("privateKey"), XString(), cert));
-    ASSERT_TRUE(p11->FindAllCerts());
-    EXPECT_TRUE(cert.HasPrivateKey());
+    ASSERT_TRUE(p11->FindCert(XString("privateKey"), XString(), cert) && p11->FindAllCerts());
+    EXPECT_TRUE(cert.HasPrivateKey());  // read again since
     ASSERT_TRUE(p11->CloseSession());
     EXPECT_FALSE(cert.HasPrivateKey());
+    ASSERT_TRUE(quick() && p11->FindCert(XString("privateKey"), XString(), cert));
+    p11->clearCertCache(p11->log());
+    EXPECT_THAT(p11->contexts(), Contains("clearPkcs11CertCache"));
+    EXPECT_TRUE(p11->get_NumCerts() == 0 && !cert.HasPrivateKey());
+    EXPECT_EQ(cn(cert), "Alice");
 }
 
 TEST_F(CertsTest, ObjectsThatAreNoCertificatesArePassedOver) {
@@ -83,7 +71,7 @@ TEST_F(CertsTest, ObjectsThatAreNoCertificatesArePassedOver) {
     fake::Object large = certObject(44, "p256", "w");
     large.attributes[CKA_VALUE].resize(20000);  // more than the common room
     fake::Object gone = certObject(45, "bob", "v");
-    for (const auto& object : {broken, other, secret, padded, large, gone}) objects().push_back(object);
+    objects().insert(objects().end(), {broken, other, secret, padded, large, gone});
     world.answer = [this](auto& f, auto i) {
         const bool vanished = f == "C_GetAttributeValue" && world.journal[i].arguments[1] == 45;
         return vanished ? std::optional<CK_RV>(0x082) : std::nullopt;
@@ -130,104 +118,48 @@ TEST_F(CertsTest, EveryRuleFindsItsCertificateAndNoOther) {
     const std::string thumbprint(print.view());
     std::string lower = thumbprint;
     std::ranges::transform(lower, lower.begin(), toLowerAscii);
-    const std::string aliceTags = "C=EX, O=Acme, OU=Sales, CN=Alice, E=alice@example.org";
-    const std::string alicePlain = "EX, Acme, Sales, Alice, alice@example.org";
-    const std::string none = "Not found.";
-    const std::tuple<std::string, std::string, std::string> rows[] = {
-        {"", "whatever", "Alice"},
-        {"  ", "", "Alice"},
-        {"subjectDN_withTags", aliceTags, "Alice"},
-        {"SUBJECTDN_WITHTAGS", std::string(withTags.view()), "Bob"},
-        {"subjectDN_withTags", alicePlain, none},
-        {"subjectDN", alicePlain, "Alice"},
-        {"mySubjectDNx", alicePlain, "Alice"},
-        {"subjectDN", aliceTags, none},
-        {"subjectDN", "ex, Acme, Sales, Alice, alice@example.org", none},
-        {"issuerCN", "0A1B:Test CA", "Alice"},
-        {"issuerSerial", "0A1B:Test CA", "Alice"},
-        {" SerialIssuer ", "0A1B:Test CA", "Alice"},
-        {"issuerCN", "Test CA", none},       // the joined form, not the CN alone
-        {"issuerCN", "0a1b:Test CA", none},  // case counts here
-        {"serial", "0a1b", "Alice"},
-        {"issuer_serial", "0A1B", "Alice"},  // "serial" is what it contains
-        {"serial", "0A1B:Test CA", none},
-        {"serial", "FF00112233445566778899AABBCCDDEEFF001122", "Bob"},
-        {"thumbprint", thumbprint, "Bob"},
-        {"sha1Thumbprint", lower, "Bob"},
-        {"thumbprint", thumbprint.substr(2), none},
-        {"policyOid", " 1.2.3.4 ", "Alice"},
-        {"policyOid", "1.2.3", none},
-        {"policyOid", "1.2.3.45", "Bob"},
-        {"keyUsage", "NonRepudiation", "Alice"},
-        {"keyUsage", "digitalSignature", "Alice"},
-        {"keyUsage", "keyEncipherment", none},
-        {"keyUsage", "dataEncipherment", none},
-        {"keyUsage", "certificateSigning", "Bob"},
-        {"keyUsage", "crlSigning", "Bob"},
-        {"keyUsage", "offlineCrlSign", "Bob"},
-        {"keyUsage", "keyAgreement", "Curve 256"},
-        {"keyUsage", "encipherOnly, other", "Curve 256"},
-        {"keyUsage", "decipherOnly", none},
-        {"myKeyUsage", "NonRepudiation", none},  // the value's case is left alone
-        {"myKeyUsage", "nonrepudiation", "Alice"},
-        {"CN", "Bob", "Bob"},
-        {"cn", "bob", none},
-        {"Organization", "Acme", "Alice"},
-        {" o ", "Zürich , \"Süd\"", "Bob"},
-        {"EMAIL", "alice@example.org", "Alice"},
-        {"e", "alice@example.org", "Alice"},
-        {"uid", "b7", "Bob"},
-        {"st", " padded ", "Bob"},
-        {"2.5.4.11", "Sales", "Alice"},
-        {"L", "anywhere", none},
-        {"no such part", "x", none},
-        {"privatekeys", "x", none},
-    };
-    for (const auto& [part, value, found] : rows) EXPECT_EQ(find(part, value), found) << part << " = " << value;
+    for (const auto& row : dataRows("find-cert.txt")) EXPECT_EQ(find(row[0], row[1]), row[2]) << row[0] << " = " << row[1];
+    EXPECT_EQ(find("SUBJECTDN_WITHTAGS", std::string(withTags.view())), "Bob");
+    EXPECT_EQ(find("thumbprint", thumbprint), "Bob");
+    EXPECT_EQ(find("sha1Thumbprint", lower), "Bob");
+    EXPECT_EQ(find("thumbprint", thumbprint.substr(2)), "Not found.");
     EXPECT_EQ(world.count("C_FindObjectsInit"), 1U);  // the cache is filled once
     EXPECT_THAT(p11->values(), Contains("checking=0A1B:Test CA"));
     EXPECT_THAT(p11->values(), Contains("checking="));
     EXPECT_THAT(p11->infos(), Contains("Simply choosing the 1st encountered certificate..."));
-    EXPECT_THAT(p11->values(), Contains("chosenCert=" + aliceTags));
+    EXPECT_THAT(p11->values(), Contains("chosenCert=C=EX, O=Acme, OU=Sales, CN=Alice, E=alice@example.org"));
     EXPECT_THAT(p11->values(), Contains("certPart=SerialIssuer"));
 }
 
-TEST_F(CertsTest, EmptyTokenAndFailedReadFindNothing) {
-    ASSERT_TRUE(quick());
-    EXPECT_EQ(find("", ""), "Not found.");
-    EXPECT_EQ(find("privateKey", ""), "Not found.");
-    ASSERT_TRUE(p11->CloseSession());
-    EXPECT_EQ(find("CN", "x"), "No PKCS11 session is open.");
-}
-
 TEST_F(CertsTest, OtherIssuersAreChosenBeforeTheAuthenticationCa) {
-    const std::pair<std::vector<const char*>, std::string> rows[] = {
-        {{"auth1", "alice"}, "Alice"},
-        {{"alice", "auth1"}, "Alice"},
-        {{"auth1"}, "Auth one"},
-        {{"auth1", "auth2"}, "Auth two"},
-        {{"auth1", "auth2", "alice"}, "Auth two"},
-    };
+    const std::pair<std::vector<const char*>, std::string> rows[] = {{{"auth1", "alice"}, "Alice"},
+                                                                     {{"alice", "auth1"}, "Alice"},
+                                                                     {{"auth1"}, "Auth one"},
+                                                                     {{"auth1", "auth2"}, "Auth two"},
+                                                                     {{"auth1", "auth2", "alice"}, "Auth two"}};
     for (const auto& [order, chosen] : rows) {
-        p11 = std::make_unique<Pkcs11>();
-        p11->put_SharedLibPath(XString(module.path()));
+        forget();
         tokenOf(order);
         EXPECT_EQ(find(" PrivateKey ", "ignored"), chosen);
-        const auto infos = p11->infos();
-        EXPECT_EQ(std::ranges::count(infos, "The candidate certificate was chosen."), order.size() == 1 ? 1 : 0);
+        const bool onlyCandidate = order.size() == 1;
+        EXPECT_THAT(p11->infos(), testing::Conditional(onlyCandidate, Contains("The candidate certificate was chosen."),
+                                                       Not(Contains("The candidate certificate was chosen."))));
         const auto values = p11->values();
-        const bool named = std::ranges::any_of(values, [](auto& v) { return v.starts_with("chosenCertDN="); });
-        EXPECT_EQ(named, order.size() != 1);
+        EXPECT_NE(std::ranges::any_of(values, [](auto& v) { return v.starts_with("chosenCertDN="); }), onlyCandidate);
     }
 }
 
 TEST_F(CertsTest, CertificatesWithoutKeysAreNotChosenForTheirKey) {
-    objects() = {certObject(10, "alice", "a"), certObject(11, "bob", "b"), certObject(12, "ed", "c")};
     ASSERT_TRUE(quick());
+    EXPECT_EQ(find("", ""), "Not found.");  // nothing there
+    objects() = {certObject(10, "alice", "a"), certObject(11, "bob", "b"), certObject(12, "ed", "c")};
+    ASSERT_TRUE(p11->FindAllCerts());
     EXPECT_EQ(find("privateKey", ""), "Not found.");
     EXPECT_THAT(p11->values(), Contains("hasPrivateKey=false"));
     EXPECT_THAT(p11->errors(), Contains("Only EC and RSA keys are supported on PKCS11."));
     EXPECT_THAT(p11->values(), Contains("certKeyType=0"));
+    ASSERT_TRUE(p11->CloseSession());
+    EXPECT_EQ(find("CN", "x"), "No PKCS11 session is open.");
 }
 
 TEST_F(CertsTest, SystemCertificatesAreSetByIndexAndMergedByRule) {

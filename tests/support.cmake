@@ -22,4 +22,5 @@ target_link_libraries(test_support PUBLIC mervane_pkcs11_static GTest::gmock ${C
 target_compile_options(test_support PUBLIC -Wno-missing-field-initializers)
 target_compile_options(fake_module PRIVATE -Wno-missing-field-initializers)
 target_compile_definitions(test_support PUBLIC
-  MERVANE_FAKE_MODULE="$<TARGET_FILE:fake_module>" MERVANE_TEST_CERTS="${certs_folder}")
+  MERVANE_FAKE_MODULE="$<TARGET_FILE:fake_module>" MERVANE_TEST_CERTS="${certs_folder}"
+  MERVANE_SOURCE="${CMAKE_SOURCE_DIR}")

@@ -7,44 +7,41 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <sstream>
+
+#include "foundation/text/ascii.h"
+#include "foundation/text/hex.h"
 
 namespace mervane::test {
 namespace {
 
-std::string publicPoint(const Certificate& cert) {
-    LogNull log;
-    _mvPublicKey key;
-    DataBuffer point;
-    if (cert.getCertPublicKey(key, log) && key.getEccKey() != nullptr) key.getEccKey()->exportEccPoint(point, log);
-    return {point.span().begin(), point.span().end()};
-}
-
 fake::Bytes toBytes(std::span<const std::uint8_t> bytes) { return {bytes.begin(), bytes.end()}; }
+
+fake::Object objectOf(CK_OBJECT_HANDLE handle, CK_ULONG kind, const std::string& id, const std::string& label) {
+    fake::Object object{.handle = handle};
+    object.attributes = {{CKA_CLASS, fake::bytesOf(kind)}, {CKA_ID, fake::bytesOf(id.c_str())}, {CKA_LABEL, fake::bytesOf(label.c_str())}};
+    return object;
+}
 
 }  // namespace
 
 std::vector<std::string> Pkcs11::lines(_mvLogger::Entry::What what) const {
     std::vector<std::string> out;
     m_log.forEach([&](const _mvLogger::Entry& entry) {
-        if (entry.what != what) return;
-        const bool isValue = what == _mvLogger::Entry::What::Data;
-        out.push_back((isValue ? std::string(entry.name) + "=" : std::string()) + std::string(entry.text));
+        const std::string head = what == _mvLogger::Entry::What::Data ? std::string(entry.name) + "=" : "";
+        if (entry.what == what) out.push_back(head + std::string(entry.text));
     });
     return out;
 }
 
 const std::string& scratchFolder() {
     struct Folder {
-        Folder() {
-            std::string pattern = std::filesystem::temp_directory_path() / "mervane-test-XXXXXX";
-            path = ::mkdtemp(pattern.data());
-        }
         ~Folder() {
-            if (owner != ::getpid()) return;  // a forked child
             std::error_code error;
-            std::filesystem::remove_all(path, error);
+            if (owner == ::getpid()) std::filesystem::remove_all(path, error);  // not in a forked child
         }
-        std::string path;
+        std::string path = std::filesystem::temp_directory_path() / "mervane-test-XXXXXX";
+        const char* made = ::mkdtemp(path.data());
         pid_t owner = ::getpid();
     };
     static const Folder folder;
@@ -56,12 +53,30 @@ std::string readFile(const std::string& path) {
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
+std::vector<std::vector<std::string>> dataRows(const std::string& file) {
+    std::ifstream in(std::string(MERVANE_SOURCE) + "/tests/data/" + file);
+    std::vector<std::vector<std::string>> rows;
+    for (std::string line; std::getline(in, line);) {
+        if (line.starts_with("# ")) continue;
+        rows.emplace_back();
+        std::istringstream columns(line + "|");
+        for (std::string column; std::getline(columns, column, '|');) {
+            column = trimmed(column);
+            for (std::size_t at = 0; (at = column.find('%', at)) != std::string::npos; ++at) {
+                column.replace(at, 3, 1, static_cast<char>(fromHex(column.substr(at + 1, 2)).value()[0]));
+            }
+            rows.back().push_back(column);
+        }
+    }
+    EXPECT_GE(rows.size(), 15U) << file;
+    return rows;
+}
+
 FakeModule::FakeModule(const std::string& fileName) : m_path(scratchFolder() + "/" + fileName) {
     if (!std::filesystem::exists(m_path)) std::filesystem::copy_file(MERVANE_FAKE_MODULE, m_path);
     void* const library = ::dlopen(m_path.c_str(), RTLD_NOW);  // stays mapped: its world is used to the end
     if (library == nullptr) throw std::runtime_error(::dlerror());
-    const auto getWorld = reinterpret_cast<fake::World* (*)()>(::dlsym(library, "fakeWorld"));
-    m_world = getWorld();
+    m_world = reinterpret_cast<fake::World* (*)()>(::dlsym(library, "fakeWorld"))();
     m_world->reset();
 }
 
@@ -77,12 +92,9 @@ std::shared_ptr<Certificate> loadCert(const std::string& name) {
 }
 
 fake::Object certObject(CK_OBJECT_HANDLE handle, const std::string& cert, const std::string& id) {
-    fake::Object object{handle, {}, {}, false};
-    object.attributes[CKA_CLASS] = fake::bytesOf(CKO_CERTIFICATE);
+    fake::Object object = objectOf(handle, CKO_CERTIFICATE, id, cert);
     object.attributes[CKA_CERTIFICATE_TYPE] = fake::bytesOf(CKC_X_509);
     object.attributes[CKA_VALUE] = certDer(cert);
-    object.attributes[CKA_ID] = fake::bytesOf(id.c_str());
-    object.attributes[CKA_LABEL] = fake::bytesOf(cert.c_str());
     return object;
 }
 
@@ -91,37 +103,32 @@ fake::Object keyObject(CK_OBJECT_HANDLE handle, const std::string& cert, const K
     const auto parsed = loadCert(cert);
     _mvPublicKey key;
     DataBuffer subject;
-    EXPECT_TRUE(parsed->getCertPublicKey(key, log));
-    parsed->getPartDer(1, subject, log);
-    const bool isRsa = key.getRsaKey() != nullptr;
-    fake::Object object{handle, {}, {}, true};
-    object.attributes[CKA_CLASS] = fake::bytesOf(CKO_PRIVATE_KEY);
-    object.attributes[CKA_KEY_TYPE] = fake::bytesOf(isRsa ? CKK_RSA : CKK_EC);
+    EXPECT_TRUE(parsed->getCertPublicKey(key, log) && parsed->getPartDer(1, subject, log));
+    fake::Object object = objectOf(handle, CKO_PRIVATE_KEY, traits.id, cert);
+    object.isPrivate = true;
+    object.attributes[CKA_KEY_TYPE] = fake::bytesOf(key.getRsaKey() != nullptr ? CKK_RSA : CKK_EC);
     object.attributes[CKA_SIGN] = fake::bytesOf(traits.maySign);
     object.attributes[CKA_ALWAYS_AUTHENTICATE] = fake::bytesOf(false);
-    object.attributes[CKA_LABEL] = fake::bytesOf(cert.c_str());
-    object.attributes[CKA_ID] = fake::bytesOf(traits.id.c_str());
     if (traits.withSubject) object.attributes[CKA_SUBJECT] = toBytes(subject.span());
-    if (traits.withModulus) {
-        fake::Bytes modulus = toBytes(key.getRsaKey()->modulus.bytes());
-        if (traits.modulusWithZero) modulus.insert(modulus.begin(), 0);
-        object.attributes[CKA_MODULUS] = modulus;
-    }
+    if (traits.withModulus) object.attributes[CKA_MODULUS] = toBytes(key.getRsaKey()->modulus.bytes());
+    if (traits.modulusWithZero) object.attributes[CKA_MODULUS].insert(object.attributes[CKA_MODULUS].begin(), 0);
     return object;
 }
 
 fake::Object ecPublicObject(CK_OBJECT_HANDLE handle, const std::string& cert, const std::string& id, bool wrapped) {
-    std::string point = publicPoint(*loadCert(cert));
+    LogNull log;
+    _mvPublicKey key;
+    DataBuffer exported;
+    EXPECT_TRUE(loadCert(cert)->getCertPublicKey(key, log) && key.getEccKey()->exportEccPoint(exported, log));
+    fake::Bytes point = toBytes(exported.span());
     if (wrapped) {
-        std::string head = point.size() < 128 ? "\x04" : "\x04\x81";
-        head.push_back(static_cast<char>(point.size()));
-        point.insert(0, head);
+        const fake::Bytes head = point.size() < 128 ? fake::Bytes{0x04} : fake::Bytes{0x04, 0x81};
+        point.insert(point.begin(), static_cast<unsigned char>(point.size()));
+        point.insert(point.begin(), head.begin(), head.end());
     }
-    fake::Object object{handle, {}, {}, false};
-    object.attributes[CKA_CLASS] = fake::bytesOf(CKO_PUBLIC_KEY);
+    fake::Object object = objectOf(handle, CKO_PUBLIC_KEY, id, cert);
     object.attributes[CKA_KEY_TYPE] = fake::bytesOf(CKK_EC);
-    object.attributes[CKA_ID] = fake::bytesOf(id.c_str());
-    object.attributes[CKA_EC_POINT] = {point.begin(), point.end()};
+    object.attributes[CKA_EC_POINT] = point;
     return object;
 }
 
@@ -139,23 +146,11 @@ const std::vector<PublicCall>& publicCalls() {
         {"SetPin", [](Pkcs11& p) { return p.SetPin(userPin, userPin); }},
         {"InitPin", [](Pkcs11& p) { return p.InitPin(userPin); }},
         {"FindCert_pkcs11", [](Pkcs11& p) { return p.InitToken(9, userPin, XString("l")); }},
-        {"FindObject",
-         [](Pkcs11& p) {
-             json.clear(p.log());
-             return p.FindObject(json) != 0;
-         }},
+        {"FindObject", [](Pkcs11& p) { return json.clear(p.log()), p.FindObject(json) != 0; }},
         {"FindAllKeys", [](Pkcs11& p) { return p.FindAllKeys(XString(), json); }},
         {"FindAllCerts", [](Pkcs11& p) { return p.FindAllCerts(); }},
-        {"FindCert_pkcs11",
-         [](Pkcs11& p) {
-             ClsCert cert;
-             return p.FindCert(XString(), XString(), cert);
-         }},
-        {"GetCert_pkcs11",
-         [](Pkcs11& p) {
-             ClsCert cert;
-             return p.GetCert(0, cert);
-         }},
+        {"FindCert_pkcs11", [](Pkcs11& p) { return p.FindCert(XString(), XString(), *std::make_unique<ClsCert>()); }},
+        {"GetCert_pkcs11", [](Pkcs11& p) { return p.GetCert(0, *std::make_unique<ClsCert>()); }},
     };
     return calls;
 }

@@ -22,36 +22,12 @@ using testing::Not;
 /// The class under test with its internal methods and members in view.
 class Pkcs11 final : public ClsPkcs11 {
   public:
-    using ClsPkcs11::alreadyLoggedIn;
-    using ClsPkcs11::C_Initialize;
-    using ClsPkcs11::cacheEcdsaPrivateKeys;
-    using ClsPkcs11::cacheRsaPrivateKeys;
-    using ClsPkcs11::checkSetSpecial;
-    using ClsPkcs11::findPkcs11Cert;
-    using ClsPkcs11::findPrivKeyHandle;
-    using ClsPkcs11::getPkcs11Functions;
-    using ClsPkcs11::getSlotIdsWithTokenPresent;
-    using ClsPkcs11::hasOpenSession;
-    using ClsPkcs11::loadPkcs11Dll;
-    using ClsPkcs11::loadPkcs11Dll_2;
-    using ClsPkcs11::login;
-    using ClsPkcs11::m_certHandleIsKeyHandle;
-    using ClsPkcs11::m_certs;
-    using ClsPkcs11::m_certsLoaded;
-    using ClsPkcs11::m_ecdsaKeysLoaded;
-    using ClsPkcs11::m_ecdsaPrivKeys;
-    using ClsPkcs11::m_hSession;
-    using ClsPkcs11::m_initialized;
-    using ClsPkcs11::m_libHandle;
-    using ClsPkcs11::m_loadedLibPath;
-    using ClsPkcs11::m_rsaKeysHaveModulus;
-    using ClsPkcs11::m_rsaKeysHaveSubject;
-    using ClsPkcs11::m_rsaKeysLoaded;
-    using ClsPkcs11::m_rsaPrivKeys;
-    using ClsPkcs11::m_slotId;
-    using ClsPkcs11::m_soLoggedIn;
-    using ClsPkcs11::m_userLoggedIn;
-    using ClsPkcs11::setContextSpecificPin;
+    using ClsPkcs11::alreadyLoggedIn, ClsPkcs11::C_Initialize, ClsPkcs11::cacheEcdsaPrivateKeys, ClsPkcs11::cacheRsaPrivateKeys, ClsPkcs11::checkSetSpecial,
+        ClsPkcs11::findPkcs11Cert, ClsPkcs11::findPrivKeyHandle, ClsPkcs11::getPkcs11Functions, ClsPkcs11::getSlotIdsWithTokenPresent,
+        ClsPkcs11::hasOpenSession, ClsPkcs11::loadPkcs11Dll, ClsPkcs11::loadPkcs11Dll_2, ClsPkcs11::login, ClsPkcs11::m_certHandleIsKeyHandle,
+        ClsPkcs11::m_certs, ClsPkcs11::m_certsLoaded, ClsPkcs11::m_ecdsaKeysLoaded, ClsPkcs11::m_ecdsaPrivKeys, ClsPkcs11::m_hSession, ClsPkcs11::m_initialized,
+        ClsPkcs11::m_libHandle, ClsPkcs11::m_loadedLibPath, ClsPkcs11::m_rsaKeysHaveModulus, ClsPkcs11::m_rsaKeysHaveSubject, ClsPkcs11::m_rsaKeysLoaded,
+        ClsPkcs11::m_rsaPrivKeys, ClsPkcs11::m_slotId, ClsPkcs11::m_soLoggedIn, ClsPkcs11::m_userLoggedIn, ClsPkcs11::setContextSpecificPin;
 
     // What stands in the log of all calls kept, by channel; contexts as "name".
     [[nodiscard]] std::vector<std::string> lines(_mvLogger::Entry::What what) const;
@@ -78,6 +54,9 @@ class FakeModule {
 /// A folder of this process, removed at its end.
 const std::string& scratchFolder();
 std::string readFile(const std::string& path);
+/// The rows of a file in tests/data: columns with `|` between them, without the blanks around them;
+/// %NN is a byte, a line that begins with "# " a comment.
+std::vector<std::vector<std::string>> dataRows(const std::string& file);
 
 /// One of the certificates made by tests/data/make-certs.
 fake::Bytes certDer(const std::string& name);

@@ -71,11 +71,20 @@ CK_RV sessionCall(const char* function, CK_SESSION_HANDLE session, std::initiali
         [&](World& w) -> CK_RV {
             const auto at = w.sessions.find(session);
             if (at == w.sessions.end()) return CKR_SESSION_HANDLE_INVALID;
-            Slot& slot = w.slot(at->second);
-            if (!slot.tokenPresent) return CKR_DEVICE_REMOVED;
-            return body(w, slot);
+            Slot* const slot = w.slot(at->second);
+            return slot != nullptr && slot->tokenPresent ? body(w, *slot) : CKR_DEVICE_REMOVED;
         },
         session);
+}
+
+// The same for a function on a slot; `needsToken` tells whether a token has to be in it.
+template <class Body>
+CK_RV slotCall(const char* function, bool needsToken, std::initializer_list<CK_ULONG> arguments, Outputs outputs, Body body) {
+    return call(function, arguments, outputs, [&](World& w) -> CK_RV {
+        Slot* const slot = w.slot(*arguments.begin());
+        if (slot == nullptr) return 0x003;  // CKR_SLOT_ID_INVALID
+        return slot->tokenPresent || !needsToken ? body(w, *slot) : CKR_TOKEN_NOT_PRESENT;
+    });
 }
 
 template <std::size_t N>
@@ -92,11 +101,6 @@ CK_RV giveList(const std::vector<CK_ULONG>& all, CK_ULONG* list, CK_ULONG* count
     if (room < all.size()) return CKR_BUFFER_TOO_SMALL;
     std::ranges::copy(all, list);
     return CKR_OK;
-}
-
-const Slot* findSlot(World& w, CK_SLOT_ID id) {
-    const auto at = std::ranges::find(w.slots, id, &Slot::id);
-    return at == w.slots.end() ? nullptr : &*at;
 }
 
 bool isSeen(const Object& object, const Slot& slot) { return !object.isPrivate || slot.loggedIn == CKU_USER; }
@@ -143,28 +147,23 @@ CK_RV getSlotList(CK_BBOOL present, CK_SLOT_ID* list, CK_ULONG* count) {
 }
 
 CK_RV getSlotInfo(CK_SLOT_ID id, CK_SLOT_INFO* info) {
-    return call("C_GetSlotInfo", {id}, {.slotInfo = info}, [&](World& w) -> CK_RV {
-        const Slot* const slot = findSlot(w, id);
-        if (slot == nullptr) return 0x003;  // CKR_SLOT_ID_INVALID
+    return slotCall("C_GetSlotInfo", false, {id}, {.slotInfo = info}, [&](World&, Slot& slot) -> CK_RV {
         *info = {};
         pad(info->slotDescription, "Fake slot");
         pad(info->manufacturerID, "Fake maker");
-        info->flags = (slot->tokenPresent ? 1U : 0U) | 0x6U;
+        info->flags = (slot.tokenPresent ? 1U : 0U) | 0x6U;
         return CKR_OK;
     });
 }
 
 CK_RV getTokenInfo(CK_SLOT_ID id, CK_TOKEN_INFO* info) {
-    return call("C_GetTokenInfo", {id}, {.tokenInfo = info}, [&](World& w) -> CK_RV {
-        const Slot* const slot = findSlot(w, id);
-        if (slot == nullptr) return 0x003;
-        if (!slot->tokenPresent) return CKR_TOKEN_NOT_PRESENT;
+    return slotCall("C_GetTokenInfo", true, {id}, {.tokenInfo = info}, [&](World&, Slot& slot) -> CK_RV {
         *info = {};
-        pad(info->label, slot->label);
+        pad(info->label, slot.label);
         pad(info->manufacturerID, "Fake maker");
         pad(info->model, "Model F");
         pad(info->serialNumber, "0001");
-        info->flags = slot->flags;
+        info->flags = slot.flags;
         info->ulMinPinLen = 4;
         info->ulMaxPinLen = 64;
         info->ulTotalPublicMemory = info->ulFreePublicMemory = CK_UNAVAILABLE_INFORMATION;
@@ -174,12 +173,12 @@ CK_RV getTokenInfo(CK_SLOT_ID id, CK_TOKEN_INFO* info) {
 }
 
 CK_RV getMechanismList(CK_SLOT_ID id, CK_MECHANISM_TYPE* list, CK_ULONG* count) {
-    return call("C_GetMechanismList", {id, list == nullptr ? 0UL : *count}, {.ids = list, .room = *count, .count = count},
-                [&](World& w) { return giveList(w.slot(id).mechanisms, list, count); });
+    return slotCall("C_GetMechanismList", false, {id, list == nullptr ? 0UL : *count}, {.ids = list, .room = *count, .count = count},
+                    [&](World&, Slot& slot) { return giveList(slot.mechanisms, list, count); });
 }
 
 CK_RV getMechanismInfo(CK_SLOT_ID id, CK_MECHANISM_TYPE type, CK_MECHANISM_INFO* info) {
-    return call("C_GetMechanismInfo", {id, type}, {.mechanismInfo = info}, [&](World&) -> CK_RV {
+    return slotCall("C_GetMechanismInfo", false, {id, type}, {.mechanismInfo = info}, [&](World&, Slot&) -> CK_RV {
         *info = {512, 4096, 0x2800};
         return CKR_OK;
     });
@@ -203,9 +202,7 @@ CK_RV checkPin(Slot& slot, bool isOfficer, const unsigned char* pin, CK_ULONG si
 }
 
 CK_RV initToken(CK_SLOT_ID id, CK_UTF8CHAR* pin, CK_ULONG size, CK_UTF8CHAR* label) {
-    return call("C_InitToken", {id}, {}, [&](World& w) -> CK_RV {
-        if (findSlot(w, id) == nullptr) return 0x003;
-        Slot& slot = w.slot(id);
+    return slotCall("C_InitToken", false, {id}, {}, [&](World&, Slot& slot) -> CK_RV {
         if (const CK_RV rv = checkPin(slot, true, pin, size); rv != CKR_OK) return rv;
         slot.label.assign(reinterpret_cast<const char*>(label), 32);
         slot.objects.clear();
@@ -233,15 +230,11 @@ CK_RV setPin(CK_SESSION_HANDLE session, CK_UTF8CHAR* oldPin, CK_ULONG oldSize, C
 }
 
 CK_RV openSession(CK_SLOT_ID id, CK_FLAGS flags, void*, CK_NOTIFY, CK_SESSION_HANDLE* session) {
-    return call("C_OpenSession", {id, flags}, {.session = session}, [&](World& w) -> CK_RV {
-        const Slot* const slot = findSlot(w, id);
-        if (slot == nullptr) return 0x003;
-        if (!slot->tokenPresent) return CKR_TOKEN_NOT_PRESENT;
+    return slotCall("C_OpenSession", true, {id, flags}, {.session = session}, [&](World& w, Slot&) -> CK_RV {
         if (w.sessions.size() >= w.maxSessions) return CKR_SESSION_COUNT;
-        w.lastSession = std::max(w.lastSession, w.handleBase) + 1;
-        w.sessions[w.lastSession] = id;
+        *session = ++w.lastSession;
+        w.sessions[*session] = id;
         ++w.numOpened;
-        *session = w.lastSession;
         return CKR_OK;
     });
 }
@@ -346,11 +339,7 @@ CK_RV findObjectsFinal(CK_SESSION_HANDLE session) {
 }  // namespace
 
 extern "C" World* fakeWorld() {
-    static World* const instance = [] {
-        auto* const made = new World;  // NOLINT: lives as long as the module
-        made->reset();
-        return made;
-    }();
+    static World* const instance = new World;  // NOLINT: lives as long as the module
     return instance;
 }
 

@@ -47,8 +47,7 @@ struct Call {
     CK_RV result = CKR_OK;
 };
 
-// A call's outputs, as a lie may change them before the caller sees them. Null where the function
-// has no such output.
+// A call's outputs, as a lie may change them before the caller sees them; null where there is none.
 struct Outputs {
     std::string function;
     std::size_t index = 0;  // of the call in the journal
@@ -64,9 +63,9 @@ struct Outputs {
     CK_MECHANISM_INFO* mechanismInfo = nullptr;
 };
 
-struct World {
+struct State {
     // --- What there is
-    std::vector<Slot> slots;
+    std::vector<Slot> slots{{.id = 1}};
     bool nullList = false;  // C_GetFunctionList gives a null list
     CK_VERSION version = {2, 40};
     std::set<std::string> nullEntries;  // functions missing from the list
@@ -75,7 +74,6 @@ struct World {
     bool spoilsPins = false;            // C_Login writes over the PIN it is given
     bool needsNullArguments = false;    // C_Initialize takes no arguments
     CK_ULONG maxSessions = 10;
-    CK_OBJECT_HANDLE handleBase = 0;  // added to the handles of sessions
 
     // --- What is answered: a code instead of the call (it may throw), and a change of its outputs
     std::function<std::optional<CK_RV>(const std::string& function, std::size_t index)> answer;
@@ -93,37 +91,33 @@ struct World {
     CK_SESSION_HANDLE lastSession = 0;
     int numOpened = 0;
     int numClosed = 0;
+};
+
+struct World : State {
     std::atomic<int> inside{0};  // calls running
-    std::recursive_mutex mutex;  // guards everything above
+    std::recursive_mutex mutex;  // guards the state
 
     [[nodiscard]] std::size_t count(const std::string& function) const {
-        std::size_t n = 0;
-        for (const Call& call : journal) n += call.function == function ? 1 : 0;
-        return n;
+        return static_cast<std::size_t>(std::ranges::count(journal, function, &Call::function));
     }
-    Slot& slot(CK_SLOT_ID id) {
-        for (Slot& s : slots) {
-            if (s.id == id) return s;
-        }
-        return slots.at(0);
+    // Null where there is none.
+    Slot* slot(CK_SLOT_ID id) {
+        const auto at = std::ranges::find(slots, id, &Slot::id);
+        return at == slots.end() ? nullptr : &*at;
     }
     // Takes the tokens out: their sessions are gone with them.
     void removeTokens() {
-        for (Slot& s : slots) {
-            s.tokenPresent = false;
-            s.loggedIn.reset();
-        }
+        for (Slot& s : slots) s.tokenPresent = false, s.loggedIn.reset();
         while (!sessions.empty()) loseSession(sessions.begin()->first);
     }
     void loseSession(CK_SESSION_HANDLE session) {
-        const auto at = sessions.find(session);
-        if (at == sessions.end()) return;
-        const CK_SLOT_ID id = at->second;
-        sessions.erase(at);
+        const auto lost = sessions.extract(session);
+        if (lost.empty()) return;
         searches.erase(session);
         ++numClosed;
-        const bool isLast = std::ranges::none_of(sessions, [id](const auto& s) { return s.second == id; });
-        if (isLast) slot(id).loggedIn.reset();
+        const bool isLast = std::ranges::none_of(sessions, [&](const auto& s) { return s.second == lost.mapped(); });
+        Slot* const of = slot(lost.mapped());
+        if (isLast && of != nullptr) of->loggedIn.reset();
     }
     void loseInitialization() {
         initialized = false;
@@ -132,23 +126,7 @@ struct World {
     // The whole state anew, as after loading.
     void reset() {
         const std::lock_guard lock(mutex);
-        slots.assign(1, Slot{});
-        slots[0].id = 1;
-        listMade = nullList = initializedByOthers = acceptsAnyPin = spoilsPins = needsNullArguments = initialized = false;
-        version = {2, 40};
-        nullEntries.clear();
-        maxSessions = 10;
-        handleBase = 0;
-        answer = nullptr;
-        lie = nullptr;
-        journal.clear();
-        violations.clear();
-        sessions.clear();
-        searches.clear();
-        issued.clear();
-        closedByCaller.clear();
-        lastSession = 0;
-        numOpened = numClosed = 0;
+        static_cast<State&>(*this) = State();
     }
 };
 

@@ -10,12 +10,8 @@ import sys
 from facts import name_parts, openssl_facts
 from softhsm import Token, equal, expect, failures, openssl
 
-KEYS = {
-    "rsa2048": ["RSA", "rsa_keygen_bits:2048"], "rsa3072": ["RSA", "rsa_keygen_bits:3072"],
-    "rsa4096": ["RSA", "rsa_keygen_bits:4096"], "rsa1024": ["RSA", "rsa_keygen_bits:1024"],
-    "p256": ["EC", "ec_paramgen_curve:P-256"], "p384": ["EC", "ec_paramgen_curve:P-384"],
-    "p521": ["EC", "ec_paramgen_curve:P-521"],
-}
+KEYS = {f"rsa{bits}": ["RSA", f"rsa_keygen_bits:{bits}"] for bits in (2048, 3072, 4096, 1024)} | {
+    f"p{bits}": ["EC", f"ec_paramgen_curve:P-{bits}"] for bits in (256, 384, 521)}
 SUBJECTS = [
     "/CN=Plain", "/C=DE/O=Müller \\& Söhne/CN=Zoë Straße/emailAddress=zoe@example.org",
     "/CN=日本 太郎/OU=部署/L=東京", "/CN=Multi+UID=m1+OU=unit/O=Acme", "/CN=Comma\\, and \"quotes\"; <x>",
@@ -70,11 +66,8 @@ def main(tool, module):
     for name, key in made:
         # Handles differ from run to run; the key's size and type tell which it is.
         found = matched[name]
-        expect(found["privateKey"] is not None, f"{name}: no private key ({found['how']})")
-        if found["privateKey"]:
-            bits = keys_by_label[key]["keySize"]
-            size = (bits + 7) // 8 * (2 if found["keyType"] == "EC" else 1)
-            equal(found["privateKey"]["expectedSignatureSize"], size, f"{name} signature size ({found['how']})")
+        size = (keys_by_label[key]["keySize"] + 7) // 8 * (2 if found["keyType"] == "EC" else 1)
+        equal((found["privateKey"] or {}).get("expectedSignatureSize"), size, f"{name} signature size ({found['how']})")
         expect(found["how"].startswith("Found matching"), f"{name}: {found['how']}")
 
     chosen = token.p11_json("find-cert", "privateKey", *login)
