@@ -6,6 +6,7 @@
 namespace mervane::test {
 namespace {
 
+const std::string kLooking = "Looking for a matching RSA private key...";
 const std::string kById = "Found matching PKCS11 RSA private key by ID.";
 const std::string kBySubject = "Found matching PKCS11 RSA private key by Subject DER.";
 const std::string kByModulus = "Found matching PKCS11 RSA private key by modulus.";
@@ -41,7 +42,7 @@ class KeysTest : public FakeTest {
     // The info lines about keys, without the one that begins the search.
     std::vector<std::string> how() const {
         auto out = p11->infos();
-        std::erase(out, "Looking for a matching RSA private key...");
+        std::erase(out, kLooking);
         return out;
     }
     int signatureSize = 0;
@@ -98,7 +99,9 @@ TEST_F(KeysTest, RsaKeyIsFoundByEachRuleInTurn) {
         ASSERT_TRUE(quick());
         EXPECT_EQ(link(), row.key);
         EXPECT_EQ(how(), row.lines);
-        EXPECT_THAT(p11->values(), Contains("expectedSignatureSize=256"));
+        EXPECT_THAT(p11->values(),
+                    testing::IsSupersetOf({std::string("expectedSignatureSize=256"), std::string("hasPrivateKey=") + (row.key != 0 ? "true" : "false")}));
+        EXPECT_EQ(p11->infos().at(0), kLooking);
         const auto contexts = p11->contexts();
         EXPECT_EQ(std::ranges::count(contexts, "retry_subjectDer_modulus"), row.isRetried ? 1 : 0);
         if (row.key == 0) { EXPECT_THAT(p11->errors(), ElementsAre("No matching private key found on the HSM.")); }

@@ -195,8 +195,14 @@ TEST_F(QueriesTest, FixedSizesCountOnlyExactly) {
 
 // A module that claims values and writes none: what the room held is not taken for them.
 TEST_F(QueriesTest, UnwrittenValuesAreNoValues) {
-    objects() = {keyObject(7, "alice", {.id = "a"})};
+    objects() = {keyObject(7, "alice", {.id = "a"}), keyObject(8, "alice", {.id = "a"})};
     ASSERT_TRUE(quick());
+    world.answer = [this](auto& f, auto i) {  // the second is claimed in the lengths of the room
+        return f == "C_GetAttributeValue" && world.journal[i].arguments[1] == 8 ? std::optional(CKR_OK) : std::nullopt;
+    };
+    EXPECT_THAT(keys("private"), testing::EndsWith(R"(,{"handle":8,"class":"private"}]})"));
+    world.answer = nullptr;
+    objects().pop_back();
     for (const CK_ULONG claimed : {CK_ULONG{1}, CK_ULONG{20}, CK_ULONG{500}}) {
         world.lie = [&](fake::Outputs& out) {
             for (CK_ULONG i = 0; out.attributes != nullptr && i < out.room; ++i) {
