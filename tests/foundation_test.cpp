@@ -111,7 +111,8 @@ TEST(JsonTest, PathsRecordsAndSharing) {
     EXPECT_EQ(json->JsonTypeOf("a.b[i]"), -1);
     EXPECT_EQ(json->valueAt("d")->asNumber(), "1");  // the first of two counts
     EXPECT_EQ(json->SizeOfArray("a.b"), 3);
-    EXPECT_EQ(json->sizeOfArray("a", log), 0);
+    EXPECT_EQ(json->sizeOfArray("a", json->log()) + json->sizeOfArray("a.b", json->log()), 3);
+    EXPECT_EQ(json->log().text(), "missingJsonArray: a\n");
 
     EXPECT_EQ(json->FindRecord("a.b", "k", "y", true), nullptr);
     EXPECT_EQ(json->FindRecord("a", "k", "y", false), nullptr);

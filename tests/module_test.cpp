@@ -222,6 +222,12 @@ TEST_F(ModuleTest, NewSessionReplacesTheOldAndKeepsALoginOnTheSameToken) {
     EXPECT_TRUE(p11->OpenSession(2, false));
     EXPECT_FALSE(p11->m_userLoggedIn);
     EXPECT_EQ(p11->m_slotId, 2U);
+    EXPECT_THAT(p11->values(), Not(Contains(HasSubstr("closeSessionResult"))));
+    world.maxSessions = 2;
+    world.lie = [](fake::Outputs& out) { out.result = out.function == "C_CloseSession" ? CKR_GENERAL_ERROR : out.result; };
+    EXPECT_TRUE(p11->OpenSession(1, false));
+    EXPECT_THAT(p11->values(), Contains("closeSessionResult=5"));
+    world.lie = nullptr;
     EXPECT_TRUE(p11->CloseSession());
     EXPECT_FALSE(p11->hasOpenSession());
     EXPECT_FALSE(p11->CloseSession());
