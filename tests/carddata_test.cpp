@@ -55,6 +55,7 @@ TEST_F(CardsTest, DocumentIsWholeAndNamesACard) {
     EXPECT_EQ(document.SizeOfArray("drivers"), 46);
     const Found card = find(" \t3b6d000057443641018693\r\n");
     EXPECT_TRUE(card.ok && !card.readOnly);
+    EXPECT_EQ(object.log().text(), wantedLog("atr"));
     EXPECT_EQ(card.name, "Watchdata PROXkey");
     EXPECT_THAT(card.paths, ElementsAre("/usr/lib/WatchData/ProxKey/lib/libwdpkcs_SignatureP11.so"));
 }

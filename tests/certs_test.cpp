@@ -136,12 +136,14 @@ TEST_F(CertsTest, OtherIssuersAreChosenBeforeTheAuthenticationCa) {
                                                                      {{"alice", "auth1"}, "Alice"},
                                                                      {{"auth1"}, "Auth one"},
                                                                      {{"auth1", "auth2"}, "Auth two"},
-                                                                     {{"auth1", "auth2", "alice"}, "Auth two"}};
+                                                                     {{"auth1", "auth2", "alice"}, "Auth two"},
+                                                                     {{"near", "alice"}, "Near"}};
     for (const auto& [order, chosen] : rows) {
-        forget();
         tokenOf(order);
-        EXPECT_EQ(find(" PrivateKey ", "ignored"), chosen);
+        forget();
         const bool onlyCandidate = order.size() == 1;
+        EXPECT_EQ(find(" PrivateKey ", "ignored"), chosen);
+        if (onlyCandidate) { EXPECT_EQ(p11->log().text(), wantedLog("candidate")); }
         EXPECT_THAT(p11->infos(), testing::Conditional(onlyCandidate, Contains("The candidate certificate was chosen."),
                                                        Not(Contains("The candidate certificate was chosen."))));
         const auto values = p11->values();

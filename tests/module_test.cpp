@@ -175,10 +175,13 @@ TEST_F(ModuleTest, ContextSpecificPinIsKeptAndRecorded) {
     XString pin;
     p11->get_SigContextPin(pin);
     EXPECT_EQ(pin.view(), "1234-secret-user-pin-987");
-    p11->setContextSpecificPin(XString(), p11->log());
+    EXPECT_TRUE(p11->Login(2, XString()));
     p11->get_SigContextPin(pin);
-    EXPECT_TRUE(pin.isEmpty());
-    EXPECT_THAT(world.journal, IsEmpty());
+    EXPECT_TRUE(pin.isEmpty() && world.journal.empty());
+    EXPECT_FALSE(p11->QuickSession(2, XString("x")));  // these two ask the token
+    EXPECT_FALSE(p11->login(2, "x", p11->log()) || p11->m_userLoggedIn);
+    EXPECT_EQ(world.count("C_Login"), 2U);
+    EXPECT_EQ(world.journal.back().arguments.at(1), 2U);
 }
 
 // --- Sessions
@@ -201,8 +204,11 @@ TEST_F(ModuleTest, OpenSessionChoosesTheSlot) {
     EXPECT_THAT(p11->values(), ElementsAre("desiredSlotId=5"));
     EXPECT_THAT(p11->errors(), ElementsAre("Did not find desired slot ID."));
     EXPECT_TRUE(world.count("C_OpenSession") == 0 && p11->hasOpenSession());  // a failed open loses nothing
+    EXPECT_EQ(p11->m_slotId, 0x80000001U);
     slots({});
+    forget();
     EXPECT_FALSE(p11->OpenSession(-1, true));
+    EXPECT_TRUE(p11->errors().empty() && p11->values().empty());
     for (CK_SLOT_ID id = 1; id <= 130; ++id) world.slots.emplace_back().id = id;
     EXPECT_TRUE(p11->OpenSession(100, false));
     EXPECT_FALSE(p11->OpenSession(101, false));
@@ -306,7 +312,9 @@ TEST_F(ModuleTest, LoginStateFollowsTheToken) {
     EXPECT_FALSE(whoIsIn(1));
     EXPECT_TRUE(p11->login(1, world.slots[0].userPin.c_str(), p11->log()));
     EXPECT_TRUE(whoIsIn(-5) && !whoIsIn(2) && !whoIsIn(0));
+    forget();
     EXPECT_TRUE(p11->Login(1, XString("anything")));  // logged in already: not tried
+    EXPECT_EQ(p11->log().text(), wantedLog("login"));
     EXPECT_FALSE(p11->Login(0, XString(world.slots[0].soPin)));
     EXPECT_THAT(p11->errors(), Contains("C_Login failed with CKR_USER_ANOTHER_ALREADY_LOGGED_IN."));
     EXPECT_TRUE(p11->Logout() && !whoIsIn(1));

@@ -53,6 +53,8 @@ TEST_F(KeysTest, RsaKeyIsFoundByEachRuleInTurn) {
     const fake::Object alice = certObject(10, "alice", "a");
     const fake::Object other = certObject(11, "bob", "b");
     const KeyTraits full{.id = "x", .withSubject = true, .withModulus = true};
+    fake::Object unsaid = keyObject(20, "alice", {.id = "a"});
+    unsaid.attributes.erase(CKA_SIGN);
     const struct {
         std::string what;
         std::vector<fake::Object> objects;
@@ -88,6 +90,14 @@ TEST_F(KeysTest, RsaKeyIsFoundByEachRuleInTurn) {
          0,
          {noSign("ID"), noSign("Subject DER"), noSign("modulus"), kNoRsa},
          true},
+        {"the first of both forms, the other way round",
+         {alice, other, keyObject(20, "alice", {.id = "x", .withModulus = true}),
+          keyObject(21, "alice", {.id = "y", .withModulus = true, .modulusWithZero = true})},
+         20,
+         {kByModulus},
+         true},
+        {"not said that it may sign", {alice, other, unsaid}, 0, {noSign("ID"), kNoRsa}, true},
+        {"two possible keys", {alice, keyObject(20, "bob", {.id = "b"}), keyObject(21, "bob", {.id = "b"})}, 0, {kNoRsa}, true},
         {"only possible key", {alice, keyObject(20, "bob", {.id = "b", .maySign = false})}, 20, {"Using only possible private key"}},
         {"two certificates", {alice, other, keyObject(20, "bob", {.id = "b"})}, 0, {kNoRsa}, true},
         {"no IDs at all", {certObject(10, "alice", ""), other, keyObject(20, "bob", {.id = ""})}, 0, {kNoRsa}, true},
@@ -104,6 +114,7 @@ TEST_F(KeysTest, RsaKeyIsFoundByEachRuleInTurn) {
         EXPECT_EQ(p11->infos().at(0), kLooking);
         const auto contexts = p11->contexts();
         EXPECT_EQ(std::ranges::count(contexts, "retry_subjectDer_modulus"), row.isRetried ? 1 : 0);
+        if (row.what == "by modulus") { EXPECT_EQ(p11->log().text(), wantedLog("link-rsa")); }
         if (row.key == 0) { EXPECT_THAT(p11->errors(), ElementsAre("No matching private key found on the HSM.")); }
     }
 }
@@ -114,6 +125,11 @@ TEST_F(KeysTest, ThoroughFillReadsSubjectAndModulusAtOnce) {
     EXPECT_EQ(link(false), 20U);
     EXPECT_THAT(how(), ElementsAre(kBySubject));
     EXPECT_TRUE(p11->m_rsaKeysHaveSubject && p11->m_rsaKeysHaveModulus);
+    EXPECT_THAT(p11->contexts(), Not(Contains("retry_subjectDer_modulus")));
+    objects()[2].attributes[CKA_SUBJECT].clear();
+    objects()[2].attributes[CKA_MODULUS].clear();
+    ASSERT_TRUE(quick());
+    EXPECT_EQ(link(false), 0U);  // all was read: no retry
     EXPECT_THAT(p11->contexts(), Not(Contains("retry_subjectDer_modulus")));
     p11->clearPrivateKeyCaches();
     EXPECT_FALSE(p11->m_rsaKeysLoaded || p11->m_ecdsaKeysLoaded);
@@ -154,6 +170,7 @@ TEST_F(KeysTest, EcKeyIsFoundByIdByPointOrFirst) {
         EXPECT_EQ(how(), row.lines);
         EXPECT_EQ(signatureSize, row.signatureSize);
         EXPECT_EQ(p11->errors().at(0), "Certificate key type is ECDSA.");
+        if (row.what == "by raw point") { EXPECT_EQ(p11->log().text(), wantedLog("link-ec")); }
         if (row.key == 0) { EXPECT_THAT(p11->errors(), ElementsAre("Certificate key type is ECDSA.", "No matching private key found on the HSM.")); }
     }
     // Points are added to a cache that was filled without.
@@ -188,6 +205,7 @@ TEST_F(KeysTest, ModuleOfOneHandleNeedsNoSearch) {
     ASSERT_TRUE(p11->QuickSession(1, XString()) && p11->FindCert(XString("CN"), XString("Curve 256"), cert));
     EXPECT_TRUE(p11->linkCertToPkcs11Session(cert.getCert().get(), true, p11->log()));
     EXPECT_EQ(cert.getCert()->pkcs11Link()->keyHandle, 78U);
+    EXPECT_THAT(p11->log().text(), testing::EndsWith(wantedLog("link-one-handle")));
     EXPECT_EQ(cert.getCert()->pkcs11Link()->expectedSignatureSize, 64);
     EXPECT_THAT(p11->infos(), Contains("Using certificate's PKCS11 handle as the private key handle..."));
     // No key type is refused on this road.
@@ -222,6 +240,11 @@ TEST_F(KeysTest, FailureToReadKeysEndsTheSearchInItsOwnWay) {
     numLeft = 3;
     EXPECT_EQ(link(), 0U);
     EXPECT_EQ(how().back(), kNoRsa);
+    objects() = {certObject(10, "p256", "a"), keyObject(20, "p256", {.id = "a"})};
+    ASSERT_TRUE(quick());
+    numLeft = 2;
+    EXPECT_EQ(link(), 0U);
+    EXPECT_THAT(how(), IsEmpty());
 }
 
 TEST_F(KeysTest, ThousandsOfKeysThatMayNotSignAreNotAllNamed) {

@@ -9,10 +9,10 @@ namespace {
 
 class QueriesTest : public FakeTest {
   protected:
-    JsonValue discover(bool expected = true) {
+    JsonValue discover(bool expected = true, bool onlyTokensPresent = false) {
         ClsJsonObject json;
         json.root().set("old", true);
-        EXPECT_EQ(p11->Discover(false, json), expected);
+        EXPECT_EQ(p11->Discover(onlyTokensPresent, json), expected);
         JsonValue value;
         JsonError error;
         EXPECT_TRUE(parseJson(json.emit(true), value, error)) << error.reason;
@@ -60,6 +60,9 @@ TEST_F(QueriesTest, DiscoveryInitializesOnceAndKeepsTheSession) {
     };
     const JsonValue report = discover();
     EXPECT_EQ(slot(report, 1).find("token"), nullptr);
+    world.slots[1].tokenPresent = false;
+    EXPECT_EQ(discover().find("slots")->asArray()->size(), 2U);
+    EXPECT_EQ(discover(true, true).find("slots")->asArray()->size(), 1U);
     EXPECT_EQ(*(*slot(report, 0).find("token")->find("mechanisms")->asArray())[2].find("name")->asString(), "0x80000001");
     for (const char* const option : {"Pkcs11DiscoverSkipMechanisms", "a,PKCS11DISCOVERSKIPMECHANISMS;b"}) {
         p11->put_Options(option);
@@ -221,6 +224,9 @@ TEST_F(QueriesTest, UnwrittenValuesAreNoValues) {
 TEST_F(QueriesTest, PinAdministrationFollowsTheStandard) {
     EXPECT_FALSE(p11->SetPin(XString("a"), XString("b")));
     EXPECT_EQ(p11->log().lastError(), "PKCS11 functions not available");
+    EXPECT_FALSE(p11->InitToken(1, XString("x"), XString(std::string(33, 'l'))));
+    EXPECT_EQ(p11->log().lastError(), "PKCS11 functions not available");
+    EXPECT_EQ(keys("no such word"), "PKCS11 functions not available{}");
     ASSERT_TRUE(p11->QuickSession(1, XString()));
     EXPECT_TRUE(p11->SetPin(XString(world.slots[0].userPin), XString("a-fresh-user-pin-0123456")));
     EXPECT_FALSE(p11->SetPin(XString("1234-secret-user-pin-987"), XString("another-user-pin")));

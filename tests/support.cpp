@@ -53,6 +53,8 @@ std::string readFile(const std::string& path) {
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
+std::string wantedLog(const std::string& name) { return readFile(std::string(MERVANE_SOURCE) + "/tests/data/logs/" + name + ".txt"); }
+
 std::vector<std::vector<std::string>> dataRows(const std::string& file) {
     std::ifstream in(std::string(MERVANE_SOURCE) + "/tests/data/" + file);
     std::vector<std::vector<std::string>> rows;

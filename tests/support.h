@@ -54,6 +54,8 @@ class FakeModule {
 /// A folder of this process, removed at its end.
 const std::string& scratchFolder();
 std::string readFile(const std::string& path);
+/// The whole log of a call as it has to be, from tests/data/logs.
+std::string wantedLog(const std::string& name);
 /// The rows of a file in tests/data: columns with `|` between them, without the blanks around them;
 /// %NN is a byte, a line that begins with "# " a comment.
 std::vector<std::vector<std::string>> dataRows(const std::string& file);

@@ -46,6 +46,7 @@ bool ClsPkcs11::C_InitPIN(const char* pin, LogBase& log) {
 
 bool ClsPkcs11::C_InitToken(unsigned long slotId, const char* soPin, const char* label,
                             LogBase& log) {
+    if (!ready(log, entry::kInitToken)) return false;
     // CK_TOKEN_INFO.label: 32 bytes of UTF-8, padded with blanks, not terminated.
     std::array<CK_UTF8CHAR, 32> padded{};
     padded.fill(' ');
@@ -61,7 +62,6 @@ bool ClsPkcs11::C_InitToken(unsigned long slotId, const char* soPin, const char*
         return false;
     }
     std::ranges::copy(text, padded.begin());
-    if (!ready(log, entry::kInitToken)) return false;
     PinArgument pin = pinArgument(soPin, slotId, log);
     const auto rv = ask(log, entry::kInitToken, slotId, pin.bytes(), pin.size(), padded.data());
     return rv && reportPinCall(entry::kInitToken, *rv, slotId, true, log);

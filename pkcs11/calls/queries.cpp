@@ -305,7 +305,7 @@ JsonValue keyToJson(const ObjectReader& reader, CK_OBJECT_HANDLE handle, const K
 
 int ClsPkcs11::findObject(ClsJsonObject& json, LogBase& log) {
     Description wanted;
-    if (!readDescription(json, wanted, log)) return 0;
+    if (!ready(log, entry::kFindObjectsInit) || !readDescription(json, wanted, log)) return 0;
     json.root().remove("handle");
     std::vector<std::vector<std::uint8_t>> serials(1);
     if (wanted.serialNumber) serials = {derInteger(*wanted.serialNumber), *wanted.serialNumber};
@@ -336,7 +336,9 @@ int ClsPkcs11::findObject(ClsJsonObject& json, LogBase& log) {
 
 bool ClsPkcs11::findAllKeys(const XString& selector, ClsJsonObject& json, LogBase& log) {
     Selection selection;
-    if (!readSelector(selector.view(), selection, log)) return false;
+    if (!ready(log, entry::kFindObjectsInit) || !readSelector(selector.view(), selection, log)) {
+        return false;
+    }
     JsonValue list = JsonValue::array();
     for (std::size_t i = 0; i < kKeyClasses.size(); ++i) {
         if (!selection.hasClass(i)) continue;
