@@ -42,6 +42,9 @@ TEST_F(CertsTest, CacheIsEnumeratedInTheOrderOfTheToken) {
     p11->m_certs.appendObject(std::make_unique<CertificateHolder>(nullptr));
     EXPECT_FALSE(p11->GetCert(3, cert));
     EXPECT_EQ(p11->errors().back(), "Internal error getting cert.");
+    EXPECT_EQ(find("CN", "nobody"), "Not found.");
+    p11->clearCertCache(p11->log());
+    EXPECT_EQ(p11->get_NumCerts(), 0);
 }
 
 TEST_F(CertsTest, LinksOfWhatWasHandedOutLastAsLongAsTheSession) {
@@ -124,6 +127,12 @@ TEST_F(CertsTest, EveryRuleFindsItsCertificateAndNoOther) {
     EXPECT_EQ(find("sha1Thumbprint", lower), "Bob");
     EXPECT_EQ(find("thumbprint", thumbprint.substr(2)), "Not found.");
     EXPECT_EQ(world.count("C_FindObjectsInit"), 1U);  // the cache is filled once
+    _smartcardCertSpec both;
+    both.mustHavePrivateKey = true;  // does not count beside a part
+    both.certPart.setString("CN");
+    both.certPartVal.setString("Bob");
+    ClsCert cert;
+    EXPECT_TRUE(p11->findPkcs11Cert(both, cert, p11->log()));
     for (const std::string read : {"0A1B:Test CA", "", "0A1B", "EX, Acme, Sales, Alice, alice@example.org", "Sales"})
         EXPECT_THAT(p11->values(), Contains("checking=" + read));
     EXPECT_THAT(p11->infos(), Contains("Simply choosing the 1st encountered certificate..."));

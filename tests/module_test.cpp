@@ -112,6 +112,9 @@ TEST_F(ModuleTest, FunctionListThatCannotBeUsedIsRefused) {
         const auto object = make(module.path());
         EXPECT_FALSE(object->Initialize() || object->m_initialized);
         EXPECT_THAT(object->errors(), Contains(error));
+        if (error == "Function not found") {
+            EXPECT_THAT(object->values(), testing::IsSupersetOf({std::string("functionName=C_Initialize"), "sharedLibPath=" + module.path()}));
+        }
         world.reset();
         EXPECT_TRUE(make(module.path())->Initialize()) << error;
         world.reset();
