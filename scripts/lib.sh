@@ -1,5 +1,9 @@
 # Shared by the scripts of this folder; sourced, not run.
 
+# Settings of the caller's that would change what is built and tested.
+unset DESTDIR OPENSSL_CONF "${!GTEST_@}"
+[ -d "${TMPDIR:-/tmp}" ] || unset TMPDIR
+
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
 # install_packages PACKAGE...: installs the Debian packages that are missing.
@@ -12,8 +16,9 @@ install_packages() {
   local as_root=()
   [ "$(id -u)" -eq 0 ] || as_root=(sudo)
   echo "Installing: ${missing[*]}"
-  "${as_root[@]}" apt-get update -qq
-  "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+  local apt=("${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -o DPkg::Lock::Timeout=300 -o Acquire::Retries=3)
+  "${apt[@]}" update -qq
+  "${apt[@]}" install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 }
 
 build_packages=(g++ cmake ninja-build zlib1g-dev)
@@ -35,7 +40,7 @@ softhsm_module() {
 build_preset() {
   (
     cd "$root"
-    [ -f "build/$1/CMakeCache.txt" ] || cmake --preset "$1" -G Ninja >/dev/null
+    [ -f "build/$1/build.ninja" ] || cmake --preset "$1" -G Ninja >/dev/null
     cmake --build --preset "$1" --parallel "$(nproc)" >"build/$1/build.log" 2>&1 || {
       cat "build/$1/build.log"
       exit 1

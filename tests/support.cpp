@@ -40,7 +40,7 @@ const std::string& scratchFolder() {
             std::error_code error;
             if (owner == ::getpid()) std::filesystem::remove_all(path, error);  // not in a forked child
         }
-        std::string path = std::filesystem::temp_directory_path() / "mervane-test-XXXXXX";
+        std::string path = std::filesystem::path(MERVANE_FAKE_MODULE).replace_filename("scratch-XXXXXX");
         const char* made = ::mkdtemp(path.data());
         pid_t owner = ::getpid();
     };

@@ -39,7 +39,7 @@ def main(tool, module):
     if not os.path.exists("/dev/tty") or os.system("true </dev/tty 2>/dev/null") != 0:
         run_line("4 | no terminal | init-pin --new-pin env:OTHER")
     # Where nothing can be written, no file of the module is written to instead.
-    closed = subprocess.run(["sh", "-c", f"'{tool}' card-data >&-"], capture_output=True, text=True)
+    closed = subprocess.run(["sh", "-c", '"$0" card-data >&-', tool], capture_output=True, text=True)
     equal((closed.returncode, "cannot be written" in closed.stderr), (1, True), "closed output")
     # A module beside the working directory is that file, whatever the loader's search path holds.
     near = subprocess.run([os.path.abspath(tool), "certs", "--module", os.path.basename(module)], cwd=os.path.dirname(module), env=token.env)

@@ -28,6 +28,7 @@ class Token:
         (self.folder / "tokens").mkdir()
         config = self.folder / "softhsm2.conf"
         config.write_text(f"directories.tokendir = {self.folder / 'tokens'}\nlog.level = ERROR\n")
+        os.environ.pop("OPENSSL_CONF", None)
         self.env = dict(os.environ, SOFTHSM2_CONF=str(config), MERVANE_P11_MODULE=module,
                         USER_PIN=USER_PIN, SO_PIN=SO_PIN)
 
