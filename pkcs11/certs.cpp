@@ -134,20 +134,40 @@ void logSubject(std::string_view name, const Certificate& cert, LogBase& log) {
     log.LogDataX(name, subject);
 }
 
+// Whether a certificate that has a private key is the one to choose. Those of one authentication CA
+// are set aside, and taken only when no other with a key follows.
+bool isChosen(Certificate& cert, std::shared_ptr<Certificate>& candidate, LogBase& log) {
+    XString issuer;
+    cert.getIssuerPart("CN", issuer, log);
+    if (!candidate && issuer.view().starts_with("EC de Autentica")) {
+        candidate = cert.shared_from_this();
+        logSubject("candidateCert", cert, log);
+        return false;
+    }
+    logSubject("chosenCertDN", cert, log);
+    return true;
+}
+
+bool giveCert(Certificate& chosen, SystemCertsHolder& systemCerts, ClsCert& cert, LogBase& log) {
+    const CritSecExitor lock(cert);
+    cert.systemCerts().mergeSysCerts(systemCerts, log);
+    return cert.injectCert(&chosen, log);
+}
+
 }  // namespace
 
 bool ClsPkcs11::FindAllCerts() {
-    return publicCall("FindAllCerts", Record::Yes,
+    return publicCall(*this, *m_calls, "FindAllCerts", Record::Yes,
                       [this](LogBase& log) { return findAllCerts(log); });
 }
 
 int ClsPkcs11::get_NumCerts() {
     const CritSecExitor lock(*this);
-    return hasForked() ? 0 : m_certs.getSize();
+    return m_calls->use.hasForked() ? 0 : m_certs.getSize();
 }
 
 bool ClsPkcs11::GetCert(int index, ClsCert& cert) {
-    return publicCall("GetCert_pkcs11", Record::Yes, [&](LogBase& log) {
+    return publicCall(*this, *m_calls, "GetCert_pkcs11", Record::Yes, [&](LogBase& log) {
         const CertificateHolder* const holder = holderAt(m_certs, index);
         if (holder == nullptr) {
             // Said of a wrong index, too; callers know the text.
@@ -167,19 +187,8 @@ bool ClsPkcs11::GetCert(int index, ClsCert& cert) {
     });
 }
 
-void ClsPkcs11::clearCertCache(LogBase& log) {
-    const LogContextExitor context(log, "clearPkcs11CertCache");
-    for (int i = 0; i < m_certs.getSize(); ++i) {
-        const CertificateHolder* const holder = holderAt(m_certs, i);
-        Certificate* const cert = holder == nullptr ? nullptr : holder->getCertPtr(log);
-        if (cert != nullptr) cert->unlinkFromPkcs11Session();
-    }
-    m_certs.removeAllObjects();
-    m_certsLoaded = false;
-}
-
 bool ClsPkcs11::FindCert(const XString& certPart, const XString& partValue, ClsCert& cert) {
-    return publicCall("FindCert_pkcs11", Record::Yes, [&](LogBase& log) {
+    return publicCall(*this, *m_calls, "FindCert_pkcs11", Record::Yes, [&](LogBase& log) {
         const std::string_view part = trimmed(certPart.view());
         _smartcardCertSpec spec;
         if (equalsIgnoreCase(part, "privateKey")) {
@@ -205,6 +214,9 @@ bool ClsPkcs11::findPkcs11Cert(const _smartcardCertSpec& spec, ClsCert& cert, Lo
     const auto* const rule = std::ranges::find_if(
         kMatchRules, [&part](const MatchRule& r) { return part.containsSubstring(r.keyword); });
 
+    const auto give = [&](Certificate& chosen) {
+        return giveCert(chosen, m_systemCerts, cert, log);
+    };
     const int numCerts = m_certs.getSize();
     std::shared_ptr<Certificate> candidate;
     for (int i = 0; i < numCerts; ++i) {
@@ -214,57 +226,39 @@ bool ClsPkcs11::findPkcs11Cert(const _smartcardCertSpec& spec, ClsCert& cert, Lo
         const auto checked = holder == nullptr ? nullptr : holder->share();
         if (!checked) continue;
         if (!part.isEmpty()) {
-            if (rule->matches({*checked, part.view(), value.view(), log}))
-                return giveCert(*checked, cert, log);
+            if (rule->matches({*checked, part.view(), value.view(), log})) return give(*checked);
         } else if (!spec.mustHavePrivateKey) {
             log.LogInfo("Simply choosing the 1st encountered certificate...");
             logSubject("chosenCert", *checked, log);
-            return giveCert(*checked, cert, log);
-        } else if (applyPrivateKeyRule(*checked, candidate, log)) {
-            return giveCert(*checked, cert, log);
+            return give(*checked);
+        } else {
+            const LogContextExitor keyContext(log, "mustHavePrivateKey");
+            if (linkForSelection(*checked, log) && isChosen(*checked, candidate, log))
+                return give(*checked);
         }
     }
     // A candidate whose session has ended meanwhile has no private key any more.
     if (candidate && candidate->isLinkedToPkcs11()) {
         log.LogInfo("The candidate certificate was chosen.");
-        return giveCert(*candidate, cert, log);
+        return give(*candidate);
     }
     log.LogError("Not found.");
     return false;
 }
 
-bool ClsPkcs11::applyPrivateKeyRule(Certificate& cert, std::shared_ptr<Certificate>& candidate,
-                                    LogBase& log) {
-    const LogContextExitor context(log, "mustHavePrivateKey");
+bool ClsPkcs11::linkForSelection(Certificate& cert, LogBase& log) {
     const auto link = cert.pkcs11Link();
-    if (!link || link->keyHandle == 0) {
-        int keyType = 0;
-        int signatureSize = 0;
-        const CK_OBJECT_HANDLE key = findPrivKeyHandle(cert, true, keyType, signatureSize, log);
-        log.LogDataBool("hasPrivateKey", key != 0);
-        if (key != 0) {
-            log.LogDataLong("expectedSignatureSize", signatureSize);
-            cert.linkToPkcs11Session(this, keyType, signatureSize, key, log);
-            log.LogDataBool("hasPrivateKey", cert.hasPrivateKey(false, log));
-        }
-        if (!cert.isLinkedToPkcs11()) return false;
+    if (link && link->keyHandle != 0) return true;
+    int keyType = 0;
+    int signatureSize = 0;
+    const CK_OBJECT_HANDLE key = findPrivKeyHandle(cert, true, keyType, signatureSize, log);
+    log.LogDataBool("hasPrivateKey", key != 0);
+    if (key != 0) {
+        log.LogDataLong("expectedSignatureSize", signatureSize);
+        cert.linkToPkcs11Session(this, keyType, signatureSize, key, log);
+        log.LogDataBool("hasPrivateKey", cert.hasPrivateKey(false, log));
     }
-    XString issuer;
-    cert.getIssuerPart("CN", issuer, log);
-    // Certificates of this authentication CA are taken only when no other with a key follows.
-    if (!candidate && issuer.view().starts_with("EC de Autentica")) {
-        candidate = cert.shared_from_this();
-        logSubject("candidateCert", cert, log);
-        return false;
-    }
-    logSubject("chosenCertDN", cert, log);
-    return true;
-}
-
-bool ClsPkcs11::giveCert(Certificate& chosen, ClsCert& cert, LogBase& log) {
-    const CritSecExitor lock(cert);
-    cert.systemCerts().mergeSysCerts(m_systemCerts, log);
-    return cert.injectCert(&chosen, log);
+    return cert.isLinkedToPkcs11();
 }
 
 }  // namespace mervane

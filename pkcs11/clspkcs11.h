@@ -1,30 +1,20 @@
 #ifndef MERVANE_PKCS11_CLSPKCS11_H
 #define MERVANE_PKCS11_CLSPKCS11_H
 
-#include <cstdint>
 #include <memory>
-#include <optional>
-#include <span>
-#include <vector>
 
 #include "foundation/core/clsbase.h"
-#include "foundation/core/ptrarray.h"
 #include "foundation/json/clsjsonobject.h"
 #include "foundation/text/xstring.h"
 #include "foundation/x509/certificate.h"
 #include "foundation/x509/clscert.h"
-#include "foundation/x509/systemcerts.h"
-#include "pkcs11/calls/cktypes.h"
-#include "pkcs11/keyindex.h"
 #include "pkcs11/records.h"
+#include "pkcs11/state.h"
 
 namespace mervane {
 
-enum class Needs : unsigned char;
-template <Needs N, class Function>
-struct Entry;
-class PinArgument;
-struct Pkcs11SessionAnchor;
+class Calls;
+class KeyIndex;
 
 /// A PKCS#11 module in use: loads it, opens a session with a token, logs in, lists and chooses
 /// certificates, and finds the private key that belongs to one.
@@ -51,7 +41,7 @@ struct Pkcs11SessionAnchor;
 /// anew.
 ///
 /// User types are PKCS#11's: 0 the security officer, 1 the normal user, 2 context-specific.
-class ClsPkcs11 : public ClsBase {
+class ClsPkcs11 : public ClsBase, public Pkcs11SessionOwner, protected Pkcs11State {
   public:
     ClsPkcs11();
     ~ClsPkcs11() override;
@@ -79,6 +69,8 @@ class ClsPkcs11 : public ClsBase {
     /// Opens a session on the slot with this ID, or with -1 on the first slot with a token that
     /// takes one. A session that is open is replaced once the new one stands.
     bool OpenSession(int slotId, bool readWrite);
+
+    /// Closes the session. Logins, caches and links end with it.
     bool CloseSession();
 
     /// Initialises as needed, opens a read-write session on any slot and logs in; does not log in
@@ -86,8 +78,11 @@ class ClsPkcs11 : public ClsBase {
     bool QuickSession(int userType, const XString& pin);
 
     /// Logs in on the open session. The context-specific type only keeps the PIN for the signing
-    /// operations. An empty PIN is asked for at the reader when that has a PIN pad.
+    /// operations. An empty PIN is asked for at the reader when that has a PIN pad. A PIN is tried
+    /// once; after a failure the log says what the token's flags tell of it.
     bool Login(int userType, const XString& pin);
+
+    /// Logs out; the session stays open, caches and links end.
     bool Logout();
 
     /// The PIN that signing operations use where the key asks for one at each signature.
@@ -98,9 +93,11 @@ class ClsPkcs11 : public ClsBase {
 
     /// Changes the PIN of the user who is logged in, or the normal user's when nobody is.
     bool SetPin(const XString& oldPin, const XString& newPin);
+
     /// Sets the normal user's PIN; the security officer has to be logged in on a read-write
     /// session.
     bool InitPin(const XString& pin);
+
     /// Initialises a token: everything on it is destroyed. `label`: at most 32 bytes of UTF-8.
     bool InitToken(int slotId, const XString& soPin, const XString& label);
 
@@ -146,10 +143,8 @@ class ClsPkcs11 : public ClsBase {
     /// EC certificate by ID or point, the token's first EC key is taken, and the log says so.
     bool linkCertToPkcs11Session(Certificate* cert, bool quick, LogBase& log);
 
-    /// Unlinks and forgets all cached certificates.
-    void clearCertCache(LogBase& log);
-    /// Forgets all cached private keys.
-    void clearPrivateKeyCaches() noexcept;
+    using Pkcs11State::clearCertCache;
+    using Pkcs11State::clearPrivateKeyCaches;
     /// Whether the card demands RSA-PSS padding; false for every card known.
     bool cardRequiresPss(LogBase& log);
 
@@ -167,31 +162,14 @@ class ClsPkcs11 : public ClsBase {
     static bool getPkcs11DriverPaths(ClsJsonObject& driverRecord, const char* platform,
                                      ExtPtrArraySb& paths, LogBase& log);
 
-    /// What certificates hold of this object; see Pkcs11SessionAnchor.
-    [[nodiscard]] const std::shared_ptr<Pkcs11SessionAnchor>& sessionAnchor() const noexcept {
-        return m_anchor;
-    }
-
   protected:
     // Internal methods and members are protected, so that a test may derive and look. They take no
     // lock (openSession and login excepted) and expect the caller to hold the critical section.
 
-    // --- The public frame (frame.h)
-    enum class Record : bool { No, Yes };
-    template <class Work>
-    auto publicCall(const char* contextName, Record record, Work&& work);
-    /// The process is a fork of the one that the session and the module's state belong to.
-    [[nodiscard]] bool hasForked() const noexcept;
-    void dropStateAfterFork(LogBase& log);
-
-    // --- Module (module.cpp)
-    void copyProperty(const XString& from, XString& to);
+    // --- Loading (module.cpp)
     bool loadPkcs11Dll(bool bareFileName, LogBase& log);
     bool loadPkcs11Dll_2(LogBase& log);
     void checkSetSpecial(LogBase& log);
-    bool noFunc(const char* functionName, LogBase& log);
-    bool noFuncs(LogBase& log);
-    bool noSession(LogBase& log);
     bool discover(bool onlyTokensPresent, ClsJsonObject& json, LogBase& log);
 
     // --- Session and login (module.cpp)
@@ -203,9 +181,6 @@ class ClsPkcs11 : public ClsBase {
 
     // --- Certificates (certs.cpp)
     bool findPkcs11Cert(const _smartcardCertSpec& spec, ClsCert& cert, LogBase& log);
-    bool applyPrivateKeyRule(Certificate& cert, std::shared_ptr<Certificate>& candidate,
-                             LogBase& log);
-    bool giveCert(Certificate& chosen, ClsCert& cert, LogBase& log);
 
     // --- Private keys (privkeys.cpp)
 
@@ -215,119 +190,42 @@ class ClsPkcs11 : public ClsBase {
     /// moduli only when the IDs do not settle it.
     CK_OBJECT_HANDLE findPrivKeyHandle(Certificate& cert, bool quick, int& keyType,
                                        int& expectedSignatureSize, LogBase& log);
-    bool findAndLink(Certificate& cert, bool quick, LogBase& log);
-    CK_OBJECT_HANDLE findRsaKey(Certificate& cert, bool quick, LogBase& log);
-    CK_OBJECT_HANDLE findEcKey(Certificate& cert, bool quick, LogBase& log);
     CK_OBJECT_HANDLE findRsaKeyById(Certificate& cert, bool requireSign, LogBase& log);
     CK_OBJECT_HANDLE findRsaKeyBySubjectDER(Certificate& cert, bool requireSign, LogBase& log);
     CK_OBJECT_HANDLE findRsaKeyByModulus(Certificate& cert, bool requireSign, LogBase& log);
 
-    // --- The call layer (calls/)
-
-    // Table check, session check, call, report: once, in invoke.h. `ask` gives the return value
-    // where some codes are no failures, and nothing when the function could not be called (which
-    // has been reported then); `attempt` is for what may fail, and reports only what means that
-    // session or initialization are gone; `invoke` reports every code but CKR_OK and gives false.
-    template <Needs N, class Function, class... Args>
-    std::optional<CK_RV> ask(LogBase& log, const Entry<N, Function>& entry, Args... args);
-    template <Needs N, class Function, class... Args>
-    std::optional<CK_RV> attempt(LogBase& log, const Entry<N, Function>& entry, Args... args);
-    template <Needs N, class Function, class... Args>
-    bool invoke(LogBase& log, const Entry<N, Function>& entry, Args... args);
-    /// Whether all of these functions can be called; reports the first that cannot.
-    template <class... Entries>
-    bool ready(LogBase& log, const Entries&... entries);
-    template <Needs N, class Function, class... Args>
-    bool fetchList(const Entry<N, Function>& entry, CK_ULONG limit, std::vector<CK_ULONG>& list,
-                   LogBase& log, Args... args);
-    bool readyFor(Needs needs, const char* functionName, LogBase& log);
-    /// Writes the lines for a return value, and drops what it says is gone. True for CKR_OK. What a
-    /// function that names a slot says of its token does not end the session.
-    template <Needs N, class Function>
-    bool report(const Entry<N, Function>& entry, CK_RV rv, LogBase& log);
-    bool reportCode(const char* functionName, Needs needs, CK_RV rv, LogBase& log);
-
+    // --- The call layer under the names of the standard's functions (wrappers.cpp)
     bool getPkcs11Functions(LogBase& log);
     bool C_Initialize(LogBase& log);
-    /// Closes the session and gives the module up, finalising it when that is ours to do; the
-    /// members that say so are left alone.
-    void releaseModule(LogBase& log) noexcept;
-    void dropSession(LogBase& log);
-    void dropInitialization(LogBase& log);
-    void setSession(CK_SESSION_HANDLE session) noexcept;
-
+    bool noFunc(const char* functionName, LogBase& log);
+    bool noFuncs(LogBase& log);
+    bool noSession(LogBase& log);
     bool getSlotIdsWithTokenPresent(unsigned long* slotIds, unsigned int& count, LogBase& log);
-    bool getSlotList(bool onlyTokensPresent, std::vector<CK_SLOT_ID>& slots, LogBase& log);
     bool C_OpenSession(unsigned long slotId, bool flag, bool readWrite, LogBase& log);
     bool C_CloseSession(LogBase& log);
-    /// Closes a session that the object no longer counts on; a failure is a value in the log.
-    void closeQuietly(CK_SESSION_HANDLE session, LogBase& log) noexcept;
     bool C_Login(int userType, const char* pin, bool flag, LogBase& log);
     bool C_Logout(LogBase& log);
-    /// report(), and after a failure that is about a PIN what the token's flags say of that PIN.
-    template <Needs N, class Function>
-    bool reportPinCall(const Entry<N, Function>& entry, CK_RV rv, CK_SLOT_ID slotId, bool isOfficer,
-                       LogBase& log);
-    void logPinState(CK_SLOT_ID slotId, bool isOfficer, LogBase& log);
-    /// The PIN as the module gets it: null when it is empty and the reader asks on its own keys.
-    PinArgument pinArgument(const char* pin, CK_SLOT_ID slotId, LogBase& log);
-
     bool C_SetPIN(const char* oldPin, const char* newPin, LogBase& log);
     bool C_InitPIN(const char* pin, LogBase& log);
     bool C_InitToken(unsigned long slotId, const char* soPin, const char* label, LogBase& log);
     int findObject(ClsJsonObject& json, LogBase& log);
     bool findAllKeys(const XString& selector, ClsJsonObject& json, LogBase& log);
-    template <class HasType>
-    bool listKeys(std::size_t keyClassIndex, const HasType& hasType, JsonValue& list, LogBase& log);
     bool getCryptokiInfo(ClsJsonObject& json, LogBase& log);
     bool getSlotsInfo(bool onlyTokensPresent, bool secondFlag, bool skipMechanisms,
                       ClsJsonObject& json, LogBase& log);
-    bool describeSlot(CK_SLOT_ID id, bool skipMechanisms, JsonValue& slot, LogBase& log);
-    bool describeMechanisms(CK_SLOT_ID id, JsonValue& token, LogBase& log);
-
-    /// Handles of the objects that match, in the module's order; `limit` ends the search early.
-    bool findObjects(std::span<CK_ATTRIBUTE> query, std::size_t limit,
-                     std::vector<CK_OBJECT_HANDLE>& handles, LogBase& log);
-    std::optional<CK_RV> gatherObjects(std::size_t limit, std::vector<CK_OBJECT_HANDLE>& handles,
-                                       LogBase& log);
     bool findAllCerts(LogBase& log);
     bool cacheRsaPrivateKeys(bool withSubjectAndModulus, bool notQuick, LogBase& log);
     bool cacheEcdsaPrivateKeys(bool withEcPoints, LogBase& log);
-    bool readPrivateKeys(CK_ULONG keyType, std::size_t numRows, ExtPtrArray& keys, LogBase& log);
-    bool fillEcPoints(ExtPtrArray& keys, LogBase& log);
-
-    SystemCertsHolder m_systemCerts;
-    XString m_sharedLibPath;  // as the caller set it
-    XString m_loadedLibPath;  // as dlopen got it; empty exactly when m_libHandle is null
-    void* m_libHandle = nullptr;
-    CK_SESSION_HANDLE m_hSession = 0;  // 0: no session is open
-    CK_SLOT_ID m_slotId = 0;           // of the session opened last
-    ExtPtrArray m_certs;               // of CertificateHolder
-    bool m_certsLoaded = false;
-    bool m_rsaKeysLoaded = false;
-    bool m_rsaKeysHaveSubject = false;
-    bool m_rsaKeysHaveModulus = false;
-    ExtPtrArray m_rsaPrivKeys;  // of Pkcs11_PrivateKey
-    bool m_ecdsaKeysLoaded = false;
-    ExtPtrArray m_ecdsaPrivKeys;  // of Pkcs11_PrivateKey
-    bool m_initialized = false;
-    bool m_certHandleIsKeyHandle = false;
-    bool m_soLoggedIn = false;
-    bool m_userLoggedIn = false;
-    XString m_sigContextPin;
 
   private:
-    friend class ObjectReader;
-    friend class FindOperation;
+    void copyProperty(const XString& from, XString& to);
+    bool linkForSelection(Certificate& cert, LogBase& log);
+    CK_OBJECT_HANDLE findRsaKey(Certificate& cert, bool quick, LogBase& log);
+    CK_OBJECT_HANDLE findEcKey(Certificate& cert, bool quick, LogBase& log);
 
-    CK_FUNCTION_LIST* m_funcs = nullptr;  // the module's; dies with m_libHandle
-    bool m_holdsModule = false;           // counted in the ledger for m_funcs
-    bool m_ecdsaKeysHavePoints = false;
-    std::uint32_t m_forkGeneration;  // of the process that the handles above belong to
-    std::uint64_t m_lastSessionNumber = 0;
-    std::shared_ptr<Pkcs11SessionAnchor> m_anchor;
-    KeyIndex m_rsaIndex;
-    KeyIndex m_ecdsaIndex;
+    std::unique_ptr<Calls> m_calls;
+    std::unique_ptr<KeyIndex> m_rsaIndex;  // over the two key caches
+    std::unique_ptr<KeyIndex> m_ecdsaIndex;
 };
 
 }  // namespace mervane

@@ -10,9 +10,9 @@
 
 #include "foundation/core/forkwatch.h"
 #include "foundation/system/filesys.h"
-#include "foundation/x509/sessionanchor.h"
 #include "pkcs11/clspkcs11.h"
 #include "pkcs11/frame.h"
+#include "pkcs11/keyindex.h"
 
 namespace mervane {
 namespace {
@@ -35,7 +35,9 @@ bool areCStrings(std::initializer_list<const XString*> texts, LogBase& log) {
 }  // namespace
 
 ClsPkcs11::ClsPkcs11()
-    : m_forkGeneration(forkGeneration()), m_anchor(std::make_shared<Pkcs11SessionAnchor>(this)) {}
+    : m_calls(std::make_unique<Calls>(static_cast<Pkcs11State&>(*this), sessionAnchor())),
+      m_rsaIndex(std::make_unique<KeyIndex>()),
+      m_ecdsaIndex(std::make_unique<KeyIndex>()) {}
 
 ClsPkcs11* ClsPkcs11::createNewCls() noexcept {
     try {
@@ -47,26 +49,11 @@ ClsPkcs11* ClsPkcs11::createNewCls() noexcept {
 
 ClsPkcs11::~ClsPkcs11() {
     LogNull log;
-    if (!hasForked() && !processIsExiting()) releaseModule(log);
-    m_anchor->setSession(0);
+    if (!m_calls->use.hasForked() && !processIsExiting()) m_calls->use.release(log);
+    sessionAnchor()->setSession(0);  // unlinks what was handed out
     clearCertCache(log);
     // The library stays mapped: modules with threads or exit handlers are known to crash when they
-    // are unmapped. m_anchor's end unlinks what was handed out.
-}
-
-bool ClsPkcs11::hasForked() const noexcept {
-    return m_forkGeneration != forkGeneration();
-}
-
-void ClsPkcs11::dropStateAfterFork(LogBase& log) {
-    if (!hasForked()) return;
-    m_forkGeneration = forkGeneration();
-    const bool hadState = m_initialized || m_hSession != 0;
-    m_holdsModule = false;  // the ledger of this process begins empty
-    dropSession(log);
-    m_initialized = false;
-    if (hadState)
-        log.LogInfo("The process has forked: the session is the parent's. Initialize begins anew.");
+    // are unmapped.
 }
 
 // --- Properties
@@ -94,7 +81,7 @@ void ClsPkcs11::put_SigContextPin(const XString& pin) {
 // --- Loading
 
 bool ClsPkcs11::Initialize() {
-    return publicCall("Initialize", Record::Yes, [this](LogBase& log) {
+    return publicCall(*this, *m_calls, "Initialize", Record::Yes, [this](LogBase& log) {
         if (!m_initialized) return C_Initialize(log);
         log.LogInfo("Already initialized.");
         return true;
@@ -109,8 +96,7 @@ bool ClsPkcs11::loadPkcs11Dll(bool bareFileName, LogBase& log) {
 
     log.LogDataX("sharedLib", m_sharedLibPath);
     if (m_libHandle != nullptr) {
-        releaseModule(log);
-        m_funcs = nullptr;
+        m_calls->use.abandon(log);
         ::dlclose(m_libHandle);
         m_libHandle = nullptr;
         m_loadedLibPath.clear();
@@ -148,28 +134,10 @@ void ClsPkcs11::checkSetSpecial(LogBase& log) {
     }
 }
 
-bool ClsPkcs11::noFunc(const char* functionName, LogBase& log) {
-    log.LogError("Function not found");
-    log.LogData("functionName", functionName);
-    log.LogDataX("sharedLibPath", m_loadedLibPath);
-    return false;
-}
-
-bool ClsPkcs11::noFuncs(LogBase& log) {
-    log.LogError("PKCS11 functions not available");
-    log.LogDataX("sharedLibPath", m_loadedLibPath);
-    return false;
-}
-
-bool ClsPkcs11::noSession(LogBase& log) {
-    log.LogError("No PKCS11 session is open.");
-    return false;
-}
-
 // --- Discovery
 
 bool ClsPkcs11::Discover(bool onlyTokensPresent, ClsJsonObject& json) {
-    return publicCall("Discover", Record::Yes,
+    return publicCall(*this, *m_calls, "Discover", Record::Yes,
                       [&](LogBase& log) { return discover(onlyTokensPresent, json, log); });
 }
 
@@ -195,14 +163,14 @@ bool ClsPkcs11::discover(bool onlyTokensPresent, ClsJsonObject& json, LogBase& l
 // --- Sessions and login
 
 bool ClsPkcs11::OpenSession(int slotId, bool readWrite) {
-    return publicCall("OpenSession", Record::Yes,
+    return publicCall(*this, *m_calls, "OpenSession", Record::Yes,
                       [&](LogBase& log) { return openSession(slotId, readWrite, log); });
 }
 
 bool ClsPkcs11::openSession(int slotId, bool readWrite, LogBase& log) {
     const CritSecExitor lock(*this);
     const LogContextExitor context(log, "openSession");
-    dropStateAfterFork(log);
+    m_calls->use.dropAfterFork(log);
     unsigned int count = 100;
     const auto slotIds = std::make_unique<std::array<unsigned long, 100>>();
     if (!getSlotIdsWithTokenPresent(slotIds->data(), count, log)) {
@@ -231,13 +199,13 @@ bool ClsPkcs11::openSession(int slotId, bool readWrite, LogBase& log) {
 }
 
 bool ClsPkcs11::CloseSession() {
-    return publicCall("CloseSession", Record::No,
+    return publicCall(*this, *m_calls, "CloseSession", Record::No,
                       [this](LogBase& log) { return C_CloseSession(log); });
 }
 
 bool ClsPkcs11::QuickSession(int userType, const XString& pin) {
     // A success alone is recorded.
-    return publicCall("QuickSession", Record::No, [&](LogBase& log) {
+    return publicCall(*this, *m_calls, "QuickSession", Record::No, [&](LogBase& log) {
         const auto failed = [&log](std::string_view sentence) {
             log.LogError(sentence);
             return false;
@@ -257,7 +225,7 @@ bool ClsPkcs11::QuickSession(int userType, const XString& pin) {
 
 bool ClsPkcs11::Login(int userType, const XString& pin) {
     // Of the two branches only the one that keeps the PIN records its outcome.
-    return publicCall("Login", Record::No, [&](LogBase& log) {
+    return publicCall(*this, *m_calls, "Login", Record::No, [&](LogBase& log) {
         if (userType != kContextSpecific) {
             return areCStrings({&pin}, log) && C_Login(userType, pin.getUtf8(), false, log);
         }
@@ -270,7 +238,7 @@ bool ClsPkcs11::Login(int userType, const XString& pin) {
 bool ClsPkcs11::login(int userType, const char* pin, LogBase& log) {
     const CritSecExitor lock(*this);
     const LogContextExitor context(log, "Login");
-    dropStateAfterFork(log);
+    m_calls->use.dropAfterFork(log);
     return C_Login(userType, pin, false, log);
 }
 
@@ -283,7 +251,8 @@ void ClsPkcs11::setContextSpecificPin(const XString& pin, LogBase& log) {
 }
 
 bool ClsPkcs11::Logout() {
-    return publicCall("Logout", Record::No, [this](LogBase& log) { return C_Logout(log); });
+    return publicCall(*this, *m_calls, "Logout", Record::No,
+                      [this](LogBase& log) { return C_Logout(log); });
 }
 
 bool ClsPkcs11::alreadyLoggedIn(int userType, LogBase&) const noexcept {
@@ -295,21 +264,21 @@ bool ClsPkcs11::alreadyLoggedIn(int userType, LogBase&) const noexcept {
 // --- Administration and queries
 
 bool ClsPkcs11::SetPin(const XString& oldPin, const XString& newPin) {
-    return publicCall("SetPin", Record::Yes, [&](LogBase& log) {
+    return publicCall(*this, *m_calls, "SetPin", Record::Yes, [&](LogBase& log) {
         return areCStrings({&oldPin, &newPin}, log) &&
                C_SetPIN(oldPin.getUtf8(), newPin.getUtf8(), log);
     });
 }
 
 bool ClsPkcs11::InitPin(const XString& pin) {
-    return publicCall("InitPin", Record::Yes, [&](LogBase& log) {
+    return publicCall(*this, *m_calls, "InitPin", Record::Yes, [&](LogBase& log) {
         return areCStrings({&pin}, log) && C_InitPIN(pin.getUtf8(), log);
     });
 }
 
 bool ClsPkcs11::InitToken(int slotId, const XString& soPin, const XString& label) {
     // The context's name is FindCert's; logs of token initialisations are known by it.
-    return publicCall("FindCert_pkcs11", Record::Yes, [&](LogBase& log) {
+    return publicCall(*this, *m_calls, "FindCert_pkcs11", Record::Yes, [&](LogBase& log) {
         // No slot means "any" here: a negative number is an ID of 32 bits like others.
         const auto id = static_cast<unsigned long>(static_cast<unsigned int>(slotId));
         return areCStrings({&soPin, &label}, log) &&
@@ -318,12 +287,12 @@ bool ClsPkcs11::InitToken(int slotId, const XString& soPin, const XString& label
 }
 
 int ClsPkcs11::FindObject(ClsJsonObject& json) {
-    return publicCall("FindObject", Record::No,
+    return publicCall(*this, *m_calls, "FindObject", Record::No,
                       [&](LogBase& log) { return findObject(json, log); });
 }
 
 bool ClsPkcs11::FindAllKeys(const XString& selector, ClsJsonObject& json) {
-    return publicCall("FindAllKeys", Record::Yes, [&](LogBase& log) {
+    return publicCall(*this, *m_calls, "FindAllKeys", Record::Yes, [&](LogBase& log) {
         json.clear(log);
         return findAllKeys(selector, json, log);
     });

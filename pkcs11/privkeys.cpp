@@ -5,8 +5,9 @@
 
 #include "foundation/core/guarded.h"
 #include "foundation/x509/publickey.h"
-#include "foundation/x509/sessionanchor.h"
+#include "pkcs11/calls/calls.h"
 #include "pkcs11/clspkcs11.h"
+#include "pkcs11/keyindex.h"
 
 namespace mervane {
 namespace {
@@ -21,50 +22,40 @@ constexpr int bytesOfBits(int bits) noexcept {
     return (bits + 7) / 8;
 }
 
+const Pkcs11_PrivateKey* keyAt(const ExtPtrArray& keys, int position) noexcept {
+    return static_cast<const Pkcs11_PrivateKey*>(keys.elementAt(position));
+}
+
+// The position of the first record whose field equals one of the values; -1 when there is none.
+int firstOf(const ExtPtrArray& keys, KeyIndex& index, KeyIndex::Field field,
+            std::initializer_list<const DataBuffer*> values, KeyIndex::Among among, int from) {
+    int first = -1;
+    for (const DataBuffer* const value : values) {
+        const int at = value->isEmpty() ? -1 : index.find(keys, field, value->span(), among, from);
+        if (at >= 0 && (first < 0 || at < first)) first = at;
+    }
+    return first;
+}
+
 // The first record whose field equals one of the values and that, with `requireSign`, may sign; 0
 // when there is none. `by` is the word of the log lines.
 CK_OBJECT_HANDLE firstRsaKey(const ExtPtrArray& keys, KeyIndex& index, KeyIndex::Field field,
                              std::initializer_list<const DataBuffer*> values, bool requireSign,
                              const char* by, LogBase& log) {
     const std::string found = std::string("Found matching PKCS11 RSA private key by ") + by;
-    int from = 0;
+    int at = -1;
     for (int numRefused = 0;; ++numRefused) {
         const auto among = numRefused < kMaxNamed ? KeyIndex::Among::All : KeyIndex::Among::Signing;
-        const Pkcs11_PrivateKey* first = nullptr;
-        int firstAt = 0;
-        for (const DataBuffer* const value : values) {
-            int at = 0;
-            const auto* const key = value->isEmpty()
-                                        ? nullptr
-                                        : index.find(keys, field, value->span(), among, from, at);
-            if (key == nullptr || (first != nullptr && at > firstAt)) continue;
-            first = key;
-            firstAt = at;
-        }
-        if (first == nullptr) return 0;
-        if (!requireSign || first->maySign()) {
-            log.LogInfo(found + ".");
-            return first->m_handle;
-        }
+        at = firstOf(keys, index, field, values, among, at + 1);
+        if (at < 0) return 0;
+        if (!requireSign || keyAt(keys, at)->maySign()) break;
         log.LogInfo(found + ", but it does not have the CKA_SIGN attribute.");
-        from = firstAt + 1;
     }
-}
-
-const Pkcs11_PrivateKey* firstKey(const ExtPtrArray& keys) noexcept {
-    return static_cast<const Pkcs11_PrivateKey*>(keys.elementAt(0));
+    log.LogInfo(found + ".");
+    return keyAt(keys, at)->m_handle;
 }
 
 }  // namespace
-
-void ClsPkcs11::clearPrivateKeyCaches() noexcept {
-    // What the RSA records held stays said (m_rsaKeysHaveSubject, m_rsaKeysHaveModulus) until the
-    // next fill.
-    m_rsaPrivKeys.removeAllObjects();
-    m_rsaKeysLoaded = false;
-    m_ecdsaPrivKeys.removeAllObjects();
-    m_ecdsaKeysLoaded = false;
-}
 
 bool ClsPkcs11::cardRequiresPss(LogBase&) {
     return false;
@@ -111,10 +102,10 @@ CK_OBJECT_HANDLE ClsPkcs11::findRsaKey(Certificate& cert, bool quick, LogBase& l
     };
     if (const auto key = findRsaKeyById(cert, true, log)) return key;
     if (const auto key = bySubjectOrModulus()) return key;
-    if (numRsaKeys == 1 && m_certs.getSize() == 1 && firstKey(m_rsaPrivKeys) != nullptr) {
+    if (numRsaKeys == 1 && m_certs.getSize() == 1 && keyAt(m_rsaPrivKeys, 0) != nullptr) {
         // Whether it may sign does not count here: there is no other.
         log.LogInfo("Using only possible private key");
-        return firstKey(m_rsaPrivKeys)->m_handle;
+        return keyAt(m_rsaPrivKeys, 0)->m_handle;
     }
     if (numRsaKeys >= 1 && !(m_rsaKeysHaveSubject && m_rsaKeysHaveModulus)) {
         const LogContextExitor retry(log, "retry_subjectDer_modulus");
@@ -139,24 +130,21 @@ CK_OBJECT_HANDLE ClsPkcs11::findEcKey(Certificate& cert, bool quick, LogBase& lo
     log.LogDataLong("numEcdsaKeys", m_ecdsaPrivKeys.getSize());
 
     const auto find = [&](KeyIndex::Field field, const DataBuffer& value) -> CK_OBJECT_HANDLE {
-        int at = 0;
-        const auto* const key = value.isEmpty()
-                                    ? nullptr
-                                    : m_ecdsaIndex.find(m_ecdsaPrivKeys, field, value.span(),
-                                                        KeyIndex::Among::All, 0, at);
-        if (key == nullptr) return 0;
+        const int at =
+            firstOf(m_ecdsaPrivKeys, *m_ecdsaIndex, field, {&value}, KeyIndex::Among::All, 0);
+        if (at < 0) return 0;
         log.LogInfo("Found matching PKCS11 ECDSA private key.");
-        return key->m_handle;
+        return keyAt(m_ecdsaPrivKeys, at)->m_handle;
     };
     if (const auto key = find(&Pkcs11_PrivateKey::m_keyId, cert.tokenInfo().ckaId)) return key;
     if (const auto key = find(&Pkcs11_PrivateKey::m_ecPoint, point)) return key;
-    if (firstKey(m_ecdsaPrivKeys) == nullptr) return 0;
+    if (keyAt(m_ecdsaPrivKeys, 0) == nullptr) return 0;
     log.LogInfo("Using first PKCS11 ECDSA private key");
-    return firstKey(m_ecdsaPrivKeys)->m_handle;
+    return keyAt(m_ecdsaPrivKeys, 0)->m_handle;
 }
 
 CK_OBJECT_HANDLE ClsPkcs11::findRsaKeyById(Certificate& cert, bool requireSign, LogBase& log) {
-    return firstRsaKey(m_rsaPrivKeys, m_rsaIndex, &Pkcs11_PrivateKey::m_keyId,
+    return firstRsaKey(m_rsaPrivKeys, *m_rsaIndex, &Pkcs11_PrivateKey::m_keyId,
                        {&cert.tokenInfo().ckaId}, requireSign, "ID", log);
 }
 
@@ -167,7 +155,7 @@ CK_OBJECT_HANDLE ClsPkcs11::findRsaKeyBySubjectDER(Certificate& cert, bool requi
         log.LogError("Unable to get cert SubjectDN DER.");
         return 0;
     }
-    return firstRsaKey(m_rsaPrivKeys, m_rsaIndex, &Pkcs11_PrivateKey::m_subjectDer, {&subject},
+    return firstRsaKey(m_rsaPrivKeys, *m_rsaIndex, &Pkcs11_PrivateKey::m_subjectDer, {&subject},
                        requireSign, "Subject DER", log);
 }
 
@@ -179,48 +167,27 @@ CK_OBJECT_HANDLE ClsPkcs11::findRsaKeyByModulus(Certificate& cert, bool requireS
     DataBuffer withZero;
     MpIntUtil::toUnsignedBytes(publicKey.getRsaKey()->modulus, plain);
     MpIntUtil::toSignedBytes(publicKey.getRsaKey()->modulus, withZero);
-    return firstRsaKey(m_rsaPrivKeys, m_rsaIndex, &Pkcs11_PrivateKey::m_modulus,
+    return firstRsaKey(m_rsaPrivKeys, *m_rsaIndex, &Pkcs11_PrivateKey::m_modulus,
                        {&plain, &withZero}, requireSign, "modulus", log);
 }
 
 bool ClsPkcs11::linkCertToPkcs11Session(Certificate* cert, bool quick, LogBase& log) {
     const LogContextExitor context(log, "linkCertToPkcs11Session");
     if (cert == nullptr) return false;
-    dropStateAfterFork(log);
-    return guarded(log, [&] { return findAndLink(*cert, quick, log); });
-}
-
-bool ClsPkcs11::findAndLink(Certificate& cert, bool quick, LogBase& log) {
-    int keyType = 0;
-    int signatureSize = 0;
-    const CK_OBJECT_HANDLE key = findPrivKeyHandle(cert, quick, keyType, signatureSize, log);
-    log.LogDataBool("hasPrivateKey", key != 0);
-    log.LogDataLong("expectedSignatureSize", signatureSize);
-    if (key == 0) {
-        log.LogError("No matching private key found on the HSM.");
-        return false;
-    }
-    cert.linkToPkcs11Session(this, keyType, signatureSize, key, log);
-    return true;
-}
-
-// --- A certificate's side of the link, which knows what a session is
-
-void Certificate::linkToPkcs11Session(ClsPkcs11* owner, int keyType, int expectedSignatureSize,
-                                      unsigned long keyHandle, LogBase&) {
-    const auto& anchor = owner->sessionAnchor();
-    const CritSecExitor lock(m_linkSection);
-    m_link = {anchor, anchor->session(), keyType, expectedSignatureSize, keyHandle};
-}
-
-std::optional<Certificate::Pkcs11Link> Certificate::pkcs11Link() const {
-    const CritSecExitor lock(m_linkSection);
-    const auto anchor = m_link.anchor.lock();
-    if (!anchor || m_link.sessionNumber == 0 || anchor->session() != m_link.sessionNumber) {
-        return std::nullopt;
-    }
-    return Pkcs11Link{anchor->owner, m_link.keyType, m_link.expectedSignatureSize,
-                      m_link.keyHandle};
+    m_calls->use.dropAfterFork(log);
+    return guarded(log, [&] {
+        int keyType = 0;
+        int signatureSize = 0;
+        const CK_OBJECT_HANDLE key = findPrivKeyHandle(*cert, quick, keyType, signatureSize, log);
+        log.LogDataBool("hasPrivateKey", key != 0);
+        log.LogDataLong("expectedSignatureSize", signatureSize);
+        if (key == 0) {
+            log.LogError("No matching private key found on the HSM.");
+            return false;
+        }
+        cert->linkToPkcs11Session(this, keyType, signatureSize, key, log);
+        return true;
+    });
 }
 
 }  // namespace mervane

@@ -20,4 +20,8 @@ void ClsBase::logSuccessFailure2(bool success, LogBase& log) noexcept {
     log.LogInfo(success ? "Success." : "Failed.");
 }
 
+// Here and not with LogBase, which knows nothing of the objects that have a log.
+LogContextExitor::LogContextExitor(ClsBase& object, std::string_view name) noexcept
+    : LogContextExitor(object.m_log, name) {}
+
 }  // namespace mervane

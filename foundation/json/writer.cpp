@@ -1,39 +1,7 @@
 #include "foundation/json/writer.h"
 
-#include <algorithm>
-
-#include "foundation/text/hex.h"
-#include "foundation/text/utf8.h"
-
 namespace mervane {
 namespace {
-
-void appendEscaped(std::string& out, std::uint32_t c) {
-    switch (c) {
-        case '"':
-            out.append("\\\"");
-            return;
-        case '\\':
-            out.append("\\\\");
-            return;
-        case '\n':
-            out.append("\\n");
-            return;
-        case '\r':
-            out.append("\\r");
-            return;
-        case '\t':
-            out.append("\\t");
-            return;
-        default:
-            break;
-    }
-    if (c < 0x20 || (c >= 0x7F && c <= 0x9F)) {
-        out.append("\\u").append(toHexNumber(c, 4).substr(2));
-    } else {
-        appendUtf8(out, c);
-    }
-}
 
 class Writer {
   public:
@@ -87,20 +55,6 @@ class Writer {
 };
 
 }  // namespace
-
-void appendJsonString(std::string& out, std::string_view text) {
-    const auto needsCare = [](char c) { return c < 0x20 || c > 0x7E || c == '"' || c == '\\'; };
-    out.push_back('"');
-    while (!text.empty()) {
-        const auto* const special = std::ranges::find_if(text, needsCare);
-        const auto numPlain = static_cast<std::size_t>(special - text.begin());
-        out.append(text.substr(0, numPlain));
-        text.remove_prefix(numPlain);
-        bool ok = true;
-        if (!text.empty()) appendEscaped(out, takeCodePoint(text, ok));
-    }
-    out.push_back('"');
-}
 
 void appendJsonText(std::string& out, const JsonValue& value, bool indented, std::size_t depth) {
     Writer(out, indented, depth).write(value);

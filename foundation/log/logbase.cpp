@@ -3,7 +3,6 @@
 #include <array>
 #include <charconv>
 
-#include "foundation/core/clsbase.h"
 #include "foundation/text/ascii.h"
 #include "foundation/text/stringbuffer.h"
 #include "foundation/text/xstring.h"
@@ -45,8 +44,5 @@ void LogBase::LogDataUnsigned(std::string_view name, unsigned long value) noexce
 bool LogBase::hasOption(std::string_view keyword) const noexcept {
     return containsIgnoreCase(m_options, keyword);
 }
-
-LogContextExitor::LogContextExitor(ClsBase& object, std::string_view name) noexcept
-    : LogContextExitor(object.m_log, name) {}
 
 }  // namespace mervane

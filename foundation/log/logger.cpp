@@ -7,7 +7,7 @@
 #include <exception>
 #include <utility>
 
-#include "foundation/json/writer.h"
+#include "foundation/text/jsonstring.h"
 #include "foundation/text/utf8.h"
 
 namespace mervane {

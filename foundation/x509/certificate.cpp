@@ -3,6 +3,7 @@
 #include <array>
 #include <utility>
 
+#include "foundation/text/bytes.h"
 #include "foundation/text/hex.h"
 #include "foundation/x509/extensionxml.h"
 #include "foundation/x509/name.h"
@@ -15,10 +16,6 @@ namespace {
 using namespace std::string_view_literals;
 
 constexpr auto kKeyUsageOid = "\x55\x1D\x0F"sv;  // 2.5.29.15
-
-std::string_view asChars(der::Bytes bytes) noexcept {
-    return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
-}
 
 bool setText(XString& out, const std::optional<std::string>& text) {
     if (text) out.setFromUtf8(*text);
@@ -172,9 +169,7 @@ bool Certificate::getExtensionXml(const char* oid, StringBuffer& out, LogBase&) 
     const std::string content = oidFromText(oid);
     const auto extension = content.empty() ? std::nullopt : findExtension(content);
     if (!extension) return false;
-    const der::Bytes oidBytes(reinterpret_cast<const std::uint8_t*>(content.data()),
-                              content.size());
-    out.setString(extensionToXml(oidBytes, extension->critical, extension->value));
+    out.setString(extensionToXml(asBytes(content), extension->critical, extension->value));
     return true;
 }
 
@@ -208,6 +203,24 @@ bool Certificate::getPartDer(int part, DataBuffer& out, LogBase&) const {
     if (part != 1 || !isWellFormedName(bytesOf(m_subject))) return false;
     out.assign(bytesOf(m_subject));
     return true;
+}
+
+void Certificate::linkToPkcs11Session(const Pkcs11SessionOwner* owner, int keyType,
+                                      int expectedSignatureSize, unsigned long keyHandle,
+                                      LogBase&) {
+    const auto& anchor = owner->sessionAnchor();
+    const CritSecExitor lock(m_linkSection);
+    m_link = {anchor, anchor->session(), keyType, expectedSignatureSize, keyHandle};
+}
+
+std::optional<Certificate::Pkcs11Link> Certificate::pkcs11Link() const {
+    const CritSecExitor lock(m_linkSection);
+    const auto anchor = m_link.anchor.lock();
+    if (!anchor || m_link.sessionNumber == 0 || anchor->session() != m_link.sessionNumber) {
+        return std::nullopt;
+    }
+    return Pkcs11Link{Pkcs11LinkOwner(anchor), m_link.keyType, m_link.expectedSignatureSize,
+                      m_link.keyHandle};
 }
 
 void Certificate::unlinkFromPkcs11Session() noexcept {

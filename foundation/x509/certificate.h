@@ -14,11 +14,9 @@
 #include "foundation/text/xstring.h"
 #include "foundation/x509/der.h"
 #include "foundation/x509/publickey.h"
+#include "foundation/x509/sessionanchor.h"
 
 namespace mervane {
-
-class ClsPkcs11;
-struct Pkcs11SessionAnchor;
 
 /// The token object that a certificate was read from.
 struct TokenCertInfo {
@@ -88,13 +86,13 @@ class Certificate final : public std::enable_shared_from_this<Certificate> {
 
     /// Records the owner, the key type code, the length of its signatures in bytes and the handle
     /// of the private key, for later signing. Replaces an earlier link.
-    void linkToPkcs11Session(ClsPkcs11* owner, int keyType, int expectedSignatureSize,
-                             unsigned long keyHandle, LogBase& log);
+    void linkToPkcs11Session(const Pkcs11SessionOwner* owner, int keyType,
+                             int expectedSignatureSize, unsigned long keyHandle, LogBase& log);
     void unlinkFromPkcs11Session() noexcept;
 
     /// What linkToPkcs11Session() recorded.
     struct Pkcs11Link {
-        ClsPkcs11* owner;
+        Pkcs11LinkOwner owner;
         int keyType;
         int expectedSignatureSize;
         unsigned long keyHandle;

@@ -4,6 +4,7 @@
 #include <array>
 #include <utility>
 
+#include "foundation/text/bytes.h"
 #include "foundation/text/hex.h"
 #include "foundation/text/utf8.h"
 #include "foundation/x509/oid.h"
@@ -50,10 +51,6 @@ constexpr std::array kTypes = {
     AttributeType{"PSEUDONYM", "\x55\x04\x41"sv, false},
     AttributeType{"ORGANIZATIONIDENTIFIER", "\x55\x04\x61"sv, false},
 };
-
-std::string_view asChars(der::Bytes bytes) noexcept {
-    return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
-}
 
 struct Attribute {
     std::string_view type;  // content octets of its OID
@@ -161,7 +158,7 @@ void appendType(std::string& out, std::string_view oid) {
     if (known != kTypes.end() && known->inNames) {
         out.append(known->tag);
     } else {
-        out.append(oidToText({reinterpret_cast<const std::uint8_t*>(oid.data()), oid.size()}));
+        out.append(oidToText(asBytes(oid)));
     }
 }
 

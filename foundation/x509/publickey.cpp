@@ -4,6 +4,8 @@
 #include <array>
 #include <bit>
 
+#include "foundation/text/bytes.h"
+
 namespace mervane {
 namespace {
 
@@ -38,10 +40,6 @@ constexpr std::array kCurves = {
     EcCurve{"brainpoolP512r1", "\x2B\x24\x03\x03\x02\x08\x01\x01\x0D"sv, 512},
     EcCurve{"brainpoolP512t1", "\x2B\x24\x03\x03\x02\x08\x01\x01\x0E"sv, 512},
 };
-
-std::string_view asChars(der::Bytes bytes) noexcept {
-    return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
-}
 
 der::Bytes withoutLeadingZeros(der::Bytes bytes) noexcept {
     const auto first = std::ranges::find_if(bytes, [](std::uint8_t b) { return b != 0; });

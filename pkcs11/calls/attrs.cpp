@@ -4,7 +4,6 @@
 #include <cstring>
 
 #include "foundation/text/hex.h"
-#include "pkcs11/calls/invoke.h"
 
 namespace mervane {
 namespace {
@@ -58,8 +57,8 @@ void Pkcs11_Attributes::clearPkcs11Attrs() noexcept {
     m_wasPartial = false;
 }
 
-ObjectReader::ObjectReader(ClsPkcs11& owner, std::span<const AttrRow> rows)
-    : m_owner(owner), m_rows(rows.first(std::min(rows.size(), kMaxRows))) {
+ObjectReader::ObjectReader(Calls& calls, std::span<const AttrRow> rows)
+    : m_calls(calls), m_rows(rows.first(std::min(rows.size(), kMaxRows))) {
     std::size_t size = 0;
     for (std::size_t i = 0; i < m_rows.size(); ++i) {
         m_roomAt[i] = size;
@@ -121,10 +120,10 @@ void ObjectReader::settle(std::size_t row, State state) {
 
 bool ObjectReader::read(CK_OBJECT_HANDLE object, LogBase& log) {
     prepare();
-    const auto rv = m_owner.ask(log, entry::kGetAttributeValue, object, m_attributes.data(),
+    const auto rv = m_calls.ask(log, entry::kGetAttributeValue, object, m_attributes.data(),
                                 static_cast<CK_ULONG>(m_rows.size()));
     m_record.m_wasPartial = rv && isPartial(*rv);
-    if (!rv || (!m_record.m_wasPartial && !m_owner.report(entry::kGetAttributeValue, *rv, log))) {
+    if (!rv || (!m_record.m_wasPartial && !m_calls.report(entry::kGetAttributeValue, *rv, log))) {
         log.LogDataUnsigned("objectHandle", object);
         return false;
     }
@@ -142,7 +141,7 @@ bool ObjectReader::read(CK_OBJECT_HANDLE object, LogBase& log) {
             log.LogDataSb("attributeType", *m_record.m_malformed.sbAt(i));
         }
     }
-    return m_owner.hasOpenSession();
+    return m_calls.hasOpenSession();
 }
 
 ObjectReader::State ObjectReader::readAlone(std::size_t row, CK_OBJECT_HANDLE object,
@@ -153,7 +152,7 @@ ObjectReader::State ObjectReader::readAlone(std::size_t row, CK_OBJECT_HANDLE ob
     CK_ATTRIBUTE& attribute = m_attributes[row];
     attribute = {m_rows[row].type, room.data(), room.size()};
     const auto rv =
-        m_owner.attempt(log, entry::kGetAttributeValue, object, &attribute, CK_ULONG{1});
+        m_calls.attempt(log, entry::kGetAttributeValue, object, &attribute, CK_ULONG{1});
     if (rv == CKR_BUFFER_TOO_SMALL && m_rows[row].kind == AttrKind::Bytes) return State::TooLong;
     if (rv != CKR_OK || attribute.ulValueLen > room.size()) return State::Absent;
     const bool isFixed = m_rows[row].kind != AttrKind::Bytes;
@@ -169,7 +168,7 @@ ObjectReader::State ObjectReader::readLong(std::size_t row, CK_OBJECT_HANDLE obj
     if (attribute.ulValueLen == CK_UNAVAILABLE_INFORMATION) {
         attribute.ulValueLen = 0;
         const auto rv =
-            m_owner.attempt(log, entry::kGetAttributeValue, object, &attribute, CK_ULONG{1});
+            m_calls.attempt(log, entry::kGetAttributeValue, object, &attribute, CK_ULONG{1});
         if (rv != CKR_OK) return State::Absent;
     }
     if (attribute.ulValueLen > kMaxValue || m_longTotal + attribute.ulValueLen > kMaxLongTotal) {
@@ -181,7 +180,7 @@ ObjectReader::State ObjectReader::readLong(std::size_t row, CK_OBJECT_HANDLE obj
     preset(value->bytes, kUnwritten);
     attribute = {m_rows[row].type, value->bytes.data(), value->bytes.size()};
     const auto rv =
-        m_owner.attempt(log, entry::kGetAttributeValue, object, &attribute, CK_ULONG{1});
+        m_calls.attempt(log, entry::kGetAttributeValue, object, &attribute, CK_ULONG{1});
     if (rv != CKR_OK || attribute.ulValueLen > value->bytes.size() ||
         isUntouched(value->bytes, attribute.ulValueLen, kUnwritten)) {
         return State::Absent;

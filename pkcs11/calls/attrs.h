@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "foundation/x509/der.h"
-#include "pkcs11/calls/cryptoki.h"
-#include "pkcs11/clspkcs11.h"
+#include "pkcs11/calls/calls.h"
+#include "pkcs11/records.h"
 
 namespace mervane {
 
@@ -33,7 +33,7 @@ struct AttrRow {
 class ObjectReader {
   public:
     /// `rows` is kept by reference; at most 16.
-    ObjectReader(ClsPkcs11& owner, std::span<const AttrRow> rows);
+    ObjectReader(Calls& calls, std::span<const AttrRow> rows);
 
     /// False, with a line, when the object cannot be read at all.
     [[nodiscard]] bool read(CK_OBJECT_HANDLE object, LogBase& log);
@@ -61,7 +61,7 @@ class ObjectReader {
     [[nodiscard]] std::span<std::uint8_t> roomOf(std::size_t row) noexcept;
     void settle(std::size_t row, State state);
 
-    ClsPkcs11& m_owner;
+    Calls& m_calls;
     std::span<const AttrRow> m_rows;
     Pkcs11_Attributes m_record;
     std::vector<std::uint8_t> m_room;              // of all rows of bytes, one after the other

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "pkcs11/calls/invoke.h"
+#include "pkcs11/calls/calls.h"
 
 namespace mervane {
 
@@ -22,19 +22,20 @@ inline std::size_t numWritten(std::span<const CK_ULONG> room, CK_ULONG claimed) 
 /// list. The second step gets room to spare, since IDs may come in between; when even that is too
 /// little the two are repeated a few times. At most `limit` IDs count.
 template <Needs N, class Function, class... Args>
-bool ClsPkcs11::fetchList(const Entry<N, Function>& entry, CK_ULONG limit,
-                          std::vector<CK_ULONG>& list, LogBase& log, Args... args) {
+bool fetchList(Calls& calls, const Entry<N, Function>& entry, CK_ULONG limit,
+               std::vector<CK_ULONG>& list, LogBase& log, Args... args) {
     constexpr int kMaxTries = 4;
     constexpr CK_ULONG kSpare = 16;
     constexpr CK_ULONG kMaxRoom = 1048576;  // bounds what a module can make us allocate
     for (int numTries = 0; numTries < kMaxTries; ++numTries) {
         CK_ULONG count = 0;
-        if (!invoke(log, entry, args..., static_cast<CK_ULONG*>(nullptr), &count)) return false;
+        if (!calls.invoke(log, entry, args..., static_cast<CK_ULONG*>(nullptr), &count))
+            return false;
         list.assign(std::min(count, kMaxRoom) + kSpare, CK_UNAVAILABLE_INFORMATION);
         count = list.size();
-        const auto rv = ask(log, entry, args..., list.data(), &count);
+        const auto rv = calls.ask(log, entry, args..., list.data(), &count);
         if (rv == CKR_BUFFER_TOO_SMALL) continue;
-        if (!rv || !report(entry, *rv, log)) return false;
+        if (!rv || !calls.report(entry, *rv, log)) return false;
         list.resize(std::min(numWritten(list, count), static_cast<std::size_t>(limit)));
         return true;
     }

@@ -7,8 +7,9 @@
 #include "foundation/text/utf8.h"
 #include "pkcs11/calls/lists.h"
 #include "pkcs11/calls/names.h"
+#include "pkcs11/calls/operations.h"
 
-namespace mervane {
+namespace mervane::operation {
 namespace {
 
 constexpr CK_ULONG kMaxMechanisms = 4096;           // some nine times what the standard names
@@ -74,67 +75,11 @@ JsonValue tokenToJson(const CK_TOKEN_INFO& info) {
     return token;
 }
 
-}  // namespace
-
-bool ClsPkcs11::getCryptokiInfo(ClsJsonObject& json, LogBase& log) {
-    CK_INFO info{};
-    if (!invoke(log, entry::kGetInfo, &info)) return false;
-    JsonValue& root = json.root();
-    root.set("cryptokiVersion", versionOf(info.cryptokiVersion));
-    root.set("manufacturer", textOf(info.manufacturerID));
-    root.set("libraryDescription", textOf(info.libraryDescription));
-    root.set("libraryVersion", versionOf(info.libraryVersion));
-    return true;
-}
-
-bool ClsPkcs11::getSlotsInfo(bool onlyTokensPresent, bool, bool skipMechanisms, ClsJsonObject& json,
-                             LogBase& log) {
-    std::vector<CK_SLOT_ID> slotIds;
-    if (!getSlotList(onlyTokensPresent, slotIds, log)) return false;
-    JsonValue& slots = json.root().set("slots", JsonValue::array());
-    std::size_t numMechanisms = 0;
-    for (const CK_SLOT_ID id : slotIds) {
-        JsonValue& slot = slots.append(JsonValue::object());
-        slot.set("slotId", id);
-        const bool skip = skipMechanisms || numMechanisms >= kMaxMechanismsInAll;
-        if (!describeSlot(id, skip, slot, log)) return false;
-        numMechanisms += numMechanismsOf(slot);
-    }
-    if (numMechanisms >= kMaxMechanismsInAll && !skipMechanisms) {
-        log.LogInfo("The module lists more mechanisms than are described.");
-    }
-    return true;
-}
-
-bool ClsPkcs11::describeSlot(CK_SLOT_ID id, bool skipMechanisms, JsonValue& slot, LogBase& log) {
-    CK_SLOT_INFO info{};
-    // A slot that cannot be described stays in the report with what is known of it: its ID.
-    if (!invoke(log, entry::kGetSlotInfo, id, &info)) {
-        log.LogDataUnsigned("slotId", id);
-        return m_initialized;
-    }
-    slot.set("description", textOf(info.slotDescription));
-    slot.set("manufacturer", textOf(info.manufacturerID));
-    slot.set("flags", namesOf(slotFlagNames(info.flags)));
-    slot.set("hardwareVersion", versionOf(info.hardwareVersion));
-    slot.set("firmwareVersion", versionOf(info.firmwareVersion));
-    if ((info.flags & CKF_TOKEN_PRESENT) == 0) return true;
-
-    CK_TOKEN_INFO tokenInfo{};
-    if (!invoke(log, entry::kGetTokenInfo, id, &tokenInfo)) {
-        log.LogDataUnsigned("slotId", id);
-        return m_initialized;
-    }
-    JsonValue& token = slot.set("token", tokenToJson(tokenInfo));
-    if (skipMechanisms) return true;
-    return describeMechanisms(id, token, log);
-}
-
-bool ClsPkcs11::describeMechanisms(CK_SLOT_ID id, JsonValue& token, LogBase& log) {
+bool describeMechanisms(Calls& calls, CK_SLOT_ID id, JsonValue& token, LogBase& log) {
     std::vector<CK_MECHANISM_TYPE> types;
-    if (!fetchList(entry::kGetMechanismList, kMaxMechanisms, types, log, id)) {
+    if (!fetchList(calls, entry::kGetMechanismList, kMaxMechanisms, types, log, id)) {
         log.LogDataUnsigned("slotId", id);
-        return m_initialized;
+        return calls.state.m_initialized;
     }
     JsonValue& list = token.set("mechanisms", JsonValue::array());
     for (const CK_MECHANISM_TYPE type : types) {
@@ -142,8 +87,8 @@ bool ClsPkcs11::describeMechanisms(CK_SLOT_ID id, JsonValue& token, LogBase& log
         mechanism.set("name", mechanismName(type));
         mechanism.set("type", toHexNumber(type));
         CK_MECHANISM_INFO info{};
-        const auto rv = attempt(log, entry::kGetMechanismInfo, id, type, &info);
-        if (!m_initialized) return false;
+        const auto rv = calls.attempt(log, entry::kGetMechanismInfo, id, type, &info);
+        if (!calls.state.m_initialized) return false;
         if (rv != CKR_OK) {
             // One that the module lists but does not explain keeps its name.
             log.LogData("mechanismWithoutInfo", mechanismName(type));
@@ -157,4 +102,60 @@ bool ClsPkcs11::describeMechanisms(CK_SLOT_ID id, JsonValue& token, LogBase& log
     return true;
 }
 
-}  // namespace mervane
+bool describeSlot(Calls& calls, CK_SLOT_ID id, bool skipMechanisms, JsonValue& slot, LogBase& log) {
+    CK_SLOT_INFO info{};
+    // A slot that cannot be described stays in the report with what is known of it: its ID.
+    if (!calls.invoke(log, entry::kGetSlotInfo, id, &info)) {
+        log.LogDataUnsigned("slotId", id);
+        return calls.state.m_initialized;
+    }
+    slot.set("description", textOf(info.slotDescription));
+    slot.set("manufacturer", textOf(info.manufacturerID));
+    slot.set("flags", namesOf(slotFlagNames(info.flags)));
+    slot.set("hardwareVersion", versionOf(info.hardwareVersion));
+    slot.set("firmwareVersion", versionOf(info.firmwareVersion));
+    if ((info.flags & CKF_TOKEN_PRESENT) == 0) return true;
+
+    CK_TOKEN_INFO tokenInfo{};
+    if (!calls.invoke(log, entry::kGetTokenInfo, id, &tokenInfo)) {
+        log.LogDataUnsigned("slotId", id);
+        return calls.state.m_initialized;
+    }
+    JsonValue& token = slot.set("token", tokenToJson(tokenInfo));
+    if (skipMechanisms) return true;
+    return describeMechanisms(calls, id, token, log);
+}
+
+}  // namespace
+
+bool describeModule(Calls& calls, ClsJsonObject& json, LogBase& log) {
+    CK_INFO info{};
+    if (!calls.invoke(log, entry::kGetInfo, &info)) return false;
+    JsonValue& root = json.root();
+    root.set("cryptokiVersion", versionOf(info.cryptokiVersion));
+    root.set("manufacturer", textOf(info.manufacturerID));
+    root.set("libraryDescription", textOf(info.libraryDescription));
+    root.set("libraryVersion", versionOf(info.libraryVersion));
+    return true;
+}
+
+bool describeSlots(Calls& calls, bool onlyTokensPresent, bool skipMechanisms, ClsJsonObject& json,
+                   LogBase& log) {
+    std::vector<CK_SLOT_ID> slotIds;
+    if (!getSlots(calls, onlyTokensPresent, slotIds, log)) return false;
+    JsonValue& slots = json.root().set("slots", JsonValue::array());
+    std::size_t numMechanisms = 0;
+    for (const CK_SLOT_ID id : slotIds) {
+        JsonValue& slot = slots.append(JsonValue::object());
+        slot.set("slotId", id);
+        const bool skip = skipMechanisms || numMechanisms >= kMaxMechanismsInAll;
+        if (!describeSlot(calls, id, skip, slot, log)) return false;
+        numMechanisms += numMechanismsOf(slot);
+    }
+    if (numMechanisms >= kMaxMechanismsInAll && !skipMechanisms) {
+        log.LogInfo("The module lists more mechanisms than are described.");
+    }
+    return true;
+}
+
+}  // namespace mervane::operation

@@ -2,10 +2,9 @@
 
 #include "pkcs11/calls/search.h"
 
+#include <algorithm>
 #include <unordered_set>
 #include <utility>
-
-#include "pkcs11/calls/invoke.h"
 
 namespace mervane {
 namespace {
@@ -48,64 +47,36 @@ class HandleList {
     std::unordered_set<CK_OBJECT_HANDLE> m_seen;
 };
 
-}  // namespace
-
 // An active search of the session; ends it on every way out.
 class FindOperation {
   public:
-    FindOperation(ClsPkcs11& owner, LogBase& log) noexcept : m_owner(owner), m_log(log) {}
+    FindOperation(Calls& calls, LogBase& log) noexcept : m_calls(calls), m_log(log) {}
     ~FindOperation() { end(); }
     FindOperation(const FindOperation&) = delete;
     FindOperation& operator=(const FindOperation&) = delete;
 
     std::optional<CK_RV> end() {
         if (std::exchange(m_hasEnded, true)) return std::nullopt;
-        const auto rv = m_owner.ask(m_log, entry::kFindObjectsFinal);
+        const auto rv = m_calls.ask(m_log, entry::kFindObjectsFinal);
         if (rv && *rv != CKR_OK) m_log.LogDataUnsigned("findObjectsFinalResult", *rv);
         return rv;
     }
 
   private:
-    ClsPkcs11& m_owner;
+    Calls& m_calls;
     LogBase& m_log;
     bool m_hasEnded = false;
 };
 
-bool ClsPkcs11::findObjects(std::span<CK_ATTRIBUTE> query, std::size_t limit,
-                            std::vector<CK_OBJECT_HANDLE>& handles, LogBase& log) {
-    if (!ready(log, entry::kFindObjectsInit, entry::kFindObjects, entry::kFindObjectsFinal))
-        return false;
-    const auto begin = [&] {
-        return ask(log, entry::kFindObjectsInit, query.data(), static_cast<CK_ULONG>(query.size()));
-    };
-    auto rv = begin();
-    if (rv == CKR_OPERATION_ACTIVE) {
-        // Left behind by somebody else on this session.
-        attempt(log, entry::kFindObjectsFinal);
-        rv = begin();
-    }
-    if (!rv || !report(entry::kFindObjectsInit, *rv, log)) return false;
-    FindOperation operation(*this, log);
-    rv = gatherObjects(limit, handles, log);
-    const auto endRv = operation.end();
-    // Reported when the search has ended: the report may give the session up.
-    const bool isWhole = rv && report(entry::kFindObjects, *rv, log);
-    if (hasOpenSession() && endRv && endsUse(Needs::Session, *endRv)) {
-        report(entry::kFindObjectsFinal, *endRv, log);
-    }
-    return isWhole && hasOpenSession();  // handles are of no use without
-}
-
-std::optional<CK_RV> ClsPkcs11::gatherObjects(std::size_t limit,
-                                              std::vector<CK_OBJECT_HANDLE>& handles,
-                                              LogBase& log) {
+std::optional<CK_RV> gatherObjects(Calls& calls, std::size_t limit,
+                                   std::vector<CK_OBJECT_HANDLE>& handles, LogBase& log) {
     std::vector<CK_OBJECT_HANDLE> batch(std::min(kBatch, limit));
     HandleList list(handles, limit);
     for (int numStale = 0; numStale < kMaxStaleBatches;) {
         CK_ULONG count = 0;
         std::ranges::fill(batch, CK_OBJECT_HANDLE{0});
-        const auto rv = ask(log, entry::kFindObjects, batch.data(),
-                            static_cast<CK_ULONG>(batch.size()), &count);
+        const auto rv = calls.ask(log, entry::kFindObjects, batch.data(),
+                                  static_cast<CK_ULONG>(batch.size()), &count);
         if (rv != CKR_OK || count == 0) return rv;
         const auto given = std::span(batch).first(std::min<std::size_t>(count, batch.size()));
         numStale = list.add(given) == 0 ? numStale + 1 : 0;
@@ -117,6 +88,34 @@ std::optional<CK_RV> ClsPkcs11::gatherObjects(std::size_t limit,
     }
     log.LogInfo("The module's search does not end; what it found so far is used.");
     return CKR_OK;
+}
+
+}  // namespace
+
+bool findObjects(Calls& calls, std::span<CK_ATTRIBUTE> query, std::size_t limit,
+                 std::vector<CK_OBJECT_HANDLE>& handles, LogBase& log) {
+    if (!calls.ready(log, entry::kFindObjectsInit, entry::kFindObjects, entry::kFindObjectsFinal))
+        return false;
+    const auto begin = [&] {
+        return calls.ask(log, entry::kFindObjectsInit, query.data(),
+                         static_cast<CK_ULONG>(query.size()));
+    };
+    auto rv = begin();
+    if (rv == CKR_OPERATION_ACTIVE) {
+        // Left behind by somebody else on this session.
+        calls.attempt(log, entry::kFindObjectsFinal);
+        rv = begin();
+    }
+    if (!rv || !calls.report(entry::kFindObjectsInit, *rv, log)) return false;
+    FindOperation operation(calls, log);
+    rv = gatherObjects(calls, limit, handles, log);
+    const auto endRv = operation.end();
+    // Reported when the search has ended: the report may give the session up.
+    const bool isWhole = rv && calls.report(entry::kFindObjects, *rv, log);
+    if (calls.hasOpenSession() && endRv && endsUse(Needs::Session, *endRv)) {
+        calls.report(entry::kFindObjectsFinal, *endRv, log);
+    }
+    return isWhole && calls.hasOpenSession();  // handles are of no use without
 }
 
 }  // namespace mervane

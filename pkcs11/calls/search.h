@@ -3,9 +3,10 @@
 
 #include <array>
 #include <span>
+#include <vector>
 
 #include "foundation/x509/der.h"
-#include "pkcs11/calls/cryptoki.h"
+#include "pkcs11/calls/calls.h"
 
 namespace mervane {
 
@@ -51,6 +52,11 @@ class ObjectQuery {
 
 /// More objects than any token holds; bounds what a module can make us gather.
 inline constexpr std::size_t kMaxObjects = 65536;
+
+/// Handles of the objects that match, in the module's order, each once; `limit` ends the search
+/// early.
+bool findObjects(Calls& calls, std::span<CK_ATTRIBUTE> query, std::size_t limit,
+                 std::vector<CK_OBJECT_HANDLE>& handles, LogBase& log);
 
 }  // namespace mervane
 

@@ -2,11 +2,13 @@
 
 #include <array>
 
+#include "foundation/text/bytes.h"
+#include "foundation/x509/certificate.h"
 #include "pkcs11/calls/attrs.h"
-#include "pkcs11/calls/invoke.h"
+#include "pkcs11/calls/operations.h"
 #include "pkcs11/calls/search.h"
 
-namespace mervane {
+namespace mervane::operation {
 namespace {
 
 enum Column : std::size_t { kValue, kId, kLabel, kType };
@@ -21,10 +23,6 @@ constexpr std::array kRows = {
 
 // All certificates of a token together; far beyond what tokens hold.
 constexpr std::size_t kMaxTotalSize = std::size_t{256} * 1024 * 1024;
-
-std::string_view asChars(der::Bytes bytes) noexcept {
-    return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
-}
 
 // Null, with a line, when the object is not an X.509 certificate.
 std::shared_ptr<Certificate> toCertificate(const ObjectReader& reader, CK_OBJECT_HANDLE handle,
@@ -48,24 +46,24 @@ std::shared_ptr<Certificate> toCertificate(const ObjectReader& reader, CK_OBJECT
 
 }  // namespace
 
-bool ClsPkcs11::findAllCerts(LogBase& log) {
+bool cacheCerts(Calls& calls, LogBase& log) {
     const LogContextExitor context(log, "findAllCerts");
     ObjectQuery query(CKO_CERTIFICATE);
     std::vector<CK_OBJECT_HANDLE> handles;
-    if (!ready(log, entry::kGetAttributeValue) ||
-        !findObjects(query.attributes(), kMaxObjects, handles, log)) {
+    if (!calls.ready(log, entry::kGetAttributeValue) ||
+        !findObjects(calls, query.attributes(), kMaxObjects, handles, log)) {
         return false;
     }
     // Built aside: a failed read leaves the certificates read before.
     ExtPtrArray certs;
     certs.reserve(handles.size());
-    ObjectReader reader(*this, kRows);
+    ObjectReader reader(calls, kRows);
     std::size_t numUnreadable = 0;
     std::size_t totalSize = 0;
     for (const CK_OBJECT_HANDLE handle : handles) {
         if (!reader.read(handle, log)) {
             // Without a session there is nothing more to read; one object may be gone, though.
-            if (!hasOpenSession()) return false;
+            if (!calls.hasOpenSession()) return false;
             ++numUnreadable;
             continue;
         }
@@ -80,9 +78,9 @@ bool ClsPkcs11::findAllCerts(LogBase& log) {
     }
     log.LogDataLong("numCerts", certs.getSize());
     if (numUnreadable != 0 && numUnreadable == handles.size()) return false;
-    m_certs.swap(certs);
-    m_certsLoaded = true;
+    calls.state.m_certs.swap(certs);
+    calls.state.m_certsLoaded = true;
     return true;
 }
 
-}  // namespace mervane
+}  // namespace mervane::operation

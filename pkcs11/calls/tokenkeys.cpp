@@ -3,11 +3,12 @@
 #include <array>
 #include <map>
 
+#include "foundation/x509/publickey.h"
 #include "pkcs11/calls/attrs.h"
-#include "pkcs11/calls/invoke.h"
+#include "pkcs11/calls/operations.h"
 #include "pkcs11/calls/search.h"
 
-namespace mervane {
+namespace mervane::operation {
 namespace {
 
 // The first rows are all that a quick fill reads.
@@ -35,22 +36,20 @@ der::Bytes pointOf(const ObjectReader& reader) {
     return unwrapEcPoint(reader.bytesOrNone(kPoint), findCurve(reader.bytesOrNone(kParams)));
 }
 
-}  // namespace
-
-bool ClsPkcs11::readPrivateKeys(CK_ULONG keyType, std::size_t numRows, ExtPtrArray& keys,
-                                LogBase& log) {
+bool readPrivateKeys(Calls& calls, CK_ULONG keyType, std::size_t numRows, ExtPtrArray& keys,
+                     LogBase& log) {
     ObjectQuery query(CKO_PRIVATE_KEY);
     query.add(CKA_KEY_TYPE, keyType);
     std::vector<CK_OBJECT_HANDLE> handles;
-    if (!ready(log, entry::kGetAttributeValue) ||
-        !findObjects(query.attributes(), kMaxObjects, handles, log)) {
+    if (!calls.ready(log, entry::kGetAttributeValue) ||
+        !findObjects(calls, query.attributes(), kMaxObjects, handles, log)) {
         return false;
     }
-    ObjectReader reader(*this, std::span(kKeyRows).first(numRows));
+    ObjectReader reader(calls, std::span(kKeyRows).first(numRows));
     keys.reserve(handles.size());
     for (const CK_OBJECT_HANDLE handle : handles) {
         if (!reader.read(handle, log)) {
-            if (!hasOpenSession()) return false;
+            if (!calls.hasOpenSession()) return false;
             continue;
         }
         auto key = std::make_unique<Pkcs11_PrivateKey>();
@@ -69,46 +68,17 @@ bool ClsPkcs11::readPrivateKeys(CK_ULONG keyType, std::size_t numRows, ExtPtrArr
     return true;
 }
 
-bool ClsPkcs11::cacheRsaPrivateKeys(bool withSubjectAndModulus, bool notQuick, LogBase& log) {
-    const bool full = withSubjectAndModulus || notQuick;
-    if (m_rsaKeysLoaded && (!full || (m_rsaKeysHaveSubject && m_rsaKeysHaveModulus))) return true;
-    const LogContextExitor context(log, "cacheRsaPrivateKeys");
-    ExtPtrArray keys;
-    if (!readPrivateKeys(CKK_RSA, full ? kKeyRows.size() : kNumQuickRows, keys, log)) return false;
-    m_rsaPrivKeys.swap(keys);
-    m_rsaKeysHaveSubject = m_rsaKeysHaveModulus = full;
-    m_rsaKeysLoaded = true;
-    return true;
-}
-
-bool ClsPkcs11::cacheEcdsaPrivateKeys(bool withEcPoints, LogBase& log) {
-    if (m_ecdsaKeysLoaded && (!withEcPoints || m_ecdsaKeysHavePoints)) return true;
-    const LogContextExitor context(log, "cacheEcdsaPrivateKeys");
-    if (m_ecdsaKeysLoaded) {
-        // Only the points are missing.
-        if (!fillEcPoints(m_ecdsaPrivKeys, log)) return false;
-    } else {
-        ExtPtrArray keys;
-        if (!readPrivateKeys(CKK_EC, kNumQuickRows, keys, log)) return false;
-        if (withEcPoints && !fillEcPoints(keys, log)) return false;
-        m_ecdsaPrivKeys.swap(keys);
-    }
-    m_ecdsaKeysHavePoints = withEcPoints;
-    m_ecdsaKeysLoaded = true;
-    return true;
-}
-
-bool ClsPkcs11::fillEcPoints(ExtPtrArray& keys, LogBase& log) {
+bool fillEcPoints(Calls& calls, ExtPtrArray& keys, LogBase& log) {
     if (keys.getSize() == 0) return true;
     ObjectQuery query(CKO_PUBLIC_KEY);
     query.add(CKA_KEY_TYPE, CKK_EC);
     std::vector<CK_OBJECT_HANDLE> handles;
-    if (!findObjects(query.attributes(), kMaxObjects, handles, log)) return false;
+    if (!findObjects(calls, query.attributes(), kMaxObjects, handles, log)) return false;
     std::map<std::vector<std::uint8_t>, DataBuffer> pointsById;
-    ObjectReader reader(*this, kPointRows);
+    ObjectReader reader(calls, kPointRows);
     for (const CK_OBJECT_HANDLE handle : handles) {
         if (!reader.read(handle, log)) {
-            if (!hasOpenSession()) return false;
+            if (!calls.hasOpenSession()) return false;
             continue;
         }
         const der::Bytes id = reader.bytesOrNone(kPointId);
@@ -125,7 +95,7 @@ bool ClsPkcs11::fillEcPoints(ExtPtrArray& keys, LogBase& log) {
         } else if (reader.read(key.m_handle, log)) {
             // No public key with this ID: some modules show the point on the private key.
             key.m_ecPoint.assign(pointOf(reader));
-        } else if (!hasOpenSession()) {
+        } else if (!calls.hasOpenSession()) {
             return false;
         }
     }
@@ -133,4 +103,40 @@ bool ClsPkcs11::fillEcPoints(ExtPtrArray& keys, LogBase& log) {
     return true;
 }
 
-}  // namespace mervane
+}  // namespace
+
+bool cacheRsaKeys(Calls& calls, bool withSubjectAndModulus, LogBase& log) {
+    Pkcs11State& state = calls.state;
+    if (state.m_rsaKeysLoaded &&
+        (!withSubjectAndModulus || (state.m_rsaKeysHaveSubject && state.m_rsaKeysHaveModulus)))
+        return true;
+    const LogContextExitor context(log, "cacheRsaPrivateKeys");
+    ExtPtrArray keys;
+    if (!readPrivateKeys(calls, CKK_RSA, withSubjectAndModulus ? kKeyRows.size() : kNumQuickRows,
+                         keys, log))
+        return false;
+    state.m_rsaPrivKeys.swap(keys);
+    state.m_rsaKeysHaveSubject = state.m_rsaKeysHaveModulus = withSubjectAndModulus;
+    state.m_rsaKeysLoaded = true;
+    return true;
+}
+
+bool cacheEcKeys(Calls& calls, bool withEcPoints, LogBase& log) {
+    Pkcs11State& state = calls.state;
+    if (state.m_ecdsaKeysLoaded && (!withEcPoints || state.m_ecdsaKeysHavePoints)) return true;
+    const LogContextExitor context(log, "cacheEcdsaPrivateKeys");
+    if (state.m_ecdsaKeysLoaded) {
+        // Only the points are missing.
+        if (!fillEcPoints(calls, state.m_ecdsaPrivKeys, log)) return false;
+    } else {
+        ExtPtrArray keys;
+        if (!readPrivateKeys(calls, CKK_EC, kNumQuickRows, keys, log)) return false;
+        if (withEcPoints && !fillEcPoints(calls, keys, log)) return false;
+        state.m_ecdsaPrivKeys.swap(keys);
+    }
+    state.m_ecdsaKeysHavePoints = withEcPoints;
+    state.m_ecdsaKeysLoaded = true;
+    return true;
+}
+
+}  // namespace mervane::operation

@@ -1,0 +1,107 @@
+#ifndef MERVANE_PKCS11_CALLS_CALLS_H
+#define MERVANE_PKCS11_CALLS_CALLS_H
+
+#include <memory>
+#include <optional>
+
+#include "pkcs11/calls/entries.h"
+#include "pkcs11/calls/guard.h"
+#include "pkcs11/calls/moduleuse.h"
+
+namespace mervane {
+
+/// How the functions of the module are called, over the members of one object: checks, call and
+/// report stand here once, for all functions.
+///
+///     ask      the return value, where some codes are no failures; nothing when the function could
+///              not be called, which has been reported then
+///     attempt  for what may fail: reports only what means that session or initialisation are gone
+///     invoke   reports every code but CKR_OK, and is then false
+///
+/// All three check first that the function table is there, the module initialised and a session
+/// open, as far as the function's entry demands it, and that the table has the function. What a
+/// report says is gone is dropped with it.
+///
+/// What is asked of the module, and what is made of its answers, stands above this class: see
+/// operations.h.
+class Calls {
+  public:
+    Calls(Pkcs11State& members, std::shared_ptr<Pkcs11SessionAnchor> anchor)
+        : state(members), use(members, std::move(anchor)) {}
+    Calls(const Calls&) = delete;
+    Calls& operator=(const Calls&) = delete;
+
+    Pkcs11State& state;
+    ModuleUse use;
+
+    [[nodiscard]] bool hasOpenSession() const noexcept { return state.m_hSession != 0; }
+
+    template <Needs N, class Function, class... Args>
+    std::optional<CK_RV> ask(LogBase& log, const Entry<N, Function>& entry, Args... args);
+    template <Needs N, class Function, class... Args>
+    std::optional<CK_RV> attempt(LogBase& log, const Entry<N, Function>& entry, Args... args);
+    template <Needs N, class Function, class... Args>
+    bool invoke(LogBase& log, const Entry<N, Function>& entry, Args... args);
+
+    /// Whether all of these functions can be called; reports the first that cannot.
+    template <class... Entries>
+    bool ready(LogBase& log, const Entries&... entries);
+
+    /// Writes the lines for a return value, and drops what it says is gone. True for CKR_OK. What a
+    /// function that names a slot says of its token does not end the session.
+    template <Needs N, class Function>
+    bool report(const Entry<N, Function>& entry, CK_RV rv, LogBase& log) {
+        return rv == CKR_OK || reportCode(entry.name, N, rv, log);
+    }
+    bool reportCode(const char* functionName, Needs needs, CK_RV rv, LogBase& log);
+
+    // Each writes its lines and is false, so that a check can report and fail in one step.
+    bool noFunc(const char* functionName, LogBase& log) const;
+    bool noFuncs(LogBase& log) const;
+    bool noSession(LogBase& log) const;
+
+  private:
+    bool readyFor(Needs needs, const char* functionName, LogBase& log);
+};
+
+/// The return value of a call means that what the call needs is gone.
+inline bool endsUse(Needs needs, CK_RV rv) noexcept {
+    return rv == CKR_CRYPTOKI_NOT_INITIALIZED || (needs == Needs::Session && endsSession(rv));
+}
+
+template <class... Entries>
+bool Calls::ready(LogBase& log, const Entries&... entries) {
+    const auto isReady = [&]<Needs N, class Function>(const Entry<N, Function>& e) {
+        return readyFor(N, e.name, log) &&
+               (use.functions()->*e.member != nullptr || noFunc(e.name, log));
+    };
+    return (isReady(entries) && ...);
+}
+
+template <Needs N, class Function, class... Args>
+std::optional<CK_RV> Calls::ask(LogBase& log, const Entry<N, Function>& entry, Args... args) {
+    if (!ready(log, entry)) return std::nullopt;
+    const Function function = use.functions()->*entry.member;
+    if constexpr (N == Needs::Session) {
+        return callModule(log, function, state.m_hSession, args...);
+    } else {
+        return callModule(log, function, args...);
+    }
+}
+
+template <Needs N, class Function, class... Args>
+std::optional<CK_RV> Calls::attempt(LogBase& log, const Entry<N, Function>& entry, Args... args) {
+    const auto rv = ask(log, entry, args...);
+    if (rv && endsUse(N, *rv)) report(entry, *rv, log);
+    return rv;
+}
+
+template <Needs N, class Function, class... Args>
+bool Calls::invoke(LogBase& log, const Entry<N, Function>& entry, Args... args) {
+    const auto rv = ask(log, entry, args...);
+    return rv && report(entry, *rv, log);
+}
+
+}  // namespace mervane
+
+#endif

@@ -1,0 +1,76 @@
+#ifndef MERVANE_PKCS11_CALLS_MODULEUSE_H
+#define MERVANE_PKCS11_CALLS_MODULEUSE_H
+
+#include <cstdint>
+#include <memory>
+
+#include "foundation/x509/sessionanchor.h"
+#include "pkcs11/calls/cryptoki.h"
+#include "pkcs11/state.h"
+
+namespace mervane {
+
+/// One object's use of a module, and the life of its session:
+///
+///     opened      beginSession()     the session gets a number, under which certificates are
+///     linked replaced    replaceSession()   the new one stands before the old one is closed, so
+///     that a
+///                                    failed open loses nothing; a login on the same token is kept
+///     logged out  restartSession()   goes on under another number: earlier links are void
+///     closed      dropSession()      after C_CloseSession
+///     gone        dropSession()      the module says that session or token are not there; nothing
+///                                    is called any more
+///     forked      dropAfterFork()    the session is the parent's: forgotten without a call
+///     finalised   release()          closes the session, and calls C_Finalize when that is ours to
+///                                    do; dropInitialisation() when somebody else has done it
+///
+/// What the next reader would get wrong: a session can end in the middle of any call that is made
+/// on it, so code that calls the module twice looks at hasOpenSession() in between; and a handle is
+/// of no use once its session has ended, even where the module still takes it.
+class ModuleUse {
+  public:
+    ModuleUse(Pkcs11State& state, std::shared_ptr<Pkcs11SessionAnchor> anchor);
+
+    /// The module's own; null while none is loaded.
+    [[nodiscard]] CK_FUNCTION_LIST* functions() const noexcept { return m_functions; }
+    /// Takes over the list of the module just loaded. What the members say of an earlier module
+    /// does not hold for this one.
+    void adopt(CK_FUNCTION_LIST* functions, LogBase& log);
+    /// Gives the module up before it is unmapped.
+    void abandon(LogBase& log) noexcept;
+
+    // --- Initialisation: announced before C_Initialize is called, then done or not
+    void announce();
+    void initialised(bool byUs);
+    void notInitialised() noexcept;
+    /// Somebody else has finalised the module, or its library is not loaded.
+    void dropInitialisation(LogBase& log);
+    /// Closes the session and gives up the share in the module, finalising it when that is ours to
+    /// do. The members that tell of session and initialisation are left alone.
+    void release(LogBase& log) noexcept;
+
+    // --- Session
+    void beginSession(CK_SESSION_HANDLE session) noexcept;
+    void replaceSession(CK_SESSION_HANDLE session, bool onSameToken, LogBase& log);
+    void restartSession(LogBase& log);
+    void dropSession(LogBase& log);
+
+    // --- Fork
+    /// The process is a fork of the one that the session and the module's state belong to.
+    [[nodiscard]] bool hasForked() const noexcept;
+    void dropAfterFork(LogBase& log);
+
+  private:
+    void closeQuietly(CK_SESSION_HANDLE session, LogBase& log) noexcept;
+
+    Pkcs11State& m_state;
+    std::shared_ptr<Pkcs11SessionAnchor> m_anchor;
+    CK_FUNCTION_LIST* m_functions = nullptr;  // dies with the library
+    bool m_hasShare = false;                  // counted in the ledger for m_functions
+    std::uint32_t m_forkGeneration;           // of the process that session and share belong to
+    std::uint64_t m_lastSessionNumber = 0;
+};
+
+}  // namespace mervane
+
+#endif
