@@ -2,10 +2,10 @@
 
 #include <iostream>
 
-#include "cli/commands.h"
-#include "cli/output.h"
-#include "cli/pins.h"
-#include "cli/token.h"
+#include "commands.h"
+#include "output.h"
+#include "pins.h"
+#include "token.h"
 
 namespace mervane::cli {
 namespace {

@@ -1,11 +1,11 @@
 // atr and card-data. No module is needed.
 
+#include <filesystem>
 #include <iostream>
 
-#include "cli/commands.h"
-#include "cli/output.h"
-#include "foundation/system/filesys.h"
-#include "foundation/text/ascii.h"
+#include "commands.h"
+#include "output.h"
+#include <mervane/foundation/text/ascii.h>
 
 namespace mervane::cli {
 namespace {
@@ -41,7 +41,8 @@ Exit runAtr(ClsPkcs11& p11, const Options& options) {
     for (int i = 0; i < paths.getSize(); ++i) {
         JsonValue& path = list.append(JsonValue::object());
         path.set("path", paths.sbAt(i)->view());
-        path.set("exists", FileSys::fileExistsUtf8(paths.sbAt(i)->getString(), nullptr, nullptr));
+        std::error_code error;
+        path.set("exists", std::filesystem::is_regular_file(paths.sbAt(i)->view(), error));
     }
     JsonValue document = JsonValue::object();
     document.set("name", name.view());

@@ -3,11 +3,11 @@
 #include <fstream>
 #include <iostream>
 
-#include "cli/commands.h"
-#include "cli/output.h"
-#include "cli/token.h"
-#include "foundation/text/hex.h"
-#include "foundation/text/utf8.h"
+#include "commands.h"
+#include "output.h"
+#include "token.h"
+#include <mervane/foundation/text/hex.h>
+#include <mervane/foundation/text/utf8.h>
 
 namespace mervane::cli {
 namespace {

@@ -8,8 +8,8 @@
 #include <exception>
 #include <iostream>
 
-#include "cli/commands.h"
-#include "cli/output.h"
+#include "commands.h"
+#include "output.h"
 
 namespace mervane::cli {
 namespace {

@@ -2,9 +2,9 @@
 
 #include <iostream>
 
-#include "cli/commands.h"
-#include "cli/output.h"
-#include "cli/token.h"
+#include "commands.h"
+#include "output.h"
+#include "token.h"
 
 namespace mervane::cli {
 namespace {

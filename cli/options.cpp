@@ -1,4 +1,4 @@
-#include "cli/options.h"
+#include "options.h"
 
 #include <array>
 #include <charconv>
@@ -6,8 +6,8 @@
 #include <cstdlib>
 #include <string_view>
 
-#include "cli/failure.h"
-#include "foundation/text/utf8.h"
+#include "failure.h"
+#include <mervane/foundation/text/utf8.h>
 
 namespace mervane::cli {
 namespace {

@@ -1,10 +1,10 @@
-#include "cli/output.h"
+#include "output.h"
 
 #include <algorithm>
 #include <iostream>
 
-#include "foundation/json/writer.h"
-#include "foundation/text/utf8.h"
+#include <mervane/foundation/json/writer.h>
+#include <mervane/foundation/text/utf8.h>
 
 namespace mervane::cli {
 
@@ -54,10 +54,8 @@ void printFields(const std::vector<std::pair<std::string, std::string>>& fields)
     }
 }
 
-JsonList::JsonList(std::string_view name) : m_text("{\n  ") {
-    appendJsonString(m_text, name);
-    m_text.append(": [");
-}
+JsonList::JsonList(std::string_view name)
+    : m_text("{\n  " + toJsonText(JsonValue(name), false) + ": [") {}
 
 void JsonList::add(const JsonValue& record) {
     m_text.append(m_isEmpty ? "\n    " : ",\n    ");

@@ -5,7 +5,7 @@
 #include <string_view>
 #include <vector>
 
-#include "foundation/json/value.h"
+#include <mervane/foundation/json/value.h>
 
 namespace mervane::cli {
 

@@ -1,4 +1,4 @@
-#include "cli/pins.h"
+#include "pins.h"
 
 #include <fcntl.h>
 #include <termios.h>
@@ -11,9 +11,9 @@
 #include <iostream>
 #include <string_view>
 
-#include "cli/failure.h"
-#include "cli/output.h"
-#include "foundation/text/secret.h"
+#include "failure.h"
+#include "output.h"
+#include <mervane/foundation/text/secret.h>
 
 namespace mervane::cli {
 namespace {

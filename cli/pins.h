@@ -4,7 +4,7 @@
 #include <optional>
 #include <string>
 
-#include "foundation/text/xstring.h"
+#include <mervane/foundation/text/xstring.h>
 
 namespace mervane::cli {
 

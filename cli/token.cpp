@@ -1,12 +1,12 @@
-#include "cli/token.h"
+#include "token.h"
 
 #include <algorithm>
 #include <charconv>
 #include <filesystem>
 #include <optional>
 
-#include "cli/output.h"
-#include "cli/pins.h"
+#include "output.h"
+#include "pins.h"
 
 namespace mervane::cli {
 namespace {

@@ -1,9 +1,9 @@
 #ifndef MERVANE_CLI_TOKEN_H
 #define MERVANE_CLI_TOKEN_H
 
-#include "cli/failure.h"
-#include "cli/options.h"
-#include "pkcs11/clspkcs11.h"
+#include "failure.h"
+#include "options.h"
+#include <mervane/pkcs11/clspkcs11.h>
 
 namespace mervane::cli {
 

@@ -5,7 +5,7 @@
 #include <iostream>
 #include <string>
 
-#include <pkcs11/clspkcs11.h>
+#include <mervane/pkcs11/clspkcs11.h>
 
 int main(int argc, char** argv) {
     if (argc != 3) return 2;

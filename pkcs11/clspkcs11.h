@@ -3,13 +3,13 @@
 
 #include <memory>
 
-#include "foundation/core/clsbase.h"
-#include "foundation/json/clsjsonobject.h"
-#include "foundation/text/xstring.h"
-#include "foundation/x509/certificate.h"
-#include "foundation/x509/clscert.h"
-#include "pkcs11/records.h"
-#include "pkcs11/state.h"
+#include "../foundation/core/clsbase.h"
+#include "../foundation/json/clsjsonobject.h"
+#include "../foundation/text/xstring.h"
+#include "../foundation/x509/certificate.h"
+#include "../foundation/x509/clscert.h"
+#include "records.h"
+#include "state.h"
 
 namespace mervane {
 

@@ -4,11 +4,11 @@
 #include <array>
 #include <cstdint>
 
-#include "foundation/core/object.h"
-#include "foundation/core/ptrarray.h"
-#include "foundation/text/databuffer.h"
-#include "foundation/text/stringbuffer.h"
-#include "pkcs11/calls/cktypes.h"
+#include "../foundation/core/object.h"
+#include "../foundation/core/ptrarray.h"
+#include "../foundation/text/databuffer.h"
+#include "../foundation/text/stringbuffer.h"
+#include "calls/cktypes.h"
 
 namespace mervane {
 

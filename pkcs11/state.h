@@ -1,11 +1,11 @@
 #ifndef MERVANE_PKCS11_STATE_H
 #define MERVANE_PKCS11_STATE_H
 
-#include "foundation/core/ptrarray.h"
-#include "foundation/log/logbase.h"
-#include "foundation/text/xstring.h"
-#include "foundation/x509/systemcerts.h"
-#include "pkcs11/calls/cktypes.h"
+#include "../foundation/core/ptrarray.h"
+#include "../foundation/log/logbase.h"
+#include "../foundation/text/xstring.h"
+#include "../foundation/x509/systemcerts.h"
+#include "calls/cktypes.h"
 
 namespace mervane {
 

@@ -3,9 +3,9 @@
 
 #include <memory>
 
-#include "foundation/core/critsec.h"
-#include "foundation/core/object.h"
-#include "foundation/log/logger.h"
+#include "critsec.h"
+#include "object.h"
+#include "../log/logger.h"
 
 namespace mervane {
 

@@ -8,8 +8,8 @@
 #include <utility>
 #include <vector>
 
-#include "foundation/core/object.h"
-#include "foundation/text/stringbuffer.h"
+#include "object.h"
+#include "../text/stringbuffer.h"
 
 namespace mervane {
 

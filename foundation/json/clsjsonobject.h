@@ -5,10 +5,10 @@
 #include <string>
 #include <string_view>
 
-#include "foundation/core/clsbase.h"
-#include "foundation/json/value.h"
-#include "foundation/text/databuffer.h"
-#include "foundation/text/stringbuffer.h"
+#include "../core/clsbase.h"
+#include "value.h"
+#include "../text/databuffer.h"
+#include "../text/stringbuffer.h"
 
 namespace mervane {
 

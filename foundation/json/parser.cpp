@@ -4,7 +4,7 @@
 #include <array>
 #include <string>
 
-#include "foundation/text/utf8.h"
+#include "foundation/text/codepoint.h"
 
 namespace mervane {
 namespace {

@@ -10,7 +10,7 @@
 #include <utility>
 #include <variant>
 
-#include "foundation/json/compactlist.h"
+#include "compactlist.h"
 
 namespace mervane {
 

@@ -1,5 +1,7 @@
 #include "foundation/json/writer.h"
 
+#include "foundation/text/jsonstring.h"
+
 namespace mervane {
 namespace {
 

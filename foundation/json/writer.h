@@ -4,8 +4,7 @@
 #include <cstddef>
 #include <string>
 
-#include "foundation/json/value.h"
-#include "foundation/text/jsonstring.h"
+#include "value.h"
 
 namespace mervane {
 

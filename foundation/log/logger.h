@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "foundation/log/logbase.h"
+#include "logbase.h"
 
 namespace mervane {
 

@@ -7,8 +7,6 @@
 #include <string_view>
 #include <vector>
 
-#include "foundation/text/base64.h"
-
 namespace mervane {
 
 /// An owned byte buffer.
@@ -33,9 +31,7 @@ class DataBuffer {
     void appendByte(std::uint8_t byte) { m_bytes.push_back(byte); }
 
     /// Appends the bytes that `text` encodes. Encoding 1 is base64, the only one known.
-    bool appendEncodedById(std::string_view text, int encodingId) {
-        return encodingId == 1 && appendBase64(text, m_bytes);
-    }
+    bool appendEncodedById(std::string_view text, int encodingId);
 
     /// Room of exactly `size` bytes for a writer that fills it, such as the inflater.
     std::span<std::uint8_t> resized(std::size_t size) {

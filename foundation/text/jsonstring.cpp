@@ -3,7 +3,7 @@
 #include <algorithm>
 
 #include "foundation/text/hex.h"
-#include "foundation/text/utf8.h"
+#include "foundation/text/codepoint.h"
 
 namespace mervane {
 namespace {

@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "foundation/text/ascii.h"
+#include "ascii.h"
 
 namespace mervane {
 

@@ -4,6 +4,8 @@
 #include <array>
 #include <charconv>
 
+#include "foundation/text/codepoint.h"
+
 namespace mervane {
 namespace {
 

@@ -4,7 +4,7 @@
 #include <string>
 #include <string_view>
 
-#include "foundation/text/secret.h"
+#include "secret.h"
 
 namespace mervane {
 

@@ -6,15 +6,15 @@
 #include <optional>
 #include <string>
 
-#include "foundation/core/critsec.h"
-#include "foundation/core/object.h"
-#include "foundation/log/logbase.h"
-#include "foundation/text/databuffer.h"
-#include "foundation/text/stringbuffer.h"
-#include "foundation/text/xstring.h"
-#include "foundation/x509/der.h"
-#include "foundation/x509/publickey.h"
-#include "foundation/x509/sessionanchor.h"
+#include "../core/critsec.h"
+#include "../core/object.h"
+#include "../log/logbase.h"
+#include "../text/databuffer.h"
+#include "../text/stringbuffer.h"
+#include "../text/xstring.h"
+#include "der.h"
+#include "publickey.h"
+#include "sessionanchor.h"
 
 namespace mervane {
 

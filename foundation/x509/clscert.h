@@ -4,9 +4,9 @@
 #include <memory>
 #include <string>
 
-#include "foundation/core/clsbase.h"
-#include "foundation/x509/certificate.h"
-#include "foundation/x509/systemcerts.h"
+#include "../core/clsbase.h"
+#include "certificate.h"
+#include "systemcerts.h"
 
 namespace mervane {
 

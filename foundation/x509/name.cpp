@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "foundation/text/bytes.h"
+#include "foundation/text/codepoint.h"
 #include "foundation/text/hex.h"
 #include "foundation/text/utf8.h"
 #include "foundation/x509/oid.h"

@@ -6,9 +6,9 @@
 #include <string_view>
 #include <variant>
 
-#include "foundation/log/logbase.h"
-#include "foundation/text/databuffer.h"
-#include "foundation/x509/der.h"
+#include "../log/logbase.h"
+#include "../text/databuffer.h"
+#include "der.h"
 
 namespace mervane {
 

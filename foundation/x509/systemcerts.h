@@ -4,7 +4,7 @@
 #include <memory>
 #include <vector>
 
-#include "foundation/x509/certificate.h"
+#include "certificate.h"
 
 namespace mervane {
 

@@ -12,9 +12,6 @@ using CK_SLOT_ID = CK_ULONG;
 using CK_SESSION_HANDLE = CK_ULONG;
 using CK_OBJECT_HANDLE = CK_ULONG;
 
-struct CK_FUNCTION_LIST;
-struct CK_ATTRIBUTE;
-
 }  // namespace mervane
 
 #endif

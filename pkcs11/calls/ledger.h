@@ -1,7 +1,9 @@
 #ifndef MERVANE_PKCS11_CALLS_LEDGER_H
 #define MERVANE_PKCS11_CALLS_LEDGER_H
 
-#include "pkcs11/calls/cktypes.h"
+namespace mervane {
+struct CK_FUNCTION_LIST;
+}
 
 namespace mervane::ledger {
 
