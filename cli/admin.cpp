@@ -27,7 +27,6 @@ TokenChoice openForPins(ClsPkcs11& p11, const Options& options) {
 }  // namespace
 
 Exit runSetPin(ClsPkcs11& p11, const Options& options) {
-    if (!options.arguments.empty()) usageError("set-pin takes no arguments.");
     const TokenChoice token = openForPins(p11, options);
     const auto& source = options.asOfficer && options.soPin ? options.soPin : options.pin;
     XString oldPin;
@@ -43,7 +42,6 @@ Exit runSetPin(ClsPkcs11& p11, const Options& options) {
 }
 
 Exit runInitPin(ClsPkcs11& p11, const Options& options) {
-    if (!options.arguments.empty()) usageError("init-pin takes no arguments.");
     const TokenChoice token = openForPins(p11, options);
     XString soPin;
     XString newPin;
@@ -55,7 +53,6 @@ Exit runInitPin(ClsPkcs11& p11, const Options& options) {
 }
 
 Exit runInitToken(ClsPkcs11& p11, const Options& options) {
-    if (options.arguments.size() != 1) usageError("init-token takes one label.");
     useModule(p11, options);
     // Without a choice only a token that holds nothing yet is taken.
     const TokenChoice token = chooseToken(p11, options, Takes::Uninitialized);

@@ -3,9 +3,10 @@
 #include <filesystem>
 #include <iostream>
 
+#include <mervane/foundation/text/ascii.h>
+
 #include "commands.h"
 #include "output.h"
-#include <mervane/foundation/text/ascii.h>
 
 namespace mervane::cli {
 namespace {
@@ -25,7 +26,6 @@ std::string cleanedAtr(std::string_view pasted) {
 }  // namespace
 
 Exit runAtr(ClsPkcs11& p11, const Options& options) {
-    if (options.arguments.empty()) usageError("atr takes the ATR of a card.");
     std::string pasted;
     for (const std::string& word : options.arguments) pasted.append(word).push_back(' ');
     StringBuffer name;
@@ -62,8 +62,7 @@ Exit runAtr(ClsPkcs11& p11, const Options& options) {
     return Exit::Done;
 }
 
-Exit runCardData(ClsPkcs11& p11, const Options& options) {
-    if (!options.arguments.empty()) usageError("card-data takes no arguments.");
+Exit runCardData(ClsPkcs11& p11, const Options&) {
     ClsJsonObject document;
     if (!ClsPkcs11::GetCardDataJson(document, p11.log())) {
         throw Failure{Exit::Module, p11.log().lastError(), {}};

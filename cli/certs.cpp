@@ -3,11 +3,12 @@
 #include <fstream>
 #include <iostream>
 
+#include <mervane/foundation/text/hex.h>
+#include <mervane/foundation/text/utf8.h>
+
 #include "commands.h"
 #include "output.h"
 #include "token.h"
-#include <mervane/foundation/text/hex.h>
-#include <mervane/foundation/text/utf8.h>
 
 namespace mervane::cli {
 namespace {
@@ -156,7 +157,6 @@ Exit listCerts(ClsPkcs11& p11, const Options& options, std::vector<std::string> 
 }  // namespace
 
 Exit runCerts(ClsPkcs11& p11, const Options& options) {
-    if (!options.arguments.empty()) usageError("certs takes no arguments.");
     return listCerts(
         p11, options, {"#", "SUBJECT", "KEY", "SERIAL", "NOT AFTER", "ID", "LABEL"},
         [](Certificate& cert, int index) { return certToJson(cert, index); },
@@ -169,8 +169,6 @@ Exit runCerts(ClsPkcs11& p11, const Options& options) {
 }
 
 Exit runFindCert(ClsPkcs11& p11, const Options& options) {
-    if (options.arguments.empty() || options.arguments.size() > 2)
-        usageError("find-cert takes PART and VALUE.");
     openToken(p11, options, false);
     const XString part(options.arguments[0]);
     const XString value(options.arguments.size() > 1 ? options.arguments[1] : "");
@@ -206,7 +204,6 @@ Exit runFindCert(ClsPkcs11& p11, const Options& options) {
 }
 
 Exit runMatch(ClsPkcs11& p11, const Options& options) {
-    if (!options.arguments.empty()) usageError("match takes no arguments.");
     return listCerts(
         p11, options, {"#", "SUBJECT", "KEY", "ID", "PRIVATE KEY", "HOW"},
         [&p11](Certificate& cert, int index) {

@@ -1,14 +1,30 @@
 #ifndef MERVANE_CLI_COMMANDS_H
 #define MERVANE_CLI_COMMANDS_H
 
+#include <mervane/pkcs11/clspkcs11.h>
+
 #include "failure.h"
 #include "options.h"
-#include <mervane/pkcs11/clspkcs11.h>
 
 namespace mervane::cli {
 
-// One function a command: prints data on standard output and gives the status, or throws a Failure.
-// docs/cli.md describes them for users.
+/// A command as parser, help and dispatch see it.
+struct CommandSpec {
+    std::string_view name;
+    std::string_view arguments;
+    std::size_t minArguments;
+    std::size_t maxArguments;
+    std::uint32_t options;  // of OptionBit: those it uses, beside --help and --version
+    std::string_view help;
+    /// Prints data on standard output and gives the status, or throws a Failure.
+    Exit (*run)(ClsPkcs11& p11, const Options& options);
+};
+
+/// In the order of the help.
+std::span<const CommandSpec> commandSpecs() noexcept;
+
+/// The command that the line names, once arguments and options fit it; throws a Failure else.
+const CommandSpec& commandOf(const CommandLine& line);
 
 // certs.cpp
 Exit runCerts(ClsPkcs11& p11, const Options& options);

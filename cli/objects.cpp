@@ -57,7 +57,6 @@ std::string usageOf(const JsonValue& key) {
 }  // namespace
 
 Exit runDiscover(ClsPkcs11& p11, const Options& options) {
-    if (!options.arguments.empty()) usageError("discover takes no arguments.");
     useModule(p11, options);
     if (options.skipMechanisms) p11.put_Options("Pkcs11DiscoverSkipMechanisms");
     ClsJsonObject report;
@@ -96,7 +95,6 @@ Exit runKeys(ClsPkcs11& p11, const Options& options) {
 }
 
 Exit runFindObject(ClsPkcs11& p11, const Options& options) {
-    if (options.arguments.size() != 1) usageError("find-object takes one JSON description.");
     ClsJsonObject description;
     if (!description.loadJson(options.arguments[0], p11.log())) {
         throw Failure{Exit::Usage, p11.log().lastError(), {}};

@@ -1,13 +1,12 @@
 #include "options.h"
 
+#include <algorithm>
 #include <array>
 #include <charconv>
-#include <cstdint>
 #include <cstdlib>
-#include <string_view>
 
 #include "failure.h"
-#include <mervane/foundation/text/utf8.h>
+#include "output.h"
 
 namespace mervane::cli {
 namespace {
@@ -26,6 +25,11 @@ int parseSlot(const std::string& text) {
     return static_cast<int>(value);
 }
 
+bool isOfficer(const std::string& user) {
+    if (user != "user" && user != "so") usageError("--user takes user or so.");
+    return user == "so";
+}
+
 std::string pinSource(const std::string& option, const std::string& text) {
     if (text == "-" || text.starts_with("env:") || text.starts_with("file:")) return text;
     usageError(
@@ -34,60 +38,64 @@ std::string pinSource(const std::string& option, const std::string& text) {
         "every user of the machine could read it there.");
 }
 
-using Setter = void (*)(Options& options, const std::string& value);
-
-struct Option {
-    std::string_view name;
-    bool takesValue;
-    Setter set;
-};
+using Value = const std::string&;
 
 constexpr std::array kOptions = {
-    Option{"--module", true, [](Options& o, const std::string& v) { o.module = v; }},
-    Option{"--slot", true, [](Options& o, const std::string& v) { o.slot = parseSlot(v); }},
-    Option{"--token-label", true, [](Options& o, const std::string& v) { o.tokenLabel = v; }},
-    Option{"--login", false, [](Options& o, const std::string&) { o.login = true; }},
-    Option{"--user", true,
-           [](Options& o, const std::string& v) {
-               if (v != "user" && v != "so") usageError("--user takes user or so.");
-               o.asOfficer = v == "so";
-           }},
-    Option{"--pin", true,
-           [](Options& o, const std::string& v) {
-               o.pin = pinSource("--pin", v);
-               o.login = true;
-           }},
-    Option{"--so-pin", true,
-           [](Options& o, const std::string& v) { o.soPin = pinSource("--so-pin", v); }},
-    Option{"--new-pin", true,
-           [](Options& o, const std::string& v) { o.newPin = pinSource("--new-pin", v); }},
-    Option{"--out", true, [](Options& o, const std::string& v) { o.out = v; }},
-    Option{"--json", false, [](Options& o, const std::string&) { o.json = true; }},
-    Option{"--log", false, [](Options& o, const std::string&) { o.log = true; }},
-    Option{"--tokens-only", false, [](Options& o, const std::string&) { o.tokensOnly = true; }},
-    Option{"--skip-mechanisms", false,
-           [](Options& o, const std::string&) { o.skipMechanisms = true; }},
-    Option{"--help", false, [](Options& o, const std::string&) { o.help = true; }},
-    Option{"--version", false, [](Options& o, const std::string&) { o.version = true; }},
+    OptionSpec{kModule, "--module", "PATH",
+               "the PKCS#11 module (else the environment variable MERVANE_P11_MODULE)",
+               [](Options& o, Value v) { o.module = v; }},
+    OptionSpec{kSlot, "--slot", "ID", "the slot of the token",
+               [](Options& o, Value v) { o.slot = parseSlot(v); }},
+    OptionSpec{kTokenLabel, "--token-label", "TEXT", "the token with exactly this label",
+               [](Options& o, Value v) { o.tokenLabel = v; }},
+    OptionSpec{kLogin, "--login", "", "log in; --pin implies it",
+               [](Options& o, Value) { o.login = true; }},
+    OptionSpec{kUser, "--user", "user|so", "who logs in: the user (the default) or the officer",
+               [](Options& o, Value v) { o.asOfficer = isOfficer(v); }},
+    OptionSpec{kPin, "--pin", "SOURCE",
+               "where the PIN comes from: env:NAME, file:PATH or - (prompt)",
+               [](Options& o, Value v) {
+                   o.pin = pinSource("--pin", v);
+                   o.login = true;
+               }},
+    OptionSpec{kSoPin, "--so-pin", "SOURCE", "the same for the security officer's PIN",
+               [](Options& o, Value v) { o.soPin = pinSource("--so-pin", v); }},
+    OptionSpec{kNewPin, "--new-pin", "SOURCE", "the same for the PIN to be set",
+               [](Options& o, Value v) { o.newPin = pinSource("--new-pin", v); }},
+    OptionSpec{kTokensOnly, "--tokens-only", "", "only slots that hold a token",
+               [](Options& o, Value) { o.tokensOnly = true; }},
+    OptionSpec{kSkipMechanisms, "--skip-mechanisms", "", "leave the mechanisms out",
+               [](Options& o, Value) { o.skipMechanisms = true; }},
+    OptionSpec{kOut, "--out", "FILE",
+               "write the certificate, in DER if the name ends in .der, else in PEM",
+               [](Options& o, Value v) { o.out = v; }},
+    OptionSpec{kJson, "--json", "", "print JSON", [](Options& o, Value) { o.json = true; }},
+    OptionSpec{kLog, "--log", "", "print the log of all calls on standard error",
+               [](Options& o, Value) { o.log = true; }},
+    OptionSpec{kHelp, "--help", "", "print this", [](Options& o, Value) { o.help = true; }},
+    OptionSpec{kVersion, "--version", "", "print the version",
+               [](Options& o, Value) { o.version = true; }},
 };
 
-const Option* findOption(std::string_view name) {
-    for (const Option& option : kOptions) {
-        if (option.name == name) return &option;
-    }
-    return nullptr;
+const OptionSpec& findOption(std::string_view name) {
+    const auto* const option = std::ranges::find(kOptions, name, &OptionSpec::name);
+    if (option == kOptions.end()) usageError("Unknown option: " + printable(name));
+    return *option;
 }
 
 }  // namespace
 
-Options parseOptions(std::span<const char* const> words) {
-    Options out;
-    if (const char* const module = std::getenv("MERVANE_P11_MODULE")) out.module = module;
+std::span<const OptionSpec> optionSpecs() noexcept {
+    return kOptions;
+}
+
+void parseCommandLine(std::span<const char* const> words, CommandLine& out) {
+    if (const char* const module = std::getenv("MERVANE_P11_MODULE")) out.options.module = module;
     bool onlyArguments = false;  // behind "--"
     for (std::size_t i = 0; i < words.size(); ++i) {
         const std::string word = words[i];
         if (onlyArguments || !word.starts_with("--")) {
-            (out.command.empty() ? out.command : out.arguments.emplace_back()) = word;
+            (out.command.empty() ? out.command : out.options.arguments.emplace_back()) = word;
             continue;
         }
         if (word == "--") {
@@ -96,22 +104,17 @@ Options parseOptions(std::span<const char* const> words) {
         }
         // --name value, or --name=value
         const auto equals = word.find('=');
-        const std::string name = word.substr(0, equals);
-        const Option* const option = findOption(name);
-        std::string shown;
-        appendOneLine(shown, name);
-        if (option == nullptr) usageError("Unknown option: " + shown);
-        if (!option->takesValue) {
-            if (equals != std::string::npos) usageError(shown + " takes no value.");
-            option->set(out, {});
-        } else if (equals != std::string::npos) {
-            option->set(out, word.substr(equals + 1));
-        } else {
-            if (++i == words.size()) usageError(shown + " needs a value.");
-            option->set(out, words[i]);
-        }
+        const bool isJoined = equals != std::string::npos;
+        const OptionSpec& option = findOption(word.substr(0, equals));
+        const std::string name(option.name);
+        if (option.value.empty() && isJoined) usageError(name + " takes no value.");
+        const bool needsNext = !option.value.empty() && !isJoined;
+        if (needsNext && i + 1 == words.size()) usageError(name + " needs a value.");
+        option.set(out.options, needsNext  ? words[++i]
+                                : isJoined ? word.substr(equals + 1)
+                                           : std::string());
+        out.given |= option.bit;
     }
-    return out;
 }
 
 }  // namespace mervane::cli

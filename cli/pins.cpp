@@ -11,9 +11,10 @@
 #include <iostream>
 #include <string_view>
 
+#include <mervane/foundation/text/secret.h>
+
 #include "failure.h"
 #include "output.h"
-#include <mervane/foundation/text/secret.h>
 
 namespace mervane::cli {
 namespace {

@@ -1,9 +1,10 @@
 #ifndef MERVANE_CLI_TOKEN_H
 #define MERVANE_CLI_TOKEN_H
 
+#include <mervane/pkcs11/clspkcs11.h>
+
 #include "failure.h"
 #include "options.h"
-#include <mervane/pkcs11/clspkcs11.h>
 
 namespace mervane::cli {
 

@@ -39,10 +39,10 @@ const KeyIndex::FieldIndex& KeyIndex::indexOf(const ExtPtrArray& keys, Field fie
 int KeyIndex::find(const ExtPtrArray& keys, Field field, std::span<const std::uint8_t> value,
                    Among among, int from) {
     const FieldIndex& index = indexOf(keys, field);
-    const auto& entries = among == Among::All ? index.all : index.signing;
+    const auto& places = among == Among::All ? index.all : index.signing;
     const std::uint64_t hash = hashOf(value);
-    auto at = std::ranges::lower_bound(entries, Entry{hash, from});
-    for (; at != entries.end() && at->hash == hash; ++at) {
+    auto at = std::ranges::lower_bound(places, Place{hash, from});
+    for (; at != places.end() && at->hash == hash; ++at) {
         if (std::ranges::equal((keyAt(keys, at->position)->*field).span(), value))
             return at->position;
     }

@@ -27,16 +27,16 @@ class KeyIndex {
              int from);
 
   private:
-    struct Entry {
+    struct Place {
         std::uint64_t hash;
         int position;
-        auto operator<=>(const Entry&) const noexcept = default;
+        auto operator<=>(const Place&) const noexcept = default;
     };
     struct FieldIndex {
         Field field = nullptr;
         std::uint64_t changes = 0;  // of the array when the index was built
-        std::vector<Entry> all;     // sorted
-        std::vector<Entry> signing;
+        std::vector<Place> all;     // sorted
+        std::vector<Place> signing;
     };
 
     const FieldIndex& indexOf(const ExtPtrArray& keys, Field field);

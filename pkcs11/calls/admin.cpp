@@ -10,26 +10,27 @@
 namespace mervane::operation {
 
 bool setPin(Calls& calls, const char* oldPin, const char* newPin, LogBase& log) {
-    if (!calls.ready(log, entry::kSetPin)) return false;
+    if (!calls.ready(log, function::kSetPin)) return false;
     const CK_SLOT_ID slotId = calls.state.m_slotId;
     PinArgument from(calls, oldPin, slotId, log);
     PinArgument to(calls, newPin, slotId, log);
     const auto rv =
-        calls.ask(log, entry::kSetPin, from.bytes(), from.size(), to.bytes(), to.size());
-    return rv && reportPinCall(calls, entry::kSetPin, *rv, slotId, calls.state.m_soLoggedIn, log);
+        calls.ask(log, function::kSetPin, from.bytes(), from.size(), to.bytes(), to.size());
+    return rv &&
+           reportPinCall(calls, function::kSetPin, *rv, slotId, calls.state.m_soLoggedIn, log);
 }
 
 bool initPin(Calls& calls, const char* pin, LogBase& log) {
-    if (!calls.ready(log, entry::kInitPin)) return false;
+    if (!calls.ready(log, function::kInitPin)) return false;
     const CK_SLOT_ID slotId = calls.state.m_slotId;
     PinArgument fresh(calls, pin, slotId, log);
-    const auto rv = calls.ask(log, entry::kInitPin, fresh.bytes(), fresh.size());
-    return rv && reportPinCall(calls, entry::kInitPin, *rv, slotId, false, log);
+    const auto rv = calls.ask(log, function::kInitPin, fresh.bytes(), fresh.size());
+    return rv && reportPinCall(calls, function::kInitPin, *rv, slotId, false, log);
 }
 
 bool initToken(Calls& calls, CK_SLOT_ID slotId, const char* soPin, const char* label,
                LogBase& log) {
-    if (!calls.ready(log, entry::kInitToken)) return false;
+    if (!calls.ready(log, function::kInitToken)) return false;
     // CK_TOKEN_INFO.label: 32 bytes of UTF-8, padded with blanks, not terminated.
     std::array<CK_UTF8CHAR, 32> padded{};
     padded.fill(' ');
@@ -47,8 +48,8 @@ bool initToken(Calls& calls, CK_SLOT_ID slotId, const char* soPin, const char* l
     std::ranges::copy(text, padded.begin());
     PinArgument pin(calls, soPin, slotId, log);
     const auto rv =
-        calls.ask(log, entry::kInitToken, slotId, pin.bytes(), pin.size(), padded.data());
-    return rv && reportPinCall(calls, entry::kInitToken, *rv, slotId, true, log);
+        calls.ask(log, function::kInitToken, slotId, pin.bytes(), pin.size(), padded.data());
+    return rv && reportPinCall(calls, function::kInitToken, *rv, slotId, true, log);
 }
 
 }  // namespace mervane::operation

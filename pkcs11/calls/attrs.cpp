@@ -1,3 +1,30 @@
+// Reading attributes, from modules that may lie.
+//
+// One C_GetAttributeValue reads one object: each attribute gets room up front, and the answer is
+// judged attribute by attribute. The standard has five outcomes for each (PKCS#11 2.40 base,
+// C_GetAttributeValue), which return value and length tell apart; next to each, what a module does
+// that follows the standard loosely or not at all, and how that is told from the true thing:
+//
+//   1. sensitive    length -1, CKR_ATTRIBUTE_SENSITIVE for the whole call: absent
+//   2. not there    length -1, CKR_ATTRIBUTE_TYPE_INVALID for the whole call: absent
+//   3. no room      length -1 or the length needed, CKR_BUFFER_TOO_SMALL: asked again by itself
+//   4. written      the length written, and CKR_OK or one of the three codes above, which then
+//                   concern another attribute: present
+//   5. an error     any other code: nothing of the object counts
+//
+// A code of the whole call does not say which attribute it is about. So length and room decide:
+//
+//   - The room is preset to a byte that neither DER nor identifiers begin with in a row. What still
+//     stands there was not written, whatever the length says. A genuine run of the fill byte
+//     survives: it is read again over a different fill.
+//   - A module that gives up at an earlier attribute leaves the length at what was offered. With a
+//     code other than CKR_OK, a length of exactly the room is asked again.
+//   - Numbers and flags have one size. Any other is absent, and is never read.
+//   - A module that puts its own pointer or another type into the array has said nothing.
+//
+// What the next reader would get wrong: a length is checked against the room that was offered,
+// never the other way round, and a missing attribute costs its neighbours nothing.
+
 #include "pkcs11/calls/attrs.h"
 
 #include <algorithm>
@@ -13,9 +40,7 @@ constexpr std::size_t kMaxValue = std::size_t{1024} * 1024;
 // All that long values of one list may take together; far beyond what tokens hold.
 constexpr std::size_t kMaxLongTotal = std::size_t{64} * 1024 * 1024;
 
-// What room is preset to, so that a value which the module claims and did not write is told from
-// one that it wrote. Should a value really be all of that, the second reading finds it over
-// another.
+// What room is preset to, at the first reading and at the second.
 constexpr std::uint8_t kUnwritten = 0xFF;
 constexpr std::uint8_t kUnwrittenAgain = 0xA5;
 
@@ -26,7 +51,7 @@ class LongValue final : public NonRefCountedObj {
     std::vector<std::uint8_t> bytes;
 };
 
-// PKCS#11 2.40 base, C_GetAttributeValue: with these the other attributes of the call are given.
+// With these codes the other attributes of the call are given.
 bool isPartial(CK_RV rv) noexcept {
     return rv == CKR_ATTRIBUTE_TYPE_INVALID || rv == CKR_ATTRIBUTE_SENSITIVE ||
            rv == CKR_BUFFER_TOO_SMALL;
@@ -90,26 +115,26 @@ void ObjectReader::prepare() {
     m_present.fill(false);
 }
 
-ObjectReader::State ObjectReader::judge(std::size_t row, CK_RV rv) {
-    const CK_ATTRIBUTE& given = m_attributes[row];
-    const auto room = roomOf(row);
-    if (given.pValue != room.data() || given.type != m_rows[row].type) {
+// Is the attribute present? Decided here, for each of the ways in which it is asked for.
+ObjectReader::State ObjectReader::judge(std::size_t row, const CK_ATTRIBUTE& answer,
+                                        std::span<std::uint8_t> room, std::uint8_t fill, CK_RV rv) {
+    if (rv != CKR_OK && !isPartial(rv)) return State::Absent;
+    if (answer.pValue != room.data() || answer.type != m_rows[row].type) {
         m_record.m_malformed.appendString(toHexNumber(m_rows[row].type));
         return State::Absent;
     }
-    const bool isUnavailable = given.ulValueLen == CK_UNAVAILABLE_INFORMATION;
+    const bool isUnavailable = answer.ulValueLen == CK_UNAVAILABLE_INFORMATION;
     if (m_rows[row].kind != AttrKind::Bytes) {
         // A fixed size fits, so that "too small" says nothing about this one.
-        if (isUnavailable && rv == CKR_BUFFER_TOO_SMALL) return State::AskAgain;
-        if (given.ulValueLen != room.size()) return State::Absent;
+        if (isUnavailable && rv == CKR_BUFFER_TOO_SMALL) return State::Unsettled;
+        if (answer.ulValueLen != room.size()) return State::Absent;
     } else {
         if (isUnavailable) return rv == CKR_BUFFER_TOO_SMALL ? State::TooLong : State::Absent;
-        if (given.ulValueLen > room.size()) return State::TooLong;
-        // A module that gave up at an earlier attribute has not touched this one.
-        if (given.ulValueLen == room.size() && rv != CKR_OK) return State::AskAgain;
+        if (answer.ulValueLen > room.size()) return State::TooLong;
+        if (answer.ulValueLen == room.size() && rv != CKR_OK) return State::Unsettled;
     }
-    if (isUntouched(room, given.ulValueLen, kUnwritten)) return State::AskAgain;
-    m_values[row] = room.first(given.ulValueLen);
+    if (isUntouched(room, answer.ulValueLen, fill)) return State::Unsettled;
+    m_values[row] = room.first(answer.ulValueLen);
     return State::Present;
 }
 
@@ -120,28 +145,27 @@ void ObjectReader::settle(std::size_t row, State state) {
 
 bool ObjectReader::read(CK_OBJECT_HANDLE object, LogBase& log) {
     prepare();
-    const auto rv = m_calls.ask(log, entry::kGetAttributeValue, object, m_attributes.data(),
+    const auto rv = m_calls.ask(log, function::kGetAttributeValue, object, m_attributes.data(),
                                 static_cast<CK_ULONG>(m_rows.size()));
     m_record.m_wasPartial = rv && isPartial(*rv);
-    if (!rv || (!m_record.m_wasPartial && !m_calls.report(entry::kGetAttributeValue, *rv, log))) {
+    if (!rv ||
+        (!m_record.m_wasPartial && !m_calls.report(function::kGetAttributeValue, *rv, log))) {
         log.LogDataUnsigned("objectHandle", object);
         return false;
     }
-    // Judged all before any is asked for again, which changes the array.
-    std::array<State, kMaxRows> states{};
-    for (std::size_t i = 0; i < m_rows.size(); ++i) states[i] = judge(i, *rv);
     for (std::size_t i = 0; i < m_rows.size(); ++i) {
-        if (states[i] == State::AskAgain) states[i] = readAlone(i, object, log);
-        if (states[i] == State::TooLong) states[i] = readLong(i, object, log);
-        settle(i, states[i]);
+        State state = judge(i, m_attributes[i], roomOf(i), kUnwritten, *rv);
+        if (state == State::Unsettled) state = readAlone(i, object, log);
+        if (state == State::TooLong) state = readLong(i, object, log);
+        settle(i, state);
     }
-    if (m_record.m_malformed.getSize() != 0) {
-        log.LogDataUnsigned("malformedAttributesOfObject", object);
-        for (int i = 0; i < m_record.m_malformed.getSize(); ++i) {
-            log.LogDataSb("attributeType", *m_record.m_malformed.sbAt(i));
-        }
-    }
+    logMalformed(object, log);
     return m_calls.hasOpenSession();
+}
+
+std::optional<CK_RV> ObjectReader::askForOne(CK_OBJECT_HANDLE object, CK_ATTRIBUTE& attribute,
+                                             LogBase& log) {
+    return m_calls.attempt(log, function::kGetAttributeValue, object, &attribute, CK_ULONG{1});
 }
 
 ObjectReader::State ObjectReader::readAlone(std::size_t row, CK_OBJECT_HANDLE object,
@@ -151,15 +175,9 @@ ObjectReader::State ObjectReader::readAlone(std::size_t row, CK_OBJECT_HANDLE ob
     preset(room, kUnwrittenAgain);
     CK_ATTRIBUTE& attribute = m_attributes[row];
     attribute = {m_rows[row].type, room.data(), room.size()};
-    const auto rv =
-        m_calls.attempt(log, entry::kGetAttributeValue, object, &attribute, CK_ULONG{1});
-    if (rv == CKR_BUFFER_TOO_SMALL && m_rows[row].kind == AttrKind::Bytes) return State::TooLong;
-    if (rv != CKR_OK || attribute.ulValueLen > room.size()) return State::Absent;
-    const bool isFixed = m_rows[row].kind != AttrKind::Bytes;
-    if (isFixed && attribute.ulValueLen != room.size()) return State::Absent;
-    if (isUntouched(room, attribute.ulValueLen, kUnwrittenAgain)) return State::Absent;
-    m_values[row] = room.first(attribute.ulValueLen);
-    return State::Present;
+    const auto rv = askForOne(object, attribute, log);
+    const State state = rv ? judge(row, attribute, room, kUnwrittenAgain, *rv) : State::Absent;
+    return state == State::Unsettled ? State::Absent : state;
 }
 
 ObjectReader::State ObjectReader::readLong(std::size_t row, CK_OBJECT_HANDLE object, LogBase& log) {
@@ -167,9 +185,7 @@ ObjectReader::State ObjectReader::readLong(std::size_t row, CK_OBJECT_HANDLE obj
     CK_ATTRIBUTE attribute = {m_rows[row].type, nullptr, m_attributes[row].ulValueLen};
     if (attribute.ulValueLen == CK_UNAVAILABLE_INFORMATION) {
         attribute.ulValueLen = 0;
-        const auto rv =
-            m_calls.attempt(log, entry::kGetAttributeValue, object, &attribute, CK_ULONG{1});
-        if (rv != CKR_OK) return State::Absent;
+        if (askForOne(object, attribute, log) != CKR_OK) return State::Absent;
     }
     if (attribute.ulValueLen > kMaxValue || m_longTotal + attribute.ulValueLen > kMaxLongTotal) {
         m_record.m_malformed.appendString(toHexNumber(m_rows[row].type));
@@ -179,15 +195,20 @@ ObjectReader::State ObjectReader::readLong(std::size_t row, CK_OBJECT_HANDLE obj
     auto value = std::make_unique<LongValue>(attribute.ulValueLen);
     preset(value->bytes, kUnwritten);
     attribute = {m_rows[row].type, value->bytes.data(), value->bytes.size()};
-    const auto rv =
-        m_calls.attempt(log, entry::kGetAttributeValue, object, &attribute, CK_ULONG{1});
-    if (rv != CKR_OK || attribute.ulValueLen > value->bytes.size() ||
-        isUntouched(value->bytes, attribute.ulValueLen, kUnwritten)) {
-        return State::Absent;
+    const auto rv = askForOne(object, attribute, log);
+    // A value of the room's length is what was asked for.
+    const bool isGiven =
+        rv == CKR_OK && judge(row, attribute, value->bytes, kUnwritten, *rv) == State::Present;
+    if (isGiven) m_record.m_longValues.appendObject(std::move(value));
+    return isGiven ? State::Present : State::Absent;
+}
+
+void ObjectReader::logMalformed(CK_OBJECT_HANDLE object, LogBase& log) const {
+    if (m_record.m_malformed.getSize() == 0) return;
+    log.LogDataUnsigned("malformedAttributesOfObject", object);
+    for (int i = 0; i < m_record.m_malformed.getSize(); ++i) {
+        log.LogDataSb("attributeType", *m_record.m_malformed.sbAt(i));
     }
-    m_values[row] = der::Bytes(value->bytes).first(attribute.ulValueLen);
-    m_record.m_longValues.appendObject(std::move(value));
-    return State::Present;
 }
 
 std::optional<der::Bytes> ObjectReader::bytes(std::size_t row) const {

@@ -52,14 +52,23 @@ class ObjectReader {
   private:
     static constexpr std::size_t kMaxRows = 16;
 
-    enum class State : unsigned char { Absent, Present, AskAgain, TooLong };
+    enum class State : unsigned char {
+        Absent,
+        Present,
+        Unsettled,  // to be asked for again, alone
+        TooLong,    // to be asked for with room of its own length
+    };
 
     void prepare();
-    [[nodiscard]] State judge(std::size_t row, CK_RV rv);
+    [[nodiscard]] State judge(std::size_t row, const CK_ATTRIBUTE& answer,
+                              std::span<std::uint8_t> room, std::uint8_t fill, CK_RV rv);
     [[nodiscard]] State readAlone(std::size_t row, CK_OBJECT_HANDLE object, LogBase& log);
     [[nodiscard]] State readLong(std::size_t row, CK_OBJECT_HANDLE object, LogBase& log);
+    [[nodiscard]] std::optional<CK_RV> askForOne(CK_OBJECT_HANDLE object, CK_ATTRIBUTE& attribute,
+                                                 LogBase& log);
     [[nodiscard]] std::span<std::uint8_t> roomOf(std::size_t row) noexcept;
     void settle(std::size_t row, State state);
+    void logMalformed(CK_OBJECT_HANDLE object, LogBase& log) const;
 
     Calls& m_calls;
     std::span<const AttrRow> m_rows;

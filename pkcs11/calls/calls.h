@@ -4,7 +4,7 @@
 #include <memory>
 #include <optional>
 
-#include "pkcs11/calls/entries.h"
+#include "pkcs11/calls/functions.h"
 #include "pkcs11/calls/guard.h"
 #include "pkcs11/calls/moduleuse.h"
 
@@ -19,7 +19,7 @@ namespace mervane {
 ///     invoke   reports every code but CKR_OK, and is then false
 ///
 /// All three check first that the function table is there, the module initialised and a session
-/// open, as far as the function's entry demands it, and that the table has the function. What a
+/// open, as far as the function demands it, and that the table has the function. What a
 /// report says is gone is dropped with it.
 ///
 /// What is asked of the module, and what is made of its answers, stands above this class: see
@@ -36,22 +36,24 @@ class Calls {
 
     [[nodiscard]] bool hasOpenSession() const noexcept { return state.m_hSession != 0; }
 
-    template <Needs N, class Function, class... Args>
-    std::optional<CK_RV> ask(LogBase& log, const Entry<N, Function>& entry, Args... args);
-    template <Needs N, class Function, class... Args>
-    std::optional<CK_RV> attempt(LogBase& log, const Entry<N, Function>& entry, Args... args);
-    template <Needs N, class Function, class... Args>
-    bool invoke(LogBase& log, const Entry<N, Function>& entry, Args... args);
+    template <Needs N, class Signature, class... Args>
+    std::optional<CK_RV> ask(LogBase& log, const ModuleFunction<N, Signature>& function,
+                             Args... args);
+    template <Needs N, class Signature, class... Args>
+    std::optional<CK_RV> attempt(LogBase& log, const ModuleFunction<N, Signature>& function,
+                                 Args... args);
+    template <Needs N, class Signature, class... Args>
+    bool invoke(LogBase& log, const ModuleFunction<N, Signature>& function, Args... args);
 
     /// Whether all of these functions can be called; reports the first that cannot.
-    template <class... Entries>
-    bool ready(LogBase& log, const Entries&... entries);
+    template <class... Functions>
+    bool ready(LogBase& log, const Functions&... functions);
 
     /// Writes the lines for a return value, and drops what it says is gone. True for CKR_OK. What a
     /// function that names a slot says of its token does not end the session.
-    template <Needs N, class Function>
-    bool report(const Entry<N, Function>& entry, CK_RV rv, LogBase& log) {
-        return rv == CKR_OK || reportCode(entry.name, N, rv, log);
+    template <Needs N, class Signature>
+    bool report(const ModuleFunction<N, Signature>& function, CK_RV rv, LogBase& log) {
+        return rv == CKR_OK || reportCode(function.name, N, rv, log);
     }
     bool reportCode(const char* functionName, Needs needs, CK_RV rv, LogBase& log);
 
@@ -69,37 +71,39 @@ inline bool endsUse(Needs needs, CK_RV rv) noexcept {
     return rv == CKR_CRYPTOKI_NOT_INITIALIZED || (needs == Needs::Session && endsSession(rv));
 }
 
-template <class... Entries>
-bool Calls::ready(LogBase& log, const Entries&... entries) {
-    const auto isReady = [&]<Needs N, class Function>(const Entry<N, Function>& e) {
-        return readyFor(N, e.name, log) &&
-               (use.functions()->*e.member != nullptr || noFunc(e.name, log));
+template <class... Functions>
+bool Calls::ready(LogBase& log, const Functions&... functions) {
+    const auto isReady = [&]<Needs N, class Signature>(const ModuleFunction<N, Signature>& f) {
+        return readyFor(N, f.name, log) &&
+               (use.functions()->*f.member != nullptr || noFunc(f.name, log));
     };
-    return (isReady(entries) && ...);
+    return (isReady(functions) && ...);
 }
 
-template <Needs N, class Function, class... Args>
-std::optional<CK_RV> Calls::ask(LogBase& log, const Entry<N, Function>& entry, Args... args) {
-    if (!ready(log, entry)) return std::nullopt;
-    const Function function = use.functions()->*entry.member;
+template <Needs N, class Signature, class... Args>
+std::optional<CK_RV> Calls::ask(LogBase& log, const ModuleFunction<N, Signature>& function,
+                                Args... args) {
+    if (!ready(log, function)) return std::nullopt;
+    const Signature call = use.functions()->*function.member;
     if constexpr (N == Needs::Session) {
-        return callModule(log, function, state.m_hSession, args...);
+        return callModule(log, call, state.m_hSession, args...);
     } else {
-        return callModule(log, function, args...);
+        return callModule(log, call, args...);
     }
 }
 
-template <Needs N, class Function, class... Args>
-std::optional<CK_RV> Calls::attempt(LogBase& log, const Entry<N, Function>& entry, Args... args) {
-    const auto rv = ask(log, entry, args...);
-    if (rv && endsUse(N, *rv)) report(entry, *rv, log);
+template <Needs N, class Signature, class... Args>
+std::optional<CK_RV> Calls::attempt(LogBase& log, const ModuleFunction<N, Signature>& function,
+                                    Args... args) {
+    const auto rv = ask(log, function, args...);
+    if (rv && endsUse(N, *rv)) report(function, *rv, log);
     return rv;
 }
 
-template <Needs N, class Function, class... Args>
-bool Calls::invoke(LogBase& log, const Entry<N, Function>& entry, Args... args) {
-    const auto rv = ask(log, entry, args...);
-    return rv && report(entry, *rv, log);
+template <Needs N, class Signature, class... Args>
+bool Calls::invoke(LogBase& log, const ModuleFunction<N, Signature>& function, Args... args) {
+    const auto rv = ask(log, function, args...);
+    return rv && report(function, *rv, log);
 }
 
 }  // namespace mervane

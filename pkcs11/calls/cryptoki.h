@@ -1,6 +1,8 @@
 #ifndef MERVANE_PKCS11_CALLS_CRYPTOKI_H
 #define MERVANE_PKCS11_CALLS_CRYPTOKI_H
 
+#include <cstddef>
+
 #include "pkcs11/calls/cktypes.h"
 
 // The binary interface of PKCS#11 2.40 as far as a module and this component speak it. Layout is
@@ -191,8 +193,28 @@ struct CK_FUNCTION_LIST {
     CK_UNCALLED C_WaitForSlotEvent;
 };
 
-// 68 pointers behind the version, which natural alignment gives a pointer's room.
+// 68 pointers behind the version, which natural alignment gives a pointer's room; each function
+// that is called, at its number in the standard's list.
 static_assert(sizeof(CK_FUNCTION_LIST) == 69 * sizeof(void*));
+static_assert(offsetof(CK_FUNCTION_LIST, C_Initialize) == 1 * sizeof(void*));
+static_assert(offsetof(CK_FUNCTION_LIST, C_Finalize) == 2 * sizeof(void*));
+static_assert(offsetof(CK_FUNCTION_LIST, C_GetInfo) == 3 * sizeof(void*));
+static_assert(offsetof(CK_FUNCTION_LIST, C_GetSlotList) == 5 * sizeof(void*));
+static_assert(offsetof(CK_FUNCTION_LIST, C_GetSlotInfo) == 6 * sizeof(void*));
+static_assert(offsetof(CK_FUNCTION_LIST, C_GetTokenInfo) == 7 * sizeof(void*));
+static_assert(offsetof(CK_FUNCTION_LIST, C_GetMechanismList) == 8 * sizeof(void*));
+static_assert(offsetof(CK_FUNCTION_LIST, C_GetMechanismInfo) == 9 * sizeof(void*));
+static_assert(offsetof(CK_FUNCTION_LIST, C_InitToken) == 10 * sizeof(void*));
+static_assert(offsetof(CK_FUNCTION_LIST, C_InitPIN) == 11 * sizeof(void*));
+static_assert(offsetof(CK_FUNCTION_LIST, C_SetPIN) == 12 * sizeof(void*));
+static_assert(offsetof(CK_FUNCTION_LIST, C_OpenSession) == 13 * sizeof(void*));
+static_assert(offsetof(CK_FUNCTION_LIST, C_CloseSession) == 14 * sizeof(void*));
+static_assert(offsetof(CK_FUNCTION_LIST, C_Login) == 19 * sizeof(void*));
+static_assert(offsetof(CK_FUNCTION_LIST, C_Logout) == 20 * sizeof(void*));
+static_assert(offsetof(CK_FUNCTION_LIST, C_GetAttributeValue) == 25 * sizeof(void*));
+static_assert(offsetof(CK_FUNCTION_LIST, C_FindObjectsInit) == 27 * sizeof(void*));
+static_assert(offsetof(CK_FUNCTION_LIST, C_FindObjects) == 28 * sizeof(void*));
+static_assert(offsetof(CK_FUNCTION_LIST, C_FindObjectsFinal) == 29 * sizeof(void*));
 
 }  // namespace mervane
 

@@ -141,7 +141,8 @@ std::vector<std::uint8_t> derInteger(std::span<const std::uint8_t> number) {
 
 int findObject(Calls& calls, ClsJsonObject& json, LogBase& log) {
     Description wanted;
-    if (!calls.ready(log, entry::kFindObjectsInit) || !readDescription(json, wanted, log)) return 0;
+    if (!calls.ready(log, function::kFindObjectsInit) || !readDescription(json, wanted, log))
+        return 0;
     json.root().remove("handle");
     std::vector<std::vector<std::uint8_t>> serials(1);
     if (wanted.serialNumber) serials = {derInteger(*wanted.serialNumber), *wanted.serialNumber};

@@ -181,7 +181,7 @@ bool listKeys(Calls& calls, const KeyClass& keyClass, const Selection& selection
               LogBase& log) {
     ObjectQuery query(keyClass.objectClass);
     std::vector<CK_OBJECT_HANDLE> handles;
-    if (!calls.ready(log, entry::kGetAttributeValue) ||
+    if (!calls.ready(log, function::kGetAttributeValue) ||
         !findObjects(calls, query.attributes(), kMaxObjects, handles, log)) {
         return false;
     }
@@ -203,7 +203,7 @@ bool listKeys(Calls& calls, const KeyClass& keyClass, const Selection& selection
 
 bool findAllKeys(Calls& calls, const XString& selector, ClsJsonObject& json, LogBase& log) {
     Selection selection;
-    if (!calls.ready(log, entry::kFindObjectsInit) ||
+    if (!calls.ready(log, function::kFindObjectsInit) ||
         !readSelector(selector.view(), selection, log)) {
         return false;
     }

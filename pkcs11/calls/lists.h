@@ -21,25 +21,25 @@ inline std::size_t numWritten(std::span<const CK_ULONG> room, CK_ULONG claimed) 
 /// Fetches a list of IDs in the standard's two steps (PKCS#11 2.40 base, 5.2): its length, then the
 /// list. The second step gets room to spare, since IDs may come in between; when even that is too
 /// little the two are repeated a few times. At most `limit` IDs count.
-template <Needs N, class Function, class... Args>
-bool fetchList(Calls& calls, const Entry<N, Function>& entry, CK_ULONG limit,
+template <Needs N, class Signature, class... Args>
+bool fetchList(Calls& calls, const ModuleFunction<N, Signature>& function, CK_ULONG limit,
                std::vector<CK_ULONG>& list, LogBase& log, Args... args) {
     constexpr int kMaxTries = 4;
     constexpr CK_ULONG kSpare = 16;
     constexpr CK_ULONG kMaxRoom = 1048576;  // bounds what a module can make us allocate
     for (int numTries = 0; numTries < kMaxTries; ++numTries) {
         CK_ULONG count = 0;
-        if (!calls.invoke(log, entry, args..., static_cast<CK_ULONG*>(nullptr), &count))
+        if (!calls.invoke(log, function, args..., static_cast<CK_ULONG*>(nullptr), &count))
             return false;
         list.assign(std::min(count, kMaxRoom) + kSpare, CK_UNAVAILABLE_INFORMATION);
         count = list.size();
-        const auto rv = calls.ask(log, entry, args..., list.data(), &count);
+        const auto rv = calls.ask(log, function, args..., list.data(), &count);
         if (rv == CKR_BUFFER_TOO_SMALL) continue;
-        if (!rv || !calls.report(entry, *rv, log)) return false;
+        if (!rv || !calls.report(function, *rv, log)) return false;
         list.resize(std::min(numWritten(list, count), static_cast<std::size_t>(limit)));
         return true;
     }
-    log.LogError(std::string(entry.name) + " does not settle on the length of its list.");
+    log.LogError(std::string(function.name) + " does not settle on the length of its list.");
     return false;
 }
 

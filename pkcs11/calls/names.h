@@ -21,8 +21,7 @@ std::span<const NamedValue> mechanismNames() noexcept;
 
 // The name of a value; "0x..." for one that the standard does not name.
 std::string mechanismName(CK_MECHANISM_TYPE type);
-std::string keyTypeName(CK_ULONG keyType);          ///< "RSA", "EC", "AES"
-std::string objectClassName(CK_ULONG objectClass);  ///< "certificate", "privateKey"
+std::string keyTypeName(CK_ULONG keyType);  ///< "RSA", "EC", "AES"
 
 // Names of the flags that are set, without CKF_ and in kebab case; bits that the standard does not
 // name come together as one "0x...".

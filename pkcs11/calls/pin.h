@@ -32,10 +32,10 @@ class PinArgument {
 void logPinState(Calls& calls, CK_SLOT_ID slotId, bool isOfficer, LogBase& log);
 
 /// Calls::report(), and after a failure that is about a PIN logPinState().
-template <Needs N, class Function>
-bool reportPinCall(Calls& calls, const Entry<N, Function>& entry, CK_RV rv, CK_SLOT_ID slotId,
-                   bool isOfficer, LogBase& log) {
-    if (calls.report(entry, rv, log)) return true;
+template <Needs N, class Signature>
+bool reportPinCall(Calls& calls, const ModuleFunction<N, Signature>& function, CK_RV rv,
+                   CK_SLOT_ID slotId, bool isOfficer, LogBase& log) {
+    if (calls.report(function, rv, log)) return true;
     if (isAboutPin(rv)) logPinState(calls, slotId, isOfficer, log);
     return false;
 }

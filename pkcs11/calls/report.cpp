@@ -77,7 +77,7 @@ JsonValue tokenToJson(const CK_TOKEN_INFO& info) {
 
 bool describeMechanisms(Calls& calls, CK_SLOT_ID id, JsonValue& token, LogBase& log) {
     std::vector<CK_MECHANISM_TYPE> types;
-    if (!fetchList(calls, entry::kGetMechanismList, kMaxMechanisms, types, log, id)) {
+    if (!fetchList(calls, function::kGetMechanismList, kMaxMechanisms, types, log, id)) {
         log.LogDataUnsigned("slotId", id);
         return calls.state.m_initialized;
     }
@@ -87,7 +87,7 @@ bool describeMechanisms(Calls& calls, CK_SLOT_ID id, JsonValue& token, LogBase& 
         mechanism.set("name", mechanismName(type));
         mechanism.set("type", toHexNumber(type));
         CK_MECHANISM_INFO info{};
-        const auto rv = calls.attempt(log, entry::kGetMechanismInfo, id, type, &info);
+        const auto rv = calls.attempt(log, function::kGetMechanismInfo, id, type, &info);
         if (!calls.state.m_initialized) return false;
         if (rv != CKR_OK) {
             // One that the module lists but does not explain keeps its name.
@@ -105,7 +105,7 @@ bool describeMechanisms(Calls& calls, CK_SLOT_ID id, JsonValue& token, LogBase& 
 bool describeSlot(Calls& calls, CK_SLOT_ID id, bool skipMechanisms, JsonValue& slot, LogBase& log) {
     CK_SLOT_INFO info{};
     // A slot that cannot be described stays in the report with what is known of it: its ID.
-    if (!calls.invoke(log, entry::kGetSlotInfo, id, &info)) {
+    if (!calls.invoke(log, function::kGetSlotInfo, id, &info)) {
         log.LogDataUnsigned("slotId", id);
         return calls.state.m_initialized;
     }
@@ -117,7 +117,7 @@ bool describeSlot(Calls& calls, CK_SLOT_ID id, bool skipMechanisms, JsonValue& s
     if ((info.flags & CKF_TOKEN_PRESENT) == 0) return true;
 
     CK_TOKEN_INFO tokenInfo{};
-    if (!calls.invoke(log, entry::kGetTokenInfo, id, &tokenInfo)) {
+    if (!calls.invoke(log, function::kGetTokenInfo, id, &tokenInfo)) {
         log.LogDataUnsigned("slotId", id);
         return calls.state.m_initialized;
     }
@@ -130,7 +130,7 @@ bool describeSlot(Calls& calls, CK_SLOT_ID id, bool skipMechanisms, JsonValue& s
 
 bool describeModule(Calls& calls, ClsJsonObject& json, LogBase& log) {
     CK_INFO info{};
-    if (!calls.invoke(log, entry::kGetInfo, &info)) return false;
+    if (!calls.invoke(log, function::kGetInfo, &info)) return false;
     JsonValue& root = json.root();
     root.set("cryptokiVersion", versionOf(info.cryptokiVersion));
     root.set("manufacturer", textOf(info.manufacturerID));

@@ -57,7 +57,7 @@ class FindOperation {
 
     std::optional<CK_RV> end() {
         if (std::exchange(m_hasEnded, true)) return std::nullopt;
-        const auto rv = m_calls.ask(m_log, entry::kFindObjectsFinal);
+        const auto rv = m_calls.ask(m_log, function::kFindObjectsFinal);
         if (rv && *rv != CKR_OK) m_log.LogDataUnsigned("findObjectsFinalResult", *rv);
         return rv;
     }
@@ -75,7 +75,7 @@ std::optional<CK_RV> gatherObjects(Calls& calls, std::size_t limit,
     for (int numStale = 0; numStale < kMaxStaleBatches;) {
         CK_ULONG count = 0;
         std::ranges::fill(batch, CK_OBJECT_HANDLE{0});
-        const auto rv = calls.ask(log, entry::kFindObjects, batch.data(),
+        const auto rv = calls.ask(log, function::kFindObjects, batch.data(),
                                   static_cast<CK_ULONG>(batch.size()), &count);
         if (rv != CKR_OK || count == 0) return rv;
         const auto given = std::span(batch).first(std::min<std::size_t>(count, batch.size()));
@@ -94,26 +94,27 @@ std::optional<CK_RV> gatherObjects(Calls& calls, std::size_t limit,
 
 bool findObjects(Calls& calls, std::span<CK_ATTRIBUTE> query, std::size_t limit,
                  std::vector<CK_OBJECT_HANDLE>& handles, LogBase& log) {
-    if (!calls.ready(log, entry::kFindObjectsInit, entry::kFindObjects, entry::kFindObjectsFinal))
+    if (!calls.ready(log, function::kFindObjectsInit, function::kFindObjects,
+                     function::kFindObjectsFinal))
         return false;
     const auto begin = [&] {
-        return calls.ask(log, entry::kFindObjectsInit, query.data(),
+        return calls.ask(log, function::kFindObjectsInit, query.data(),
                          static_cast<CK_ULONG>(query.size()));
     };
     auto rv = begin();
     if (rv == CKR_OPERATION_ACTIVE) {
         // Left behind by somebody else on this session.
-        calls.attempt(log, entry::kFindObjectsFinal);
+        calls.attempt(log, function::kFindObjectsFinal);
         rv = begin();
     }
-    if (!rv || !calls.report(entry::kFindObjectsInit, *rv, log)) return false;
+    if (!rv || !calls.report(function::kFindObjectsInit, *rv, log)) return false;
     FindOperation operation(calls, log);
     rv = gatherObjects(calls, limit, handles, log);
     const auto endRv = operation.end();
     // Reported when the search has ended: the report may give the session up.
-    const bool isWhole = rv && calls.report(entry::kFindObjects, *rv, log);
+    const bool isWhole = rv && calls.report(function::kFindObjects, *rv, log);
     if (calls.hasOpenSession() && endRv && endsUse(Needs::Session, *endRv)) {
-        calls.report(entry::kFindObjectsFinal, *endRv, log);
+        calls.report(function::kFindObjectsFinal, *endRv, log);
     }
     return isWhole && calls.hasOpenSession();  // handles are of no use without
 }

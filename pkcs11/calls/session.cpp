@@ -24,7 +24,7 @@ std::optional<CK_RV> tryToOpen(Calls& calls, CK_SLOT_ID slotId, bool readWrite,
                                CK_SESSION_HANDLE& session, LogBase& log) {
     const CK_FLAGS flags = CKF_SERIAL_SESSION | (readWrite ? CKF_RW_SESSION : 0);
     session = 0;
-    return calls.ask(log, entry::kOpenSession, slotId, flags, static_cast<void*>(nullptr),
+    return calls.ask(log, function::kOpenSession, slotId, flags, static_cast<void*>(nullptr),
                      static_cast<CK_NOTIFY>(nullptr), &session);
 }
 
@@ -52,15 +52,15 @@ bool getFunctions(Calls& calls, LogBase& log) {
 
 bool initialise(Calls& calls, LogBase& log) {
     calls.use.announce();
-    auto rv = calls.ask(log, entry::kInitialize, static_cast<void*>(&initializeArgs));
+    auto rv = calls.ask(log, function::kInitialize, static_cast<void*>(&initializeArgs));
     if (rv == CKR_CANT_LOCK || rv == CKR_NEED_TO_CREATE_THREADS || rv == CKR_ARGUMENTS_BAD) {
         // Some modules take no arguments at all; the object's critical section serialises the
         // calls.
-        rv = calls.ask(log, entry::kInitialize, static_cast<void*>(nullptr));
+        rv = calls.ask(log, function::kInitialize, static_cast<void*>(nullptr));
     }
     if (rv != CKR_OK && rv != CKR_CRYPTOKI_ALREADY_INITIALIZED) {
         calls.use.notInitialised();
-        return rv && calls.report(entry::kInitialize, *rv, log);
+        return rv && calls.report(function::kInitialize, *rv, log);
     }
     if (rv != CKR_OK)
         log.LogInfo("The module was initialized already, by another user in this process.");
@@ -72,12 +72,12 @@ bool getSlotsWithToken(Calls& calls, CK_SLOT_ID* slotIds, unsigned int& count, L
     const std::span<CK_SLOT_ID> room(slotIds, count);
     std::ranges::fill(room, CK_UNAVAILABLE_INFORMATION);
     CK_ULONG numSlots = count;
-    const auto rv = calls.ask(log, entry::kGetSlotList, CK_TRUE, slotIds, &numSlots);
+    const auto rv = calls.ask(log, function::kGetSlotList, CK_TRUE, slotIds, &numSlots);
     if (rv == CKR_OK) {
         count = static_cast<unsigned int>(numWritten(room, numSlots));
         return true;
     }
-    if (rv != CKR_BUFFER_TOO_SMALL) return rv && calls.report(entry::kGetSlotList, *rv, log);
+    if (rv != CKR_BUFFER_TOO_SMALL) return rv && calls.report(function::kGetSlotList, *rv, log);
 
     // More than fit: all are fetched, since the standard fills nothing in that case.
     std::vector<CK_SLOT_ID> all;
@@ -93,7 +93,7 @@ bool getSlotsWithToken(Calls& calls, CK_SLOT_ID* slotIds, unsigned int& count, L
 }
 
 bool getSlots(Calls& calls, bool onlyTokensPresent, std::vector<CK_SLOT_ID>& slots, LogBase& log) {
-    return fetchList(calls, entry::kGetSlotList, kMaxSlots, slots, log,
+    return fetchList(calls, function::kGetSlotList, kMaxSlots, slots, log,
                      onlyTokensPresent ? CK_TRUE : CK_FALSE);
 }
 
@@ -101,7 +101,7 @@ bool openSession(Calls& calls, CK_SLOT_ID slotId, bool readWrite, LogBase& log) 
     // A session that cannot be closed is not opened.
     const CK_FUNCTION_LIST* const functions = calls.use.functions();
     if (functions != nullptr && functions->C_CloseSession == nullptr)
-        return calls.noFunc(entry::kCloseSession.name, log);
+        return calls.noFunc(function::kCloseSession.name, log);
     CK_SESSION_HANDLE session = 0;
     auto rv = tryToOpen(calls, slotId, readWrite, session, log);
     if (rv == CKR_SESSION_COUNT && calls.hasOpenSession()) {
@@ -109,7 +109,7 @@ bool openSession(Calls& calls, CK_SLOT_ID slotId, bool readWrite, LogBase& log) 
         if (!closeSession(calls, log)) return false;
         rv = tryToOpen(calls, slotId, readWrite, session, log);
     }
-    if (!rv || !calls.report(entry::kOpenSession, *rv, log)) {
+    if (!rv || !calls.report(function::kOpenSession, *rv, log)) {
         log.LogDataUnsigned("slotId", slotId);
         return false;
     }
@@ -126,22 +126,22 @@ bool openSession(Calls& calls, CK_SLOT_ID slotId, bool readWrite, LogBase& log) 
 }
 
 bool closeSession(Calls& calls, LogBase& log) {
-    if (!calls.invoke(log, entry::kCloseSession)) return false;
+    if (!calls.invoke(log, function::kCloseSession)) return false;
     calls.use.dropSession(log);
     return true;
 }
 
 bool login(Calls& calls, int userType, const char* pin, LogBase& log) {
-    if (!calls.ready(log, entry::kLogin)) return false;
+    if (!calls.ready(log, function::kLogin)) return false;
     Pkcs11State& state = calls.state;
     const auto user = static_cast<CK_USER_TYPE>(userType);
     PinArgument argument(calls, pin, state.m_slotId, log);
-    const auto rv = calls.ask(log, entry::kLogin, user, argument.bytes(), argument.size());
+    const auto rv = calls.ask(log, function::kLogin, user, argument.bytes(), argument.size());
     if (!rv) return false;
     if (rv == CKR_USER_ALREADY_LOGGED_IN) {
         log.LogInfo("The user was logged in already; the PIN was not tried.");
     } else if (rv != CKR_OK) {
-        return reportPinCall(calls, entry::kLogin, *rv, state.m_slotId, user == CKU_SO, log);
+        return reportPinCall(calls, function::kLogin, *rv, state.m_slotId, user == CKU_SO, log);
     }
     if (user == CKU_USER) state.m_userLoggedIn = true;
     if (user == CKU_SO) state.m_soLoggedIn = true;
@@ -153,10 +153,10 @@ bool login(Calls& calls, int userType, const char* pin, LogBase& log) {
 }
 
 bool logout(Calls& calls, LogBase& log) {
-    const auto rv = calls.ask(log, entry::kLogout);
+    const auto rv = calls.ask(log, function::kLogout);
     if (!rv) return false;
     if (rv == CKR_OK || rv == CKR_USER_NOT_LOGGED_IN) calls.use.restartSession(log);
-    return calls.report(entry::kLogout, *rv, log);
+    return calls.report(function::kLogout, *rv, log);
 }
 
 }  // namespace mervane::operation

@@ -50,7 +50,7 @@ bool cacheCerts(Calls& calls, LogBase& log) {
     const LogContextExitor context(log, "findAllCerts");
     ObjectQuery query(CKO_CERTIFICATE);
     std::vector<CK_OBJECT_HANDLE> handles;
-    if (!calls.ready(log, entry::kGetAttributeValue) ||
+    if (!calls.ready(log, function::kGetAttributeValue) ||
         !findObjects(calls, query.attributes(), kMaxObjects, handles, log)) {
         return false;
     }

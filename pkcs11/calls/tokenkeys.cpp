@@ -12,7 +12,7 @@ namespace mervane::operation {
 namespace {
 
 // The first rows are all that a quick fill reads.
-enum KeyColumn : std::size_t { kId, kSign, kAlwaysAuthenticate, kSubject, kModulus };
+enum KeyRow : std::size_t { kId, kSign, kAlwaysAuthenticate, kSubject, kModulus };
 constexpr std::size_t kNumQuickRows = 3;
 constexpr std::array kKeyRows = {
     AttrRow{CKA_ID, AttrKind::Bytes, 1024},           AttrRow{CKA_SIGN, AttrKind::Flag},
@@ -20,7 +20,7 @@ constexpr std::array kKeyRows = {
     AttrRow{CKA_MODULUS, AttrKind::Bytes, 2048},  // 16384 bits, the largest supported
 };
 
-enum PointColumn : std::size_t { kPointId, kPoint, kParams };
+enum PointRow : std::size_t { kPointId, kPoint, kParams };
 constexpr std::array kPointRows = {
     AttrRow{CKA_ID, AttrKind::Bytes, 1024},
     AttrRow{CKA_EC_POINT, AttrKind::Bytes, 1024},
@@ -41,7 +41,7 @@ bool readPrivateKeys(Calls& calls, CK_ULONG keyType, std::size_t numRows, ExtPtr
     ObjectQuery query(CKO_PRIVATE_KEY);
     query.add(CKA_KEY_TYPE, keyType);
     std::vector<CK_OBJECT_HANDLE> handles;
-    if (!calls.ready(log, entry::kGetAttributeValue) ||
+    if (!calls.ready(log, function::kGetAttributeValue) ||
         !findObjects(calls, query.attributes(), kMaxObjects, handles, log)) {
         return false;
     }

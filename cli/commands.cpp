@@ -1,0 +1,76 @@
+// The commands: what each is called, takes and does. docs/cli.md describes them for users.
+
+#include "commands.h"
+
+#include <algorithm>
+#include <array>
+#include <limits>
+
+#include "output.h"
+
+namespace mervane::cli {
+namespace {
+
+constexpr std::size_t kAny = std::numeric_limits<std::size_t>::max();
+
+constexpr std::uint32_t kForms = kJson | kLog;
+constexpr std::uint32_t kToken = kModule | kSlot | kTokenLabel | kForms;
+constexpr std::uint32_t kReading = kToken | kLogin | kUser | kPin | kSoPin;
+
+constexpr std::array kCommands = {
+    CommandSpec{"discover", "", 0, 0, kModule | kForms | kTokensOnly | kSkipMechanisms,
+                "describe the module, its slots and tokens", runDiscover},
+    CommandSpec{"certs", "", 0, 0, kReading, "list the certificates", runCerts},
+    CommandSpec{"find-cert", "PART [VALUE]", 1, 2, kReading | kOut,
+                "choose a certificate; PART is privateKey, subjectDN, CN, serial, ...",
+                runFindCert},
+    CommandSpec{"match", "", 0, 0, kReading, "list the certificates with the private key of each",
+                runMatch},
+    CommandSpec{"keys", "[SELECTOR]", 0, kAny, kReading,
+                "list the keys; SELECTOR: words of private public secret rsa ec all", runKeys},
+    CommandSpec{"find-object", "JSON", 1, 1, kReading,
+                R"(find one object, such as '{"class":"privateKey","label":"sign"}')",
+                runFindObject},
+    CommandSpec{"set-pin", "", 0, 0, kToken | kUser | kPin | kSoPin | kNewPin,
+                "change the PIN given by --pin to that of --new-pin", runSetPin},
+    CommandSpec{"init-pin", "", 0, 0, kToken | kSoPin | kNewPin,
+                "set the user PIN to --new-pin, as the security officer with --so-pin", runInitPin},
+    CommandSpec{"init-token", "LABEL", 1, 1, kToken | kSoPin,
+                "initialise a token with --so-pin; everything on it is lost", runInitToken},
+    CommandSpec{"atr", "ATR", 1, kAny, kForms, "name the card with this ATR and its driver",
+                runAtr},
+    CommandSpec{"card-data", "", 0, 0, kForms, "print the card database", runCardData},
+};
+
+void checkArguments(const CommandSpec& command, std::size_t numGiven) {
+    if (numGiven >= command.minArguments && numGiven <= command.maxArguments) return;
+    const std::string takes =
+        command.maxArguments == 0 ? std::string("no arguments") : std::string(command.arguments);
+    usageError(std::string(command.name) + " takes " + takes + ".");
+}
+
+void checkOptions(const CommandSpec& command, std::uint32_t given) {
+    const auto isStray = [&](const OptionSpec& option) {
+        return (given & option.bit & ~(command.options | kHelp | kVersion)) != 0;
+    };
+    const auto stray = std::ranges::find_if(optionSpecs(), isStray);
+    if (stray != optionSpecs().end())
+        usageError(std::string(command.name) + " has no use for " + std::string(stray->name) + ".");
+}
+
+}  // namespace
+
+std::span<const CommandSpec> commandSpecs() noexcept {
+    return kCommands;
+}
+
+const CommandSpec& commandOf(const CommandLine& line) {
+    if (line.command.empty()) usageError("No command is given.");
+    const auto* const command = std::ranges::find(kCommands, line.command, &CommandSpec::name);
+    if (command == kCommands.end()) usageError("Unknown command: " + printable(line.command));
+    checkOptions(*command, line.given);
+    checkArguments(*command, line.options.arguments.size());
+    return *command;
+}
+
+}  // namespace mervane::cli
