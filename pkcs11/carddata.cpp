@@ -1,5 +1,10 @@
-// The card database that the library carries, and the look-up of a card by its ATR. All
-// of it is static: it needs no module, no session and no object.
+// The card database that the library carries, and the look-up of a card by its ATR. All of it is
+// static: no module, no session and no object is needed.
+//
+// A look-up has four steps: normalise the ATR (case, white space, then the rewrite table), find the
+// card, follow it to its driver, and collect the driver's paths for this platform. Outputs are
+// reset before the first step, so that a failure leaves nothing of an earlier look-up. Paths are
+// returned as the database spells them; whether a file exists is the loader's business.
 
 #include <array>
 #include <memory>
@@ -11,8 +16,8 @@
 namespace mervane {
 namespace {
 
-// A family of ATRs that differ in later bytes, and the one form of it that the database lists.
-// Tests work on the text; an empty one holds.
+// A family of ATRs that differ in their later bytes, and the one member that the database lists.
+// The tests look at the text, not at byte boundaries; an empty one always holds.
 struct AtrRewrite {
     std::string_view start;
     std::string_view inside;  // anywhere in the ATR
@@ -20,9 +25,9 @@ struct AtrRewrite {
     std::string_view result;
 };
 
-// The first row that holds counts: the order matters for rows 4 and 5, whose start is the same, and
-// for row 3, whose start is the start of rows 9 to 12. A result ending in "xx" stands for any last
-// byte; the database has it so.
+// The first row that holds applies: the order matters for rows 4 and 5, which begin alike, and for
+// row 3, whose prefix is also a prefix of rows 9 to 13. "xx" at the end of a result stands for any
+// last byte; the database spells it that way.
 constexpr std::array kAtrRewrites = {
     AtrRewrite{"3BFF96", "8131FE4380318065", "",
                "3BFF9600008131FE4380318065B0855956FB12017882900088"},
@@ -63,7 +68,7 @@ void normalizeAtr(StringBuffer& atr) {
     if (row != kAtrRewrites.end()) atr.setString(row->result);
 }
 
-// The strings of the array at `path`, which is not changed by the index variable.
+// Appends the strings of the array at `path`, walked with the record's index variable.
 bool appendPathsOfArray(ClsJsonObject& record, const std::string& path, int count,
                         ExtPtrArraySb& paths, LogBase& log) {
     if (count == 0) return false;
@@ -103,7 +108,7 @@ bool appendDriverPaths(ClsJsonObject& driverRecord, const char* platform, ExtPtr
         default:
             return false;
     }
-    // By word size: "x86" alone counts, whatever the machine's.
+    // An object by word size. Only "x86" is read, whatever this machine's word size.
     const std::string x86 = path + ".x86";
     const int type = driverRecord.JsonTypeOf(x86);
     if (type == ClsJsonObject::kArray) {
@@ -136,7 +141,7 @@ bool lookUpCard(ClsJsonObject& cardData, const char* atr, StringBuffer& outName,
         return failed("Failed to find driver paths.");
 
     const bool hasName = card->sbOfPathUtf8("name", outName, log);
-    LogNull silent;  // an absent flag means false and is nothing to speak of
+    LogNull silent;  // an absent flag means false and is not worth a line
     outReadOnly = card->boolOf("readOnly", silent);
     return hasName;
 }

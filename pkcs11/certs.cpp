@@ -1,4 +1,15 @@
 // The certificate cache, its enumeration, and the choice of one certificate.
+//
+// The cache holds the token's X.509 certificates in the order in which the module lists them.
+// FindAllCerts reads them anew each time, because another program may have changed the token;
+// FindCert reads them only when they have not been read since the last login, and get_NumCerts and
+// GetCert never do.
+//
+// FindCert walks the cache once. Asked for "privateKey" it takes the first certificate whose key is
+// found, except that certificates of one authentication CA are set aside in favour of any that
+// follows; asked for anything else it applies the one match rule whose keyword the question
+// contains, and takes the first certificate that fits. Rules are rows of a table below: a new one
+// is a row at its place in the order.
 
 #include <array>
 
@@ -12,7 +23,7 @@ CertificateHolder* holderAt(const ExtPtrArray& certs, int index) noexcept {
     return static_cast<CertificateHolder*>(certs.elementAt(index));
 }
 
-// What a match rule gets: the certificate, the part name (normalised) and the value asked for.
+// What a match rule looks at: the certificate, the normalised part name, and the value wanted.
 struct Question {
     const Certificate& cert;
     std::string_view part;
@@ -22,7 +33,7 @@ struct Question {
 
 using TextReader = bool (Certificate::*)(XString&, LogBase&) const;
 
-// Reads a text and shows it in the log before it is compared.
+// Reads a text, and logs it before it is compared.
 template <TextReader Reader>
 bool read(const Question& q, XString& text) {
     if (!(q.cert.*Reader)(text, q.log)) return false;
@@ -67,7 +78,7 @@ struct Usage {
     int bit;
 };
 
-// Bits of the first octet of KeyUsage (RFC 5280 4.2.1.3). "offlinecrlsign" is another word for the
+// Bits of the first octet of KeyUsage (RFC 5280 4.2.1.3). "offlinecrlsign" is an older name for the
 // bit of "crlsigning".
 constexpr std::array kUsages = {
     Usage{"nonrepudiation", 0x40},     Usage{"digitalsignature", 0x80},
@@ -77,7 +88,7 @@ constexpr std::array kUsages = {
     Usage{"offlinecrlsign", 0x02},
 };
 
-// One of the usages named suffices.
+// Any one of the usages named will do.
 bool hasUsage(const Question& q) {
     const int bits = q.cert.getIntendedKeyUsage(q.log);
     q.log.LogData("checking", "");
@@ -100,8 +111,8 @@ struct MatchRule {
     bool (*matches)(const Question& question);
 };
 
-// The first row whose keyword the part name contains is the one, so the order counts: longer words
-// stand before those they contain, the issuer rows before "serial".
+// The first row whose keyword the part name contains applies, so the order matters: longer words
+// come before the words they contain, and the issuer rows before "serial".
 constexpr std::array kMatchRules = {
     MatchRule{"subjectdn_withtags", textEquals<&Certificate::getSubjectDN>},
     MatchRule{"subjectdn", textEquals<&Certificate::getSubjectDN_noTags>},
@@ -115,7 +126,7 @@ constexpr std::array kMatchRules = {
     MatchRule{"", subjectPartEquals},
 };
 
-// Trimmed, in lower case, the two long names replaced.
+// Trimmed and in lower case, with the two long names shortened.
 StringBuffer normalizedPart(const StringBuffer& certPart) {
     StringBuffer part = certPart;
     part.trim2();
@@ -170,7 +181,7 @@ bool ClsPkcs11::GetCert(int index, ClsCert& cert) {
     return publicCall(*this, *m_calls, "GetCert_pkcs11", Record::Yes, [&](LogBase& log) {
         const CertificateHolder* const holder = holderAt(m_certs, index);
         if (holder == nullptr) {
-            // Said of a wrong index, too; callers know the text.
+            // A bad index gets this message too; callers match on it.
             log.LogError("Error loading certificate object from DER.");
             return false;
         }
@@ -180,8 +191,8 @@ bool ClsPkcs11::GetCert(int index, ClsCert& cert) {
             return false;
         }
         const CritSecExitor lock(cert);
-        // Set, not merged as in FindCert: the two differ on purpose. Before the certificate, which
-        // the caller gets only when nothing can fail any more.
+        // Replaced here, merged in FindCert: a certificate taken by index belongs to this token's
+        // store alone. Done first, so that the caller's object is untouched if it fails.
         cert.systemCerts().setSystemCerts(m_systemCerts.getSystemCertsPtr());
         return cert.injectCert(found, log);
     });
@@ -210,6 +221,9 @@ bool ClsPkcs11::findPkcs11Cert(const _smartcardCertSpec& spec, ClsCert& cert, Lo
 
     const StringBuffer part = normalizedPart(spec.certPart);
     StringBuffer value = spec.certPartVal;
+    // Usage names are compared in lower case. Only the exact word asks for it: the rule also
+    // answers to longer words that contain "keyusage", and callers of those give lower case
+    // themselves.
     if (part.equals("keyusage")) value.toLowerCase();
     const auto* const rule = std::ranges::find_if(
         kMatchRules, [&part](const MatchRule& r) { return part.containsSubstring(r.keyword); });
@@ -222,7 +236,7 @@ bool ClsPkcs11::findPkcs11Cert(const _smartcardCertSpec& spec, ClsCert& cert, Lo
     for (int i = 0; i < numCerts; ++i) {
         const LogContextExitor certContext(log, "checkCertMatches");
         const CertificateHolder* const holder = holderAt(m_certs, i);
-        // A share: looking for its key may find the session gone and clear the cache.
+        // Shared, because the search for its key may find the session gone and clear the cache.
         const auto checked = holder == nullptr ? nullptr : holder->share();
         if (!checked) continue;
         if (!part.isEmpty()) {
@@ -237,7 +251,7 @@ bool ClsPkcs11::findPkcs11Cert(const _smartcardCertSpec& spec, ClsCert& cert, Lo
                 return give(*checked);
         }
     }
-    // A candidate whose session has ended meanwhile has no private key any more.
+    // If the session has ended since, the candidate has lost its private key.
     if (candidate && candidate->isLinkedToPkcs11()) {
         log.LogInfo("The candidate certificate was chosen.");
         return give(*candidate);

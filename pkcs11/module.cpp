@@ -1,5 +1,9 @@
-// The object, its module, sessions, login, PIN and token administration, queries.
-// The functions of the module itself are called in calls/ alone.
+// The object: its construction and properties, loading the module, sessions and login, PIN and
+// token administration, and queries. The module's own functions are called in calls/ alone.
+//
+// Loading tries the path as it was set and then its bare file name, which the dynamic loader looks
+// up on its own search path. The second attempt asks for the file in the working directory first,
+// as the first does for the full path: callers rely on a missing file being told without a dlopen.
 
 #include <dlfcn.h>
 
@@ -17,12 +21,12 @@
 namespace mervane {
 namespace {
 
-// File name part of the modules whose certificate handle also is the handle of the private key.
+// Part of the file name of modules whose certificate handles double as private key handles.
 constexpr std::string_view kCertHandleModule = "libkeyfactorpkcs11";
 
 constexpr int kContextSpecific = 2;  // CKU_CONTEXT_SPECIFIC
 
-// The internal methods take PINs and labels as C strings, which a NUL would cut short.
+// PINs and labels travel as C strings from here on; a NUL would cut them short.
 bool areCStrings(std::initializer_list<const XString*> texts, LogBase& log) {
     const auto hasNul = [](const XString* text) {
         return text->view().find('\0') != std::string_view::npos;
@@ -53,12 +57,12 @@ ClsPkcs11::~ClsPkcs11() {
     sessionAnchor()->setSession(0);  // unlinks what was handed out
     clearCertCache(log);
     // The library stays mapped: modules with threads or exit handlers are known to crash when they
-    // are unmapped.
+    // are unloaded.
 }
 
 // --- Properties
 
-// Without a log context. Where there is no memory for the copy, the target keeps its value.
+// No log context. If there is no memory for the copy, the target keeps its value.
 void ClsPkcs11::copyProperty(const XString& from, XString& to) {
     const CritSecExitor lock(*this);
     LogNull log;
@@ -105,8 +109,7 @@ bool ClsPkcs11::loadPkcs11Dll(bool bareFileName, LogBase& log) {
         log.LogError("The SharedLibPath property is not yet set.");
         return false;
     }
-    // Silent, since another way may follow. A bare file name has to exist in the working directory,
-    // though dlopen looks for it on the loader's search path.
+    // Silent, because a second attempt may follow.
     if (!FileSys::fileExistsUtf8(path.getString(), nullptr, nullptr)) return false;
 
     XString loadedPath(path.view());
@@ -186,8 +189,8 @@ bool ClsPkcs11::openSession(int slotId, bool readWrite, LogBase& log) {
     if (slotId == -1) return std::ranges::any_of(present, open);
 
     log.LogDataLong("desiredSlotId", slotId);
-    // An ID beyond 31 bits is given as the int of the same 32 bits; where there is none of 32 bits,
-    // as the one whose upper bits are all set.
+    // The argument carries IDs above 31 bits as the int with the same bits. If no slot has that
+    // 32-bit ID, the sign-extended 64-bit one is meant.
     auto wanted = std::ranges::find(present, static_cast<unsigned int>(slotId));
     if (wanted == present.end())
         wanted = std::ranges::find(present, static_cast<unsigned long>(slotId));
@@ -204,7 +207,7 @@ bool ClsPkcs11::CloseSession() {
 }
 
 bool ClsPkcs11::QuickSession(int userType, const XString& pin) {
-    // A success alone is recorded.
+    // Only a success is recorded.
     return publicCall(*this, *m_calls, "QuickSession", Record::No, [&](LogBase& log) {
         const auto failed = [&log](std::string_view sentence) {
             log.LogError(sentence);
@@ -224,7 +227,7 @@ bool ClsPkcs11::QuickSession(int userType, const XString& pin) {
 }
 
 bool ClsPkcs11::Login(int userType, const XString& pin) {
-    // Of the two branches only the one that keeps the PIN records its outcome.
+    // Only the branch that keeps the PIN records its outcome.
     return publicCall(*this, *m_calls, "Login", Record::No, [&](LogBase& log) {
         if (userType != kContextSpecific) {
             return areCStrings({&pin}, log) && C_Login(userType, pin.getUtf8(), false, log);
@@ -277,9 +280,9 @@ bool ClsPkcs11::InitPin(const XString& pin) {
 }
 
 bool ClsPkcs11::InitToken(int slotId, const XString& soPin, const XString& label) {
-    // The context's name is FindCert's; logs of token initialisations are known by it.
+    // Logs the context of FindCert; log readers know token initialisations by that name.
     return publicCall(*this, *m_calls, "FindCert_pkcs11", Record::Yes, [&](LogBase& log) {
-        // No slot means "any" here: a negative number is an ID of 32 bits like others.
+        // -1 does not mean "any slot" here: a negative number is a 32-bit ID like any other.
         const auto id = static_cast<unsigned long>(static_cast<unsigned int>(slotId));
         return areCStrings({&soPin, &label}, log) &&
                C_InitToken(id, soPin.getUtf8(), label.getUtf8(), log);

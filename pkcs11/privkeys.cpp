@@ -1,4 +1,32 @@
 // The private key that belongs to a certificate, and the link between the two.
+//
+// A token holds certificates and private keys side by side, and nothing forces its maker to say
+// which belong together. So the key is looked for by one value after another, from the cheapest to
+// the costliest to read, and the first rule that finds one decides:
+//
+//   RSA   1. CKA_ID           equal and not empty
+//         2. CKA_SUBJECT      equals the DER of the certificate's subject
+//         3. CKA_MODULUS      equals the certificate's, with or without a leading zero byte
+//         4. only key         one RSA key and one certificate on the token: a guess
+//         5. 2 and 3 again, after subjects and moduli have been read (the "retry")
+//   EC    1. CKA_ID
+//         2. the public point
+//         3. first key        the first EC key of the token, whatever it is: a guess
+//
+// A module that uses one handle for a certificate and its key (known by its file name) settles it
+// before any of this.
+//
+// An RSA key that may not sign (CKA_SIGN false or missing) is passed over by rules 1 to 3 and the
+// search goes on behind it; the guess of rule 4 does not look at CKA_SIGN, and neither does any EC
+// rule. Among several keys that fit, the first in the token's order is taken.
+//
+// What is read when: the first search fills the cache with IDs and CKA_SIGN alone, since on most
+// tokens the ID settles it; the retry refills it with subjects and moduli, once for all
+// certificates that follow. EC points are read when the search is not quick, from the public keys.
+// The caches live until the session changes, somebody logs in or out.
+//
+// What the next reader would get wrong: rules 2 and 3 run before the retry only if an earlier
+// search has read those values; the order of log lines depends on it.
 
 #include <initializer_list>
 #include <string>

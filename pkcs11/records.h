@@ -13,7 +13,7 @@
 namespace mervane {
 
 /// One private key object of the token. An empty buffer means that the value was not read or that
-/// the object lacks it; such a record is passed over when that value is compared.
+/// the object lacks it; matching on that value skips the record.
 class Pkcs11_PrivateKey final : public NonRefCountedObj {
   public:
     enum SignState : std::int32_t {
@@ -33,8 +33,7 @@ class Pkcs11_PrivateKey final : public NonRefCountedObj {
     std::int32_t m_signState = kSignUnknown;
 };
 
-/// What one read of an object's attributes brought; the attribute reader fills it anew for every
-/// object.
+/// The result of reading one object's attributes; refilled for every object.
 class Pkcs11_Attributes final : public NonRefCountedObj {
   public:
     Pkcs11_Attributes() = default;
@@ -48,23 +47,21 @@ class Pkcs11_Attributes final : public NonRefCountedObj {
     std::uint32_t m_numAbsent = 0;
     std::uint32_t m_numAskedAgain = 0;  ///< attributes that took a call of their own
 
-    // Room for numbers and flags, eight bytes each in the order of the rows. Left uninitialised:
-    // every read presets the part that it uses.
+    // Room for numbers and flags, eight bytes each, in the order of the rows. Left uninitialised:
+    // every read presets it.
     alignas(CK_ULONG) std::array<std::uint8_t, 128> m_fixed;  // NOLINT(*-member-init)
 
-    // Both arrays own and free what they hold.
-    ExtPtrArray m_longValues;  ///< values that did not fit the common room
-    ExtPtrArraySb
-        m_malformed;  ///< types of attributes about which the module did not tell the truth
-    bool m_wasPartial = false;  ///< the module gave some attributes only
+    ExtPtrArray m_longValues;   ///< values that did not fit the common room
+    ExtPtrArraySb m_malformed;  ///< types of the attributes that the module lied about
+    bool m_wasPartial = false;  ///< some attributes were missing or did not fit
 };
 
 /// What FindCert looks for.
 struct _smartcardCertSpec {
-    StringBuffer reader;  ///< reserved for callers that choose among card readers; not read here
-    StringBuffer card;    ///< reserved likewise for the card; not read here
-    /// What to match on: a keyword of the match table or a subject part; case and white space
-    /// around it do not count. Empty: no match rule.
+    StringBuffer reader;  ///< for callers that choose among card readers; not read here
+    StringBuffer card;    ///< for callers that choose among cards; not read here
+    /// What to match on: a keyword of the match table or a subject part. Case and surrounding white
+    /// space are ignored. Empty: no match rule.
     StringBuffer certPart;
     StringBuffer certPartVal;  ///< the value to match
     /// With an empty certPart: only a certificate whose private key is on the token.

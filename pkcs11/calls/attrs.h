@@ -15,7 +15,7 @@ namespace mervane {
 
 enum class AttrKind : unsigned char { Bytes, Number, Flag };
 
-/// An attribute to be read, and for bytes the room that it is given in the first call.
+/// An attribute to read, with the room that a value of bytes is offered in the first call.
 struct AttrRow {
     CK_ATTRIBUTE_TYPE type;
     AttrKind kind;
@@ -23,28 +23,24 @@ struct AttrRow {
 };
 
 /// Reads the same attributes of one object after another, each object in one C_GetAttributeValue
-/// when all fits. An attribute that the object lacks, keeps secret, or about which the module does
-/// not tell the truth is absent; it never costs the others.
-///
-/// Nothing that the module says is believed: the room is preset so that what it did not write is
-/// not taken for a value, lengths count only within the room, fixed-size values only at their exact
-/// size, no value may be longer than 1 MiB, and those beyond the common room not longer than 64 MiB
-/// together.
+/// if everything fits. An attribute that the object lacks, keeps secret, or that the module lies
+/// about is absent; it never costs the others. A value may be at most 1 MiB long, and all values
+/// beyond the common room 64 MiB together. attrs.cpp tells how the truth is told from a lie.
 class ObjectReader {
   public:
     /// `rows` is kept by reference; at most 16.
     ObjectReader(Calls& calls, std::span<const AttrRow> rows);
 
-    /// False, with a line, when the object cannot be read at all.
+    /// False, with an error line, if the object cannot be read at all.
     [[nodiscard]] bool read(CK_OBJECT_HANDLE object, LogBase& log);
 
-    // The value of a row in the object read last; nothing when it is absent. Bytes are valid until
-    // the next read.
+    // The value of a row of the object read last; nothing if absent. Bytes are valid until the next
+    // read.
     [[nodiscard]] std::optional<der::Bytes> bytes(std::size_t row) const;
     [[nodiscard]] std::optional<CK_ULONG> number(std::size_t row) const;
     [[nodiscard]] std::optional<bool> flag(std::size_t row) const;
 
-    /// The bytes of a row; none when it is absent.
+    /// The bytes of a row; empty if absent.
     [[nodiscard]] der::Bytes bytesOrNone(std::size_t row) const {
         return bytes(row).value_or(der::Bytes());
     }

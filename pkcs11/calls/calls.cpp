@@ -29,12 +29,12 @@ bool Calls::noSession(LogBase& log) const {
 bool Calls::readyFor(Needs needs, const char* functionName, LogBase& log) {
     if (use.functions() == nullptr) {
         noFuncs(log);
-        // Whatever was initialised is not there any more.
+        // Whatever was initialised has gone with the library.
         if (state.m_initialized) use.dropInitialisation(log);
         return false;
     }
     if (needs == Needs::Session && !hasOpenSession()) return noSession(log);
-    // A module is not trusted to notice that it is not initialised.
+    // Modules cannot be relied on to notice that they are not initialised.
     return needs == Needs::Table || state.m_initialized ||
            reportCode(functionName, needs, CKR_CRYPTOKI_NOT_INITIALIZED, log);
 }
@@ -47,7 +47,7 @@ bool Calls::reportCode(const char* functionName, Needs needs, CK_RV rv, LogBase&
     log.LogData("rv", toHexNumber(rv));
     if (uninitialised) {
         use.dropInitialisation(log);
-        log.LogHint("The module is not initialized; Initialize or QuickSession begins anew.");
+        log.LogHint("The module is not initialised; Initialize or QuickSession begins anew.");
     } else if (sessionEnded) {
         use.dropSession(log);
         log.LogHint("The session is gone; OpenSession is next.");

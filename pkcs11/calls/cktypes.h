@@ -1,8 +1,8 @@
 #ifndef MERVANE_PKCS11_CALLS_CKTYPES_H
 #define MERVANE_PKCS11_CALLS_CKTYPES_H
 
-// The scalar types of PKCS#11 2.40 (base specification, section 3) that the chief header names.
-// They live in our namespace, so that an application may include a vendor's header beside ours.
+// The scalar types of PKCS#11 2.40 (base specification, section 3) that public headers use. They
+// live in our namespace, so that a program may include a vendor's header beside ours.
 
 namespace mervane {
 

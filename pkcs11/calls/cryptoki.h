@@ -5,8 +5,8 @@
 
 #include "pkcs11/calls/cktypes.h"
 
-// The binary interface of PKCS#11 2.40 as far as a module and this component speak it. Layout is
-// the platform's natural one, as the standard's headers have it on Linux.
+// The binary interface of PKCS#11 2.40, as far as it is used here. Structures have the platform's
+// natural layout, like the standard's own headers on Linux.
 
 namespace mervane {
 
@@ -93,7 +93,7 @@ inline constexpr CK_FLAGS CKF_OS_LOCKING_OK = 0x2;
 inline constexpr CK_FLAGS CKF_RW_SESSION = 0x2;
 inline constexpr CK_FLAGS CKF_SERIAL_SESSION = 0x4;
 
-// Token flags that decide something here; names.cpp knows them all.
+// Token flags that steer this code; names.cpp has them all.
 inline constexpr CK_FLAGS CKF_PROTECTED_AUTHENTICATION_PATH = 0x100;
 inline constexpr CK_FLAGS CKF_TOKEN_PRESENT = 0x1;
 
@@ -137,7 +137,7 @@ inline constexpr CK_ATTRIBUTE_TYPE CKA_EC_PARAMS = 0x180;
 inline constexpr CK_ATTRIBUTE_TYPE CKA_EC_POINT = 0x181;
 inline constexpr CK_ATTRIBUTE_TYPE CKA_ALWAYS_AUTHENTICATE = 0x202;
 
-// A function that the component never calls: its place in the list alone counts.
+// A function that is never called; only its place in the list matters.
 using CK_UNCALLED = CK_RV (*)();
 
 // Section 3.6; the order is part of the interface.
@@ -193,8 +193,8 @@ struct CK_FUNCTION_LIST {
     CK_UNCALLED C_WaitForSlotEvent;
 };
 
-// 68 pointers behind the version, which natural alignment gives a pointer's room; each function
-// that is called, at its number in the standard's list.
+// 68 pointers after the version, which alignment pads to the size of a pointer. Each function that is
+// called stands at its number in the standard's list.
 static_assert(sizeof(CK_FUNCTION_LIST) == 69 * sizeof(void*));
 static_assert(offsetof(CK_FUNCTION_LIST, C_Initialize) == 1 * sizeof(void*));
 static_assert(offsetof(CK_FUNCTION_LIST, C_Finalize) == 2 * sizeof(void*));

@@ -84,7 +84,7 @@ constexpr std::array kMembers = {
            [](const JsonValue& v, Description& d) { return readHex(v, d.subject); }},
     Member{"token", "true or false",
            [](const JsonValue& v, Description& d) { return readBool(v, d.onToken); }},
-    // What an earlier search left in the document.
+    // Left in the document by an earlier search.
     Member{"handle", "a number",
            [](const JsonValue& v, Description&) { return v.asNumber().has_value(); }},
 };
@@ -116,8 +116,8 @@ bool readDescription(const ClsJsonObject& json, Description& out, LogBase& log) 
     return true;
 }
 
-// Whether objects of a class have the attributes that the description names: modules refuse
-// searches for others. Serial numbers are of certificates, key types of keys, subjects of both, and
+// Whether objects of a class have the attributes that the description names; modules reject
+// searches for others. Certificates have serial numbers, keys have types, both have subjects, and
 // data objects have a label only.
 bool mayHave(CK_ULONG objectClass, const Description& wanted) noexcept {
     const bool isCert = objectClass == CKO_CERTIFICATE;
@@ -127,11 +127,11 @@ bool mayHave(CK_ULONG objectClass, const Description& wanted) noexcept {
            (!wanted.keyType || isKey || isSecret) && (!wanted.id || isCert || isKey || isSecret);
 }
 
-// INTEGER in DER of an unsigned number, as CKA_SERIAL_NUMBER has it.
+// The DER INTEGER of an unsigned number, which is what CKA_SERIAL_NUMBER holds.
 std::vector<std::uint8_t> derInteger(std::span<const std::uint8_t> number) {
     std::vector<std::uint8_t> content(number.begin(), number.end());
     if (content.empty() || (content.front() & 0x80U) != 0) content.insert(content.begin(), 0);
-    // Serial numbers have 20 octets (RFC 5280 4.1.2.2); the short form of the length holds 127.
+    // Serial numbers have at most 20 octets (RFC 5280 4.1.2.2); the short length form holds 127.
     if (content.size() > 127) return content;
     content.insert(content.begin(), {der::kInteger, static_cast<std::uint8_t>(content.size())});
     return content;
@@ -150,7 +150,7 @@ int findObject(Calls& calls, ClsJsonObject& json, LogBase& log) {
     for (const Word& word : kClassWords) {
         if (wanted.objectClass ? *wanted.objectClass != word.value : !mayHave(word.value, wanted))
             continue;
-        // Modules keep the serial number in DER, as the standard has it, or bare.
+        // Modules store the serial number in DER, as the standard says, or bare.
         for (const auto& serial : serials) {
             ObjectQuery query(word.value);
             if (wanted.keyType) query.add(CKA_KEY_TYPE, *wanted.keyType);

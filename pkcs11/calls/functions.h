@@ -5,14 +5,14 @@
 
 namespace mervane {
 
-/// What has to be there before a function may be called.
+/// What must exist before a function may be called.
 enum class Needs : unsigned char {
     Table,        ///< the function table: before C_Initialize
     Initialized,  ///< and the module initialised by this object
     Session,      ///< and an open session, whose handle is the function's first argument
 };
 
-/// One function of the module: where it stands in the table, and its name.
+/// One function of the module: its place in the table, and its name.
 template <Needs N, class Signature>
 struct ModuleFunction {
     Signature CK_FUNCTION_LIST::*member;

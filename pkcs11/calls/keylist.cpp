@@ -61,8 +61,8 @@ constexpr Column kSensitive = flagColumn(CKA_SENSITIVE, "sensitive");
 constexpr Column kExtractable = flagColumn(CKA_EXTRACTABLE, "extractable");
 constexpr Column kAlways = flagColumn(CKA_ALWAYS_AUTHENTICATE, "alwaysAuthenticate");
 
-// What each class of keys has (PKCS#11 2.40 base, 4.8 to 4.10); sizes come first among the values
-// so that the members stand in one order.
+// What each class of keys has (PKCS#11 2.40 base, 4.8 to 4.10). Sizes follow the type, so that the
+// members of every key come in one order.
 constexpr std::array kPrivateColumns = {
     kKeyTypeColumn, kModulusColumn, kCurveColumn, kLabelColumn, kIdColumn,  kSign,        kDecrypt,
     kUnwrap,        kDerive,        kToken,       kPrivate,     kSensitive, kExtractable, kAlways};
@@ -93,7 +93,7 @@ constexpr std::array kKeyClasses = {
     KeyClass{"secret", CKO_SECRET_KEY, kSecretColumns},
 };
 
-// What a selector selects; nothing of a kind means all of that kind.
+// What a selector selects. If it names no class, all classes; if no type, all types.
 struct Selection {
     std::array<bool, kKeyClasses.size()> classes{};
     bool rsa = false;
@@ -138,7 +138,7 @@ std::optional<JsonValue> positive(int size) {
     return size > 0 ? std::optional(JsonValue(size)) : std::nullopt;
 }
 
-// The value of a column as JSON; nothing when the object lacks it or it says nothing.
+// A column's value as JSON; nothing if the object lacks it or it makes no sense.
 std::optional<JsonValue> columnValue(const ObjectReader& reader, std::size_t row, Form form) {
     const auto bytes = reader.bytes(row);
     if (!bytes) return std::nullopt;

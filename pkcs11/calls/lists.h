@@ -10,8 +10,8 @@
 
 namespace mervane {
 
-/// How many IDs a module wrote into `room`, whatever it claims: the room was preset to
-/// CK_UNAVAILABLE_INFORMATION, which is no slot and no mechanism.
+/// How many IDs the module really wrote into `room`, which was preset to
+/// CK_UNAVAILABLE_INFORMATION: neither a slot nor a mechanism.
 inline std::size_t numWritten(std::span<const CK_ULONG> room, CK_ULONG claimed) noexcept {
     const auto given = room.first(std::min<std::size_t>(room.size(), claimed));
     return static_cast<std::size_t>(std::ranges::find(given, CK_UNAVAILABLE_INFORMATION) -
@@ -19,8 +19,8 @@ inline std::size_t numWritten(std::span<const CK_ULONG> room, CK_ULONG claimed) 
 }
 
 /// Fetches a list of IDs in the standard's two steps (PKCS#11 2.40 base, 5.2): its length, then the
-/// list. The second step gets room to spare, since IDs may come in between; when even that is too
-/// little the two are repeated a few times. At most `limit` IDs count.
+/// list. The second step offers some spare room, because the list may grow in between; if that is
+/// not enough the two are repeated a few times. IDs beyond `limit` are dropped.
 template <Needs N, class Signature, class... Args>
 bool fetchList(Calls& calls, const ModuleFunction<N, Signature>& function, CK_ULONG limit,
                std::vector<CK_ULONG>& list, LogBase& log, Args... args) {

@@ -64,7 +64,7 @@ void ModuleUse::beginSession(CK_SESSION_HANDLE session) noexcept {
 }
 
 void ModuleUse::replaceSession(CK_SESSION_HANDLE session, bool onSameToken, LogBase& log) {
-    // A login belongs to the token: it holds for every session there, and nowhere else.
+    // A login belongs to the token: it holds for all sessions with that token and no others.
     const bool user = onSameToken && m_state.m_userLoggedIn;
     const bool officer = onSameToken && m_state.m_soLoggedIn;
     const CK_SESSION_HANDLE old = m_state.m_hSession;
@@ -72,7 +72,7 @@ void ModuleUse::replaceSession(CK_SESSION_HANDLE session, bool onSameToken, LogB
     beginSession(session);
     m_state.m_userLoggedIn = user;
     m_state.m_soLoggedIn = officer;
-    // A module that gave the old handle again means the one session.
+    // A module that returns the old handle again has one session, which is still wanted.
     if (old != session) closeQuietly(old, log);
 }
 

@@ -10,7 +10,7 @@
 
 namespace mervane {
 
-/// A value of the standard and the name that reports give it.
+/// A value of the standard and its name in reports.
 struct NamedValue {
     CK_ULONG value;
     std::string_view name;
@@ -19,17 +19,17 @@ struct NamedValue {
 /// All mechanisms of PKCS#11 2.40 and 3.0 by their standard names, in the order of the values.
 std::span<const NamedValue> mechanismNames() noexcept;
 
-// The name of a value; "0x..." for one that the standard does not name.
+// The name of a value; "0x..." for one that the standard does not define.
 std::string mechanismName(CK_MECHANISM_TYPE type);
 std::string keyTypeName(CK_ULONG keyType);  ///< "RSA", "EC", "AES"
 
-// Names of the flags that are set, without CKF_ and in kebab case; bits that the standard does not
-// name come together as one "0x...".
+// Names of the flags that are set, without CKF_ and in kebab case. Bits that the standard does not
+// define are joined into one "0x...".
 std::vector<std::string> slotFlagNames(CK_FLAGS flags);
 std::vector<std::string> tokenFlagNames(CK_FLAGS flags);
 std::vector<std::string> mechanismFlagNames(CK_FLAGS flags);
 
-/// A token flag that tells how a PIN stands.
+/// A token flag about the state of a PIN.
 struct PinState {
     CK_FLAGS flag;
     bool isOfficers;
@@ -37,7 +37,7 @@ struct PinState {
     std::string_view meaning;  // a sentence
 };
 
-/// In the order of rising urgency.
+/// In order of rising urgency.
 std::span<const PinState> pinStates() noexcept;
 
 }  // namespace mervane

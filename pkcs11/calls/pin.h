@@ -6,12 +6,11 @@
 
 namespace mervane {
 
-/// A PIN as an argument of a module's function, which takes it by a pointer that is not const: a
-/// copy, so that the caller's stays what it is, wiped at the end.
+/// A PIN as an argument of a module's function. The functions take non-const pointers, and some
+/// write through them, so this is a copy, wiped at the end.
 ///
-/// An empty PIN is left to the reader where that asks for PINs on keys of its own
-/// (CKF_PROTECTED_AUTHENTICATION_PATH): the module then gets a null pointer, as PKCS#11 2.40 base
-/// has it for C_Login and the others that take a PIN. Only for an empty PIN is the token asked.
+/// An empty PIN is left to a reader with a PIN pad (CKF_PROTECTED_AUTHENTICATION_PATH) by passing a
+/// null pointer (PKCS#11 2.40 base, C_Login). The token's flags are read only for an empty PIN.
 class PinArgument {
   public:
     PinArgument(Calls& calls, const char* pin, CK_SLOT_ID slotId, LogBase& log);
@@ -28,10 +27,10 @@ class PinArgument {
     bool m_isLeftToReader = false;
 };
 
-/// Says what the token's flags tell of the user's PIN, or of the security officer's.
+/// Logs what the token's flags say about the user's PIN, or the security officer's.
 void logPinState(Calls& calls, CK_SLOT_ID slotId, bool isOfficer, LogBase& log);
 
-/// Calls::report(), and after a failure that is about a PIN logPinState().
+/// Calls::report(), followed by logPinState() if the failure is about a PIN.
 template <Needs N, class Signature>
 bool reportPinCall(Calls& calls, const ModuleFunction<N, Signature>& function, CK_RV rv,
                    CK_SLOT_ID slotId, bool isOfficer, LogBase& log) {

@@ -1,5 +1,6 @@
-// The discovery report: what a module says of itself, its slots, tokens and mechanisms. Layout:
-// docs/json.md.
+// The discovery report: what a module says about itself, its slots, tokens and mechanisms. Layout:
+// docs/json.md. A slot, token or mechanism that cannot be described stays in the report with what
+// is known of it; only a module that is no longer initialised ends the report.
 
 #include <algorithm>
 
@@ -12,11 +13,11 @@
 namespace mervane::operation {
 namespace {
 
-constexpr CK_ULONG kMaxMechanisms = 4096;           // some nine times what the standard names
+constexpr CK_ULONG kMaxMechanisms = 4096;           // about nine times what the standard defines
 constexpr std::size_t kMaxMechanismsInAll = 65536;  // bounds the report as a whole
 
-// A fixed-size text of the standard's structures: padded with blanks, not terminated. Modules that
-// terminate it all the same mean the NUL as its end.
+// A fixed-size text of the standard's structures: padded with blanks, not terminated. Some modules
+// terminate it all the same, so a NUL ends it.
 template <std::size_t N>
 std::string textOf(const CK_UTF8CHAR (&field)[N]) {
     const std::string_view whole(reinterpret_cast<const char*>(field), N);
@@ -34,12 +35,12 @@ JsonValue namesOf(const std::vector<std::string>& names) {
     return list;
 }
 
-// A count or size that a token may not tell.
+// A count or size that a token may keep to itself.
 JsonValue knownOrNull(CK_ULONG value) {
     return value == CK_UNAVAILABLE_INFORMATION ? JsonValue() : JsonValue(value);
 }
 
-// A maximum of sessions: unlimited is null as well.
+// A session limit; unlimited is null too.
 JsonValue limitOrNull(CK_ULONG value) {
     return value == CK_EFFECTIVELY_INFINITE ? JsonValue() : knownOrNull(value);
 }
@@ -90,7 +91,7 @@ bool describeMechanisms(Calls& calls, CK_SLOT_ID id, JsonValue& token, LogBase& 
         const auto rv = calls.attempt(log, function::kGetMechanismInfo, id, type, &info);
         if (!calls.state.m_initialized) return false;
         if (rv != CKR_OK) {
-            // One that the module lists but does not explain keeps its name.
+            // Listed but not explained: the name stays.
             log.LogData("mechanismWithoutInfo", mechanismName(type));
             if (rv) log.LogData("result", rvName(*rv));
             continue;
@@ -104,7 +105,6 @@ bool describeMechanisms(Calls& calls, CK_SLOT_ID id, JsonValue& token, LogBase& 
 
 bool describeSlot(Calls& calls, CK_SLOT_ID id, bool skipMechanisms, JsonValue& slot, LogBase& log) {
     CK_SLOT_INFO info{};
-    // A slot that cannot be described stays in the report with what is known of it: its ID.
     if (!calls.invoke(log, function::kGetSlotInfo, id, &info)) {
         log.LogDataUnsigned("slotId", id);
         return calls.state.m_initialized;

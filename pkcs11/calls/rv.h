@@ -8,7 +8,7 @@
 
 namespace mervane {
 
-// Return values that decide something here (PKCS#11 3.0 base specification, section 5.1).
+// Return values that steer this code (PKCS#11 3.0 base specification, section 5.1).
 inline constexpr CK_RV CKR_OK = 0x000;
 inline constexpr CK_RV CKR_GENERAL_ERROR = 0x005;
 inline constexpr CK_RV CKR_ARGUMENTS_BAD = 0x007;
@@ -34,16 +34,16 @@ inline constexpr CK_RV CKR_BUFFER_TOO_SMALL = 0x150;
 inline constexpr CK_RV CKR_CRYPTOKI_NOT_INITIALIZED = 0x190;
 inline constexpr CK_RV CKR_CRYPTOKI_ALREADY_INITIALIZED = 0x191;
 
-/// The standard's name of a return value; "0x..." for one that it does not name.
+/// The standard's name of a return value; "0x..." for one that it does not define.
 std::string rvName(CK_RV rv);
 
-/// One sentence that says what usually helps; empty where no single thing does.
+/// One sentence on what usually helps; empty if no single thing does.
 std::string_view rvHint(CK_RV rv) noexcept;
 
-/// The PIN that was given is wrong, locked, expired or not of the token's form.
+/// The PIN that was given is wrong, locked, expired, or not in the form the token wants.
 bool isAboutPin(CK_RV rv) noexcept;
 
-/// The session the call was made on does not exist any more, or its token does not.
+/// The session that the call was made on, or its token, no longer exists.
 bool endsSession(CK_RV rv) noexcept;
 
 }  // namespace mervane

@@ -1,4 +1,9 @@
 // The find operation: begun, gathered from, and ended on every way out.
+//
+// All handles are gathered before the search is ended and any object is read: modules disagree
+// about what may be called during a search. C_FindObjects may return fewer handles than asked for
+// before the end; only 0 ends it. A search left active by somebody else on the session is ended,
+// once.
 
 #include "pkcs11/calls/search.h"
 
@@ -9,14 +14,14 @@
 namespace mervane {
 namespace {
 
-// Handles asked for at a time. Only 0 objects end a search, so each costs one call more than
-// needed; a large batch makes that one of two.
+// Handles asked for at a time: large, so that nearly every search takes two calls, one of which
+// returns nothing.
 constexpr std::size_t kBatch = 1024;
 
-// A module whose search does not come to its end is left after this many batches with nothing new.
+// A search that never ends is given up after this many batches in a row without a new handle.
 constexpr int kMaxStaleBatches = 4;
 
-// Handles in the order found, each once.
+// Handles in the order found, without duplicates.
 class HandleList {
   public:
     HandleList(std::vector<CK_OBJECT_HANDLE>& handles, std::size_t limit)
@@ -24,7 +29,7 @@ class HandleList {
 
     [[nodiscard]] bool isFull() const noexcept { return m_handles.size() >= m_limit; }
 
-    // How many of the batch were new.
+    // Returns how many of the batch were new.
     std::size_t add(std::span<const CK_OBJECT_HANDLE> batch) {
         const std::size_t before = m_handles.size();
         for (const CK_OBJECT_HANDLE handle : batch) {
@@ -35,7 +40,7 @@ class HandleList {
     }
 
   private:
-    // Modules give handles in rising order, mostly: the set is made when one does not.
+    // Most modules list handles in rising order; the set is only built for one that does not.
     bool isNew(CK_OBJECT_HANDLE handle) {
         if (m_seen.empty() && (m_handles.empty() || handle > m_handles.back())) return true;
         if (m_seen.empty()) m_seen.insert(m_handles.begin(), m_handles.end());
@@ -103,7 +108,7 @@ bool findObjects(Calls& calls, std::span<CK_ATTRIBUTE> query, std::size_t limit,
     };
     auto rv = begin();
     if (rv == CKR_OPERATION_ACTIVE) {
-        // Left behind by somebody else on this session.
+        // Somebody else left a search active on this session.
         calls.attempt(log, function::kFindObjectsFinal);
         rv = begin();
     }
@@ -111,12 +116,12 @@ bool findObjects(Calls& calls, std::span<CK_ATTRIBUTE> query, std::size_t limit,
     FindOperation operation(calls, log);
     rv = gatherObjects(calls, limit, handles, log);
     const auto endRv = operation.end();
-    // Reported when the search has ended: the report may give the session up.
+    // Reported only after the search has ended, because the report may drop the session.
     const bool isWhole = rv && calls.report(function::kFindObjects, *rv, log);
     if (calls.hasOpenSession() && endRv && endsUse(Needs::Session, *endRv)) {
         calls.report(function::kFindObjectsFinal, *endRv, log);
     }
-    return isWhole && calls.hasOpenSession();  // handles are of no use without
+    return isWhole && calls.hasOpenSession();  // handles die with the session
 }
 
 }  // namespace mervane

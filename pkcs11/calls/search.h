@@ -10,9 +10,8 @@
 
 namespace mervane {
 
-/// What a search looks for: attributes that an object must have, with the numbers and flags kept
-/// here and the bytes kept by the caller. Some modules find nothing without a class, so every query
-/// begins with one.
+/// The attributes that a search asks for. Numbers and flags are stored here; bytes stay the
+/// caller's. Every query begins with a class, because some modules find nothing without one.
 class ObjectQuery {
   public:
     explicit ObjectQuery(CK_ULONG objectClass) noexcept { add(CKA_CLASS, objectClass); }
@@ -29,7 +28,7 @@ class ObjectQuery {
         addRaw(type, &m_flags[m_size], sizeof(CK_BBOOL));
     }
     void addBytes(CK_ATTRIBUTE_TYPE type, der::Bytes value) noexcept {
-        // C_FindObjectsInit takes its template by pointers that are not const, and only reads it.
+        // C_FindObjectsInit takes non-const pointers but only reads through them.
         addRaw(type, const_cast<std::uint8_t*>(value.data()), value.size());
     }
 
@@ -50,7 +49,7 @@ class ObjectQuery {
     std::size_t m_size = 0;
 };
 
-/// More objects than any token holds; bounds what a module can make us gather.
+/// More objects than any token holds; bounds what a module can make us collect.
 inline constexpr std::size_t kMaxObjects = 65536;
 
 /// Handles of the objects that match, in the module's order, each once; `limit` ends the search

@@ -13,11 +13,11 @@ namespace {
 
 using GetFunctionList = CK_RV (*)(CK_FUNCTION_LIST**);
 
-// Modules keep the pointer, so the arguments live as long as the process.
+// Modules keep the pointer, so the arguments must outlive them.
 CK_C_INITIALIZE_ARGS initializeArgs = {nullptr, nullptr,           nullptr,
                                        nullptr, CKF_OS_LOCKING_OK, nullptr};
 
-// More than any reader set-up has; bounds what a module can make us allocate.
+// More slots than any machine has; bounds what a module can make us allocate.
 constexpr CK_ULONG kMaxSlots = 65536;
 
 std::optional<CK_RV> tryToOpen(Calls& calls, CK_SLOT_ID slotId, bool readWrite,
@@ -32,7 +32,7 @@ std::optional<CK_RV> tryToOpen(Calls& calls, CK_SLOT_ID slotId, bool readWrite,
 
 bool getFunctions(Calls& calls, LogBase& log) {
     if (calls.use.functions() != nullptr) return true;
-    // POSIX has dlsym's void* convert to a function pointer.
+    // POSIX guarantees that dlsym's void* converts to a function pointer.
     const auto getList =
         reinterpret_cast<GetFunctionList>(::dlsym(calls.state.m_libHandle, "C_GetFunctionList"));
     if (getList == nullptr) return calls.noFunc("C_GetFunctionList", log);
@@ -54,8 +54,7 @@ bool initialise(Calls& calls, LogBase& log) {
     calls.use.announce();
     auto rv = calls.ask(log, function::kInitialize, static_cast<void*>(&initializeArgs));
     if (rv == CKR_CANT_LOCK || rv == CKR_NEED_TO_CREATE_THREADS || rv == CKR_ARGUMENTS_BAD) {
-        // Some modules take no arguments at all; the object's critical section serialises the
-        // calls.
+        // Some modules accept no arguments; the object's critical section serialises its calls.
         rv = calls.ask(log, function::kInitialize, static_cast<void*>(nullptr));
     }
     if (rv != CKR_OK && rv != CKR_CRYPTOKI_ALREADY_INITIALIZED) {
@@ -63,7 +62,7 @@ bool initialise(Calls& calls, LogBase& log) {
         return rv && calls.report(function::kInitialize, *rv, log);
     }
     if (rv != CKR_OK)
-        log.LogInfo("The module was initialized already, by another user in this process.");
+        log.LogInfo("The module was initialised already, by another user in this process.");
     calls.use.initialised(rv == CKR_OK);
     return true;
 }
@@ -79,7 +78,7 @@ bool getSlotsWithToken(Calls& calls, CK_SLOT_ID* slotIds, unsigned int& count, L
     }
     if (rv != CKR_BUFFER_TOO_SMALL) return rv && calls.report(function::kGetSlotList, *rv, log);
 
-    // More than fit: all are fetched, since the standard fills nothing in that case.
+    // The standard fills nothing if the room is too small, so all are fetched.
     std::vector<CK_SLOT_ID> all;
     if (!getSlots(calls, true, all, log)) return false;
     count = static_cast<unsigned int>(std::min<std::size_t>(all.size(), count));
@@ -98,14 +97,14 @@ bool getSlots(Calls& calls, bool onlyTokensPresent, std::vector<CK_SLOT_ID>& slo
 }
 
 bool openSession(Calls& calls, CK_SLOT_ID slotId, bool readWrite, LogBase& log) {
-    // A session that cannot be closed is not opened.
+    // Never open a session that cannot be closed.
     const CK_FUNCTION_LIST* const functions = calls.use.functions();
     if (functions != nullptr && functions->C_CloseSession == nullptr)
         return calls.noFunc(function::kCloseSession.name, log);
     CK_SESSION_HANDLE session = 0;
     auto rv = tryToOpen(calls, slotId, readWrite, session, log);
     if (rv == CKR_SESSION_COUNT && calls.hasOpenSession()) {
-        // The token has no room for two: the old one has to go first.
+        // The token takes one session only: the old one has to go first.
         if (!closeSession(calls, log)) return false;
         rv = tryToOpen(calls, slotId, readWrite, session, log);
     }
@@ -145,8 +144,8 @@ bool login(Calls& calls, int userType, const char* pin, LogBase& log) {
     }
     if (user == CKU_USER) state.m_userLoggedIn = true;
     if (user == CKU_SO) state.m_soLoggedIn = true;
-    // What can be seen on the token has changed: keys are read anew, and so are certificates at the
-    // next selection. Those read so far stay countable until then.
+    // More of the token is visible now: keys are read again, and certificates at the next
+    // selection. Those read so far stay countable until then.
     state.clearPrivateKeyCaches();
     state.m_certsLoaded = false;
     return true;

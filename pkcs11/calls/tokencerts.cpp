@@ -1,4 +1,8 @@
-// Reading the certificate objects of the token.
+// Reading the token's certificate objects into the cache.
+//
+// Each object is one C_GetAttributeValue. An object that cannot be read or is not an X.509
+// certificate is logged and skipped; it never hides the others. The new list is swapped in only
+// when it is complete.
 
 #include <array>
 
@@ -13,7 +17,7 @@ namespace {
 
 enum Column : std::size_t { kValue, kId, kLabel, kType };
 
-// Rooms: larger than what is seen on real cards; a longer value costs two calls more.
+// Room for more than real cards hold; a longer value costs two more calls.
 constexpr std::array kRows = {
     AttrRow{CKA_VALUE, AttrKind::Bytes, 8192},
     AttrRow{CKA_ID, AttrKind::Bytes, 1024},
@@ -21,10 +25,10 @@ constexpr std::array kRows = {
     AttrRow{CKA_CERTIFICATE_TYPE, AttrKind::Number},
 };
 
-// All certificates of a token together; far beyond what tokens hold.
+// Bound on all certificates of a token together, far beyond what tokens hold.
 constexpr std::size_t kMaxTotalSize = std::size_t{256} * 1024 * 1024;
 
-// Null, with a line, when the object is not an X.509 certificate.
+// Null, with a log line, unless the object is an X.509 certificate.
 std::shared_ptr<Certificate> toCertificate(const ObjectReader& reader, CK_OBJECT_HANDLE handle,
                                            LogBase& log) {
     const auto value = reader.bytes(kValue);
@@ -54,7 +58,6 @@ bool cacheCerts(Calls& calls, LogBase& log) {
         !findObjects(calls, query.attributes(), kMaxObjects, handles, log)) {
         return false;
     }
-    // Built aside: a failed read leaves the certificates read before.
     ExtPtrArray certs;
     certs.reserve(handles.size());
     ObjectReader reader(calls, kRows);
@@ -62,7 +65,7 @@ bool cacheCerts(Calls& calls, LogBase& log) {
     std::size_t totalSize = 0;
     for (const CK_OBJECT_HANDLE handle : handles) {
         if (!reader.read(handle, log)) {
-            // Without a session there is nothing more to read; one object may be gone, though.
+            // A single object may have gone; a session that has gone ends the read.
             if (!calls.hasOpenSession()) return false;
             ++numUnreadable;
             continue;

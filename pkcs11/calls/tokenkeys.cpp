@@ -1,4 +1,8 @@
 // Filling the caches of private keys.
+//
+// A quick fill reads what settles most searches: CKA_ID and CKA_SIGN. Subjects and moduli are added
+// by a full fill, EC points by a separate pass over the public keys with the same CKA_ID. A cache
+// filled with more is never refilled with less; what it holds stands in the Have flags.
 
 #include <array>
 #include <map>
@@ -11,13 +15,13 @@
 namespace mervane::operation {
 namespace {
 
-// The first rows are all that a quick fill reads.
+// A quick fill reads the first rows only.
 enum KeyRow : std::size_t { kId, kSign, kAlwaysAuthenticate, kSubject, kModulus };
 constexpr std::size_t kNumQuickRows = 3;
 constexpr std::array kKeyRows = {
     AttrRow{CKA_ID, AttrKind::Bytes, 1024},           AttrRow{CKA_SIGN, AttrKind::Flag},
     AttrRow{CKA_ALWAYS_AUTHENTICATE, AttrKind::Flag}, AttrRow{CKA_SUBJECT, AttrKind::Bytes, 1024},
-    AttrRow{CKA_MODULUS, AttrKind::Bytes, 2048},  // 16384 bits, the largest supported
+    AttrRow{CKA_MODULUS, AttrKind::Bytes, 2048},  // 16384 bits, the largest key supported
 };
 
 enum PointRow : std::size_t { kPointId, kPoint, kParams };
@@ -31,7 +35,7 @@ Pkcs11_PrivateKey* keyAt(const ExtPtrArray& keys, int i) noexcept {
     return static_cast<Pkcs11_PrivateKey*>(keys.elementAt(i));
 }
 
-// The point within a reader's object, empty when it has none that fits its curve.
+// The point of the object read last; empty unless it fits its curve.
 der::Bytes pointOf(const ObjectReader& reader) {
     return unwrapEcPoint(reader.bytesOrNone(kPoint), findCurve(reader.bytesOrNone(kParams)));
 }
@@ -93,7 +97,7 @@ bool fillEcPoints(Calls& calls, ExtPtrArray& keys, LogBase& log) {
         if (known != pointsById.end()) {
             key.m_ecPoint = known->second;
         } else if (reader.read(key.m_handle, log)) {
-            // No public key with this ID: some modules show the point on the private key.
+            // No public key has this ID; some modules show the point on the private key.
             key.m_ecPoint.assign(pointOf(reader));
         } else if (!calls.hasOpenSession()) {
             return false;

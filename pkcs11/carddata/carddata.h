@@ -10,16 +10,16 @@
 
 namespace mervane::carddata {
 
-/// The card database as it is carried: base64 without padding of the raw deflate stream of the JSON
-/// document, in pieces that belong together in this order.
+/// The card database as it is stored: the JSON document, raw deflate, base64 without padding, cut
+/// into pieces to be joined in this order.
 std::span<const std::string_view> constants() noexcept;
 
-/// CRC-32 (that of zlib) of the document. Raw deflate has no checksum of its own, and a damaged
-/// stream may well inflate to something.
+/// zlib's CRC-32 of the document. Raw deflate carries no checksum, and a damaged stream may well
+/// inflate to something.
 std::uint32_t documentCrc32() noexcept;
 
-/// Decodes and inflates the pieces. False, with a line, when they do not give the exact document;
-/// `json` is then untouched.
+/// Decodes and inflates the pieces. False, with an error line and `json` untouched, unless they
+/// yield the exact document.
 bool load(std::span<const std::string_view> pieces, DataBuffer& json, LogBase& log);
 
 }  // namespace mervane::carddata

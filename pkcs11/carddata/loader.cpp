@@ -9,13 +9,13 @@
 namespace mervane::carddata {
 
 bool load(std::span<const std::string_view> pieces, DataBuffer& json, LogBase& log) {
-    // What the document may grow to when inflated, in bytes.
+    // Bytes that the document may inflate to.
     constexpr std::size_t kMaxSize = 60000;
     std::string text;
     text.reserve(pieces.size() * 76);
     for (const std::string_view piece : pieces) text.append(piece);
     DataBuffer compressed;
-    compressed.appendEncodedById(text, 1);  // damaged text shows up when it is inflated
+    compressed.appendEncodedById(text, 1);  // damage shows up in the inflater
     DataBuffer document;
     if (!MervaneDeflate::inflateDb(false, compressed, document, false, _mvIoParams(), kMaxSize,
                                    log))
