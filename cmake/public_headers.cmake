@@ -27,5 +27,6 @@ set(MERVANE_PUBLIC_HEADERS
     foundation/x509/systemcerts.h
     pkcs11/calls/cktypes.h
     pkcs11/clspkcs11.h
+    pkcs11/failure.h
     pkcs11/records.h
     pkcs11/state.h)

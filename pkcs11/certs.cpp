@@ -182,14 +182,12 @@ bool ClsPkcs11::GetCert(int index, ClsCert& cert) {
         const CertificateHolder* const holder = holderAt(m_certs, index);
         if (holder == nullptr) {
             // A bad index gets this message too; callers match on it.
-            log.LogError("Error loading certificate object from DER.");
-            return false;
+            return m_calls->fail(log, FailureKind::NotFound,
+                                 "Error loading certificate object from DER.");
         }
         Certificate* const found = holder->getCertPtr(log);
-        if (found == nullptr) {
-            log.LogError("Internal error getting cert.");
-            return false;
-        }
+        if (found == nullptr)
+            return m_calls->fail(log, FailureKind::NotFound, "Internal error getting cert.");
         const CritSecExitor lock(cert);
         // Replaced here, merged in FindCert: a certificate taken by index belongs to this token's
         // store alone. Done first, so that the caller's object is untouched if it fails.
@@ -247,7 +245,10 @@ bool ClsPkcs11::findPkcs11Cert(const _smartcardCertSpec& spec, ClsCert& cert, Lo
             return give(*checked);
         } else {
             const LogContextExitor keyContext(log, "mustHavePrivateKey");
-            if (linkForSelection(*checked, log) && isChosen(*checked, candidate, log))
+            // A key that could not be looked for ends the choice: the next certificate with a key
+            // may be the wrong one.
+            if (!linkForSelection(*checked, log)) return false;
+            if (checked->isLinkedToPkcs11() && isChosen(*checked, candidate, log))
                 return give(*checked);
         }
     }
@@ -256,23 +257,21 @@ bool ClsPkcs11::findPkcs11Cert(const _smartcardCertSpec& spec, ClsCert& cert, Lo
         log.LogInfo("The candidate certificate was chosen.");
         return give(*candidate);
     }
-    log.LogError("Not found.");
-    return false;
+    return m_calls->fail(log, FailureKind::NotFound, "Not found.");
 }
 
 bool ClsPkcs11::linkForSelection(Certificate& cert, LogBase& log) {
     const auto link = cert.pkcs11Link();
     if (link && link->keyHandle != 0) return true;
-    int keyType = 0;
-    int signatureSize = 0;
-    const CK_OBJECT_HANDLE key = findPrivKeyHandle(cert, true, keyType, signatureSize, log);
-    log.LogDataBool("hasPrivateKey", key != 0);
-    if (key != 0) {
-        log.LogDataLong("expectedSignatureSize", signatureSize);
-        cert.linkToPkcs11Session(this, keyType, signatureSize, key, log);
+    FoundKey found;
+    if (!searchKey(cert, true, found, log)) return false;
+    log.LogDataBool("hasPrivateKey", found.handle != 0);
+    if (found.handle != 0) {
+        log.LogDataLong("expectedSignatureSize", found.signatureSize);
+        cert.linkToPkcs11Session(this, found.keyType, found.signatureSize, found.handle, log);
         log.LogDataBool("hasPrivateKey", cert.hasPrivateKey(false, log));
     }
-    return cert.isLinkedToPkcs11();
+    return true;
 }
 
 }  // namespace mervane

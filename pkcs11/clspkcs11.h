@@ -8,13 +8,13 @@
 #include "../foundation/text/xstring.h"
 #include "../foundation/x509/certificate.h"
 #include "../foundation/x509/clscert.h"
+#include "failure.h"
 #include "records.h"
 #include "state.h"
 
 namespace mervane {
 
 class Calls;
-class KeyIndex;
 
 /// A PKCS#11 module in use: loads it, opens a session with a token, logs in, lists and chooses
 /// certificates, and finds the private key that belongs to one.
@@ -37,8 +37,10 @@ class KeyIndex;
 /// Certificates handed out stay valid and merely lose their link.
 ///
 /// Thread rule: any thread may call any method; calls on one object run one after the other. Two
-/// objects do not wait for each other. After fork() the child has no session; Initialize begins
-/// anew.
+/// objects wait for each other only while one of them initialises or finalises the module that both
+/// use, however long that takes. A module may call back into the object from within a call. A
+/// thread is not cancelled while it is inside a module. After fork() the child has no session;
+/// Initialize begins anew.
 ///
 /// User types are PKCS#11's: 0 the security officer, 1 the normal user, 2 context-specific.
 class ClsPkcs11 : public ClsBase, public Pkcs11SessionOwner, protected Pkcs11State {
@@ -49,9 +51,15 @@ class ClsPkcs11 : public ClsBase, public Pkcs11SessionOwner, protected Pkcs11Sta
     /// A new object that the caller owns (delete it); null when there is no memory.
     static ClsPkcs11* createNewCls() noexcept;
 
+    /// Why the last public method failed; of kind None if it succeeded. Property accessors and
+    /// get_NumCerts leave it as it is.
+    [[nodiscard]] Failure lastFailure();
+
     // --- Module
 
-    /// Path of the PKCS#11 module. It takes effect when a module is loaded next.
+    /// Path of the PKCS#11 module. It takes effect when a module is loaded next: by Discover, or by
+    /// Initialize and QuickSession if none is initialised. Until then a module that is in use stays
+    /// in use, and these methods say so in the log.
     void get_SharedLibPath(XString& out);
     void put_SharedLibPath(const XString& path);
 
@@ -219,13 +227,17 @@ class ClsPkcs11 : public ClsBase, public Pkcs11SessionOwner, protected Pkcs11Sta
 
   private:
     void copyProperty(const XString& from, XString& to);
+    [[nodiscard]] bool isInUse() const noexcept;
+    [[nodiscard]] bool isLoadedByBareName() const;
+    bool open(std::string_view path, LogBase& log);
+    void unload(LogBase& log);
     bool linkForSelection(Certificate& cert, LogBase& log);
-    CK_OBJECT_HANDLE findRsaKey(Certificate& cert, bool quick, LogBase& log);
-    CK_OBJECT_HANDLE findEcKey(Certificate& cert, bool quick, LogBase& log);
+    // False if the key could not be looked for; true with a handle of 0 if there is none.
+    bool searchKey(Certificate& cert, bool quick, FoundKey& found, LogBase& log);
+    bool findRsaKey(Certificate& cert, bool quick, FoundKey& found, LogBase& log);
+    bool findEcKey(Certificate& cert, bool quick, FoundKey& found, LogBase& log);
 
     std::unique_ptr<Calls> m_calls;
-    std::unique_ptr<KeyIndex> m_rsaIndex;  // over the two key caches
-    std::unique_ptr<KeyIndex> m_ecdsaIndex;
 };
 
 }  // namespace mervane

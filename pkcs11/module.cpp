@@ -14,9 +14,9 @@
 
 #include "foundation/core/forkwatch.h"
 #include "foundation/system/filesys.h"
+#include "foundation/system/sharedobject.h"
 #include "pkcs11/clspkcs11.h"
 #include "pkcs11/frame.h"
-#include "pkcs11/keyindex.h"
 
 namespace mervane {
 namespace {
@@ -27,21 +27,30 @@ constexpr std::string_view kCertHandleModule = "libkeyfactorpkcs11";
 constexpr int kContextSpecific = 2;  // CKU_CONTEXT_SPECIFIC
 
 // PINs and labels travel as C strings from here on; a NUL would cut them short.
-bool areCStrings(std::initializer_list<const XString*> texts, LogBase& log) {
+bool areCStrings(Calls& calls, std::initializer_list<const XString*> texts, LogBase& log) {
     const auto hasNul = [](const XString* text) {
         return text->view().find('\0') != std::string_view::npos;
     };
-    if (std::ranges::none_of(texts, hasNul)) return true;
-    log.LogError("A PIN or label with a NUL character in it is refused.");
-    return false;
+    return std::ranges::none_of(texts, hasNul) ||
+           calls.fail(log, FailureKind::Argument,
+                      "A PIN or label with a NUL character in it is refused.");
+}
+
+// Part of the summary of every method that needs the module: a path that was set since does not
+// count until the next load.
+void noteOtherModule(const Pkcs11State& state, LogBase& log) {
+    StringBuffer bare(state.m_sharedLibPath.view());
+    bare.stripDirectory();
+    const std::string_view loaded = state.m_loadedLibPath.view();
+    if (loaded.empty() || loaded == state.m_sharedLibPath.view() || loaded == bare.view()) return;
+    log.LogInfo("The module in use is " + std::string(loaded) + "; SharedLibPath names " +
+                std::string(state.m_sharedLibPath.view()) + ", which is loaded by Discover.");
 }
 
 }  // namespace
 
 ClsPkcs11::ClsPkcs11()
-    : m_calls(std::make_unique<Calls>(static_cast<Pkcs11State&>(*this), sessionAnchor())),
-      m_rsaIndex(std::make_unique<KeyIndex>()),
-      m_ecdsaIndex(std::make_unique<KeyIndex>()) {}
+    : m_calls(std::make_unique<Calls>(static_cast<Pkcs11State&>(*this), sessionAnchor())) {}
 
 ClsPkcs11* ClsPkcs11::createNewCls() noexcept {
     try {
@@ -53,6 +62,10 @@ ClsPkcs11* ClsPkcs11::createNewCls() noexcept {
 
 ClsPkcs11::~ClsPkcs11() {
     LogNull log;
+    {
+        const CritSecExitor lock(*this);
+        settleAfterFork(*this, *m_calls);
+    }
     if (!m_calls->use.hasForked() && !processIsExiting()) m_calls->use.release(log);
     sessionAnchor()->setSession(0);  // unlinks what was handed out
     clearCertCache(log);
@@ -65,8 +78,11 @@ ClsPkcs11::~ClsPkcs11() {
 // No log context. If there is no memory for the copy, the target keeps its value.
 void ClsPkcs11::copyProperty(const XString& from, XString& to) {
     const CritSecExitor lock(*this);
+    settleAfterFork(*this, *m_calls);
     LogNull log;
+    m_isSettingProperty = true;
     guarded(log, [&] { to.copyFromX(from); });
+    m_isSettingProperty = false;
 }
 
 void ClsPkcs11::get_SharedLibPath(XString& out) {
@@ -86,10 +102,21 @@ void ClsPkcs11::put_SigContextPin(const XString& pin) {
 
 bool ClsPkcs11::Initialize() {
     return publicCall(*this, *m_calls, "Initialize", Record::Yes, [this](LogBase& log) {
-        if (!m_initialized) return C_Initialize(log);
+        if (!isInUse()) return C_Initialize(log);
         log.LogInfo("Already initialized.");
+        noteOtherModule(*this, log);
         return true;
     });
+}
+
+Failure ClsPkcs11::lastFailure() {
+    const CritSecExitor lock(*this);
+    return m_calls->failure;
+}
+
+// A path that could not be loaded has taken the module away that was initialised.
+bool ClsPkcs11::isInUse() const noexcept {
+    return m_initialized && m_calls->use.functions() != nullptr;
 }
 
 bool ClsPkcs11::loadPkcs11Dll(bool bareFileName, LogBase& log) {
@@ -99,34 +126,62 @@ bool ClsPkcs11::loadPkcs11Dll(bool bareFileName, LogBase& log) {
     if (m_libHandle != nullptr && path.equals(m_loadedLibPath.view())) return true;
 
     log.LogDataX("sharedLib", m_sharedLibPath);
-    if (m_libHandle != nullptr) {
-        m_calls->use.abandon(log);
-        ::dlclose(m_libHandle);
-        m_libHandle = nullptr;
-        m_loadedLibPath.clear();
-    }
+    if (m_libHandle != nullptr) unload(log);
     if (path.isEmpty()) {
-        log.LogError("The SharedLibPath property is not yet set.");
-        return false;
+        return m_calls->fail(log, FailureKind::ModuleMissing,
+                             "The SharedLibPath property is not yet set.");
     }
     // Silent, because a second attempt may follow.
     if (!FileSys::fileExistsUtf8(path.getString(), nullptr, nullptr)) return false;
-
-    XString loadedPath(path.view());
-    m_libHandle = ::dlopen(path.getString(), RTLD_NOW);
-    if (m_libHandle == nullptr) {
-        const char* const reason = ::dlerror();
-        log.LogError("Failed to load PKCS11 shared library.");
-        log.LogData("dlerror", reason == nullptr ? "" : reason);
-        return false;
-    }
-    m_loadedLibPath.swap(loadedPath);
+    if (!open(path.view(), log)) return false;
     checkSetSpecial(log);
     return true;
 }
 
+void ClsPkcs11::unload(LogBase& log) {
+    const CancellationPause pause;
+    // Called from within the module, its code is still on the stack.
+    const bool isRunning = m_calls->use.isInsideModule();
+    m_calls->use.abandon(log);
+    if (!isRunning) ::dlclose(m_libHandle);
+    m_libHandle = nullptr;
+    m_loadedLibPath.clear();
+}
+
+bool ClsPkcs11::open(std::string_view path, LogBase& log) {
+    const CancellationPause pause;
+    XString loadedPath(path);
+    std::string reason = whyNotLoadable(loadedPath.getUtf8()).value_or("");
+    if (reason.empty()) {
+        m_libHandle = ::dlopen(loadedPath.getUtf8(), RTLD_NOW);
+        const char* const said = m_libHandle == nullptr ? ::dlerror() : nullptr;
+        if (said != nullptr) reason = said;
+    }
+    if (m_libHandle == nullptr) {
+        m_calls->noteFailure(FailureKind::ModuleNotLoadable,
+                             std::string(path) + " cannot be loaded: " + reason);
+        m_calls->fail(log, FailureKind::ModuleNotLoadable, "Failed to load PKCS11 shared library.");
+        log.LogData("dlerror", reason);
+        return false;
+    }
+    m_loadedLibPath.swap(loadedPath);
+    return true;
+}
+
+// The module was found by its file name alone, and nothing stands at its path since.
+bool ClsPkcs11::isLoadedByBareName() const {
+    StringBuffer bare(m_sharedLibPath.view());
+    return m_libHandle != nullptr && bare.stripDirectory() && bare.equals(m_loadedLibPath.view()) &&
+           !FileSys::fileExistsUtf8(m_sharedLibPath.getUtf8(), nullptr, nullptr);
+}
+
 bool ClsPkcs11::loadPkcs11Dll_2(LogBase& log) {
-    return (loadPkcs11Dll(false, log) || loadPkcs11Dll(true, log)) && getPkcs11Functions(log);
+    const bool isLoaded =
+        isLoadedByBareName() || loadPkcs11Dll(false, log) || loadPkcs11Dll(true, log);
+    if (!isLoaded)
+        m_calls->noteFailure(FailureKind::ModuleMissing,
+                             std::string(m_sharedLibPath.view()) + " does not exist.");
+    return isLoaded && getPkcs11Functions(log);
 }
 
 void ClsPkcs11::checkSetSpecial(LogBase& log) {
@@ -146,12 +201,14 @@ bool ClsPkcs11::Discover(bool onlyTokensPresent, ClsJsonObject& json) {
 
 bool ClsPkcs11::discover(bool onlyTokensPresent, ClsJsonObject& json, LogBase& log) {
     const LogContextExitor context(log, "discover");
-    const auto failed = [&log](std::string_view sentence) {
-        log.LogError(sentence);
-        return false;
+    const auto failed = [&](std::string_view sentence) {
+        return m_calls->fail(log, FailureKind::ModuleFailed, sentence);
     };
     json.clear(log);
-    if (m_sharedLibPath.isEmpty()) return failed("The SharedLibPath has not yet been set.");
+    if (m_sharedLibPath.isEmpty()) {
+        return m_calls->fail(log, FailureKind::ModuleMissing,
+                             "The SharedLibPath has not yet been set.");
+    }
     log.LogDataX("sharedLibPath", m_sharedLibPath);
     if (!loadPkcs11Dll_2(log)) return failed("Failed to load the PKCS11 shared library.");
     if (!m_initialized && !C_Initialize(log)) return failed("Failed to Initialize");
@@ -172,13 +229,17 @@ bool ClsPkcs11::OpenSession(int slotId, bool readWrite) {
 
 bool ClsPkcs11::openSession(int slotId, bool readWrite, LogBase& log) {
     const CritSecExitor lock(*this);
+    settleAfterFork(*this, *m_calls);
     const LogContextExitor context(log, "openSession");
+    noteOtherModule(*this, log);
     m_calls->use.dropAfterFork(log);
     unsigned int count = 100;
     const auto slotIds = std::make_unique<std::array<unsigned long, 100>>();
-    if (!getSlotIdsWithTokenPresent(slotIds->data(), count, log)) {
-        log.LogError("Failed to get slot IDs");
-        return false;
+    if (!getSlotIdsWithTokenPresent(slotIds->data(), count, log))
+        return m_calls->fail(log, FailureKind::ModuleFailed, "Failed to get slot IDs");
+    if (count == 0) {
+        log.LogInfo("No slot holds a token.");
+        m_calls->noteFailure(FailureKind::NoToken, "No slot holds a token.");
     }
     const std::span<const unsigned long> present(slotIds->data(), count);
     const auto open = [&](unsigned long id) {
@@ -194,10 +255,8 @@ bool ClsPkcs11::openSession(int slotId, bool readWrite, LogBase& log) {
     auto wanted = std::ranges::find(present, static_cast<unsigned int>(slotId));
     if (wanted == present.end())
         wanted = std::ranges::find(present, static_cast<unsigned long>(slotId));
-    if (wanted == present.end()) {
-        log.LogError("Did not find desired slot ID.");
-        return false;
-    }
+    if (wanted == present.end())
+        return m_calls->fail(log, FailureKind::NoToken, "Did not find desired slot ID.");
     return open(*wanted);
 }
 
@@ -209,12 +268,11 @@ bool ClsPkcs11::CloseSession() {
 bool ClsPkcs11::QuickSession(int userType, const XString& pin) {
     // Only a success is recorded.
     return publicCall(*this, *m_calls, "QuickSession", Record::No, [&](LogBase& log) {
-        const auto failed = [&log](std::string_view sentence) {
-            log.LogError(sentence);
-            return false;
+        const auto failed = [&](std::string_view sentence) {
+            return m_calls->fail(log, FailureKind::ModuleFailed, sentence);
         };
-        if (!areCStrings({&pin}, log)) return false;
-        if (!m_initialized && !C_Initialize(log)) return failed("Failed to initialize");
+        if (!areCStrings(*m_calls, {&pin}, log)) return false;
+        if (!isInUse() && !C_Initialize(log)) return failed("Failed to initialize");
         if (!openSession(-1, true, log)) return failed("Failed to open session.");
         if (pin.isEmpty()) {
             log.LogInfo("PIN is empty, not logging in.");
@@ -230,7 +288,8 @@ bool ClsPkcs11::Login(int userType, const XString& pin) {
     // Only the branch that keeps the PIN records its outcome.
     return publicCall(*this, *m_calls, "Login", Record::No, [&](LogBase& log) {
         if (userType != kContextSpecific) {
-            return areCStrings({&pin}, log) && C_Login(userType, pin.getUtf8(), false, log);
+            return m_calls->ready(log, function::kLogin) && areCStrings(*m_calls, {&pin}, log) &&
+                   C_Login(userType, pin.getUtf8(), false, log);
         }
         setContextSpecificPin(pin, log);
         logSuccessFailure2(true, log);
@@ -240,6 +299,7 @@ bool ClsPkcs11::Login(int userType, const XString& pin) {
 
 bool ClsPkcs11::login(int userType, const char* pin, LogBase& log) {
     const CritSecExitor lock(*this);
+    settleAfterFork(*this, *m_calls);
     const LogContextExitor context(log, "Login");
     m_calls->use.dropAfterFork(log);
     return C_Login(userType, pin, false, log);
@@ -268,14 +328,16 @@ bool ClsPkcs11::alreadyLoggedIn(int userType, LogBase&) const noexcept {
 
 bool ClsPkcs11::SetPin(const XString& oldPin, const XString& newPin) {
     return publicCall(*this, *m_calls, "SetPin", Record::Yes, [&](LogBase& log) {
-        return areCStrings({&oldPin, &newPin}, log) &&
+        return m_calls->ready(log, function::kSetPin) &&
+               areCStrings(*m_calls, {&oldPin, &newPin}, log) &&
                C_SetPIN(oldPin.getUtf8(), newPin.getUtf8(), log);
     });
 }
 
 bool ClsPkcs11::InitPin(const XString& pin) {
     return publicCall(*this, *m_calls, "InitPin", Record::Yes, [&](LogBase& log) {
-        return areCStrings({&pin}, log) && C_InitPIN(pin.getUtf8(), log);
+        return m_calls->ready(log, function::kInitPin) && areCStrings(*m_calls, {&pin}, log) &&
+               C_InitPIN(pin.getUtf8(), log);
     });
 }
 
@@ -284,7 +346,8 @@ bool ClsPkcs11::InitToken(int slotId, const XString& soPin, const XString& label
     return publicCall(*this, *m_calls, "FindCert_pkcs11", Record::Yes, [&](LogBase& log) {
         // -1 does not mean "any slot" here: a negative number is a 32-bit ID like any other.
         const auto id = static_cast<unsigned long>(static_cast<unsigned int>(slotId));
-        return areCStrings({&soPin, &label}, log) &&
+        return m_calls->ready(log, function::kInitToken) &&
+               areCStrings(*m_calls, {&soPin, &label}, log) &&
                C_InitToken(id, soPin.getUtf8(), label.getUtf8(), log);
     });
 }

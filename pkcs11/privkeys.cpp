@@ -11,7 +11,9 @@
 //         5. 2 and 3 again, after subjects and moduli have been read (the "retry")
 //   EC    1. CKA_ID
 //         2. the public point
-//         3. first key        the first EC key of the token, whatever it is: a guess
+//         3. first key        the first EC key of the token, whatever it is: a guess, made only
+//         when
+//                             no key's point is the certificate's
 //
 // A module that uses one handle for a certificate and its key (known by its file name) settles it
 // before any of this.
@@ -31,10 +33,9 @@
 #include <initializer_list>
 #include <string>
 
-#include "foundation/core/guarded.h"
 #include "foundation/x509/publickey.h"
-#include "pkcs11/calls/calls.h"
 #include "pkcs11/clspkcs11.h"
+#include "pkcs11/frame.h"
 #include "pkcs11/keyindex.h"
 
 namespace mervane {
@@ -83,6 +84,16 @@ CK_OBJECT_HANDLE firstRsaKey(const ExtPtrArray& keys, KeyIndex& index, KeyIndex:
     return keyAt(keys, at)->m_handle;
 }
 
+// The certificate's public point; empty if it has none that can be read.
+DataBuffer pointOf(const Certificate& cert) {
+    DataBuffer point;
+    _mvPublicKey publicKey;
+    LogNull log;
+    if (cert.getCertPublicKey(publicKey, log) && publicKey.getEccKey() != nullptr)
+        publicKey.getEccKey()->exportEccPoint(point, log);
+    return point;
+}
+
 }  // namespace
 
 bool ClsPkcs11::cardRequiresPss(LogBase&) {
@@ -91,84 +102,93 @@ bool ClsPkcs11::cardRequiresPss(LogBase&) {
 
 CK_OBJECT_HANDLE ClsPkcs11::findPrivKeyHandle(Certificate& cert, bool quick, int& keyType,
                                               int& expectedSignatureSize, LogBase& log) {
+    FoundKey found;
+    static_cast<void>(searchKey(cert, quick, found, log));
+    keyType = found.keyType;
+    expectedSignatureSize = found.signatureSize;
+    return found.handle;
+}
+
+bool ClsPkcs11::searchKey(Certificate& cert, bool quick, FoundKey& found, LogBase& log) {
     const LogContextExitor context(log, "findPrivKeyHandle");
     int bits = 0;
     if (m_certHandleIsKeyHandle) {
         log.LogInfo("Using certificate's PKCS11 handle as the private key handle...");
-        keyType = cert.getCertKeyType(bits, log);
-        log.LogDataLong("certKeyType", keyType);
-        expectedSignatureSize = bytesOfBits(bits) * (keyType == kEc ? 2 : 1);
-        log.LogDataLong("expectedSignatureSize", expectedSignatureSize);
-        return cert.tokenInfo().handle;
+        found.keyType = cert.getCertKeyType(bits, log);
+        log.LogDataLong("certKeyType", found.keyType);
+        found.signatureSize = bytesOfBits(bits) * (found.keyType == kEc ? 2 : 1);
+        log.LogDataLong("expectedSignatureSize", found.signatureSize);
+        if (!hasOpenSession()) return noSession(log);  // the handle belongs to one
+        found.handle = cert.tokenInfo().handle;
+        return true;
     }
     log.LogDataBool("userLoggedIn", m_userLoggedIn);
-    expectedSignatureSize = 0;
-    keyType = cert.getCertKeyType(bits, log);
-    if (keyType == kEc) {
-        expectedSignatureSize = 2 * bytesOfBits(bits);
-        return findEcKey(cert, quick, log);
+    found.keyType = cert.getCertKeyType(bits, log);
+    if (found.keyType == kEc) {
+        found.signatureSize = 2 * bytesOfBits(bits);
+        return findEcKey(cert, quick, found, log);
     }
-    if (keyType == kRsa) {
-        expectedSignatureSize = bytesOfBits(bits);
-        return findRsaKey(cert, quick, log);
+    if (found.keyType == kRsa) {
+        found.signatureSize = bytesOfBits(bits);
+        return findRsaKey(cert, quick, found, log);
     }
     log.LogError("Only EC and RSA keys are supported on PKCS11.");
-    log.LogDataLong("certKeyType", keyType);
-    return 0;
+    log.LogDataLong("certKeyType", found.keyType);
+    return true;
 }
 
-CK_OBJECT_HANDLE ClsPkcs11::findRsaKey(Certificate& cert, bool quick, LogBase& log) {
+bool ClsPkcs11::findRsaKey(Certificate& cert, bool quick, FoundKey& found, LogBase& log) {
     log.LogInfo("Looking for a matching RSA private key...");
-    if (!cacheRsaPrivateKeys(false, !quick, log)) return 0;
+    if (!cacheRsaPrivateKeys(false, !quick, log)) return false;
     const int numRsaKeys = m_rsaPrivKeys.getSize();
     log.LogDataLong("numRsaKeys", numRsaKeys);
-    const auto bySubjectOrModulus = [&]() -> CK_OBJECT_HANDLE {
-        CK_OBJECT_HANDLE key = 0;
-        if (m_rsaKeysHaveSubject) key = findRsaKeyBySubjectDER(cert, true, log);
-        if (key == 0 && m_rsaKeysHaveModulus) key = findRsaKeyByModulus(cert, true, log);
-        return key;
+    const auto bySubjectOrModulus = [&] {
+        if (m_rsaKeysHaveSubject) found.handle = findRsaKeyBySubjectDER(cert, true, log);
+        if (found.handle == 0 && m_rsaKeysHaveModulus)
+            found.handle = findRsaKeyByModulus(cert, true, log);
+        return found.handle != 0;
     };
-    if (const auto key = findRsaKeyById(cert, true, log)) return key;
-    if (const auto key = bySubjectOrModulus()) return key;
+    found.handle = findRsaKeyById(cert, true, log);
+    if (found.handle != 0 || bySubjectOrModulus()) return true;
     if (numRsaKeys == 1 && m_certs.getSize() == 1 && keyAt(m_rsaPrivKeys, 0) != nullptr) {
-        // Whether it may sign does not count here: there is no other.
+        // Whether it may sign does not matter here: there is no other.
         log.LogInfo("Using only possible private key");
-        return keyAt(m_rsaPrivKeys, 0)->m_handle;
+        found.handle = keyAt(m_rsaPrivKeys, 0)->m_handle;
+        return true;
     }
+    bool couldLook = true;
     if (numRsaKeys >= 1 && !(m_rsaKeysHaveSubject && m_rsaKeysHaveModulus)) {
         const LogContextExitor retry(log, "retry_subjectDer_modulus");
-        if (cacheRsaPrivateKeys(true, true, log)) {
-            if (const auto key = bySubjectOrModulus()) return key;
-        }
+        couldLook = cacheRsaPrivateKeys(true, true, log);
+        if (couldLook && bySubjectOrModulus()) return true;
     }
     log.LogInfo("No matching RSA private key found.");
-    return 0;
+    return couldLook;
 }
 
-CK_OBJECT_HANDLE ClsPkcs11::findEcKey(Certificate& cert, bool quick, LogBase& log) {
-    // A note, not a failure; it has its place on the error channel, where callers look for it.
+bool ClsPkcs11::findEcKey(Certificate& cert, bool quick, FoundKey& found, LogBase& log) {
+    // A note, not a failure; callers look for it on the error channel.
     log.LogError("Certificate key type is ECDSA.");
-    DataBuffer point;
-    _mvPublicKey publicKey;
-    LogNull silent;
-    if (cert.getCertPublicKey(publicKey, silent) && publicKey.getEccKey() != nullptr) {
-        publicKey.getEccKey()->exportEccPoint(point, silent);
-    }
-    if (!cacheEcdsaPrivateKeys(!point.isEmpty() && !quick, log)) return 0;
+    const DataBuffer point = pointOf(cert);
+    if (!cacheEcdsaPrivateKeys(!point.isEmpty() && !quick, log)) return false;
     log.LogDataLong("numEcdsaKeys", m_ecdsaPrivKeys.getSize());
 
-    const auto find = [&](KeyIndex::Field field, const DataBuffer& value) -> CK_OBJECT_HANDLE {
+    const auto find = [&](KeyIndex::Field field, const DataBuffer& value) {
         const int at =
             firstOf(m_ecdsaPrivKeys, *m_ecdsaIndex, field, {&value}, KeyIndex::Among::All, 0);
-        if (at < 0) return 0;
+        if (at < 0) return false;
         log.LogInfo("Found matching PKCS11 ECDSA private key.");
-        return keyAt(m_ecdsaPrivKeys, at)->m_handle;
+        found.handle = keyAt(m_ecdsaPrivKeys, at)->m_handle;
+        return true;
     };
-    if (const auto key = find(&Pkcs11_PrivateKey::m_keyId, cert.tokenInfo().ckaId)) return key;
-    if (const auto key = find(&Pkcs11_PrivateKey::m_ecPoint, point)) return key;
-    if (keyAt(m_ecdsaPrivKeys, 0) == nullptr) return 0;
+    if (find(&Pkcs11_PrivateKey::m_keyId, cert.tokenInfo().ckaId)) return true;
+    // The token knows better than the guess below, at the price of reading its points.
+    if (!point.isEmpty() && !cacheEcdsaPrivateKeys(true, log)) return false;
+    if (find(&Pkcs11_PrivateKey::m_ecPoint, point)) return true;
+    if (keyAt(m_ecdsaPrivKeys, 0) == nullptr) return true;
     log.LogInfo("Using first PKCS11 ECDSA private key");
-    return keyAt(m_ecdsaPrivKeys, 0)->m_handle;
+    found.handle = keyAt(m_ecdsaPrivKeys, 0)->m_handle;
+    return true;
 }
 
 CK_OBJECT_HANDLE ClsPkcs11::findRsaKeyById(Certificate& cert, bool requireSign, LogBase& log) {
@@ -202,18 +222,20 @@ CK_OBJECT_HANDLE ClsPkcs11::findRsaKeyByModulus(Certificate& cert, bool requireS
 bool ClsPkcs11::linkCertToPkcs11Session(Certificate* cert, bool quick, LogBase& log) {
     const LogContextExitor context(log, "linkCertToPkcs11Session");
     if (cert == nullptr) return false;
-    m_calls->use.dropAfterFork(log);
-    return guarded(log, [&] {
-        int keyType = 0;
-        int signatureSize = 0;
-        const CK_OBJECT_HANDLE key = findPrivKeyHandle(*cert, quick, keyType, signatureSize, log);
-        log.LogDataBool("hasPrivateKey", key != 0);
-        log.LogDataLong("expectedSignatureSize", signatureSize);
-        if (key == 0) {
-            log.LogError("No matching private key found on the HSM.");
-            return false;
+    if (m_calls->use.hasForked()) {
+        const CritSecExitor lock(*this);
+        settleAfterFork(*this, *m_calls);
+    }
+    return guardedCall(*m_calls, log, [&](LogBase&) {
+        FoundKey found;
+        const bool couldLook = searchKey(*cert, quick, found, log);
+        log.LogDataBool("hasPrivateKey", found.handle != 0);
+        log.LogDataLong("expectedSignatureSize", found.signatureSize);
+        if (found.handle == 0) {
+            const auto kind = couldLook ? FailureKind::NotFound : FailureKind::ModuleFailed;
+            return m_calls->fail(log, kind, "No matching private key found on the HSM.");
         }
-        cert->linkToPkcs11Session(this, keyType, signatureSize, key, log);
+        cert->linkToPkcs11Session(this, found.keyType, found.signatureSize, found.handle, log);
         return true;
     });
 }

@@ -56,6 +56,13 @@ class Pkcs11_Attributes final : public NonRefCountedObj {
     bool m_wasPartial = false;  ///< some attributes were missing or did not fit
 };
 
+/// What the search for a certificate's private key has found.
+struct FoundKey {
+    CK_OBJECT_HANDLE handle = 0;  ///< 0: none
+    int keyType = 0;              ///< of the certificate, as Certificate::getCertKeyType has it
+    int signatureSize = 0;        ///< bytes; 0 if the key type is not supported
+};
+
 /// What FindCert looks for.
 struct _smartcardCertSpec {
     StringBuffer reader;  ///< for callers that choose among card readers; not read here

@@ -1,8 +1,25 @@
 #include "pkcs11/state.h"
 
+#include <memory>
+
 #include "foundation/x509/certificate.h"
+#include "pkcs11/keyindex.h"
 
 namespace mervane {
+namespace {
+
+// A new value in the place of one that may be half changed, whose destructor must not run.
+template <class T>
+void renew(T& member) {
+    std::construct_at(&member);
+}
+
+}  // namespace
+
+Pkcs11State::Pkcs11State()
+    : m_rsaIndex(std::make_unique<KeyIndex>()), m_ecdsaIndex(std::make_unique<KeyIndex>()) {}
+
+Pkcs11State::~Pkcs11State() = default;
 
 void Pkcs11State::clearCertCache(LogBase& log) {
     const LogContextExitor context(log, "clearPkcs11CertCache");
@@ -26,6 +43,22 @@ void Pkcs11State::clearSessionData(LogBase& log) {
     m_userLoggedIn = m_soLoggedIn = false;
     clearCertCache(log);
     clearPrivateKeyCaches();
+}
+
+void Pkcs11State::abandon() {
+    renew(m_systemCerts);
+    if (m_isSettingProperty) {
+        renew(m_sharedLibPath);
+        renew(m_sigContextPin);
+        m_isSettingProperty = false;
+    }
+    renew(m_loadedLibPath);
+    m_libHandle = nullptr;  // stays mapped
+    for (ExtPtrArray* const list : {&m_certs, &m_rsaPrivKeys, &m_ecdsaPrivKeys}) list->abandon();
+    for (auto* const index : {&m_rsaIndex, &m_ecdsaIndex}) {
+        static_cast<void>(index->release());
+        *index = std::make_unique<KeyIndex>();
+    }
 }
 
 }  // namespace mervane

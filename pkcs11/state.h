@@ -1,6 +1,8 @@
 #ifndef MERVANE_PKCS11_STATE_H
 #define MERVANE_PKCS11_STATE_H
 
+#include <memory>
+
 #include "../foundation/core/ptrarray.h"
 #include "../foundation/log/logbase.h"
 #include "../foundation/text/xstring.h"
@@ -8,6 +10,8 @@
 #include "calls/cktypes.h"
 
 namespace mervane {
+
+class KeyIndex;
 
 /// The members of a ClsPkcs11. All are guarded by the object's critical section; nothing here takes
 /// it. Who changes which: the loader (pkcs11/module.cpp) the library, the call layer
@@ -21,6 +25,11 @@ namespace mervane {
 ///     logout                            the logins, all caches; the session stays
 ///     login                             the key caches and m_certsLoaded: more can be seen
 struct Pkcs11State {
+    Pkcs11State();
+    Pkcs11State(const Pkcs11State&) = delete;
+    Pkcs11State& operator=(const Pkcs11State&) = delete;
+    ~Pkcs11State();
+
     SystemCertsHolder m_systemCerts;  // given to every certificate that is handed out
 
     // --- The module. The path takes effect at the next load.
@@ -51,7 +60,10 @@ struct Pkcs11State {
     bool m_userLoggedIn = false;
     XString m_sigContextPin;  // kept until it is set anew
 
-    bool m_ecdsaKeysHavePoints = false;  // of the last fill of m_ecdsaPrivKeys
+    bool m_ecdsaKeysHavePoints = false;    // of the last fill of m_ecdsaPrivKeys
+    std::unique_ptr<KeyIndex> m_rsaIndex;  // over the two caches
+    std::unique_ptr<KeyIndex> m_ecdsaIndex;
+    bool m_isSettingProperty = false;  // see abandon()
 
     /// Unlinks every cached certificate, then forgets them all.
     void clearCertCache(LogBase& log);
@@ -59,6 +71,10 @@ struct Pkcs11State {
     void clearPrivateKeyCaches() noexcept;
     /// Forgets who is logged in and all that was read, as the end of a session does.
     void clearSessionData(LogBase& log);
+    /// In a forked child, when another thread was changing the members at the fork: makes them as
+    /// new and leaves what they held unfreed. Only the two properties are kept, unless one of them
+    /// was being set just then.
+    void abandon();
 };
 
 }  // namespace mervane

@@ -28,7 +28,8 @@ bool ClsPkcs11::C_Initialize(LogBase& log) {
         // The loader is silent about a missing file, since it tries two ways.
         const char* const path = m_sharedLibPath.getUtf8();
         if (!m_sharedLibPath.isEmpty() && !FileSys::fileExistsUtf8(path, nullptr, nullptr)) {
-            log.LogError("The PKCS11 module is missing: the SharedLibPath names no regular file.");
+            m_calls->fail(log, FailureKind::ModuleMissing,
+                          "The PKCS11 module is missing: the SharedLibPath names no regular file.");
             log.LogDataX("sharedLibPath", m_sharedLibPath);
         }
         return false;

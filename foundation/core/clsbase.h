@@ -3,9 +3,9 @@
 
 #include <memory>
 
+#include "../log/logger.h"
 #include "critsec.h"
 #include "object.h"
-#include "../log/logger.h"
 
 namespace mervane {
 

@@ -35,6 +35,13 @@ void MervaneCritSec::renewAfterFork(std::uint32_t seen, std::uint32_t current) n
         std::this_thread::yield();
         return;
     }
+    // A mutex that a thread of the parent held cannot be locked here, not even by the thread that
+    // forked: it has another ID in the child.
+    if (m_mutex.try_lock()) {
+        m_mutex.unlock();
+    } else {
+        m_wasHeldAtFork.store(true);
+    }
     ::new (static_cast<void*>(&m_mutex)) std::recursive_mutex;
     m_generation.store(current, std::memory_order_release);
 }

@@ -21,6 +21,10 @@ class MervaneCritSec {
     void enterCriticalSection();
     void leaveCriticalSection() noexcept;
 
+    /// In a forked child, once it has entered: somebody was inside the section at the fork, so that
+    /// what it guards may be half changed. Asked once: the answer is false from then on.
+    [[nodiscard]] bool takeWasHeldAtFork() noexcept { return m_wasHeldAtFork.exchange(false); }
+
   private:
     void renewAfterFork(std::uint32_t seen, std::uint32_t current) noexcept;
 
@@ -30,6 +34,7 @@ class MervaneCritSec {
         std::recursive_mutex m_mutex;
     };
     std::atomic<std::uint32_t> m_generation;
+    std::atomic<bool> m_wasHeldAtFork{false};
 };
 
 /// Holds a critical section for the length of a scope.

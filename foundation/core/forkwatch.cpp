@@ -30,13 +30,24 @@ std::uint32_t forkGeneration() noexcept {
 }
 
 void watchProcessExit(const void* user, const void* library) {
-    static std::mutex& mutex = *std::make_unique<std::mutex>().release();
-    static auto& watched = *std::make_unique<std::set<const void*>>().release();
+    // Neither is ever freed: exit handlers and destructors of static objects come in any order. A
+    // fork abandons both, since another thread may have been at work on them.
+    struct Watched {
+        std::mutex mutex;
+        std::set<const void*> seen;
+        std::uint32_t generation = forkGeneration();
+    };
+    static std::atomic<Watched*> current{std::make_unique<Watched>().release()};
+    Watched* watched = current.load();
+    if (watched->generation != forkGeneration()) {
+        watched = std::make_unique<Watched>().release();
+        current.store(watched);
+    }
     Dl_info image{};
     const bool isStatic = ::dladdr(user, &image) != 0;
-    const std::lock_guard lock(mutex);
-    const bool isNewLibrary = watched.insert(library).second;
-    const bool isNewUser = isStatic && watched.insert(user).second;
+    const std::lock_guard lock(watched->mutex);
+    const bool isNewLibrary = watched->seen.insert(library).second;
+    const bool isNewUser = isStatic && watched->seen.insert(user).second;
     // Handlers run in the reverse order of their registration. This one runs before those of the
     // library, and before the destructor of a static object that is complete by now. An object that
     // is to be destroyed earlier than that finds the library at work.

@@ -8,8 +8,8 @@
 #include <utility>
 #include <vector>
 
-#include "object.h"
 #include "../text/stringbuffer.h"
+#include "object.h"
 
 namespace mervane {
 
@@ -38,6 +38,13 @@ class ExtPtrArray {
         m_items.swap(other.m_items);
         ++m_changes;
         ++other.m_changes;
+    }
+
+    /// Empties the array without freeing anything: for a forked child in which the array may be
+    /// half changed.
+    void abandon() noexcept {
+        std::construct_at(&m_items);
+        ++m_changes;
     }
 
     /// Says that elements were changed in place.

@@ -48,9 +48,16 @@ const JsonValue* walk(const JsonValue* value, std::string_view path, int variabl
     return value;
 }
 
+// The document of an object that is new or was cleared, shared by all of them, so that clearing one
+// needs no memory and cannot leave its old content behind. root() copies it before a change.
+const std::shared_ptr<JsonValue>& emptyDocument() {
+    static const auto document = std::make_shared<JsonValue>(JsonValue::object());
+    return document;
+}
+
 }  // namespace
 
-ClsJsonObject::ClsJsonObject() : m_root(std::make_shared<JsonValue>(JsonValue::object())) {}
+ClsJsonObject::ClsJsonObject() : m_root(emptyDocument()) {}
 
 ClsJsonObject* ClsJsonObject::createNewCls() noexcept {
     try {
@@ -79,7 +86,7 @@ bool ClsJsonObject::loadJson(std::string_view utf8, LogBase& log) {
 }
 
 void ClsJsonObject::clear(LogBase&) {
-    m_root = std::make_shared<JsonValue>(JsonValue::object());
+    m_root = emptyDocument();
 }
 
 std::string ClsJsonObject::emit(bool indented) const {

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <memory>
 #include <utility>
 
 #include "foundation/text/jsonstring.h"
@@ -204,6 +205,13 @@ std::string _mvLogger::json() const {
     });
     for (int open = m_depth; open > 0; --open) out.append("]}");
     return out + "]";
+}
+
+void _mvLogger::abandon() noexcept {
+    for (std::string* const text : {&m_bytes, &m_lastError, &m_lastHint}) std::construct_at(text);
+    std::construct_at(&m_calls);
+    m_numDropped = m_stored = 0;
+    m_depth = 0;
 }
 
 void _mvLogger::clear() noexcept {

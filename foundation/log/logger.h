@@ -47,6 +47,8 @@ class _mvLogger final : public LogBase {
     void clear() noexcept;
     /// In a forked child: contexts that other threads of the parent had open will not be closed.
     void forgetOpenContexts() noexcept { m_depth = 0; }
+    /// The same if a thread was writing at the fork: begins anew, and frees nothing.
+    void abandon() noexcept;
 
   private:
     void write(Kind kind, std::string_view name, std::string_view text) noexcept override;

@@ -37,14 +37,12 @@ bool initToken(Calls& calls, CK_SLOT_ID slotId, const char* soPin, const char* l
     const std::string_view text(label);
     log.LogDataUnsigned("slotId", slotId);
     if (text.size() > padded.size()) {
-        log.LogError("The token label is longer than 32 bytes of UTF-8.");
+        calls.fail(log, FailureKind::Argument, "The token label is longer than 32 bytes of UTF-8.");
         log.LogData("label", text);
         return false;
     }
-    if (!isValidUtf8(text)) {
-        log.LogError("The token label is not UTF-8.");
-        return false;
-    }
+    if (!isValidUtf8(text))
+        return calls.fail(log, FailureKind::Argument, "The token label is not UTF-8.");
     std::ranges::copy(text, padded.begin());
     PinArgument pin(calls, soPin, slotId, log);
     const auto rv =

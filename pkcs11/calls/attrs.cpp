@@ -7,13 +7,15 @@
 //
 //   1. sensitive    length -1, CKR_ATTRIBUTE_SENSITIVE for the whole call: absent
 //   2. not there    length -1, CKR_ATTRIBUTE_TYPE_INVALID for the whole call: absent
-//   3. no room      length -1 or the length needed, CKR_BUFFER_TOO_SMALL: asked again by itself
+//   3. no room      length -1 or the length needed, CKR_BUFFER_TOO_SMALL: asked again alone
 //   4. written      the length written, and CKR_OK or one of the three codes above, which then
 //                   concern another attribute: present
 //   5. an error     any other code: nothing of the object counts
 //
 // A code of the whole call does not say which attribute it is about. So length and room decide:
 //
+//   - A value of bytes without a length is asked for its length alone, whatever the code: if one
+//     attribute is too long and another is missing, most modules report the missing one.
 //   - The room is preset to a byte that neither DER nor identifiers begin with in a row. What still
 //     stands there was not written, whatever the length says. A genuine run of the fill byte
 //     survives: it is read again over a different fill.
@@ -129,7 +131,7 @@ ObjectReader::State ObjectReader::judge(std::size_t row, const CK_ATTRIBUTE& ans
         if (isUnavailable && rv == CKR_BUFFER_TOO_SMALL) return State::Unsettled;
         if (answer.ulValueLen != room.size()) return State::Absent;
     } else {
-        if (isUnavailable) return rv == CKR_BUFFER_TOO_SMALL ? State::TooLong : State::Absent;
+        if (isUnavailable) return rv == CKR_OK ? State::Absent : State::TooLong;
         if (answer.ulValueLen > room.size()) return State::TooLong;
         if (answer.ulValueLen == room.size() && rv != CKR_OK) return State::Unsettled;
     }
@@ -149,7 +151,7 @@ bool ObjectReader::read(CK_OBJECT_HANDLE object, LogBase& log) {
                                 static_cast<CK_ULONG>(m_rows.size()));
     m_record.m_wasPartial = rv && isPartial(*rv);
     if (!rv ||
-        (!m_record.m_wasPartial && !m_calls.report(function::kGetAttributeValue, *rv, log))) {
+        (!m_record.m_wasPartial && !m_calls.reportLoss(function::kGetAttributeValue, *rv, log))) {
         log.LogDataUnsigned("objectHandle", object);
         return false;
     }

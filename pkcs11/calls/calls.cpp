@@ -2,28 +2,68 @@
 
 #include "pkcs11/calls/calls.h"
 
+#include <exception>
 #include <string>
 
 #include "foundation/text/hex.h"
 
 namespace mervane {
 
-bool Calls::noFunc(const char* functionName, LogBase& log) const {
-    log.LogError("Function not found");
+void Calls::noteFailure(FailureKind kind, std::string_view cause) noexcept {
+    if (failure.kind != FailureKind::None) return;
+    failure.kind = kind;
+    try {
+        failure.cause = cause;
+    } catch (const std::exception&) {
+        failure.cause.clear();  // no memory for the text; the kind stays
+    }
+}
+
+bool Calls::fail(LogBase& log, FailureKind kind, std::string_view sentence) noexcept {
+    log.LogError(sentence);
+    noteFailure(kind, sentence);
+    try {
+        failure.summary = sentence;
+    } catch (const std::exception&) {
+        failure.summary.clear();
+    }
+    return false;
+}
+
+void Calls::hint(LogBase& log, std::string_view sentence) noexcept {
+    log.LogHint(sentence);
+    try {
+        failure.hint = sentence;
+    } catch (const std::exception&) {
+        failure.hint.clear();
+    }
+}
+
+bool Calls::noFunc(const char* functionName, LogBase& log) {
+    const bool isList = std::string_view(functionName) == "C_GetFunctionList";
+    noteFailure(isList ? FailureKind::NotAModule : FailureKind::NotSupported,
+                std::string(state.m_loadedLibPath.view()) +
+                    (isList ? " is no PKCS#11 module (no C_GetFunctionList)."
+                            : " does not offer " + std::string(functionName) + "."));
+    fail(log, FailureKind::NotSupported, "Function not found");
     log.LogData("functionName", functionName);
     log.LogDataX("sharedLibPath", state.m_loadedLibPath);
     return false;
 }
 
-bool Calls::noFuncs(LogBase& log) const {
-    log.LogError("PKCS11 functions not available");
+bool Calls::noFuncs(LogBase& log) {
+    noteFailure(FailureKind::ModuleMissing, "No PKCS#11 module is loaded.");
+    fail(log, FailureKind::ModuleMissing, "PKCS11 functions not available");
     log.LogDataX("sharedLibPath", state.m_loadedLibPath);
     return false;
 }
 
-bool Calls::noSession(LogBase& log) const {
-    log.LogError("No PKCS11 session is open.");
-    return false;
+bool Calls::noSession(LogBase& log) {
+    return fail(log, FailureKind::TokenGone, "No PKCS11 session is open.");
+}
+
+bool Calls::sessionChanged(LogBase& log) {
+    return fail(log, FailureKind::TokenGone, "The session was replaced during the call.");
 }
 
 bool Calls::readyFor(Needs needs, const char* functionName, LogBase& log) {
@@ -41,18 +81,24 @@ bool Calls::readyFor(Needs needs, const char* functionName, LogBase& log) {
 
 bool Calls::reportCode(const char* functionName, Needs needs, CK_RV rv, LogBase& log) {
     if (rv == CKR_OK) return true;
-    const bool uninitialised = rv == CKR_CRYPTOKI_NOT_INITIALIZED;
     const bool sessionEnded = needs == Needs::Session && hasOpenSession() && endsSession(rv);
-    log.LogError(std::string(functionName) + " failed with " + rvName(rv) + ".");
+    const std::string failed = std::string(functionName) + " failed with " + rvName(rv);
+    if (failure.kind == FailureKind::None) {
+        failure.function = functionName;
+        failure.rv = rv;
+        noteFailure(sessionEnded ? FailureKind::TokenGone : rvKind(rv),
+                    failed + " (" + toHexNumber(rv, 1) + ").");
+    }
+    fail(log, rvKind(rv), failed + ".");
     log.LogData("rv", toHexNumber(rv));
-    if (uninitialised) {
+    if (rv == CKR_CRYPTOKI_NOT_INITIALIZED) {
         use.dropInitialisation(log);
-        log.LogHint("The module is not initialised; Initialize or QuickSession begins anew.");
+        hint(log, "The module is not initialised; Initialize or QuickSession begins anew.");
     } else if (sessionEnded) {
         use.dropSession(log);
-        log.LogHint("The session is gone; OpenSession is next.");
-    } else if (const auto hint = rvHint(rv); !hint.empty()) {
-        log.LogHint(hint);
+        hint(log, "The session is gone; OpenSession is next.");
+    } else if (const auto advice = rvHint(rv); !advice.empty()) {
+        hint(log, advice);
     }
     return false;
 }

@@ -7,8 +7,14 @@
 #include "pkcs11/calls/functions.h"
 #include "pkcs11/calls/guard.h"
 #include "pkcs11/calls/moduleuse.h"
+#include "pkcs11/failure.h"
 
 namespace mervane {
+
+/// The return value of a call means that what the call needs is gone.
+inline bool endsUse(Needs needs, CK_RV rv) noexcept {
+    return rv == CKR_CRYPTOKI_NOT_INITIALIZED || (needs == Needs::Session && endsSession(rv));
+}
 
 /// How the functions of the module are called, over the members of one object: checks, call and
 /// report stand here once, for all functions.
@@ -33,6 +39,15 @@ class Calls {
 
     Pkcs11State& state;
     ModuleUse use;
+    Failure failure;  // of the public call that runs, or ran last
+
+    /// Reports a failure of the public call: one error line. The first one is the cause, the last
+    /// the summary. False, so that a check can report and fail in one step.
+    bool fail(LogBase& log, FailureKind kind, std::string_view sentence) noexcept;
+    /// The same without a line in the log, for a cause that the log tells in its own way.
+    void noteFailure(FailureKind kind, std::string_view cause) noexcept;
+    /// An information line on what usually helps.
+    void hint(LogBase& log, std::string_view sentence) noexcept;
 
     [[nodiscard]] bool hasOpenSession() const noexcept { return state.m_hSession != 0; }
 
@@ -56,20 +71,26 @@ class Calls {
         return rv == CKR_OK || reportCode(function.name, N, rv, log);
     }
     bool reportCode(const char* functionName, Needs needs, CK_RV rv, LogBase& log);
+    /// report() for something that the call can do without: no failure of the call, unless the
+    /// session has ended with it.
+    template <Needs N, class Signature>
+    bool reportLoss(const ModuleFunction<N, Signature>& function, CK_RV rv, LogBase& log) {
+        const Failure before = failure;
+        if (report(function, rv, log)) return true;
+        if (!endsUse(N, rv)) failure = before;
+        return false;
+    }
 
-    // Each writes its lines and is false, so that a check can report and fail in one step.
-    bool noFunc(const char* functionName, LogBase& log) const;
-    bool noFuncs(LogBase& log) const;
-    bool noSession(LogBase& log) const;
+    // Each reports and is false.
+    bool noFunc(const char* functionName, LogBase& log);
+    bool noFuncs(LogBase& log);
+    bool noSession(LogBase& log);
+    /// The module called back into the object, which has another session now.
+    bool sessionChanged(LogBase& log);
 
   private:
     bool readyFor(Needs needs, const char* functionName, LogBase& log);
 };
-
-/// The return value of a call means that what the call needs is gone.
-inline bool endsUse(Needs needs, CK_RV rv) noexcept {
-    return rv == CKR_CRYPTOKI_NOT_INITIALIZED || (needs == Needs::Session && endsSession(rv));
-}
 
 template <class... Functions>
 bool Calls::ready(LogBase& log, const Functions&... functions) {
@@ -85,6 +106,7 @@ std::optional<CK_RV> Calls::ask(LogBase& log, const ModuleFunction<N, Signature>
                                 Args... args) {
     if (!ready(log, function)) return std::nullopt;
     const Signature call = use.functions()->*function.member;
+    const ModuleUse::Inside inside(use);
     if constexpr (N == Needs::Session) {
         return callModule(log, call, state.m_hSession, args...);
     } else {

@@ -99,6 +99,7 @@ inline constexpr CK_FLAGS CKF_TOKEN_PRESENT = 0x1;
 
 inline constexpr CK_USER_TYPE CKU_SO = 0;
 inline constexpr CK_USER_TYPE CKU_USER = 1;
+inline constexpr CK_USER_TYPE CKU_CONTEXT_SPECIFIC = 2;
 
 inline constexpr CK_ULONG CKO_DATA = 0;
 inline constexpr CK_ULONG CKO_CERTIFICATE = 1;
@@ -193,8 +194,8 @@ struct CK_FUNCTION_LIST {
     CK_UNCALLED C_WaitForSlotEvent;
 };
 
-// 68 pointers after the version, which alignment pads to the size of a pointer. Each function that is
-// called stands at its number in the standard's list.
+// 68 pointers after the version, which alignment pads to the size of a pointer. Each function that
+// is called stands at its number in the standard's list.
 static_assert(sizeof(CK_FUNCTION_LIST) == 69 * sizeof(void*));
 static_assert(offsetof(CK_FUNCTION_LIST, C_Initialize) == 1 * sizeof(void*));
 static_assert(offsetof(CK_FUNCTION_LIST, C_Finalize) == 2 * sizeof(void*));

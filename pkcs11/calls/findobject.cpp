@@ -89,29 +89,23 @@ constexpr std::array kMembers = {
            [](const JsonValue& v, Description&) { return v.asNumber().has_value(); }},
 };
 
-bool readDescription(const ClsJsonObject& json, Description& out, LogBase& log) {
+bool readDescription(Calls& calls, const ClsJsonObject& json, Description& out, LogBase& log) {
+    const auto refused = [&](const std::string& sentence) {
+        return calls.fail(log, FailureKind::Argument, sentence);
+    };
     const JsonObject* const members = json.valueAt("")->asObject();
-    if (members == nullptr) {
-        log.LogError("The description of the object is not a JSON object.");
-        return false;
-    }
+    if (members == nullptr) return refused("The description of the object is not a JSON object.");
     for (const JsonMember& given : *members) {
         const std::string name(given.name());
         const auto* const member =
             std::ranges::find(kMembers, std::string_view(name), &Member::name);
-        if (member == kMembers.end()) {
-            log.LogError("The description has an unknown member: \"" + name + "\".");
-            return false;
-        }
-        if (&given.value != json.valueAt("")->find(name)) {
-            log.LogError("The description names \"" + name + "\" twice.");
-            return false;
-        }
-        if (!member->read(given.value, out)) {
-            log.LogError("The member \"" + name + "\" of the description is not " +
-                         std::string(member->form) + ".");
-            return false;
-        }
+        if (member == kMembers.end())
+            return refused("The description has an unknown member: \"" + name + "\".");
+        if (&given.value != json.valueAt("")->find(name))
+            return refused("The description names \"" + name + "\" twice.");
+        if (!member->read(given.value, out))
+            return refused("The member \"" + name + "\" of the description is not " +
+                           std::string(member->form) + ".");
     }
     return true;
 }
@@ -141,7 +135,7 @@ std::vector<std::uint8_t> derInteger(std::span<const std::uint8_t> number) {
 
 int findObject(Calls& calls, ClsJsonObject& json, LogBase& log) {
     Description wanted;
-    if (!calls.ready(log, function::kFindObjectsInit) || !readDescription(json, wanted, log))
+    if (!calls.ready(log, function::kFindObjectsInit) || !readDescription(calls, json, wanted, log))
         return 0;
     json.root().remove("handle");
     std::vector<std::vector<std::uint8_t>> serials(1);
@@ -168,6 +162,7 @@ int findObject(Calls& calls, ClsJsonObject& json, LogBase& log) {
         }
     }
     log.LogInfo("No object fits the description.");
+    calls.noteFailure(FailureKind::NotFound, "No object fits the description.");
     return 0;
 }
 

@@ -108,7 +108,7 @@ struct Selection {
     }
 };
 
-bool readSelector(std::string_view text, Selection& out, LogBase& log) {
+bool readSelector(Calls& calls, std::string_view text, Selection& out, LogBase& log) {
     constexpr std::string_view kSeparators = ", \t\r\n";
     bool all = false;
     for (auto at = text.find_first_not_of(kSeparators); at != std::string_view::npos;) {
@@ -125,8 +125,9 @@ bool readSelector(std::string_view text, Selection& out, LogBase& log) {
         } else if (equalsIgnoreCase(word, "all")) {
             all = true;
         } else {
-            log.LogError("The key selector has an unknown word: \"" + std::string(word) + "\".");
-            return false;
+            return calls.fail(
+                log, FailureKind::Argument,
+                "The key selector has an unknown word: \"" + std::string(word) + "\".");
         }
         at = text.find_first_not_of(kSeparators, end);
     }
@@ -204,7 +205,7 @@ bool listKeys(Calls& calls, const KeyClass& keyClass, const Selection& selection
 bool findAllKeys(Calls& calls, const XString& selector, ClsJsonObject& json, LogBase& log) {
     Selection selection;
     if (!calls.ready(log, function::kFindObjectsInit) ||
-        !readSelector(selector.view(), selection, log)) {
+        !readSelector(calls, selector.view(), selection, log)) {
         return false;
     }
     JsonValue list = JsonValue::array();

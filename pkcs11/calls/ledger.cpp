@@ -1,11 +1,7 @@
 #include "pkcs11/calls/ledger.h"
 
-#include <chrono>
 #include <map>
-#include <memory>
-#include <thread>
 
-#include "foundation/core/critsec.h"
 #include "foundation/core/forkwatch.h"
 
 namespace mervane::ledger {
@@ -13,15 +9,33 @@ namespace {
 
 struct Use {
     int numUsers = 0;
-    bool ours = false;        // one of our objects initialised the module
-    bool finalizing = false;  // the last user is in C_Finalize
+    bool ours = false;  // one of our objects initialised the module
 };
 
-// Never destroyed: objects of static storage may end after anything that is.
-struct Book {
-    MervaneCritSec section;  // survives fork
-    std::uint32_t generation = forkGeneration();
+struct Page {
     std::map<const CK_FUNCTION_LIST*, Use> uses;
+    std::map<const void*, std::shared_ptr<MervaneCritSec>> turns;  // by library
+};
+
+// Never destroyed: objects of static storage may outlive anything that is. After a fork no module
+// is initialised in this process, and another thread may have been writing on the page: a new one
+// is begun, and the old one is abandoned, not freed.
+class Book {
+  public:
+    template <class Work>
+    auto withPage(Work work) {
+        const CritSecExitor lock(m_section);
+        if (m_generation != forkGeneration()) {
+            m_page = std::make_unique<Page>().release();
+            m_generation = forkGeneration();
+        }
+        return work(*m_page);
+    }
+
+  private:
+    MervaneCritSec m_section;  // survives a fork
+    std::uint32_t m_generation = forkGeneration();
+    Page* m_page = std::make_unique<Page>().release();
 };
 
 Book& book() {
@@ -29,66 +43,40 @@ Book& book() {
     return instance;
 }
 
-// Runs `work` on the entries under the lock. After a fork no module is initialised in this process.
-template <class Work>
-auto withUses(Work work) {
-    Book& b = book();
-    const CritSecExitor lock(b.section);
-    if (b.generation != forkGeneration()) {
-        b.uses.clear();
-        b.generation = forkGeneration();
-    }
-    return work(b.uses);
+std::shared_ptr<MervaneCritSec> sectionOf(const void* library) {
+    return book().withPage([library](Page& page) {
+        auto& section = page.turns[library];
+        if (!section) section = std::make_shared<MervaneCritSec>();
+        return section;
+    });
 }
 
 }  // namespace
 
-void enter(const CK_FUNCTION_LIST* module) {
-    constexpr auto kPause = std::chrono::milliseconds(1);
-    constexpr int kMaxPauses = 5000;
-    for (int numPauses = 0;; ++numPauses) {
-        const bool entered = withUses([&](auto& uses) {
-            Use& use = uses[module];
-            if (use.finalizing && numPauses < kMaxPauses) return false;
-            ++use.numUsers;
-            return true;
-        });
-        if (entered) return;
-        std::this_thread::sleep_for(kPause);
-    }
-}
+Turn::Turn(const void* library) : m_section(sectionOf(library)), m_lock(*m_section) {}
 
-void markOurs(const CK_FUNCTION_LIST* module) noexcept {
-    withUses([&](auto& uses) {
-        const auto use = uses.find(module);
-        if (use != uses.end()) use->second.ours = true;
+void enter(const CK_FUNCTION_LIST* module, bool initialisedByUs) {
+    book().withPage([&](Page& page) {
+        Use& use = page.uses[module];
+        ++use.numUsers;
+        use.ours = use.ours || initialisedByUs;
     });
 }
 
 bool leave(const CK_FUNCTION_LIST* module) noexcept {
-    return withUses([&](auto& uses) {
-        const auto use = uses.find(module);
-        if (use == uses.end() || --use->second.numUsers > 0) return false;
+    return book().withPage([module](Page& page) {
+        const auto use = page.uses.find(module);
+        if (use == page.uses.end() || --use->second.numUsers > 0) return false;
         const bool ours = use->second.ours;
-        use->second.finalizing = ours;
-        if (!ours) uses.erase(use);
+        page.uses.erase(use);
         return ours;
     });
 }
 
-void finalized(const CK_FUNCTION_LIST* module) noexcept {
-    withUses([&](auto& uses) {
-        const auto use = uses.find(module);
-        if (use == uses.end()) return;
-        use->second.ours = use->second.finalizing = false;
-        if (use->second.numUsers <= 0) uses.erase(use);
-    });
-}
-
 void forget(const CK_FUNCTION_LIST* module) noexcept {
-    withUses([&](auto& uses) {
-        const auto use = uses.find(module);
-        if (use != uses.end() && --use->second.numUsers <= 0) uses.erase(use);
+    book().withPage([module](Page& page) {
+        const auto use = page.uses.find(module);
+        if (use != page.uses.end() && --use->second.numUsers <= 0) page.uses.erase(use);
     });
 }
 

@@ -1,6 +1,10 @@
 #ifndef MERVANE_PKCS11_CALLS_LEDGER_H
 #define MERVANE_PKCS11_CALLS_LEDGER_H
 
+#include <memory>
+
+#include "foundation/core/critsec.h"
+
 namespace mervane {
 struct CK_FUNCTION_LIST;
 }
@@ -9,21 +13,36 @@ namespace mervane::ledger {
 
 // Initialisation is process-wide in a module, so the objects of this process that use one are
 // counted here, keyed by the module's function list. The last one out calls C_Finalize, and only if
-// one of them initialised the module. No lock is held while a module is called.
+// one of them initialised the module.
+//
+// Modules do not survive being initialised by two threads at once, so C_Initialize and C_Finalize
+// of one library run one after the other: whoever calls either holds the library's Turn meanwhile.
+// Turns of different libraries do not wait for each other, and no other call waits for a Turn. A
+// thread that holds one may take it again: a module may call back into the application from within
+// C_Initialize.
 
-/// Counts one more user, about to call C_Initialize. While the last user is finalising the module,
-/// waits for that to end, five seconds at most.
-void enter(const CK_FUNCTION_LIST* module);
+/// Holds a library's initialisation and finalisation for the length of a scope, waiting for whoever
+/// holds it, as long as that takes.
+class Turn {
+  public:
+    /// `library` is the handle from dlopen.
+    explicit Turn(const void* library);
 
-/// The user that entered has initialised the module, rather than found it initialised.
-void markOurs(const CK_FUNCTION_LIST* module) noexcept;
+  private:
+    std::shared_ptr<MervaneCritSec> m_section;
+    CritSecExitor m_lock;
+};
 
-/// One user fewer. True if the caller has to call C_Finalize and then finalized().
+// The functions below are called while the Turn is held.
+
+/// Counts one more user of the module, which has been initialised: by this user, or before.
+void enter(const CK_FUNCTION_LIST* module, bool initialisedByUs);
+
+/// One user fewer. True if the caller has to call C_Finalize.
 [[nodiscard]] bool leave(const CK_FUNCTION_LIST* module) noexcept;
-void finalized(const CK_FUNCTION_LIST* module) noexcept;
 
-/// One user fewer and no C_Finalize to follow: its C_Initialize failed, or somebody else has
-/// finalised the module.
+/// One user fewer and no C_Finalize to follow, because somebody else has finalised the module.
+/// Needs no Turn.
 void forget(const CK_FUNCTION_LIST* module) noexcept;
 
 }  // namespace mervane::ledger

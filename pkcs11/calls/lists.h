@@ -39,8 +39,8 @@ bool fetchList(Calls& calls, const ModuleFunction<N, Signature>& function, CK_UL
         list.resize(std::min(numWritten(list, count), static_cast<std::size_t>(limit)));
         return true;
     }
-    log.LogError(std::string(function.name) + " does not settle on the length of its list.");
-    return false;
+    return calls.fail(log, FailureKind::ModuleFailed,
+                      std::string(function.name) + " does not settle on the length of its list.");
 }
 
 }  // namespace mervane

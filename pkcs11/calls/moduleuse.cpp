@@ -24,19 +24,11 @@ void ModuleUse::abandon(LogBase& log) noexcept {
 
 // --- Initialisation
 
-void ModuleUse::announce() {
-    ledger::enter(m_functions);
-}
-
 void ModuleUse::initialised(bool byUs) {
-    if (byUs) ledger::markOurs(m_functions);
+    ledger::enter(m_functions, byUs);
     m_hasShare = true;
     m_state.m_initialized = true;
-    watchProcessExit(&m_state, m_functions);
-}
-
-void ModuleUse::notInitialised() noexcept {
-    ledger::forget(m_functions);
+    watchProcessExit(&m_state, m_state.m_libHandle);
 }
 
 void ModuleUse::dropInitialisation(LogBase& log) {
@@ -51,9 +43,9 @@ void ModuleUse::release(LogBase& log) noexcept {
     if (m_functions == nullptr || !m_hasShare) return;
     if (m_state.m_hSession != 0) closeQuietly(m_state.m_hSession, log);
     m_hasShare = false;
-    if (!ledger::leave(m_functions)) return;
-    if (m_functions->C_Finalize != nullptr) callModule(log, m_functions->C_Finalize, nullptr);
-    ledger::finalized(m_functions);
+    const ledger::Turn turn(m_state.m_libHandle);
+    if (ledger::leave(m_functions) && m_functions->C_Finalize != nullptr)
+        callModule(log, m_functions->C_Finalize, nullptr);
 }
 
 // --- Session
@@ -109,6 +101,13 @@ void ModuleUse::dropAfterFork(LogBase& log) {
     m_state.m_initialized = false;
     if (hadState)
         log.LogInfo("The process has forked: the session is the parent's. Initialize begins anew.");
+}
+
+void ModuleUse::abandonAfterFork() {
+    m_hasShare = false;
+    m_functions = nullptr;
+    m_depth = 0;
+    m_state.abandon();
 }
 
 }  // namespace mervane

@@ -39,10 +39,9 @@ class ModuleUse {
     /// Gives the module up before it is unmapped.
     void abandon(LogBase& log) noexcept;
 
-    // --- Initialisation: announced before C_Initialize is called, then done or not
-    void announce();
+    // --- Initialisation
+    /// The module has been initialised, by us or before. The caller holds the library's Turn.
     void initialised(bool byUs);
-    void notInitialised() noexcept;
     /// Somebody else has finalised the module, or its library is not loaded.
     void dropInitialisation(LogBase& log);
     /// Closes the session and gives up the share in the module, finalising it when that is ours to
@@ -50,6 +49,11 @@ class ModuleUse {
     void release(LogBase& log) noexcept;
 
     // --- Session
+    /// Which of this object's sessions is open, counted from 1; 0 while none is. Code that calls
+    /// the module more than once compares it: the object may have been called again from within.
+    [[nodiscard]] std::uint64_t session() const noexcept {
+        return m_state.m_hSession == 0 ? 0 : m_lastSessionNumber;
+    }
     void beginSession(CK_SESSION_HANDLE session) noexcept;
     void replaceSession(CK_SESSION_HANDLE session, bool onSameToken, LogBase& log);
     void restartSession(LogBase& log);
@@ -59,6 +63,23 @@ class ModuleUse {
     /// The process is a fork of the one that the session and the module's state belong to.
     [[nodiscard]] bool hasForked() const noexcept;
     void dropAfterFork(LogBase& log);
+    /// Before dropAfterFork(), if another thread was inside the object at the fork: lists and texts
+    /// may be half changed, so they are abandoned with the module, not freed.
+    void abandonAfterFork();
+
+    /// A function of the module is running: its library must stay mapped.
+    [[nodiscard]] bool isInsideModule() const noexcept { return m_depth > 0; }
+    /// Counts a call of the module for the length of a scope.
+    class Inside {
+      public:
+        explicit Inside(ModuleUse& use) noexcept : m_use(use) { ++m_use.m_depth; }
+        ~Inside() { --m_use.m_depth; }
+        Inside(const Inside&) = delete;
+        Inside& operator=(const Inside&) = delete;
+
+      private:
+        ModuleUse& m_use;
+    };
 
   private:
     void closeQuietly(CK_SESSION_HANDLE session, LogBase& log) noexcept;
@@ -69,6 +90,7 @@ class ModuleUse {
     bool m_hasShare = false;                  // counted in the ledger for m_functions
     std::uint32_t m_forkGeneration;           // of the process that session and share belong to
     std::uint64_t m_lastSessionNumber = 0;
+    int m_depth = 0;  // calls of the module that are running; more than one after a call back
 };
 
 }  // namespace mervane

@@ -17,7 +17,7 @@ void logPinState(Calls& calls, CK_SLOT_ID slotId, bool isOfficer, LogBase& log) 
     if (calls.attempt(log, function::kGetTokenInfo, slotId, &token) != CKR_OK) return;
     for (const PinState& state : pinStates()) {
         if (state.isOfficers != isOfficer || (token.flags & state.flag) == 0) continue;
-        log.LogHint(state.meaning);
+        calls.hint(log, state.meaning);
         log.LogDataBool(state.name, true);
     }
 }

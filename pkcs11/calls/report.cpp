@@ -143,19 +143,21 @@ bool describeSlots(Calls& calls, bool onlyTokensPresent, bool skipMechanisms, Cl
                    LogBase& log) {
     std::vector<CK_SLOT_ID> slotIds;
     if (!getSlots(calls, onlyTokensPresent, slotIds, log)) return false;
-    JsonValue& slots = json.root().set("slots", JsonValue::array());
+    // Into a list of its own: a module may call back into the object, which may clear the document.
+    JsonValue slots = JsonValue::array();
     std::size_t numMechanisms = 0;
-    for (const CK_SLOT_ID id : slotIds) {
+    bool isDescribed = true;
+    for (std::size_t i = 0; isDescribed && i < slotIds.size(); ++i) {
         JsonValue& slot = slots.append(JsonValue::object());
-        slot.set("slotId", id);
+        slot.set("slotId", slotIds[i]);
         const bool skip = skipMechanisms || numMechanisms >= kMaxMechanismsInAll;
-        if (!describeSlot(calls, id, skip, slot, log)) return false;
+        isDescribed = describeSlot(calls, slotIds[i], skip, slot, log);
         numMechanisms += numMechanismsOf(slot);
     }
-    if (numMechanisms >= kMaxMechanismsInAll && !skipMechanisms) {
+    json.root().set("slots", std::move(slots));
+    if (numMechanisms >= kMaxMechanismsInAll && !skipMechanisms)
         log.LogInfo("The module lists more mechanisms than are described.");
-    }
-    return true;
+    return isDescribed;
 }
 
 }  // namespace mervane::operation

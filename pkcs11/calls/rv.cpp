@@ -141,6 +141,40 @@ std::string_view rvHint(CK_RV rv) noexcept {
     return row == nullptr ? std::string_view() : row->hint;
 }
 
+FailureKind rvKind(CK_RV rv) noexcept {
+    using enum FailureKind;
+    switch (rv) {
+        case CKR_HOST_MEMORY:
+            return NoMemory;
+        case CKR_SLOT_ID_INVALID:
+        case CKR_TOKEN_NOT_PRESENT:
+        case CKR_TOKEN_NOT_RECOGNIZED:
+            return NoToken;
+        case CKR_FUNCTION_NOT_SUPPORTED:
+        case CKR_MECHANISM_INVALID:
+        case CKR_MECHANISM_PARAM_INVALID:
+            return NotSupported;
+        case CKR_KEY_FUNCTION_NOT_PERMITTED:
+            return KeyMayNotSign;
+        case CKR_PIN_INCORRECT:
+            return PinWrong;
+        case CKR_PIN_INVALID:
+        case CKR_PIN_LEN_RANGE:
+        case CKR_PIN_TOO_WEAK:
+            return PinLength;
+        case CKR_PIN_EXPIRED:
+            return PinExpired;
+        case CKR_PIN_LOCKED:
+            return PinLocked;
+        case CKR_USER_NOT_LOGGED_IN:
+            return NotLoggedIn;
+        case CKR_USER_PIN_NOT_INITIALIZED:
+            return PinMissing;
+        default:
+            return endsSession(rv) ? TokenGone : ModuleFailed;
+    }
+}
+
 bool isAboutPin(CK_RV rv) noexcept {
     return rv >= CKR_PIN_INCORRECT && rv <= CKR_PIN_LOCKED;
 }

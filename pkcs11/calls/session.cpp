@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "pkcs11/calls/ledger.h"
 #include "pkcs11/calls/lists.h"
 #include "pkcs11/calls/operations.h"
 #include "pkcs11/calls/pin.h"
@@ -37,12 +38,16 @@ bool getFunctions(Calls& calls, LogBase& log) {
         reinterpret_cast<GetFunctionList>(::dlsym(calls.state.m_libHandle, "C_GetFunctionList"));
     if (getList == nullptr) return calls.noFunc("C_GetFunctionList", log);
     CK_FUNCTION_LIST* list = nullptr;
-    const CK_RV rv = callModule(log, getList, &list);
+    const CK_RV rv = [&] {
+        const ModuleUse::Inside inside(calls.use);
+        return callModule(log, getList, &list);
+    }();
     if (rv != CKR_OK) return calls.reportCode("C_GetFunctionList", Needs::Table, rv, log);
     if (list == nullptr || (list->version.major != 2 && list->version.major != 3)) {
-        log.LogError(list == nullptr
-                         ? "C_GetFunctionList gave no function list."
-                         : "The function list is not of a PKCS#11 version 2 or 3 module.");
+        calls.fail(log, FailureKind::NotAModule,
+                   list == nullptr
+                       ? "C_GetFunctionList gave no function list."
+                       : "The function list is not of a PKCS#11 version 2 or 3 module.");
         log.LogDataX("sharedLibPath", calls.state.m_loadedLibPath);
         return false;
     }
@@ -51,16 +56,14 @@ bool getFunctions(Calls& calls, LogBase& log) {
 }
 
 bool initialise(Calls& calls, LogBase& log) {
-    calls.use.announce();
+    const ledger::Turn turn(calls.state.m_libHandle);
     auto rv = calls.ask(log, function::kInitialize, static_cast<void*>(&initializeArgs));
     if (rv == CKR_CANT_LOCK || rv == CKR_NEED_TO_CREATE_THREADS || rv == CKR_ARGUMENTS_BAD) {
         // Some modules accept no arguments; the object's critical section serialises its calls.
         rv = calls.ask(log, function::kInitialize, static_cast<void*>(nullptr));
     }
-    if (rv != CKR_OK && rv != CKR_CRYPTOKI_ALREADY_INITIALIZED) {
-        calls.use.notInitialised();
+    if (rv != CKR_OK && rv != CKR_CRYPTOKI_ALREADY_INITIALIZED)
         return rv && calls.report(function::kInitialize, *rv, log);
-    }
     if (rv != CKR_OK)
         log.LogInfo("The module was initialised already, by another user in this process.");
     calls.use.initialised(rv == CKR_OK);
@@ -68,9 +71,15 @@ bool initialise(Calls& calls, LogBase& log) {
 }
 
 bool getSlotsWithToken(Calls& calls, CK_SLOT_ID* slotIds, unsigned int& count, LogBase& log) {
+    // Modules may look for readers that were plugged in since only when asked with a null buffer.
+    CK_ULONG numSlots = 0;
+    if (!calls.invoke(log, function::kGetSlotList, CK_TRUE, static_cast<CK_SLOT_ID*>(nullptr),
+                      &numSlots)) {
+        return false;
+    }
     const std::span<CK_SLOT_ID> room(slotIds, count);
     std::ranges::fill(room, CK_UNAVAILABLE_INFORMATION);
-    CK_ULONG numSlots = count;
+    numSlots = count;
     const auto rv = calls.ask(log, function::kGetSlotList, CK_TRUE, slotIds, &numSlots);
     if (rv == CKR_OK) {
         count = static_cast<unsigned int>(numWritten(room, numSlots));
@@ -103,8 +112,8 @@ bool openSession(Calls& calls, CK_SLOT_ID slotId, bool readWrite, LogBase& log) 
         return calls.noFunc(function::kCloseSession.name, log);
     CK_SESSION_HANDLE session = 0;
     auto rv = tryToOpen(calls, slotId, readWrite, session, log);
-    if (rv == CKR_SESSION_COUNT && calls.hasOpenSession()) {
-        // The token takes one session only: the old one has to go first.
+    if (rv == CKR_SESSION_COUNT && calls.hasOpenSession() && slotId == calls.state.m_slotId) {
+        log.LogInfo("The token takes no second session: the open one is closed first.");
         if (!closeSession(calls, log)) return false;
         rv = tryToOpen(calls, slotId, readWrite, session, log);
     }
@@ -112,10 +121,8 @@ bool openSession(Calls& calls, CK_SLOT_ID slotId, bool readWrite, LogBase& log) 
         log.LogDataUnsigned("slotId", slotId);
         return false;
     }
-    if (session == 0) {
-        log.LogError("C_OpenSession gave no session handle.");
-        return false;
-    }
+    if (session == 0)
+        return calls.fail(log, FailureKind::ModuleFailed, "C_OpenSession gave no session handle.");
     if (calls.hasOpenSession()) {
         calls.use.replaceSession(session, slotId == calls.state.m_slotId, log);
     } else {
@@ -142,6 +149,8 @@ bool login(Calls& calls, int userType, const char* pin, LogBase& log) {
     } else if (rv != CKR_OK) {
         return reportPinCall(calls, function::kLogin, *rv, state.m_slotId, user == CKU_SO, log);
     }
+    // A login at a signature changes nothing that can be seen.
+    if (user == CKU_CONTEXT_SPECIFIC) return true;
     if (user == CKU_USER) state.m_userLoggedIn = true;
     if (user == CKU_SO) state.m_soLoggedIn = true;
     // More of the token is visible now: keys are read again, and certificates at the next

@@ -61,6 +61,7 @@ bool cacheCerts(Calls& calls, LogBase& log) {
     ExtPtrArray certs;
     certs.reserve(handles.size());
     ObjectReader reader(calls, kRows);
+    const std::uint64_t session = calls.use.session();
     std::size_t numUnreadable = 0;
     std::size_t totalSize = 0;
     for (const CK_OBJECT_HANDLE handle : handles) {
@@ -81,8 +82,11 @@ bool cacheCerts(Calls& calls, LogBase& log) {
     }
     log.LogDataLong("numCerts", certs.getSize());
     if (numUnreadable != 0 && numUnreadable == handles.size()) return false;
+    if (calls.use.session() != session) return calls.sessionChanged(log);
     calls.state.m_certs.swap(certs);
     calls.state.m_certsLoaded = true;
+    // Keys may have come and gone as well.
+    calls.state.clearPrivateKeyCaches();
     return true;
 }
 

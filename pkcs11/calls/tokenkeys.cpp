@@ -4,6 +4,7 @@
 // by a full fill, EC points by a separate pass over the public keys with the same CKA_ID. A cache
 // filled with more is never refilled with less; what it holds stands in the Have flags.
 
+#include <algorithm>
 #include <array>
 #include <map>
 
@@ -40,8 +41,26 @@ der::Bytes pointOf(const ObjectReader& reader) {
     return unwrapEcPoint(reader.bytesOrNone(kPoint), findCurve(reader.bytesOrNone(kParams)));
 }
 
-bool readPrivateKeys(Calls& calls, CK_ULONG keyType, std::size_t numRows, ExtPtrArray& keys,
-                     LogBase& log) {
+// What the attribute reader found of one key. One that cannot be read keeps its place with its
+// handle alone: it counts, and may be the key that is looked for.
+std::unique_ptr<Pkcs11_PrivateKey> toRecord(const ObjectReader* reader, CK_OBJECT_HANDLE handle,
+                                            bool isFull) {
+    auto key = std::make_unique<Pkcs11_PrivateKey>();
+    key->m_handle = handle;
+    if (reader == nullptr) return key;
+    key->m_keyId.assign(reader->bytesOrNone(kId));
+    const bool maySign = reader->flag(kSign).value_or(false);
+    key->m_signState = maySign ? Pkcs11_PrivateKey::kMaySign : Pkcs11_PrivateKey::kMayNotSign;
+    if (const auto always = reader->flag(kAlwaysAuthenticate))
+        key->m_auxData.appendByte(*always ? 1 : 0);
+    if (isFull) {
+        key->m_subjectDer.assign(reader->bytesOrNone(kSubject));
+        key->m_modulus.assign(reader->bytesOrNone(kModulus));
+    }
+    return key;
+}
+
+bool readPrivateKeys(Calls& calls, CK_ULONG keyType, bool isFull, ExtPtrArray& keys, LogBase& log) {
     ObjectQuery query(CKO_PRIVATE_KEY);
     query.add(CKA_KEY_TYPE, keyType);
     std::vector<CK_OBJECT_HANDLE> handles;
@@ -49,76 +68,98 @@ bool readPrivateKeys(Calls& calls, CK_ULONG keyType, std::size_t numRows, ExtPtr
         !findObjects(calls, query.attributes(), kMaxObjects, handles, log)) {
         return false;
     }
-    ObjectReader reader(calls, std::span(kKeyRows).first(numRows));
+    ObjectReader reader(calls, std::span(kKeyRows).first(isFull ? kKeyRows.size() : kNumQuickRows));
+    const std::uint64_t session = calls.use.session();
     keys.reserve(handles.size());
     for (const CK_OBJECT_HANDLE handle : handles) {
-        if (!reader.read(handle, log)) {
-            if (!calls.hasOpenSession()) return false;
-            continue;
-        }
-        auto key = std::make_unique<Pkcs11_PrivateKey>();
-        key->m_handle = handle;
-        key->m_keyId.assign(reader.bytesOrNone(kId));
-        const bool maySign = reader.flag(kSign).value_or(false);
-        key->m_signState = maySign ? Pkcs11_PrivateKey::kMaySign : Pkcs11_PrivateKey::kMayNotSign;
-        if (const auto always = reader.flag(kAlwaysAuthenticate))
-            key->m_auxData.appendByte(*always ? 1 : 0);
-        if (numRows > kNumQuickRows) {
-            key->m_subjectDer.assign(reader.bytesOrNone(kSubject));
-            key->m_modulus.assign(reader.bytesOrNone(kModulus));
-        }
-        keys.appendObject(std::move(key));
+        const bool isRead = reader.read(handle, log);
+        if (!calls.hasOpenSession()) return false;
+        keys.appendObject(toRecord(isRead ? &reader : nullptr, handle, isFull));
     }
-    return true;
+    return calls.use.session() == session || calls.sessionChanged(log);
 }
 
-bool fillEcPoints(Calls& calls, ExtPtrArray& keys, LogBase& log) {
-    if (keys.getSize() == 0) return true;
+// The points of the token's public EC keys by CKA_ID. Where two keys with one ID have different
+// points, the ID says nothing of the point.
+struct PublicPoints {
+    struct Entry {
+        DataBuffer point;
+        bool isAmbiguous = false;
+    };
+    std::map<std::vector<std::uint8_t>, Entry> byId;
+
+    void add(der::Bytes id, der::Bytes point) {
+        if (id.empty() || point.empty()) return;
+        const auto [at, isNew] =
+            byId.try_emplace({id.begin(), id.end()}, Entry{DataBuffer(point), false});
+        if (!isNew && !std::ranges::equal(at->second.point.span(), point))
+            at->second.isAmbiguous = true;
+    }
+    [[nodiscard]] const Entry* find(der::Bytes id) const {
+        const auto at = byId.find({id.begin(), id.end()});
+        return at == byId.end() ? nullptr : &at->second;
+    }
+};
+
+bool readPublicPoints(Calls& calls, ObjectReader& reader, PublicPoints& points, LogBase& log) {
     ObjectQuery query(CKO_PUBLIC_KEY);
     query.add(CKA_KEY_TYPE, CKK_EC);
     std::vector<CK_OBJECT_HANDLE> handles;
     if (!findObjects(calls, query.attributes(), kMaxObjects, handles, log)) return false;
-    std::map<std::vector<std::uint8_t>, DataBuffer> pointsById;
-    ObjectReader reader(calls, kPointRows);
     for (const CK_OBJECT_HANDLE handle : handles) {
-        if (!reader.read(handle, log)) {
-            if (!calls.hasOpenSession()) return false;
-            continue;
-        }
-        const der::Bytes id = reader.bytesOrNone(kPointId);
-        const der::Bytes point = pointOf(reader);
-        if (id.empty() || point.empty()) continue;
-        pointsById.try_emplace({id.begin(), id.end()}, point);
-    }
-    for (int i = 0; i < keys.getSize(); ++i) {
-        Pkcs11_PrivateKey& key = *keyAt(keys, i);
-        const der::Bytes id = key.m_keyId.span();
-        const auto known = pointsById.find({id.begin(), id.end()});
-        if (known != pointsById.end()) {
-            key.m_ecPoint = known->second;
-        } else if (reader.read(key.m_handle, log)) {
-            // No public key has this ID; some modules show the point on the private key.
-            key.m_ecPoint.assign(pointOf(reader));
+        if (reader.read(handle, log)) {
+            points.add(reader.bytesOrNone(kPointId), pointOf(reader));
         } else if (!calls.hasOpenSession()) {
             return false;
         }
     }
-    keys.noteChange();
     return true;
+}
+
+// The point of each key, in their order: that of the public key with the same ID; its own, which
+// some modules show on the private key, where there is no such public key or more than one. Read
+// into a list of its own: a module may call back into the object, and the cache change meanwhile.
+bool readEcPoints(Calls& calls, const ExtPtrArray& keys, std::vector<DataBuffer>& points,
+                  LogBase& log) {
+    struct Key {
+        CK_OBJECT_HANDLE handle;
+        DataBuffer id;
+    };
+    std::vector<Key> wanted;
+    for (int i = 0; i < keys.getSize(); ++i)
+        wanted.push_back({keyAt(keys, i)->m_handle, keyAt(keys, i)->m_keyId});
+    PublicPoints publicPoints;
+    ObjectReader reader(calls, kPointRows);
+    if (!wanted.empty() && !readPublicPoints(calls, reader, publicPoints, log)) return false;
+    for (const Key& key : wanted) {
+        DataBuffer& point = points.emplace_back();
+        const PublicPoints::Entry* const known = publicPoints.find(key.id.span());
+        if (known != nullptr) point = known->point;
+        if (known != nullptr && !known->isAmbiguous) continue;
+        if (reader.read(key.handle, log)) {
+            if (const der::Bytes own = pointOf(reader); !own.empty()) point.assign(own);
+        } else if (!calls.hasOpenSession()) {
+            return false;
+        }
+    }
+    return true;
+}
+
+void setPoints(ExtPtrArray& keys, std::vector<DataBuffer>& points) {
+    for (int i = 0; i < keys.getSize(); ++i)
+        keyAt(keys, i)->m_ecPoint = std::move(points[static_cast<std::size_t>(i)]);
+    keys.noteChange();
 }
 
 }  // namespace
 
 bool cacheRsaKeys(Calls& calls, bool withSubjectAndModulus, LogBase& log) {
     Pkcs11State& state = calls.state;
-    if (state.m_rsaKeysLoaded &&
-        (!withSubjectAndModulus || (state.m_rsaKeysHaveSubject && state.m_rsaKeysHaveModulus)))
-        return true;
+    const bool hasBoth = state.m_rsaKeysHaveSubject && state.m_rsaKeysHaveModulus;
+    if (state.m_rsaKeysLoaded && (!withSubjectAndModulus || hasBoth)) return true;
     const LogContextExitor context(log, "cacheRsaPrivateKeys");
     ExtPtrArray keys;
-    if (!readPrivateKeys(calls, CKK_RSA, withSubjectAndModulus ? kKeyRows.size() : kNumQuickRows,
-                         keys, log))
-        return false;
+    if (!readPrivateKeys(calls, CKK_RSA, withSubjectAndModulus, keys, log)) return false;
     state.m_rsaPrivKeys.swap(keys);
     state.m_rsaKeysHaveSubject = state.m_rsaKeysHaveModulus = withSubjectAndModulus;
     state.m_rsaKeysLoaded = true;
@@ -129,17 +170,20 @@ bool cacheEcKeys(Calls& calls, bool withEcPoints, LogBase& log) {
     Pkcs11State& state = calls.state;
     if (state.m_ecdsaKeysLoaded && (!withEcPoints || state.m_ecdsaKeysHavePoints)) return true;
     const LogContextExitor context(log, "cacheEcdsaPrivateKeys");
-    if (state.m_ecdsaKeysLoaded) {
-        // Only the points are missing.
-        if (!fillEcPoints(calls, state.m_ecdsaPrivKeys, log)) return false;
-    } else {
+    if (!state.m_ecdsaKeysLoaded) {
         ExtPtrArray keys;
-        if (!readPrivateKeys(calls, CKK_EC, kNumQuickRows, keys, log)) return false;
-        if (withEcPoints && !fillEcPoints(calls, keys, log)) return false;
+        if (!readPrivateKeys(calls, CKK_EC, false, keys, log)) return false;
         state.m_ecdsaPrivKeys.swap(keys);
+        state.m_ecdsaKeysLoaded = true;
+        state.m_ecdsaKeysHavePoints = false;
     }
-    state.m_ecdsaKeysHavePoints = withEcPoints;
-    state.m_ecdsaKeysLoaded = true;
+    if (!withEcPoints) return true;
+    const std::uint64_t changes = state.m_ecdsaPrivKeys.changes();
+    std::vector<DataBuffer> points;
+    if (!readEcPoints(calls, state.m_ecdsaPrivKeys, points, log)) return false;
+    if (state.m_ecdsaPrivKeys.changes() != changes) return calls.sessionChanged(log);
+    setPoints(state.m_ecdsaPrivKeys, points);
+    state.m_ecdsaKeysHavePoints = true;
     return true;
 }
 

@@ -1,0 +1,24 @@
+#ifndef MERVANE_FOUNDATION_SYSTEM_SHAREDOBJECT_H
+#define MERVANE_FOUNDATION_SYSTEM_SHAREDOBJECT_H
+
+#include <optional>
+#include <string>
+
+namespace mervane {
+
+/// Why the file cannot be loaded as a shared library into this process, as a sentence; nothing
+/// where no reason is seen. dlopen trusts the headers: where they lead beyond the end of a file
+/// that was copied in part, or into zeros that were never overwritten, it ends the process by a
+/// signal.
+///
+/// Looked at is what the loader maps and begins with: the ELF header, the program headers, the
+/// dynamic section. Section headers may be cut off or stale. A file that passes may still be
+/// refused by dlopen, with a reason, and contents that are damaged elsewhere are not seen.
+///
+/// A path without a slash is not checked: dlopen looks for it on the loader's search path. A file
+/// that changes after the check, before dlopen or while it is mapped, cannot be contained.
+std::optional<std::string> whyNotLoadable(const char* path);
+
+}  // namespace mervane
+
+#endif
