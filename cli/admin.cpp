@@ -19,7 +19,7 @@ TokenChoice openForPins(ClsPkcs11& p11, const Options& options) {
     useModule(p11, options);
     Options choosing = options;
     choosing.login = false;  // a token without a user PIN is as good
-    const TokenChoice token = chooseToken(p11, choosing, Takes::Initialized);
+    TokenChoice token = chooseToken(p11, choosing, Takes::Initialized);
     if (!p11.OpenSession(token.slot, true)) throwLastError(p11);
     return token;
 }
@@ -27,12 +27,13 @@ TokenChoice openForPins(ClsPkcs11& p11, const Options& options) {
 }  // namespace
 
 Exit runSetPin(ClsPkcs11& p11, const Options& options) {
+    const Pins pins(options);
     const TokenChoice token = openForPins(p11, options);
-    const auto& source = options.asOfficer && options.soPin ? options.soPin : options.pin;
     XString oldPin;
     XString newPin;
-    readPinOrLeaveToReader(source, "old PIN", token.hasPinPad, oldPin);
-    readPinOrLeaveToReader(options.newPin, "new PIN", token.hasPinPad, newPin);
+    pins.read(loginSource(options), {.isOfficers = options.asOfficer, .isNew = false}, token,
+              oldPin);
+    pins.read(options.newPin, {.isOfficers = options.asOfficer, .isNew = true}, token, newPin);
     // The user's own PIN is changed without a login, as the standard allows, so that the old PIN is
     // tried once; the security officer has to be logged in.
     if (options.asOfficer && !p11.Login(0, oldPin)) throwLastError(p11);
@@ -42,22 +43,25 @@ Exit runSetPin(ClsPkcs11& p11, const Options& options) {
 }
 
 Exit runInitPin(ClsPkcs11& p11, const Options& options) {
+    const Pins pins(options);
     const TokenChoice token = openForPins(p11, options);
     XString soPin;
     XString newPin;
-    readPinOrLeaveToReader(options.soPin, "security officer PIN", token.hasPinPad, soPin);
-    readPinOrLeaveToReader(options.newPin, "new user PIN", token.hasPinPad, newPin);
+    pins.read(options.soPin, {.isOfficers = true, .isNew = false}, token, soPin);
+    pins.read(options.newPin, {.isOfficers = false, .isNew = true}, token, newPin);
     if (!p11.Login(0, soPin) || !p11.InitPin(newPin)) throwLastError(p11);
     sayDone(options, "The user PIN was set.");
     return Exit::Done;
 }
 
 Exit runInitToken(ClsPkcs11& p11, const Options& options) {
+    const Pins pins(options);
     useModule(p11, options);
     // Without a choice only a token that holds nothing yet is taken.
     const TokenChoice token = chooseToken(p11, options, Takes::Uninitialized);
     XString soPin;
-    readPinOrLeaveToReader(options.soPin, "security officer PIN", token.hasPinPad, soPin);
+    const bool isNew = token.flags.find(" token-initialized ") == std::string::npos;
+    pins.read(options.soPin, {.isOfficers = true, .isNew = isNew}, token, soPin);
     if (!p11.InitToken(token.slot, soPin, XString(options.arguments[0]))) throwLastError(p11);
     sayDone(options, "The token was initialised.");
     return Exit::Done;

@@ -9,6 +9,7 @@
 #include <iostream>
 
 #include "commands.h"
+#include "pins.h"
 
 namespace mervane::cli {
 namespace {
@@ -79,5 +80,6 @@ int main(std::span<const char* const> words) {
 
 int main(int argc, char** argv) {
     const std::span<const char* const> words(argv, static_cast<std::size_t>(argc));
-    return mervane::cli::main(words.subspan(words.empty() ? 0 : 1));
+    return mervane::cli::guardPins(
+        [&] { return mervane::cli::main(words.subspan(words.empty() ? 0 : 1)); });
 }

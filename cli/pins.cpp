@@ -1,8 +1,9 @@
 #include "pins.h"
 
-#include <fcntl.h>
-#include <termios.h>
-#include <unistd.h>
+#include <poll.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
 
 #include <array>
 #include <cerrno>
@@ -10,131 +11,195 @@
 #include <cstdlib>
 #include <iostream>
 #include <string_view>
+#include <system_error>
 
 #include <mervane/foundation/text/secret.h>
 
 #include "failure.h"
 #include "output.h"
+#include "terminal.h"
 
 namespace mervane::cli {
 namespace {
 
-volatile std::sig_atomic_t caughtSignal = 0;
+constexpr int kWriterPatience = 3000;  // milliseconds, for the writer of a FIFO to come
 
 [[noreturn]] void noPin(const std::string& reason) {
     throw Failure{Exit::Pin, reason, {}};
 }
 
-class File {
-  public:
-    File(const char* path, int flags) : m_descriptor(::open(path, flags | O_CLOEXEC)) {}
-    ~File() {
-        if (m_descriptor >= 0) ::close(m_descriptor);
-    }
-    File(const File&) = delete;
-    File& operator=(const File&) = delete;
-    [[nodiscard]] int descriptor() const noexcept { return m_descriptor; }
-
-  private:
-    int m_descriptor;
-};
-
-// Turns the echo off for the length of a scope, and sees to it that a signal which ends the process
-// finds it on again.
-class SilentTerminal {
-  public:
-    explicit SilentTerminal(int descriptor) : m_descriptor(descriptor) {
-        caughtSignal = 0;
-        struct sigaction action {};
-        action.sa_handler = [](int number) { caughtSignal = number; };
-        for (std::size_t i = 0; i < kSignals.size(); ++i)
-            ::sigaction(kSignals[i], &action, &m_actions[i]);
-        action.sa_handler = SIG_IGN;  // a stopped program would leave the terminal silent
-        ::sigaction(SIGTSTP, &action, &m_stopAction);
-        m_silenced = ::tcgetattr(descriptor, &m_attributes) == 0;
-        termios silent = m_attributes;
-        silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
-        if (m_silenced) ::tcsetattr(descriptor, TCSAFLUSH, &silent);
-    }
-    ~SilentTerminal() {
-        if (m_silenced) ::tcsetattr(m_descriptor, TCSAFLUSH, &m_attributes);
-        for (std::size_t i = 0; i < kSignals.size(); ++i)
-            ::sigaction(kSignals[i], &m_actions[i], nullptr);
-        ::sigaction(SIGTSTP, &m_stopAction, nullptr);
-        if (caughtSignal != 0) static_cast<void>(::raise(caughtSignal));
-    }
-    SilentTerminal(const SilentTerminal&) = delete;
-    SilentTerminal& operator=(const SilentTerminal&) = delete;
-
-  private:
-    static constexpr std::array kSignals = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
-
-    int m_descriptor;
-    bool m_silenced = false;
-    termios m_attributes{};
-    std::array<struct sigaction, kSignals.size()> m_actions{};
-    struct sigaction m_stopAction {};
-};
-
-// The first line, without its end. Read into memory that is wiped; no stream keeps a copy.
-void readLine(int descriptor, XString& line, const std::string& from) {
-    std::array<char, 256> bytes{};  // longer than any PIN that PKCS#11 tokens take
-    std::size_t size = 0;
-    ssize_t count = 1;
-    bool ended = false;
-    while (!ended && size < bytes.size()) {
-        count = ::read(descriptor, bytes.data() + size, 1);
-        ended = count <= 0 || bytes[size] == '\n' || bytes[size] == '\r';
-        if (!ended) ++size;
-    }
-    line.setFromUtf8({bytes.data(), size});
-    wipe(bytes.data(), bytes.size());
-    const bool isText = line.view().find('\0') == std::string_view::npos;
-    if (ended && count >= 0 && isText) return;
-    line.clear();
-    if (count < 0) noPin("The PIN cannot be read from " + from + ".");
-    noPin("The PIN from " + from + (isText ? " is too long." : " is no text."));
+std::string nameOf(WantedPin wanted) {
+    return std::string(wanted.isNew ? "new " : "") +
+           (wanted.isOfficers ? "security officer PIN" : "user PIN");
 }
 
-void promptForPin(const std::string& prompt, XString& pin) {
-    const File terminal("/dev/tty", O_RDWR);
-    if (terminal.descriptor() < 0)
-        noPin("The " + prompt + " is missing, and there is no terminal to ask on.");
-    const SilentTerminal silent(terminal.descriptor());
-    std::cerr << prompt << ": " << std::flush;
-    // The line end that was typed was not echoed.
-    struct LineEnd {
-        ~LineEnd() { std::cerr << '\n'; }
-    } const lineEnd;
-    readLine(terminal.descriptor(), pin, "the terminal");
+void checkLine(const SecretLine& line, const std::string& from) {
+    if (line.hasFailed()) noPin("The PIN cannot be read from " + from + ".");
+    if (!line.isWhole()) noPin("The PIN from " + from + " is too long.");
+    if (line.text().find('\0') != std::string_view::npos)
+        noPin("The PIN from " + from + " is no text.");
+}
+
+// What returned calls left on the stack. A signal handler's frame holds the registers of the
+// moment, and with them the piece of a PIN that was copied last.
+[[gnu::noinline]] void wipeDeadStack() noexcept {
+    std::array<char, 0x10000> dead;  // many times the largest such frame
+    wipe(dead.data(), dead.size());
+}
+
+// --- The terminal
+
+struct State {
+    std::string_view flag;  // behind "user-" or "so-"
+    std::string_view meaning;
+};
+
+// What a token says of earlier tries, the gravest first.
+constexpr std::array kStates = {
+    State{"pin-locked", "it is locked"},
+    State{"pin-final-try", "one more wrong PIN locks it"},
+    State{"pin-count-low", "a wrong PIN has been entered since the last right one"},
+};
+
+std::string stateOf(const TokenChoice& token, bool isOfficers) {
+    for (const State& state : kStates) {
+        const std::string flag = (isOfficers ? " so-" : " user-") + std::string(state.flag) + " ";
+        if (token.flags.find(flag) != std::string::npos)
+            return " (" + std::string(state.meaning) + ")";
+    }
+    return {};
+}
+
+std::string promptFor(WantedPin wanted, const TokenChoice& token) {
+    std::string prompt = nameOf(wanted);
+    prompt.front() = wanted.isNew ? 'N' : (wanted.isOfficers ? 'S' : 'U');
+    const std::string label = printable(token.label);
+    prompt += label.empty()
+                  ? " of the token in slot " + std::to_string(static_cast<unsigned>(token.slot))
+                  : " of \"" + label + "\"";
+    return wanted.isNew ? prompt : prompt + stateOf(token, wanted.isOfficers);
+}
+
+void askOnce(const std::string& prompt, WantedPin wanted, XString& pin) {
+    SecretLine line;
+    if (!askUnseen(prompt, line))
+        noPin("The " + nameOf(wanted) + " is missing, and there is no terminal to ask on.");
+    checkLine(line, "the terminal");
+    pin.setFromUtf8(line.text());
+}
+
+void ask(WantedPin wanted, const TokenChoice& token, XString& pin) {
+    const std::string prompt = promptFor(wanted, token);
+    askOnce(prompt + ": ", wanted, pin);
+    if (!wanted.isNew || pin.isEmpty()) return;
+    XString again;
+    askOnce(prompt + ", again: ", wanted, again);
+    if (pin.view() != again.view())
+        noPin("The " + nameOf(wanted) + " was not typed the same twice; nothing is changed.");
+}
+
+// --- Files
+
+std::string whyNotOpened(int error, const std::string& path) {
+    if (error == ENOENT || error == ENOTDIR) return "no file " + path;
+    if (error == EACCES) return path + " may not be read";
+    return path + " cannot be opened (" + std::system_category().message(error) + ")";
+}
+
+// One byte of a file opened with O_NONBLOCK. Of a FIFO, the end is that somebody has written, and
+// nobody does any more.
+ssize_t readByte(int descriptor, bool isFifo, const std::string& path, char& byte) {
+    for (;;) {
+        const ssize_t count = ::read(descriptor, &byte, 1);
+        const bool hasWriter = count < 0 && errno == EAGAIN;
+        if (count < 0 && errno == EINTR) continue;
+        if (count > 0 || (!hasWriter && (count < 0 || !isFifo))) return count;
+        pollfd awaited{descriptor, POLLIN, 0};
+        const int numReady = ::poll(&awaited, 1, hasWriter ? -1 : kWriterPatience);
+        if (numReady == 0) noPin("The PIN is missing: nobody writes to the FIFO " + path + ".");
+        if (numReady > 0 && (awaited.revents & POLLIN) == 0) return 0;
+    }
+}
+
+void readFile(const std::string& name, WantedPin wanted, XString& pin) {
+    const std::string path = printable(name);
+    const std::string missing = "The " + nameOf(wanted) + " is missing: ";
+    const File file(name.c_str(), O_RDONLY | O_NONBLOCK);
+    if (file.descriptor() < 0) noPin(missing + whyNotOpened(errno, path) + ".");
+    struct stat status {};
+    ::fstat(file.descriptor(), &status);
+    if (S_ISDIR(status.st_mode)) noPin(missing + path + " is a directory.");
+    if (S_ISREG(status.st_mode) && (status.st_mode & (S_IRGRP | S_IROTH)) != 0)
+        std::cerr << "mervane-p11: Other users may read the PIN in " << path << ".\n";
+    SecretLine line;
+    line.read([&](char& byte) {
+        return readByte(file.descriptor(), S_ISFIFO(status.st_mode), path, byte);
+    });
+    checkLine(line, path);
+    constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
+    const bool isMarked = line.text().starts_with(kByteOrderMark);
+    pin.setFromUtf8(line.text().substr(isMarked ? kByteOrderMark.size() : 0));
 }
 
 }  // namespace
 
-void readPin(const std::optional<std::string>& source, const std::string& prompt, XString& pin) {
-    if (!source || *source == "-") {
-        promptForPin(prompt, pin);
-    } else if (source->starts_with("env:")) {
-        const std::string name = source->substr(4);
-        const char* const value = std::getenv(name.c_str());
-        if (value == nullptr)
-            noPin("The " + prompt + " is missing: no environment variable " + printable(name) +
-                  ".");
-        pin.setFromUtf8(value);
-    } else {
-        const std::string path = source->substr(5);
-        const File file(path.c_str(), O_RDONLY);
-        if (file.descriptor() < 0)
-            noPin("The " + prompt + " is missing: no file " + printable(path) + ".");
-        readLine(file.descriptor(), pin, printable(path));
+int guardPins(const std::function<int()>& program) {
+    ::prctl(PR_SET_DUMPABLE, 0);
+    const rlimit noCore{0, 0};
+    ::setrlimit(RLIMIT_CORE, &noCore);  // holds for what a module starts as well
+    try {
+        return program();
+    } catch (const Interrupted& interrupted) {
+        wipeDeadStack();
+        static_cast<void>(::raise(interrupted.signal));
+        return 128 + interrupted.signal;  // as a shell has it; blocked meanwhile
     }
-    // An empty PIN would be tried on the token like any other.
-    if (pin.isEmpty()) noPin("The " + prompt + " is empty.");
 }
 
-void readPinOrLeaveToReader(const std::optional<std::string>& source, const std::string& prompt,
-                            bool hasPinPad, XString& pin) {
-    if (source || !hasPinPad) readPin(source, prompt, pin);
+const std::optional<std::string>& loginSource(const Options& options) {
+    return options.asOfficer && options.soPin ? options.soPin : options.pin;
+}
+
+bool isAsked(const std::optional<std::string>& source) {
+    return !source || *source == "-";
+}
+
+Pins::Pins(const Options& options) {
+    for (const auto* source : {&options.pin, &options.soPin, &options.newPin}) {
+        if (*source && (*source)->starts_with("env:")) take(**source);
+    }
+}
+
+void Pins::take(const std::string& source) {
+    const std::string name = source.substr(4);
+    const char* const value = std::getenv(name.c_str());
+    if (value == nullptr) return;  // for another option, or never there: said when it is needed
+    m_taken[source].setFromUtf8(value);
+    // Whoever starts a program may give it a variable more than once.
+    for (char** entry = environ; *entry != nullptr; ++entry) {
+        const std::string_view text = *entry;
+        if (!text.starts_with(name + "=")) continue;
+        wipe(*entry + name.size() + 1, text.size() - name.size() - 1);
+    }
+    ::unsetenv(name.c_str());
+}
+
+void Pins::read(const std::optional<std::string>& source, WantedPin wanted,
+                const TokenChoice& token, XString& pin) const {
+    if (!source && token.hasPinPad) return;
+    if (isAsked(source)) {
+        ask(wanted, token, pin);
+    } else if (source->starts_with("env:")) {
+        const auto taken = m_taken.find(*source);
+        if (taken == m_taken.end())
+            noPin("The " + nameOf(wanted) + " is missing: no environment variable " +
+                  printable(source->substr(4)) + ".");
+        pin = taken->second;
+    } else {
+        readFile(source->substr(5), wanted, pin);
+    }
+    // An empty PIN would be tried on the token like any other.
+    if (pin.isEmpty()) noPin("The " + nameOf(wanted) + " is empty.");
 }
 
 }  // namespace mervane::cli

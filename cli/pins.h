@@ -1,22 +1,54 @@
 #ifndef MERVANE_CLI_PINS_H
 #define MERVANE_CLI_PINS_H
 
+#include <functional>
+#include <map>
 #include <optional>
 #include <string>
 
 #include <mervane/foundation/text/xstring.h>
 
+#include "options.h"
+#include "token.h"
+
 namespace mervane::cli {
 
-/// Gets a PIN from where the option says: env:NAME, file:PATH (its first line), or, with "-" or no
-/// option, the terminal, with the echo off and `prompt` on standard error. Throws a Failure with
-/// Exit::Pin when it cannot be had, is empty, or is no text.
-void readPin(const std::optional<std::string>& source, const std::string& prompt, XString& pin);
+/// Runs the program so that nobody else sees a PIN of it: neither a core dump nor a debugger of the
+/// same user. A signal that came at a prompt ends it only here, where every PIN has been wiped.
+int guardPins(const std::function<int()>& program);
 
-/// The same, but without an option the PIN stays empty where the reader has keys of its own and
-/// asks there.
-void readPinOrLeaveToReader(const std::optional<std::string>& source, const std::string& prompt,
-                            bool hasPinPad, XString& pin);
+/// Where the PIN of a login comes from.
+const std::optional<std::string>& loginSource(const Options& options);
+
+/// Whether somebody is asked for the PIN, who has to be told of which token.
+bool isAsked(const std::optional<std::string>& source);
+
+/// Which PIN of a token is wanted.
+struct WantedPin {
+    bool isOfficers;
+    bool isNew;  ///< set with it and not tried
+};
+
+/// The PINs of a command. Made before the module is loaded: what env:NAME names is taken at once
+/// and out of the environment, so that neither the module nor what it starts inherits it.
+class Pins {
+  public:
+    explicit Pins(const Options& options);
+    Pins(const Pins&) = delete;
+    Pins& operator=(const Pins&) = delete;
+
+    /// Gets a PIN from where the option says: env:NAME, file:PATH (its first line), or, with "-" or
+    /// no option, the terminal, where a new one has to be typed twice. Without an option it stays
+    /// empty where the reader has keys of its own and asks there. Throws a Failure with Exit::Pin
+    /// when it cannot be had, is empty, or is no text, and Interrupted.
+    void read(const std::optional<std::string>& source, WantedPin wanted, const TokenChoice& token,
+              XString& pin) const;
+
+  private:
+    void take(const std::string& source);
+
+    std::map<std::string, XString> m_taken;  // by source, env:NAME
+};
 
 }  // namespace mervane::cli
 

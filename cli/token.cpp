@@ -81,11 +81,9 @@ const Token& chooseFrom(const std::vector<Token>& tokens, const Options& options
                   {}};
 }
 
-void loginAs(ClsPkcs11& p11, const Options& options, bool hasPinPad) {
+void loginAs(ClsPkcs11& p11, const Options& options, const TokenChoice& token, const Pins& pins) {
     XString pin;
-    const auto& source = options.asOfficer && options.soPin ? options.soPin : options.pin;
-    readPinOrLeaveToReader(source, options.asOfficer ? "security officer PIN" : "user PIN",
-                           hasPinPad, pin);
+    pins.read(loginSource(options), {.isOfficers = options.asOfficer, .isNew = false}, token, pin);
     if (!p11.Login(options.asOfficer ? 0 : 1, pin)) throwLastError(p11);
 }
 
@@ -117,15 +115,16 @@ TokenChoice chooseToken(ClsPkcs11& p11, const Options& options, Takes takes) {
     const auto slot = slotNumber(token);
     if (!slot)
         throw Failure{Exit::Module, "The slot ID " + token.slotId + " has more than 32 bits.", {}};
-    return {*slot, token.has("protected-authentication-path")};
+    return {*slot, token.has("protected-authentication-path"), token.label, token.flags};
 }
 
 TokenChoice openToken(ClsPkcs11& p11, const Options& options, bool readWrite) {
+    const Pins pins(options);
     useModule(p11, options);
     const bool login = options.login || (options.asOfficer && options.soPin);
-    TokenChoice choice{options.slot.value_or(0), false};
+    TokenChoice choice{options.slot.value_or(0), false, {}, {}};
     // With the slot named and the PIN at hand nothing has to be asked of the module first.
-    if (!options.slot || options.tokenLabel || (login && !options.pin && !options.soPin)) {
+    if (!options.slot || options.tokenLabel || (login && isAsked(loginSource(options)))) {
         choice = chooseToken(p11, options, Takes::Initialized);
     } else if (!p11.Initialize()) {
         throwLastError(p11);
@@ -133,7 +132,7 @@ TokenChoice openToken(ClsPkcs11& p11, const Options& options, bool readWrite) {
     // The security officer does not log in beside read-only sessions.
     if (!p11.OpenSession(choice.slot, readWrite || (login && options.asOfficer)))
         throwLastError(p11);
-    if (login) loginAs(p11, options, choice.hasPinPad);
+    if (login) loginAs(p11, options, choice, pins);
     return choice;
 }
 

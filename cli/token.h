@@ -21,7 +21,9 @@ enum class Takes : unsigned char { Initialized, Uninitialized };
 /// A token that was chosen.
 struct TokenChoice {
     int slot;
-    bool hasPinPad;  ///< the reader asks for PINs on keys of its own
+    bool hasPinPad;     ///< the reader asks for PINs on keys of its own
+    std::string label;  ///< empty when the module was not asked, like the flags
+    std::string flags;  ///< between blanks, as in discover
 };
 
 /// The token that the options name, or the only one that the command may take. Throws when there is
