@@ -219,19 +219,26 @@ TEST(HostileTest, MalformedPartsHaveNoValue) {
         EXPECT_EQ(cert->getSerialNumber(text, log), row.text != nullptr);
         EXPECT_EQ(text.view(), row.text == nullptr ? "" : row.text);
     }
-    const Bytes bad[] = {"",
-                         "0",
-                         "\x30",
-                         tlv(0x30, ""),
-                         Bytes("\x30\x80\0\0", 4),
-                         "\x30\x84\xFF\xFF\xFF\xFF\xAA",
-                         "\x30\x89\x01\x01\x01\x01\x01\x01\x01\x01\x01\xAA",
-                         "\x1F\x81",
-                         tlv(0x31, certificate({})),
-                         certificate({.issuer = "", .subject = ""}),
-                         certificate({.extensions = "x"}).substr(0, 40),
-                         certificate({.key = tlv(0x31, "")})};
-    for (const Bytes& der : bad) EXPECT_FALSE(readAll(asBytes(der))) << toHex(asBytes(der));
+    const std::pair<Bytes, const char*> bad[] = {{"", "certificate"},
+                                                 {"0", "certificate"},
+                                                 {"\x30", "certificate"},
+                                                 {tlv(0x30, ""), "tbsCertificate"},
+                                                 {Bytes("\x30\x80\0\0", 4), "certificate"},
+                                                 {"\x30\x84\xFF\xFF\xFF\xFF\xAA", "certificate"},
+                                                 {"\x30\x89\x01\x01\x01\x01\x01\x01\x01\x01\x01\xAA", "certificate"},
+                                                 {"\x1F\x81", "certificate"},
+                                                 {tlv(0x31, certificate({})), "certificate"},
+                                                 {tlv(0x30, tlv(0x30, "")), "signatureAlgorithm"},
+                                                 {certificate({.serial = ""}), "serialNumber"},
+                                                 {certificate({.issuer = "", .subject = ""}), "subject"},
+                                                 {certificate({.extensions = "x"}).substr(0, 40), "certificate"},
+                                                 {certificate({.key = tlv(0x31, "")}), "subjectPublicKeyInfo"},
+                                                 {certificate({.key = rsaKey(64) + tlv(0xA3, "")}), "extensions"}};
+    for (const auto& [der, field] : bad) {
+        _mvLogger told;
+        EXPECT_EQ(Certificate::createFromDer(asBytes(der), told), nullptr) << toHex(asBytes(der));
+        EXPECT_THAT(told.text(), HasSubstr(std::string("malformedField: ") + field + "\n")) << toHex(asBytes(der));
+    }
     XString name;
     const auto cert = Certificate::createFromDer(asBytes(withName(0x0C, Bytes("good.example\0.evil", 18))), log);
     EXPECT_TRUE(cert->getSubjectPart("CN", name, log));

@@ -1,3 +1,12 @@
+// Parsing finds the fields of TBSCertificate once and keeps them as windows, 32-bit offsets into
+// the DER. Readers decode what they are asked for from their window, so a malformed name or
+// extension fails that reader alone.
+//
+// Cards hold certificates that break the rules of DER and RFC 5280: negative serial numbers,
+// lengths in too many octets, padding after the end, times in other forms. What can be read safely
+// is read. Fields that nobody asks for (algorithms, unique IDs, the signature) are only stepped
+// over.
+
 #include "foundation/x509/certificate.h"
 
 #include <array>
@@ -22,7 +31,8 @@ bool setText(XString& out, const std::optional<std::string>& text) {
     return text.has_value();
 }
 
-// Two's complement to sign and magnitude (X.690 8.3).
+// An INTEGER's content, which is two's complement (X.690 8.3), as sign and magnitude. RFC 5280
+// forbids negative serial numbers; they exist.
 std::string serialToText(der::Bytes content) {
     const bool negative = (content.front() & 0x80U) != 0;
     std::vector<std::uint8_t> magnitude(content.begin(), content.end());
@@ -55,15 +65,18 @@ std::string timeToText(const der::Element& time) {
 
 std::shared_ptr<Certificate> Certificate::createFromDer(der::Bytes der, TokenCertInfo token,
                                                         LogBase& log) {
-    // Windows are kept as 32-bit offsets; no certificate comes near that.
+    // Windows are 32-bit offsets; no certificate comes near that size.
     const auto whole =
         der.size() > UINT32_MAX ? std::nullopt : der::Cursor(der).read(der::kSequence);
+    std::string_view malformedField = "certificate";
     if (whole) {
         auto cert = std::make_shared<Certificate>(Private{}, whole->whole, std::move(token));
-        if (cert->parse()) return cert;
+        malformedField = cert->parse();
+        if (malformedField.empty()) return cert;
     }
     log.LogError("The bytes are not an X.509 certificate.");
     log.LogDataUnsigned("numBytes", der.size());
+    log.LogData("malformedField", malformedField);
     return nullptr;
 }
 
@@ -79,39 +92,59 @@ der::Bytes Certificate::bytesOf(Window window) const noexcept {
     return m_der.span().subspan(window.at, window.size);
 }
 
-bool Certificate::parse() {
-    // Certificate ::= SEQUENCE { tbsCertificate, signatureAlgorithm, signatureValue }
+std::string_view Certificate::parse() {
+    // Certificate ::= SEQUENCE {
     auto outer = der::enter(der(), der::kSequence);
-    const auto tbsElement = outer ? outer->read(der::kSequence) : std::nullopt;
-    if (!tbsElement || !outer->read(der::kSequence) || !outer->read(der::kBitString)) return false;
+    if (!outer) return "certificate";
+    //     tbsCertificate       TBSCertificate,
+    const auto tbs = outer->read(der::kSequence);
+    if (!tbs) return "tbsCertificate";
+    //     signatureAlgorithm   AlgorithmIdentifier,
+    if (!outer->read(der::kSequence)) return "signatureAlgorithm";
+    //     signatureValue       BIT STRING }
+    if (!outer->read(der::kBitString)) return "signatureValue";
+    return parseTbs(tbs->content);
+}
 
-    // TBSCertificate ::= SEQUENCE { version [0] EXPLICIT DEFAULT v1, serialNumber, signature,
-    //   issuer, validity, subject, subjectPublicKeyInfo, issuerUniqueID [1] IMPLICIT OPTIONAL,
-    //   subjectUniqueID [2] IMPLICIT OPTIONAL, extensions [3] EXPLICIT OPTIONAL }
-    der::Cursor tbs(tbsElement->content);
-    if (!tbs.skipOptional(der::contextConstructed(0))) return false;
+std::string_view Certificate::parseTbs(der::Bytes content) {
+    // TBSCertificate ::= SEQUENCE {
+    der::Cursor tbs(content);
+    //     version              [0] EXPLICIT Version DEFAULT v1,
+    if (!tbs.skipOptional(der::contextConstructed(0))) return "version";
+    //     serialNumber         CertificateSerialNumber,
     const auto serial = tbs.read(der::kInteger);
-    if (!serial || !tbs.read(der::kSequence)) return false;
+    if (!serial) return "serialNumber";
+    //     signature            AlgorithmIdentifier,
+    if (!tbs.read(der::kSequence)) return "signature";
+    //     issuer               Name,
     const auto issuer = tbs.read(der::kSequence);
-    const auto validity = issuer ? tbs.read(der::kSequence) : std::nullopt;
-    const auto subject = validity ? tbs.read(der::kSequence) : std::nullopt;
-    const auto spki = subject ? tbs.read(der::kSequence) : std::nullopt;
-    if (!spki || !tbs.skipOptional(der::context(1)) || !tbs.skipOptional(der::context(2)))
-        return false;
+    if (!issuer) return "issuer";
+    //     validity             Validity,
+    const auto validity = tbs.read(der::kSequence);
+    if (!validity) return "validity";
+    //     subject              Name,
+    const auto subject = tbs.read(der::kSequence);
+    if (!subject) return "subject";
+    //     subjectPublicKeyInfo SubjectPublicKeyInfo,
+    const auto spki = tbs.read(der::kSequence);
+    if (!spki) return "subjectPublicKeyInfo";
+    //     issuerUniqueID       [1] IMPLICIT UniqueIdentifier OPTIONAL,
+    if (!tbs.skipOptional(der::context(1))) return "issuerUniqueID";
+    //     subjectUniqueID      [2] IMPLICIT UniqueIdentifier OPTIONAL,
+    if (!tbs.skipOptional(der::context(2))) return "subjectUniqueID";
     m_serial = windowOf(serial->content);
     m_issuer = windowOf(issuer->whole);
     m_validity = windowOf(validity->whole);
     m_subject = windowOf(subject->whole);
     m_spki = windowOf(spki->whole);
-    if (!tbs.nextIs(der::contextConstructed(3))) return true;
-
+    //     extensions           [3] EXPLICIT Extensions OPTIONAL }
+    if (!tbs.nextIs(der::contextConstructed(3))) return {};
+    const auto tagged = tbs.readAny();
     // Extensions ::= SEQUENCE SIZE (1..MAX) OF Extension
-    const auto extensions = tbs.readAny();
-    const auto list =
-        extensions ? der::Cursor(extensions->content).read(der::kSequence) : std::nullopt;
-    if (!list) return false;
+    const auto list = tagged ? der::Cursor(tagged->content).read(der::kSequence) : std::nullopt;
+    if (!list) return "extensions";
     m_extensions = windowOf(list->content);
-    return true;
+    return {};
 }
 
 bool Certificate::getSubjectDN(XString& out, LogBase&) const {
@@ -149,14 +182,16 @@ bool Certificate::getSha1ThumbprintX(XString& out, LogBase&) const {
 std::optional<Certificate::Extension> Certificate::findExtension(
     std::string_view oidContent) const noexcept {
     for (der::Cursor list(bytesOf(m_extensions)); !list.atEnd();) {
-        // Extension ::= SEQUENCE { extnID OBJECT IDENTIFIER, critical BOOLEAN DEFAULT FALSE,
-        //                          extnValue OCTET STRING }
+        // Extension ::= SEQUENCE {
         const auto extension = list.read(der::kSequence);
         if (!extension) return std::nullopt;
         der::Cursor fields(extension->content);
+        //     extnID    OBJECT IDENTIFIER,
         const auto oid = fields.read(der::kOid);
         if (!oid || asChars(oid->content) != oidContent) continue;
+        //     critical  BOOLEAN DEFAULT FALSE,
         const auto critical = fields.read(der::kBoolean);
+        //     extnValue OCTET STRING }
         const auto value = fields.read(der::kOctetString);
         if (!value) return std::nullopt;
         const bool isCritical = critical && !critical->content.empty() && critical->content[0] != 0;
@@ -179,7 +214,7 @@ int Certificate::getIntendedKeyUsage(LogBase&) const {
 }
 
 bool Certificate::getValidity(std::string& notBefore, std::string& notAfter) const {
-    // Validity ::= SEQUENCE { notBefore Time, notAfter Time }
+    // Validity ::= SEQUENCE { notBefore Time, notAfter Time }; Time ::= CHOICE, hence any type
     auto times = der::enter(bytesOf(m_validity), der::kSequence);
     const auto first = times ? times->readAny() : std::nullopt;
     const auto last = first ? times->readAny() : std::nullopt;

@@ -5,6 +5,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "../core/critsec.h"
 #include "../core/object.h"
@@ -20,74 +21,92 @@ namespace mervane {
 
 /// The token object that a certificate was read from.
 struct TokenCertInfo {
-    unsigned long handle = 0;  ///< of the CKO_CERTIFICATE object, in the session it was read in
-    DataBuffer ckaId;          ///< CKA_ID; empty when the object has none
-    std::string label;         ///< CKA_LABEL as the module gave it
+    unsigned long handle = 0;  ///< CKO_CERTIFICATE handle, in the session it was read in
+    DataBuffer ckaId;          ///< CKA_ID; empty if the object has none
+    std::string label;         ///< CKA_LABEL as the module returned it, not checked
 };
 
-/// A parsed X.509 certificate (RFC 5280), shared between a cache and everybody it was given to.
+/// A parsed X.509 certificate (RFC 5280), shared by the cache it was read into and by everyone who
+/// was handed it.
 ///
-/// It keeps its DER and windows into it, made once; everything else is decoded when asked for and
-/// not kept, so that reading needs no lock. Each reader reports whether the value could be had and
-/// leaves its output alone when not.
+/// A certificate is its DER plus windows on the fields of TBSCertificate, found once at creation.
+/// Everything else is decoded from the windows on each request and not kept: most callers want one
+/// or two fields of many certificates, and immutable data can be read by any number of threads
+/// without a lock. Only the outer structure is checked at creation; a field may still be malformed
+/// inside. A reader then returns false and leaves its output untouched. Nothing here verifies a
+/// signature.
 ///
-/// The link to a PKCS#11 session may be made and dropped by the session's owner while other threads
-/// ask for it. It holds no pointer that can dangle: when the owner is gone or has another session,
-/// the certificate simply is not linked.
+/// The one mutable part is the link to a PKCS#11 session, which has a lock of its own. It holds no
+/// pointer that could dangle: once the owner is gone or has another session, the certificate simply
+/// is not linked.
 class Certificate final : public std::enable_shared_from_this<Certificate> {
-    struct Private {};  // keeps construction within createFromDer
+    struct Private {};  // only createFromDer() can construct
 
   public:
-    /// The certificate at the front of `der`; bytes behind it (some cards pad) are ignored. Null,
-    /// with an error line, when there is none.
+    /// Parses the certificate at the front of `der`, which is copied; trailing bytes are ignored,
+    /// since some cards pad. On failure returns null and logs an error line and the name of the
+    /// malformed field (as in RFC 5280 4.1).
     static std::shared_ptr<Certificate> createFromDer(der::Bytes der, TokenCertInfo token,
                                                       LogBase& log);
     static std::shared_ptr<Certificate> createFromDer(der::Bytes der, LogBase& log) {
         return createFromDer(der, {}, log);
     }
 
+    /// For createFromDer().
     Certificate(Private, der::Bytes der, TokenCertInfo token);
     Certificate(const Certificate&) = delete;
     Certificate& operator=(const Certificate&) = delete;
     ~Certificate() = default;
 
+    /// The whole certificate; valid as long as this object.
     [[nodiscard]] der::Bytes der() const noexcept { return m_der.span(); }
+    /// Empty if the certificate is not from a token.
     [[nodiscard]] const TokenCertInfo& tokenInfo() const noexcept { return m_token; }
 
-    // --- Names. Forms as nameToText() and namePart() have them.
+    // --- Names, UTF-8
+
+    /// "C=EX, CN=Alice": escaped and abbreviated as in RFC 4514, but in the certificate's order and
+    /// with a space after each comma. The _noTags form has the values alone.
     bool getSubjectDN(XString& out, LogBase& log) const;
     bool getSubjectDN_noTags(XString& out, LogBase& log) const;
     bool getIssuerDN(XString& out, LogBase& log) const;
-    /// The first value of the type that `part` names ("CN", "O", "E", .. or a dotted OID).
+    /// The first value, unescaped, of the attribute type `part`: "CN", "O", "E", .. in upper case,
+    /// or a dotted OID. False if the name has none.
     bool getSubjectPart(const char* part, XString& out, LogBase& log) const;
     bool getIssuerPart(const char* part, XString& out, LogBase& log) const;
 
-    /// Upper-case hexadecimal without separators, the leading zero octet of a positive number
-    /// removed; "-" and the magnitude for a negative one.
+    // --- Other fields
+
+    /// Upper-case hexadecimal without separators or leading zero octets; "-" and the magnitude for
+    /// a negative number.
     bool getSerialNumber(XString& out, LogBase& log) const;
-    /// Upper-case hexadecimal, 40 digits.
+    /// SHA-1 of the DER: 40 upper-case hexadecimal digits.
     bool getSha1ThumbprintX(XString& out, LogBase& log) const;
-    /// The first extension with this dotted OID, as extensionToXml() writes it.
+    /// The first extension with this dotted OID, as one line of XML (format in extensionxml.h).
     bool getExtensionXml(const char* oid, StringBuffer& out, LogBase& log) const;
-    /// The first octet of the KeyUsage bits (RFC 5280 4.2.1.3, 0x80 digitalSignature); 0 when the
-    /// certificate lacks the extension.
+    /// The first octet of KeyUsage (RFC 5280 4.2.1.3): 0x80 digitalSignature, 0x40 nonRepudiation,
+    /// and so on; 0 without the extension.
     int getIntendedKeyUsage(LogBase& log) const;
-    /// "YYYY-MM-DDThh:mm:ssZ"; an out-of-form time as the certificate has it.
+    /// "YYYY-MM-DDThh:mm:ssZ"; a time in another form is copied as it is in the certificate.
     bool getValidity(std::string& notBefore, std::string& notAfter) const;
 
     // --- Key
-    /// 1 RSA, 3 EC, 0 any other; `bits` is the size of the modulus or the field, 0 with type 0.
+    /// Returns 1 for RSA, 3 for EC, 0 for any other key, and sets `bits` to the size of the modulus
+    /// or the field, 0 with type 0.
     int getCertKeyType(int& bits, LogBase& log) const;
+    /// Decodes the public key; false for keys that _mvPublicKey::loadSpki() does not support.
     bool getCertPublicKey(_mvPublicKey& out, LogBase& log) const;
-    /// The DER of a part: 1 the subject name. False for other numbers and a malformed name.
+    /// The DER of a part. Part 1 is the subject; any other, or a malformed subject, returns false.
     bool getPartDer(int part, DataBuffer& out, LogBase& log) const;
 
-    // --- Link to the session that holds the private key
+    // --- Link to the session that holds the private key. Any thread may call these.
 
-    /// Records the owner, the key type code, the length of its signatures in bytes and the handle
-    /// of the private key, for later signing. Replaces an earlier link.
+    /// Records `owner` and its current session, the key type (1 RSA, 3 EC), the length of the key's
+    /// signatures in bytes and the private key's handle, for signing later. Replaces any earlier
+    /// link. `owner` must not be null.
     void linkToPkcs11Session(const Pkcs11SessionOwner* owner, int keyType,
                              int expectedSignatureSize, unsigned long keyHandle, LogBase& log);
+    /// Drops the link, if there is one.
     void unlinkFromPkcs11Session() noexcept;
 
     /// What linkToPkcs11Session() recorded.
@@ -97,21 +116,23 @@ class Certificate final : public std::enable_shared_from_this<Certificate> {
         int expectedSignatureSize;
         unsigned long keyHandle;
     };
-    /// The link as long as it holds: owner alive, the session it was made under open.
+    /// The link; nullopt once the owner is gone or the session it was made under has ended.
     [[nodiscard]] std::optional<Pkcs11Link> pkcs11Link() const;
+    /// Whether pkcs11Link() has a value.
     [[nodiscard]] bool isLinkedToPkcs11() const { return pkcs11Link().has_value(); }
-    /// Whether the private key can be reached: a link that holds a key handle. With `mustBeUsable`
-    /// false a link alone counts.
+    /// Whether there is a link with a key handle; unless `mustBeUsable`, any link will do.
     bool hasPrivateKey(bool mustBeUsable, LogBase& log) const;
 
   private:
-    // Where in m_der a part lies.
+    // A range of m_der, in bytes.
     struct Window {
         std::uint32_t at = 0;
         std::uint32_t size = 0;
     };
 
-    [[nodiscard]] bool parse();
+    // Set the windows. Return the name of the malformed field, empty if there is none.
+    [[nodiscard]] std::string_view parse();
+    [[nodiscard]] std::string_view parseTbs(der::Bytes content);
     [[nodiscard]] Window windowOf(der::Bytes part) const noexcept;
     [[nodiscard]] der::Bytes bytesOf(Window window) const noexcept;
 
@@ -129,9 +150,9 @@ class Certificate final : public std::enable_shared_from_this<Certificate> {
     Window m_validity;    // whole SEQUENCE
     Window m_subject;     // whole Name
     Window m_spki;        // whole SubjectPublicKeyInfo
-    Window m_extensions;  // content of the SEQUENCE OF Extension; empty when there is none
+    Window m_extensions;  // content of Extensions; empty if there are none
 
-    // The session's number tells a link of an earlier session of the same owner.
+    // The session number tells apart the sessions of one owner.
     struct Link {
         std::weak_ptr<Pkcs11SessionAnchor> anchor;
         std::uint64_t sessionNumber = 0;
@@ -143,14 +164,15 @@ class Certificate final : public std::enable_shared_from_this<Certificate> {
     Link m_link;
 };
 
-/// An array element that holds one certificate, shared with others.
+/// A share of one certificate, as an element of an ExtPtrArray.
 class CertificateHolder final : public NonRefCountedObj {
   public:
     explicit CertificateHolder(std::shared_ptr<Certificate> cert) noexcept
         : m_cert(std::move(cert)) {}
 
-    /// Null when it holds none. Valid while the holder, or a share of it, lives.
+    /// The certificate, or null; valid while the holder or any other share of it lives.
     [[nodiscard]] Certificate* getCertPtr(LogBase&) const noexcept { return m_cert.get(); }
+    /// The same, to be shared.
     [[nodiscard]] const std::shared_ptr<Certificate>& share() const noexcept { return m_cert; }
 
   private:
