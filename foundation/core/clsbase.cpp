@@ -16,11 +16,11 @@ void ClsBase::put_Options(std::string_view keywords) {
 
 void ClsBase::logSuccessFailure2(bool success, LogBase& log) noexcept {
     m_lastMethodSuccess = success;
-    // Not on the error channel: the reason of a failure is there already, at the place that knew.
+    // Info even for a failure: the error line was written where the reason was known.
     log.LogInfo(success ? "Success." : "Failed.");
 }
 
-// Here and not with LogBase, which knows nothing of the objects that have a log.
+// Defined here because the log layer must not depend on ClsBase.
 LogContextExitor::LogContextExitor(ClsBase& object, std::string_view name) noexcept
     : LogContextExitor(object.m_log, name) {}
 

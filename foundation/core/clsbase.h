@@ -9,29 +9,29 @@
 
 namespace mervane {
 
-/// Base of every public object: its critical section, its log, and the record of how the last
-/// recorded call went.
+/// Base of every public object: its lock, its log, and the outcome of the last call.
 class ClsBase : public MervaneObject, public MervaneCritSec {
   public:
     ClsBase(const ClsBase&) = delete;
     ClsBase& operator=(const ClsBase&) = delete;
     ~ClsBase() override = default;
 
-    /// The object's log. Thread rule: read it while no other thread calls the object.
+    /// The object's log. Not synchronised: read it only while no other thread calls the object.
     [[nodiscard]] _mvLogger& log() noexcept { return m_log; }
     [[nodiscard]] const _mvLogger& log() const noexcept { return m_log; }
 
-    /// The outcome that was recorded last; true on a new object. Methods that record nothing
-    /// leave it as it was.
+    /// Whether the last method that records its outcome succeeded; true on a new object. Methods
+    /// that record nothing leave it unchanged. Takes the lock.
     [[nodiscard]] bool get_LastMethodSuccess();
 
-    /// Option keywords for the object's calls, such as "Pkcs11DiscoverSkipMechanisms"; any
-    /// separators, any letter case.
+    /// Sets the option keywords for later calls, such as "Pkcs11DiscoverSkipMechanisms". Separators
+    /// and letter case do not matter; earlier keywords are replaced. Takes the lock.
     void put_Options(std::string_view keywords);
 
-    /// Records the outcome of a public method, in the object and as a line of its log.
+    /// Records the outcome of a public method and logs it as an info line. The caller holds the
+    /// lock.
     void logSuccessFailure(bool success) noexcept { logSuccessFailure2(success, m_log); }
-    /// The same with the line written to `log`.
+    /// As above, but writes the line to `log`.
     void logSuccessFailure2(bool success, LogBase& log) noexcept;
 
   protected:
@@ -45,7 +45,7 @@ class ClsBase : public MervaneObject, public MervaneCritSec {
     bool m_lastMethodSuccess = true;
 };
 
-/// Releases an object when its scope ends.
+/// Owns an object, which may be null, and deletes it at the end of the scope.
 class _clsBaseHolder {
   public:
     explicit _clsBaseHolder(ClsBase* object) noexcept : m_object(object) {}

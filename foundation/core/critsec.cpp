@@ -8,7 +8,7 @@
 namespace mervane {
 namespace {
 
-// No process forks this often; the value marks a mutex that another thread is making anew.
+// Marks a mutex that another thread is rebuilding. No process forks often enough to reach it.
 constexpr std::uint32_t kRenewing = ~std::uint32_t{0};
 
 }  // namespace
@@ -26,7 +26,7 @@ void MervaneCritSec::enterCriticalSection() {
 }
 
 void MervaneCritSec::leaveCriticalSection() noexcept {
-    // A section entered before a fork by the thread that forked was made anew since: not held.
+    // Entered before a fork and left in the child: the mutex is stale and will be rebuilt.
     if (m_generation.load(std::memory_order_acquire) == forkGeneration()) m_mutex.unlock();
 }
 
@@ -42,6 +42,7 @@ void MervaneCritSec::renewAfterFork(std::uint32_t seen, std::uint32_t current) n
     } else {
         m_wasHeldAtFork.store(true);
     }
+    // Over the old one without destroying it; see the union in the header.
     ::new (static_cast<void*>(&m_mutex)) std::recursive_mutex;
     m_generation.store(current, std::memory_order_release);
 }

@@ -7,10 +7,16 @@
 
 namespace mervane {
 
-/// A critical section that the thread holding it may enter again.
+/// A recursive lock that survives fork().
 ///
-/// It survives fork(): in the child a section that another thread of the parent held is free, so
-/// that a forked process can go on using (or at least destroy) the objects it inherited.
+/// fork() copies every mutex in the state it happens to be in, but only the calling thread. A mutex
+/// that another thread held would stay locked in the child for ever, and even destroying an
+/// inherited object would hang. Each section therefore remembers the fork generation (forkwatch.h)
+/// in which its mutex was built; the first thread to enter it in the child builds a new one, so all
+/// sections start out free there.
+///
+/// This makes the lock usable, not the data: what the other thread was changing at the fork may be
+/// half changed in the child.
 class MervaneCritSec {
   public:
     MervaneCritSec() noexcept;
@@ -18,7 +24,9 @@ class MervaneCritSec {
     MervaneCritSec& operator=(const MervaneCritSec&) = delete;
     ~MervaneCritSec() = default;
 
+    /// Blocks until the section is free. The thread that holds it may enter again.
     void enterCriticalSection();
+    /// To be called once for each enterCriticalSection(), on the same thread.
     void leaveCriticalSection() noexcept;
 
     /// In a forked child, once it has entered: somebody was inside the section at the fork, so that
@@ -28,12 +36,12 @@ class MervaneCritSec {
   private:
     void renewAfterFork(std::uint32_t seen, std::uint32_t current) noexcept;
 
-    // Never destroyed: destroying a mutex that a thread of the parent held is undefined, and the
-    // type owns nothing outside itself.
+    // In a union, so never destroyed: destroying a mutex that one of the parent's threads held is
+    // undefined, and the type owns nothing that would leak.
     union {
         std::recursive_mutex m_mutex;
     };
-    std::atomic<std::uint32_t> m_generation;
+    std::atomic<std::uint32_t> m_generation;  // fork generation that m_mutex was built in
     std::atomic<bool> m_wasHeldAtFork{false};
 };
 

@@ -15,8 +15,8 @@ namespace {
 std::atomic<std::uint32_t> forkCount{0};
 std::atomic<bool> exiting{false};
 
-// The handler has to stand before the first fork that matters, which is the one after the first
-// object was made; registering it then costs nothing to processes that never make one.
+// Registered when the first object asks for the generation: early enough for every fork that could
+// matter, and free for processes that never create an object.
 bool registerForkHandler() noexcept {
     return pthread_atfork(nullptr, nullptr, [] { forkCount.fetch_add(1); }) == 0;
 }
@@ -30,8 +30,8 @@ std::uint32_t forkGeneration() noexcept {
 }
 
 void watchProcessExit(const void* user, const void* library) {
-    // Neither is ever freed: exit handlers and destructors of static objects come in any order. A
-    // fork abandons both, since another thread may have been at work on them.
+    // Never destroyed: objects of static storage may still get here while the process exits. A fork
+    // abandons it, because another thread may have been changing it.
     struct Watched {
         std::mutex mutex;
         std::set<const void*> seen;
@@ -43,14 +43,16 @@ void watchProcessExit(const void* user, const void* library) {
         watched = std::make_unique<Watched>().release();
         current.store(watched);
     }
+    // dladdr() knows the addresses within loaded images, which is where static objects live; heap
+    // and stack lie outside.
     Dl_info image{};
     const bool isStatic = ::dladdr(user, &image) != 0;
     const std::lock_guard lock(watched->mutex);
     const bool isNewLibrary = watched->seen.insert(library).second;
     const bool isNewUser = isStatic && watched->seen.insert(user).second;
-    // Handlers run in the reverse order of their registration. This one runs before those of the
-    // library, and before the destructor of a static object that is complete by now. An object that
-    // is to be destroyed earlier than that finds the library at work.
+    // Exit handlers and static destructors run in reverse order of registration, so this one runs
+    // before those of the library and before the destructor of any static object complete by now.
+    // A static object completed later is destroyed first, while the library still works.
     if (isNewLibrary || isNewUser) static_cast<void>(std::atexit([] { exiting.store(true); }));
 }
 

@@ -10,8 +10,8 @@
 
 namespace mervane {
 
-/// Runs `work` where nothing may be thrown: at the public interface. An exception of the standard
-/// library ends the work, is told in one error line, and gives a result of false, 0 or empty.
+/// Runs `work` at the public boundary, which no exception may cross. One from the standard library
+/// is logged as an error line, and the result is then false, 0 or empty.
 template <class Work>
 auto guarded(LogBase& log, Work&& work) -> std::invoke_result_t<Work> {
     try {

@@ -10,7 +10,7 @@ class MervaneObject {
   public:
     virtual ~MervaneObject() = default;
 
-    /// Bytes on the heap that the object owns beyond its own size; 0 when it does not keep count.
+    /// Bytes of heap that the object owns, its own size excluded; 0 if it does not keep count.
     [[nodiscard]] virtual std::size_t heapUsage() const noexcept { return 0; }
 
   protected:
@@ -19,7 +19,7 @@ class MervaneObject {
     MervaneObject& operator=(const MervaneObject&) = default;
 };
 
-/// An object with a single owner: it is never shared and never copied.
+/// An object with one owner: never shared, never copied.
 class NonRefCountedObj : public MervaneObject {
   public:
     NonRefCountedObj(const NonRefCountedObj&) = delete;

@@ -13,23 +13,25 @@
 
 namespace mervane {
 
-/// An owning array of objects. An element may be null. Owning is not an option here: the array
-/// frees what it holds, whatever becomes of it.
+/// An array of pointers to objects, which may be null. Always owns its elements and frees them
+/// with the array.
 class ExtPtrArray {
   public:
-    /// Null outside the bounds.
+    /// The element at a zero-based index; null outside the bounds. The array keeps ownership.
     [[nodiscard]] NonRefCountedObj* elementAt(int index) const noexcept {
         const auto at = static_cast<std::size_t>(index);
         return index < 0 || at >= m_items.size() ? nullptr : m_items[at].get();
     }
     [[nodiscard]] int getSize() const noexcept { return static_cast<int>(m_items.size()); }
 
-    /// Bytes for `count` pointers are taken now, so that as many appends cannot fail.
+    /// Allocates for `count` elements in all; appends up to that many cannot fail.
     void reserve(std::size_t count) { m_items.reserve(count); }
+    /// Adds an element at the end and takes ownership of it.
     void appendObject(std::unique_ptr<NonRefCountedObj> item) {
         m_items.push_back(std::move(item));
         ++m_changes;
     }
+    /// Frees all elements.
     void removeAllObjects() noexcept {
         m_items.clear();
         ++m_changes;
@@ -47,9 +49,9 @@ class ExtPtrArray {
         ++m_changes;
     }
 
-    /// Says that elements were changed in place.
+    /// To be called after elements were changed in place.
     void noteChange() noexcept { ++m_changes; }
-    /// Grows with every change of the array: tells whether an index made over it is still good.
+    /// Counts the changes, so that an index over the array can tell when it is out of date.
     [[nodiscard]] std::uint64_t changes() const noexcept { return m_changes; }
 
   private:
@@ -57,10 +59,10 @@ class ExtPtrArray {
     std::uint64_t m_changes = 0;
 };
 
-/// An owning array of strings.
+/// An array of strings, which it owns.
 class ExtPtrArraySb {
   public:
-    /// Null outside the bounds.
+    /// The string at a zero-based index; null outside the bounds.
     [[nodiscard]] const StringBuffer* sbAt(int index) const noexcept {
         const auto at = static_cast<std::size_t>(index);
         return index < 0 || at >= m_items.size() ? nullptr : m_items[at].get();

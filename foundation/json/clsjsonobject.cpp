@@ -11,7 +11,8 @@
 namespace mervane {
 namespace {
 
-// The index between the brackets at the front of `path`, which it removes with them.
+// Removes "[n]" or "[i]" from the front of `path` and returns the index; `variable` is the value
+// of "i".
 std::optional<std::size_t> takeIndex(std::string_view& path, int variable) noexcept {
     const auto close = path.find(']');
     if (close == std::string_view::npos) return std::nullopt;
@@ -26,7 +27,7 @@ std::optional<std::size_t> takeIndex(std::string_view& path, int variable) noexc
     return index;
 }
 
-// Walks the path from `value`; allocates nothing.
+// Follows `path` from `value`; null if it leads nowhere. Allocates nothing.
 const JsonValue* walk(const JsonValue* value, std::string_view path, int variable) noexcept {
     while (value != nullptr && !path.empty()) {
         if (path.front() == '[') {
@@ -39,7 +40,7 @@ const JsonValue* walk(const JsonValue* value, std::string_view path, int variabl
             path.remove_prefix(name.size());
             value = value->find(name);
         }
-        // A dot joins a name to what stands before it and has to be followed by one.
+        // A dot must be followed by a member name.
         if (path.starts_with('.')) {
             path.remove_prefix(1);
             if (path.empty() || path.front() == '[') return nullptr;
@@ -69,7 +70,6 @@ ClsJsonObject* ClsJsonObject::createNewCls() noexcept {
 
 bool ClsJsonObject::loadJson(const DataBuffer& utf8, LogBase& log) {
     const auto bytes = utf8.span();
-    // A view of the same bytes as characters.
     return loadJson({reinterpret_cast<const char*>(bytes.data()), bytes.size()}, log);
 }
 
@@ -116,7 +116,7 @@ ClsJsonObject* ClsJsonObject::FindRecord(std::string_view arrayPath, std::string
     const auto* const at = std::ranges::find_if(records, matches);
     if (at == records.end()) return nullptr;
     auto record = std::make_unique<ClsJsonObject>();
-    // Shares the whole document and points at the record: root() copies before a change.
+    // Aliases the document's ownership; root() copies before anything changes.
     record->m_root = std::shared_ptr<JsonValue>(m_root, const_cast<JsonValue*>(&*at));
     return record.release();
 }

@@ -13,9 +13,14 @@
 
 namespace mervane {
 
-/// An array that takes one pointer where it stands and no block while it is empty: size and
-/// capacity lie in front of the elements. A hostile JSON text makes a value of every second byte,
-/// so that the three words of std::vector would count.
+/// A dynamic array the size of one pointer: size and capacity precede the elements on the heap, and
+/// an empty list allocates nothing.
+///
+/// JsonValue is built on it. A hostile JSON text makes a value of every second byte ("[0,0,0"), so
+/// the three words of a std::vector in each value would be multiplied by millions.
+///
+/// Indexes are not checked. Adding elements invalidates pointers, as with std::vector. At most
+/// 2^32 - 1 elements; beyond that std::length_error.
 template <class T>
 class CompactList {
   public:
@@ -46,7 +51,7 @@ class CompactList {
     [[nodiscard]] const T& operator[](std::size_t i) const noexcept { return begin()[i]; }
     [[nodiscard]] const T& back() const noexcept { return end()[-1]; }
 
-    /// Makes room for `numItems` elements in all.
+    /// Allocates for `numItems` elements in all.
     void reserve(std::size_t numItems) {
         if (numItems <= capacity()) return;
         if (numItems > std::numeric_limits<std::uint32_t>::max())
@@ -60,10 +65,11 @@ class CompactList {
         ::operator delete(fresh);
     }
 
+    /// Adds an element at the end and returns it. Amortised constant time.
     template <class... Args>
     T& emplace_back(Args&&... args) {
         if (size() == capacity()) {
-            T item(std::forward<Args>(args)...);  // `args` may be of an element that moves now
+            T item(std::forward<Args>(args)...);  // `args` may refer to an element about to move
             reserve(std::max<std::size_t>(1, 2 * size()));
             return emplace_back(std::move(item));
         }
@@ -72,7 +78,7 @@ class CompactList {
         return *added;
     }
 
-    /// Adds copies of elements that are not its own.
+    /// Appends copies of `numOthers` elements, which must not be in this list.
     void append(const T* others, std::size_t numOthers) {
         if (numOthers == 0) return;
         reserve(size() + numOthers);
@@ -80,6 +86,7 @@ class CompactList {
         m_block->size += static_cast<std::uint32_t>(numOthers);
     }
 
+    /// Removes the elements for which `predicate` is true, and keeps the order of the rest.
     template <class Predicate>
     void eraseIf(const Predicate& predicate) {
         T* const last = std::remove_if(begin(), end(), predicate);
@@ -89,7 +96,7 @@ class CompactList {
     }
 
   private:
-    // In front of the elements, which follow it at once.
+    // Head of the heap block; the elements follow immediately.
     struct Block {
         std::uint32_t size;
         std::uint32_t capacity;

@@ -1,3 +1,13 @@
+// A recursive descent parser, one function per rule of RFC 8259. Depth is bounded by kMaxDepth, so
+// the stack is too; the text may be hostile.
+//
+// Each function starts with m_at at the first character of its rule. On success m_at is just past
+// the rule; on failure it stays where the fault is, and error() turns it into line and column,
+// which therefore cost nothing unless needed.
+//
+// Memory is the other concern: every second byte of a text can become a value. Strings without
+// escapes are taken as views of the text, and long lists are counted ahead and allocated once.
+
 #include "foundation/json/parser.h"
 
 #include <algorithm>
@@ -10,15 +20,15 @@ namespace mervane {
 namespace {
 
 constexpr int kMaxDepth = 64;
-// A longer list has its elements counted before they are parsed: a block that grows is there twice
-// for a while, and half empty afterwards.
+// Lists beyond this have their remaining elements counted before parsing goes on: a growing block
+// exists twice while it is copied, and is half empty afterwards.
 constexpr std::size_t kFewItems = 256;
 
 constexpr bool isDigit(char c) noexcept {
     return c >= '0' && c <= '9';
 }
 
-// Characters of a string that stand for themselves, one byte each.
+// The one-byte characters that may appear unescaped in a string.
 constexpr auto kPlain = [] {
     std::array<bool, 256> plain{};
     for (std::size_t c = 0x20; c < 0x80; ++c) plain[c] = c != '"' && c != '\\';
@@ -50,7 +60,7 @@ class Parser {
         return false;
     }
 
-    // NUL at the end of the text: it is no part of any token outside strings.
+    // NUL at the end of the text; no token outside strings contains one.
     [[nodiscard]] char peek() const noexcept { return m_at < m_text.size() ? m_text[m_at] : '\0'; }
 
     bool accept(char c) {
@@ -141,15 +151,15 @@ class Parser {
         return true;
     }
 
-    // Within the element that is added m_at stands.
+    // Adds the element that starts at m_at.
     template <class T>
     T& append(CompactList<T>& list) {
         if (list.size() == kFewItems) list.reserve(kFewItems + 1 + countItems());
         return list.emplace_back();
     }
 
-    // The elements that are still to come in the list where m_at stands; a guess, though never more
-    // than one for two bytes, where the text is malformed.
+    // Number of elements after the current one in the list around m_at. For malformed text this is
+    // a guess, but never more than one element per two bytes.
     [[nodiscard]] std::size_t countItems() const noexcept {
         std::size_t numItems = 0;
         std::size_t depth = 0;
@@ -190,8 +200,8 @@ class Parser {
         return m_at != start;
     }
 
-    // The result is a view of the document where no escape stands in it, and otherwise lasts until
-    // the next string is parsed.
+    // Without escapes `out` is a view of the text; otherwise of m_unescaped, valid until the next
+    // string is parsed.
     bool parseString(std::string_view& out) {
         ++m_at;
         m_unescaped.clear();
@@ -207,7 +217,7 @@ class Parser {
         }
     }
 
-    // Those that stand for themselves: up to a quotation mark or a backslash.
+    // Skips unescaped characters, up to a quotation mark or a backslash.
     bool skipCharacters() {
         while (m_at < m_text.size()) {
             if (kPlain[static_cast<std::uint8_t>(m_text[m_at])]) {
@@ -221,7 +231,7 @@ class Parser {
         return fail("a string is not closed");
     }
 
-    // A control character (refused) or one beyond ASCII.
+    // Skips one character beyond ASCII; refuses control characters.
     bool skipOther() {
         if (static_cast<std::uint8_t>(m_text[m_at]) < 0x20) {
             return fail("a control character stands in a string");
@@ -255,7 +265,7 @@ class Parser {
             if (low >= 0xDC00 && low <= 0xDFFF) {
                 c = 0x10000 + ((c - 0xD800) << 10) + (low - 0xDC00);
             } else {
-                m_at = before;  // the first one stands alone; the second is read for itself
+                m_at = before;  // a lone high surrogate; the second escape is parsed on its own
             }
         }
         appendUtf8(out, c);
@@ -279,7 +289,7 @@ class Parser {
 
     std::string_view m_text;
     std::size_t m_at = 0;
-    std::string m_unescaped;  // of the latest string with escapes
+    std::string m_unescaped;  // the latest string that had escapes
     std::string_view m_reason;
 };
 

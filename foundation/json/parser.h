@@ -8,16 +8,16 @@
 
 namespace mervane {
 
-/// Where and why a text is no JSON. Line and column count from 1; the column counts bytes.
+/// Where and why parsing failed. Line and column count from 1; the column counts bytes.
 struct JsonError {
     std::size_t line = 0;
     std::size_t column = 0;
     std::string_view reason;  // static text
 };
 
-/// Parses one JSON text, strictly as RFC 8259 has it, to a depth of 64 levels. A byte order mark
-/// at the start is ignored (RFC 8259 section 8.1 allows that). An escaped lone surrogate, which the
-/// grammar permits and UTF-8 cannot hold, becomes U+FFFD. On failure `value` is untouched.
+/// Parses one JSON text strictly to RFC 8259, nested at most 64 levels deep. A byte order mark at
+/// the start is ignored, as RFC 8259 section 8.1 permits. An escaped lone surrogate, which the
+/// grammar permits but UTF-8 cannot represent, becomes U+FFFD. On failure `value` is untouched.
 [[nodiscard]] bool parseJson(std::string_view text, JsonValue& value, JsonError& error);
 
 }  // namespace mervane

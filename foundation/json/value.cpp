@@ -10,7 +10,7 @@ JsonValue::JsonValue(const JsonValue& other) = default;
 JsonValue::JsonValue(JsonValue&& other) noexcept {
     m_data.swap(other.m_data);
 }
-// What is assigned may be a part of this value: it is taken out before the old one goes.
+// `other` holds its own copy, so assigning a part of this value to it is safe.
 JsonValue& JsonValue::operator=(JsonValue other) noexcept {
     m_data = std::move(other.m_data);
     return *this;
@@ -77,7 +77,7 @@ JsonValue& JsonValue::set(std::string_view name, JsonValue value) {
 void JsonValue::remove(std::string_view name) {
     auto* const members = std::get_if<JsonObject>(&m_data);
     if (members != nullptr) {
-        const std::string wanted(name);  // `name` may be that of a member
+        const std::string wanted(name);  // `name` may point into a member being removed
         members->eraseIf([&wanted](const JsonMember& member) { return member.name() == wanted; });
     }
 }

@@ -16,10 +16,10 @@ namespace mervane {
 
 class JsonValue;
 
-/// A member of an object. A template, so that it is completed only when JsonValue is.
+/// A member of an object. A template because it contains a JsonValue, which is incomplete here.
 template <class Value>
 struct BasicJsonMember {
-    Value nameValue;  // a string
+    Value nameValue;  // always a string, so short names need no allocation
     Value value;
 
     [[nodiscard]] std::string_view name() const noexcept { return *nameValue.asString(); }
@@ -29,12 +29,19 @@ using JsonMember = BasicJsonMember<JsonValue>;
 using JsonArray = CompactList<JsonValue>;
 using JsonObject = CompactList<JsonMember>;  // in document order
 
-/// One JSON value (RFC 8259) with all that it contains; copied as a whole. It takes 16 bytes, and
-/// a block for a text of more than eight bytes and for a list that is not empty.
+/// One JSON value (RFC 8259) and everything in it; copies are deep.
+///
+/// A value takes 16 bytes: a tag and either up to eight characters or one pointer. Strings and
+/// numbers longer than eight bytes, and lists that are not empty, take one heap block each. That
+/// bounds the memory of a hostile document by a small multiple of its text.
+///
+/// Numbers are kept as their text: nothing is rounded or overflows, and what was read is written
+/// back unchanged. Objects are lists in document order, searched from the front.
 class JsonValue {
   public:
+    /// The value null.
     JsonValue() noexcept = default;
-    // In one place: inlined, the tree's recursion takes a quarter of the library.
+    // Not inline: expanded at every use, the recursion over the tree adds 20 KiB to the library.
     JsonValue(const JsonValue& other);
     JsonValue(JsonValue&& other) noexcept;
     JsonValue& operator=(JsonValue other) noexcept;
@@ -50,16 +57,19 @@ class JsonValue {
     explicit JsonValue(JsonArray items) noexcept : m_data(std::move(items)) {}
     explicit JsonValue(JsonObject members) noexcept : m_data(std::move(members)) {}
 
-    /// A number of that text, which has to be one as RFC 8259 section 6 writes it.
+    /// A number from its text, which must conform to RFC 8259 section 6; not checked.
     static JsonValue number(std::string_view text);
+    /// The empty array, and the empty object.
     static JsonValue array() { return JsonValue(JsonArray()); }
     static JsonValue object() { return JsonValue(JsonObject()); }
 
-    // Nothing when the value is of another type. Text and lists are the value's own, as long as it
-    // stands unchanged.
+    // Readers return null or nullopt if the value is of another type. What they return belongs to
+    // the value and is valid until it changes or moves.
+
     [[nodiscard]] const bool* asBool() const noexcept { return std::get_if<bool>(&m_data); }
-    /// A number as its text, so that none is too large or loses digits.
+    /// The number as it was written.
     [[nodiscard]] std::optional<std::string_view> asNumber() const noexcept;
+    /// The string as UTF-8, unescaped; may contain NUL.
     [[nodiscard]] std::optional<std::string_view> asString() const noexcept;
     [[nodiscard]] const JsonArray* asArray() const noexcept {
         return std::get_if<JsonArray>(&m_data);
@@ -69,12 +79,12 @@ class JsonValue {
     }
     [[nodiscard]] bool isNull() const noexcept { return m_data.index() == 0; }
 
-    /// The first member of that name, or null; of an object.
+    /// The first member of that name; null if there is none or the value is not an object.
     [[nodiscard]] const JsonValue* find(std::string_view name) const noexcept;
     [[nodiscard]] JsonValue* find(std::string_view name) noexcept;
 
-    /// Adds a member at the end, or replaces the first of that name; makes any other value an
-    /// object first.
+    /// Replaces the first member of that name, or adds one at the end, and returns its value. A
+    /// value that is not an object becomes an empty one first.
     JsonValue& set(std::string_view name, JsonValue value);
     template <class T>
     requires(!std::same_as<std::remove_cvref_t<T>, JsonValue>) JsonValue& set(std::string_view name,
@@ -82,15 +92,16 @@ class JsonValue {
         return set(name, JsonValue(std::forward<T>(value)));
     }
 
-    /// Removes all members of that name.
+    /// Removes all members of that name; does nothing if the value is not an object.
     void remove(std::string_view name);
 
-    /// Adds an element at the end; makes any other value an array first.
+    /// Adds an element at the end and returns it. A value that is not an array becomes an empty one
+    /// first.
     JsonValue& append(JsonValue value);
 
   private:
     enum class Kind { String, Number };
-    // Filled up with NUL, and without NUL otherwise.
+    // Padded with NULs; texts that contain NUL are stored as LongText.
     template <Kind>
     struct ShortText {
         std::array<char, 8> chars;
@@ -105,7 +116,7 @@ class JsonValue {
     template <Kind kind>
     [[nodiscard]] std::optional<std::string_view> textOf() const noexcept;
 
-    // The order counts: index 0 is null.
+    // isNull() relies on index 0.
     std::variant<std::monostate, bool, ShortText<Kind::Number>, LongText<Kind::Number>,
                  ShortText<Kind::String>, LongText<Kind::String>, JsonArray, JsonObject>
         m_data;

@@ -10,7 +10,7 @@
 namespace mervane {
 namespace {
 
-// Room for a sign and 20 digits, the longest 64-bit number.
+// A number in decimal without allocating: a sign and 20 digits hold any of 64 bits.
 struct Decimal {
     template <class Number>
     explicit Decimal(Number value) noexcept {

@@ -10,35 +10,42 @@ class ClsBase;
 class StringBuffer;
 class XString;
 
-/// What an internal method writes to. Lines are whole sentences; named values use lower camel
-/// case keys. Which channel a message goes to is part of the behaviour. Nothing here throws: an
-/// entry for which there is no memory is dropped.
+/// The log that internal methods write to.
+///
+/// Log lines are whole sentences; named values have lower camel case keys. Which channel a line
+/// goes to (error, info, data) is part of the interface: callers match on it. Nothing here throws;
+/// a line is dropped when memory runs out. Not synchronised: the object that owns the log locks.
 class LogBase {
   public:
+    /// A Hint is stored as an info line.
     enum class Kind : unsigned char { Error, Info, Hint, Data };
 
     LogBase(const LogBase&) = delete;
     LogBase& operator=(const LogBase&) = delete;
     virtual ~LogBase() = default;
 
+    /// An error line. Written once, where the reason of the failure is known.
     void LogError(std::string_view sentence) noexcept { write(Kind::Error, {}, sentence); }
     void LogInfo(std::string_view sentence) noexcept { write(Kind::Info, {}, sentence); }
-    /// An information line that says what usually helps against the error line before it.
+    /// An info line with the usual remedy for the preceding error line.
     void LogHint(std::string_view sentence) noexcept { write(Kind::Hint, {}, sentence); }
+    /// A named value. The Long and Unsigned forms write decimal, the Bool form true or false.
     void LogData(std::string_view name, std::string_view value) noexcept {
         write(Kind::Data, name, value);
     }
     void LogDataX(std::string_view name, const XString& value) noexcept;
     void LogDataSb(std::string_view name, const StringBuffer& value) noexcept;
     void LogDataLong(std::string_view name, long value) noexcept;
-    /// Written as unsigned, in decimal: handles and slot IDs.
+    /// For handles and slot IDs, which are unsigned.
     void LogDataUnsigned(std::string_view name, unsigned long value) noexcept;
     void LogDataBool(std::string_view name, bool value) noexcept {
         write(Kind::Data, name, value ? "true" : "false");
     }
 
-    /// Keywords that change what calls do; a keyword counts wherever it stands, in any case.
+    /// Keywords that change what calls do. They travel with the log because it reaches every
+    /// internal method.
     void setOptions(std::string_view keywords) { m_options = keywords; }
+    /// Whether `keyword` occurs anywhere in the options, in any letter case.
     [[nodiscard]] bool hasOption(std::string_view keyword) const noexcept;
 
   protected:
@@ -54,7 +61,7 @@ class LogBase {
     std::string m_options;
 };
 
-/// Discards everything.
+/// A log that discards everything.
 class LogNull final : public LogBase {
   private:
     void write(Kind, std::string_view, std::string_view) noexcept override {}
@@ -62,7 +69,7 @@ class LogNull final : public LogBase {
     void leaveContext() noexcept override {}
 };
 
-/// Opens a named context for the length of a scope.
+/// Opens a named context, under which log lines are nested, for the length of a scope.
 class LogContextExitor {
   public:
     LogContextExitor(ClsBase& object, std::string_view name) noexcept;

@@ -1,5 +1,13 @@
-// An entry in the buffer is a head of five bytes (what it is, two lengths of 16 bits) and the
-// bytes of its name and text.
+// All entries live in one buffer, oldest first. Each is a head of five bytes (its kind, then the
+// lengths of name and text in 16 bits, little-endian) followed by those bytes. A context is a pair
+// of entries, Enter and Leave, so nesting costs nothing to write and forEach() rebuilds the depths.
+//
+// m_calls holds where each public call begins. When the next one begins, whole calls are cut from
+// the front; the current call is never cut, only bounded. Contexts that no longer fit, or are
+// nested too deeply, get neither Enter nor Leave: m_stored remembers which of the open ones have an
+// Enter.
+//
+// Texts are made printable, in one line of bounded length, as they are stored; readers need not.
 
 #include "foundation/log/logger.h"
 
@@ -17,8 +25,8 @@ namespace {
 constexpr std::size_t kKeptBytes = std::size_t{256} * 1024;   // of calls before the current one
 constexpr std::size_t kCallBytes = std::size_t{1024} * 1024;  // of the current call
 constexpr std::size_t kErrorBytes = std::size_t{64} * 1024;   // of its errors beyond that
-constexpr std::size_t kMaxText = 4096;                        // bytes of one line
-constexpr int kMaxDepth = 64;  // contexts deeper than this are not stored
+constexpr std::size_t kMaxText = 4096;                        // bytes of one text, as given
+constexpr int kMaxDepth = 64;  // bits of m_stored; deeper contexts are not stored
 constexpr std::size_t kHeadSize = 5;
 
 void setLength(std::string& bytes, std::size_t at, std::size_t length) noexcept {
@@ -31,7 +39,7 @@ std::size_t lengthAt(std::string_view bytes, std::size_t at) noexcept {
            static_cast<std::size_t>(static_cast<std::uint8_t>(bytes[at + 1])) << 8;
 }
 
-// The bit of m_stored that stands for the context at `depth`.
+// The bit of m_stored for the context at `depth`.
 std::uint64_t bitOf(int depth) noexcept {
     return std::uint64_t{1} << depth;
 }
@@ -57,7 +65,7 @@ void _mvLogger::write(Kind kind, std::string_view name, std::string_view text) n
             appendOneLine(m_lastHint, cut(text));
         }
     } catch (const std::exception&) {
-        ++m_numDropped;  // no memory for a line: the call itself goes on
+        ++m_numDropped;  // out of memory for the log; the call itself goes on
     }
 }
 
@@ -93,7 +101,7 @@ void _mvLogger::beginCall() {
     m_numDropped = 0;
     m_stored = 0;
     if (m_bytes.size() > kKeptBytes) {
-        // Cut in one go to half of the bound, so that the buffer is not moved at every call.
+        // Down to half the bound, so that the buffer is not moved at every call.
         const auto first = std::ranges::lower_bound(m_calls, m_bytes.size() - kKeptBytes / 2);
         const std::size_t numBytes = first == m_calls.end() ? m_bytes.size() : *first;
         m_bytes.erase(0, numBytes);
@@ -117,7 +125,7 @@ bool _mvLogger::store(Entry::What what, std::string_view name, std::string_view 
 
 void _mvLogger::append(Entry::What what, std::string_view name, std::string_view text) {
     const std::size_t start = m_bytes.size();
-    // A half of an entry would make the rest unreadable.
+    // If an append throws, half an entry must not stay: everything after it would be unreadable.
     struct Rollback {
         std::string& bytes;
         std::size_t size;

@@ -11,41 +11,45 @@
 
 namespace mervane {
 
-/// The log of a public object: the current (or last) public call whole, and as many earlier calls
-/// as fit 256 KiB, the oldest dropped first.
+/// The log of a public object: the current (or last) public call in full, and as many earlier calls
+/// as fit in 256 KiB, the oldest dropped first.
 ///
-/// Writing an entry appends a few bytes to one buffer; nothing is formatted until somebody reads.
-/// One call may fill 1 MiB; beyond that only its errors are kept (64 KiB more) and the rest is
-/// counted, so that a module cannot fill the memory through the log.
+/// Writing appends a few bytes to one buffer; nothing is formatted until the log is read. One call
+/// may fill 1 MiB; after that only its error lines are kept (64 KiB more) and the rest is counted
+/// in the value "entriesNotKept", so a misbehaving module cannot exhaust memory through the log.
+///
+/// Not synchronised: read it only while no other thread calls the object.
 class _mvLogger final : public LogBase {
   public:
-    /// One stored entry, as forEach() gives it. For contexts `text` is the name.
+    /// One stored entry: a log line, a value, or the start or end of a context, whose name is in
+    /// `text`. The views are valid until the log changes.
     struct Entry {
         enum class What : unsigned char { Error, Info, Data, Enter, Leave } what;
-        int depth;              ///< contexts around the entry
-        std::string_view name;  ///< of a value, else empty
+        int depth;              ///< number of contexts around the entry
+        std::string_view name;  ///< key of a value; empty otherwise
         std::string_view text;  ///< one line of UTF-8 without control characters
     };
 
-    /// All entries kept, oldest first.
+    /// Calls `visit` for every entry kept, oldest first. `visit` must not write to this log.
     void forEach(const std::function<void(const Entry&)>& visit) const;
 
-    /// Indented text: a context's name ends in a colon, an error line begins with "error: ".
+    /// The log as indented text: context names end in a colon, error lines begin with "error: ".
     [[nodiscard]] std::string text() const;
-    /// An array of contexts, {"context":name,"entries":[...]}, whose entries are contexts,
+    /// The log as JSON: an array of {"context":name,"entries":[...]}, whose entries are contexts,
     /// {"error":text}, {"info":text} or {"name":name,"value":text}.
     [[nodiscard]] std::string json() const;
 
-    /// The last error line of the last public call and the hint that followed it; empty when
-    /// there is none.
+    /// The last error line of the last public call, and the hint that followed it. Empty if there
+    /// is none.
     [[nodiscard]] std::string lastError() const { return m_lastError; }
     [[nodiscard]] std::string lastHint() const { return m_lastHint; }
 
-    /// Open contexts; 0 whenever no public call runs.
+    /// Number of open contexts; 0 whenever no public call is running.
     [[nodiscard]] int contextDepth() const noexcept { return m_depth; }
 
+    /// Forgets all entries and the last error.
     void clear() noexcept;
-    /// In a forked child: contexts that other threads of the parent had open will not be closed.
+    /// For a forked child, where the contexts opened by the parent's other threads never close.
     void forgetOpenContexts() noexcept { m_depth = 0; }
     /// The same if a thread was writing at the fork: begins anew, and frees nothing.
     void abandon() noexcept;
@@ -55,17 +59,17 @@ class _mvLogger final : public LogBase {
     void enterContext(std::string_view name) noexcept override;
     void leaveContext() noexcept override;
 
-    // Keeps an entry when the call has room left for it; append() keeps it in any case.
+    // Appends an entry if the call's bound allows; append() itself does not ask.
     bool store(Entry::What what, std::string_view name, std::string_view text);
     void append(Entry::What what, std::string_view name, std::string_view text);
     void beginCall();
 
-    std::string m_bytes;               // entries of all calls kept
+    std::string m_bytes;               // the entries; layout in logger.cpp
     std::vector<std::size_t> m_calls;  // where each call begins in m_bytes
     std::string m_lastError;
     std::string m_lastHint;
-    std::uint64_t m_numDropped = 0;  // entries of the current call that were not kept
-    std::uint64_t m_stored = 0;      // one bit a depth: the open context there is in m_bytes
+    std::uint64_t m_numDropped = 0;  // entries of the current call not kept
+    std::uint64_t m_stored = 0;      // bit n: the open context at depth n has an Enter entry
     int m_depth = 0;
 };
 

@@ -8,10 +8,11 @@
 namespace mervane {
 namespace {
 
-// Ends the stream on every way out.
+// Calls inflateEnd() on every way out.
 class InflateStream {
   public:
-    // -15: raw deflate, window of any size (zlib's inflateInit2).
+    // -15: raw deflate with the largest window, which reads streams of any smaller one (zlib.h,
+    // inflateInit2).
     InflateStream() noexcept : m_ready(::inflateInit2(&m_stream, -15) == Z_OK) {}
     ~InflateStream() {
         if (m_ready) ::inflateEnd(&m_stream);
@@ -21,10 +22,10 @@ class InflateStream {
 
     [[nodiscard]] bool isReady() const noexcept { return m_ready; }
 
-    // Z_STREAM_END when the whole input is one stream that fits `out`; `size` is what was written.
+    // Z_STREAM_END if the whole input is one stream that fits `out`. `size`: bytes written.
     int run(std::span<const std::uint8_t> in, std::span<std::uint8_t> out,
             std::size_t& size) noexcept {
-        m_stream.next_in = const_cast<Bytef*>(in.data());  // zlib does not write there
+        m_stream.next_in = const_cast<Bytef*>(in.data());  // zlib only reads it
         m_stream.avail_in = static_cast<uInt>(in.size());
         m_stream.next_out = out.data();
         m_stream.avail_out = static_cast<uInt>(out.size());
@@ -45,7 +46,7 @@ bool MervaneDeflate::inflateDb(bool zlibHeader, const DataBuffer& in, DataBuffer
     InflateStream stream;
     DataBuffer inflated;
     std::size_t size = 0;
-    // One byte more than allowed: tells a stream that just fits from one that is too large.
+    // One byte more than allowed, to tell a stream that just fits from one that is too large.
     const int result = zlibHeader || !stream.isReady()
                            ? Z_STREAM_ERROR
                            : stream.run(in.span(), inflated.resized(maxSize + 1), size);

@@ -6,9 +6,9 @@
 namespace mervane {
 
 struct FileSys {
-    /// Whether a regular file (or a link to one) stands at the path. Others do not count: a FIFO
-    /// would block whoever opens it. `log` and `exists` may be null; with `exists`, the result says
-    /// whether the question could be answered and `exists` what the answer is.
+    /// Whether `path` names a regular file, or a link to one. Nothing else counts: opening a FIFO
+    /// would block. With `exists` null, returns the answer. Otherwise stores the answer there and
+    /// returns whether it could be found out. `log`, which may be null, gets the reason if not.
     static bool fileExistsUtf8(const char* path, LogBase* log, bool* exists);
 };
 

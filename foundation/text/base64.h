@@ -9,11 +9,12 @@
 
 namespace mervane {
 
-/// RFC 4648 base64 with padding, in one line.
+/// RFC 4648 base64 with padding, without line breaks.
 std::string toBase64(std::span<const std::uint8_t> bytes);
 
-/// Appends the decoded bytes of base64 text, with or without padding. Decoding ends before the
-/// first character that is not of the alphabet; false when that was not the padding or the end.
+/// Appends the bytes that RFC 4648 base64 text decodes to; padding is optional. Decoding stops at
+/// the first character outside the alphabet. Returns false, with the bytes so far appended, if
+/// anything but padding follows.
 bool appendBase64(std::string_view text, std::vector<std::uint8_t>& out);
 
 }  // namespace mervane

@@ -7,7 +7,7 @@
 
 namespace mervane {
 
-// The same memory seen as characters or as octets. The view is valid as long as the memory is.
+// Views of the same memory as characters or as octets; the caller keeps the memory alive.
 
 inline std::string_view asChars(std::span<const std::uint8_t> bytes) noexcept {
     return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};

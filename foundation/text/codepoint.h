@@ -7,15 +7,15 @@
 
 namespace mervane {
 
-/// U+FFFD, what stands in for bytes that are no UTF-8.
+/// U+FFFD, substituted for bytes that are not UTF-8.
 inline constexpr std::uint32_t kReplacementChar = 0xFFFD;
 
-/// Takes one code point off the front of `text` (not empty). Ill-formed bytes (Unicode 15 table
-/// 3-7: overlong forms, surrogates, values above U+10FFFF) give the replacement character and
-/// take one byte; `ok` tells the two apart.
+/// Removes one code point from the front of `text`, which must not be empty, and returns it. If the
+/// bytes are ill-formed (Unicode 15 table 3-7: overlong forms, surrogates, values above U+10FFFF),
+/// removes one byte, returns the replacement character and sets `ok` to false.
 std::uint32_t takeCodePoint(std::string_view& text, bool& ok) noexcept;
 
-/// Appends a code point; surrogates and values above U+10FFFF become the replacement character.
+/// Appends a code point as UTF-8. Surrogates and values above U+10FFFF become U+FFFD.
 void appendUtf8(std::string& out, std::uint32_t codePoint);
 
 }  // namespace mervane

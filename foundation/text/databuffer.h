@@ -16,6 +16,7 @@ class DataBuffer {
     explicit DataBuffer(std::span<const std::uint8_t> bytes)
         : m_bytes(bytes.begin(), bytes.end()) {}
 
+    /// The bytes; valid until the buffer changes.
     [[nodiscard]] std::span<const std::uint8_t> span() const noexcept { return m_bytes; }
     [[nodiscard]] std::size_t getSize() const noexcept { return m_bytes.size(); }
     [[nodiscard]] bool isEmpty() const noexcept { return m_bytes.empty(); }
@@ -24,16 +25,18 @@ class DataBuffer {
     }
 
     void clear() noexcept { m_bytes.clear(); }
+    /// Replaces the content. `bytes` must not lie within this buffer; nor for append().
     void assign(std::span<const std::uint8_t> bytes) { m_bytes.assign(bytes.begin(), bytes.end()); }
     void append(std::span<const std::uint8_t> bytes) {
         m_bytes.insert(m_bytes.end(), bytes.begin(), bytes.end());
     }
     void appendByte(std::uint8_t byte) { m_bytes.push_back(byte); }
 
-    /// Appends the bytes that `text` encodes. Encoding 1 is base64, the only one known.
+    /// Appends the bytes that `text` encodes. Encoding 1 is base64; any other returns false, as
+    /// does malformed text, whose bytes up to the fault are appended.
     bool appendEncodedById(std::string_view text, int encodingId);
 
-    /// Room of exactly `size` bytes for a writer that fills it, such as the inflater.
+    /// Resizes to exactly `size` bytes and returns them to be filled in; new bytes are zero.
     std::span<std::uint8_t> resized(std::size_t size) {
         m_bytes.resize(size);
         return m_bytes;

@@ -10,13 +10,13 @@
 
 namespace mervane {
 
-/// Upper-case hexadecimal digits, two a byte, no separators.
+/// Upper-case hexadecimal, two digits per byte, without separators.
 std::string toHex(std::span<const std::uint8_t> bytes);
 
-/// "0x" and at least `digits` upper-case hexadecimal digits.
+/// `value` as "0x" and upper-case hexadecimal, zero-padded to at least `digits` digits.
 std::string toHexNumber(std::uint64_t value, int digits = 8);
 
-/// The bytes of an even number of hexadecimal digits in either case; nothing for other text.
+/// Decodes an even number of hexadecimal digits in either case; nullopt for any other text.
 std::optional<std::vector<std::uint8_t>> fromHex(std::string_view text);
 
 }  // namespace mervane

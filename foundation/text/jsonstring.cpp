@@ -2,8 +2,8 @@
 
 #include <algorithm>
 
-#include "foundation/text/hex.h"
 #include "foundation/text/codepoint.h"
+#include "foundation/text/hex.h"
 
 namespace mervane {
 namespace {
@@ -38,6 +38,7 @@ void appendEscaped(std::string& out, std::uint32_t c) {
 }  // namespace
 
 void appendJsonString(std::string& out, std::string_view text) {
+    // Plain ASCII is copied in runs; everything else goes through the UTF-8 decoder.
     const auto needsCare = [](char c) { return c < 0x20 || c > 0x7E || c == '"' || c == '\\'; };
     out.push_back('"');
     while (!text.empty()) {

@@ -6,8 +6,9 @@
 
 namespace mervane {
 
-/// Appends a quoted JSON string. Ill-formed UTF-8 is replaced, control characters (C1 included,
-/// which a terminal would obey) are escaped: the result is valid whatever the text holds.
+/// Appends `text` as a quoted JSON string (RFC 8259), valid whatever the text holds: ill-formed
+/// UTF-8 becomes U+FFFD, and control characters are escaped, including DEL and C1, which RFC 8259
+/// would allow but a terminal obeys.
 void appendJsonString(std::string& out, std::string_view text);
 
 }  // namespace mervane

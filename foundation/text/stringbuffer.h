@@ -9,13 +9,14 @@
 
 namespace mervane {
 
-/// An owned byte string, UTF-8 unless said otherwise. For everything that is not changed in
-/// place, callers use view().
+/// A byte string, UTF-8 unless noted otherwise. What does not change the string in place is done on
+/// view().
 class StringBuffer {
   public:
     StringBuffer() = default;
     explicit StringBuffer(std::string_view text) : m_text(text) {}
 
+    /// Valid until the string changes, as is getString(), which is NUL-terminated and never null.
     [[nodiscard]] std::string_view view() const noexcept { return m_text; }
     [[nodiscard]] const char* getString() const noexcept { return m_text.c_str(); }
     [[nodiscard]] bool isEmpty() const noexcept { return m_text.empty(); }
@@ -24,11 +25,13 @@ class StringBuffer {
     void append(std::string_view text) { m_text.append(text); }
     void setString(std::string_view text) { m_text.assign(text); }
 
-    /// Removes white space (blank, tab, line ends, vertical tab, form feed) from both ends.
+    /// Removes ASCII whitespace from both ends.
     void trim2() { m_text = std::string(trimmed(m_text)); }
+    // Case conversion changes ASCII letters only.
     void toLowerCase() noexcept { std::ranges::transform(m_text, m_text.begin(), toLowerAscii); }
     void toUpperCase() noexcept { std::ranges::transform(m_text, m_text.begin(), toUpperAscii); }
 
+    // Comparisons are byte for byte.
     [[nodiscard]] bool equals(std::string_view text) const noexcept { return m_text == text; }
     [[nodiscard]] bool beginsWith(std::string_view s) const noexcept {
         return m_text.starts_with(s);
@@ -38,8 +41,7 @@ class StringBuffer {
         return m_text.find(part) != std::string::npos;
     }
 
-    /// Cuts everything up to and including the last directory separator; true when that changed
-    /// the string.
+    /// Removes everything up to and including the last '/'. Returns whether there was one.
     bool stripDirectory() {
         const auto separator = m_text.rfind('/');
         if (separator == std::string::npos) return false;

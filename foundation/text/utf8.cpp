@@ -24,7 +24,7 @@ constexpr std::array kWide = {
     Range{0x20000, 0x3FFFD},
 };
 
-// The common combining marks, joiners and variation selectors: no column of their own.
+// The common combining marks, joiners and variation selectors, which take no column.
 constexpr std::array kZeroWidth = {
     Range{0x0300, 0x036F}, Range{0x0483, 0x0489}, Range{0x0591, 0x05BD}, Range{0x064B, 0x065F},
     Range{0x0E31, 0x0E31}, Range{0x0E34, 0x0E3A}, Range{0x0E47, 0x0E4E}, Range{0x1AB0, 0x1AFF},
@@ -32,7 +32,7 @@ constexpr std::array kZeroWidth = {
     Range{0xFE20, 0xFE2F},
 };
 
-// What would break a line or reorder it on a terminal.
+// Characters that would break or reorder a line on a terminal.
 constexpr std::array kUnprintable = {
     Range{0x00, 0x1F},     Range{0x7F, 0x9F},     Range{0x200E, 0x200F},
     Range{0x2028, 0x202E}, Range{0x2066, 0x2069},
@@ -61,7 +61,7 @@ std::uint32_t takeCodePoint(std::string_view& text, bool& ok) noexcept {
     const std::uint8_t lead = byteAt(0);
     std::size_t length = 1;
     std::uint32_t value = lead;
-    std::uint32_t smallest = 0;
+    std::uint32_t smallest = 0;  // below it the form is overlong
     if (lead >= 0xC2 && lead <= 0xDF) {
         length = 2, value = lead & 0x1FU, smallest = 0x80;
     } else if (lead >= 0xE0 && lead <= 0xEF) {

@@ -8,8 +8,9 @@
 
 namespace mervane {
 
-/// The string of public arguments and properties, UTF-8. Since any of them may hold a PIN, the
-/// memory is overwritten whenever a value is replaced, cleared or destroyed.
+/// The UTF-8 string of public arguments and properties. Any of them may hold a PIN, so the memory
+/// is wiped whenever a value is replaced, cleared or destroyed. Copies are deep and wipe
+/// themselves.
 class XString {
   public:
     XString() = default;
@@ -22,14 +23,15 @@ class XString {
         return *this;
     }
 
-    /// Never null; valid until the string changes.
+    /// NUL-terminated, never null; valid until the string changes, as is view().
     [[nodiscard]] const char* getUtf8() const noexcept { return m_text.c_str(); }
     [[nodiscard]] std::string_view view() const noexcept { return m_text; }
     [[nodiscard]] bool isEmpty() const noexcept { return m_text.empty(); }
 
     void clear() noexcept { wipe(m_text); }
+    /// Replaces the value by a copy of `utf8`, which may be part of it; NULs are kept.
     void setFromUtf8(std::string_view utf8) {
-        std::string fresh(utf8);  // `utf8` may lie within the old value
+        std::string fresh(utf8);  // copied first: `utf8` may point into m_text
         m_text.swap(fresh);
         wipe(fresh);
     }

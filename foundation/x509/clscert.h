@@ -10,29 +10,29 @@
 
 namespace mervane {
 
-/// The public certificate object. It is filled by ClsPkcs11 and stays usable when that is gone;
-/// then only the way to the private key is lost. Text properties are empty without a certificate.
-/// Thread rule: every method holds the object's critical section.
+/// The public certificate object, filled in by ClsPkcs11. It outlives the ClsPkcs11 and loses only
+/// the private key with it. Text properties are empty if there is no certificate. Thread rule: any
+/// thread may call any method; each holds the object's lock.
 class ClsCert final : public ClsBase {
   public:
-    /// Takes a share of a certificate. `cert` must come from Certificate::createFromDer and not be
-    /// null.
+    /// Shares `cert`, which must come from Certificate::createFromDer() and must not be null.
+    /// Replaces any earlier certificate. Always true.
     bool injectCert(Certificate* cert, LogBase& log);
 
-    /// A share of the certificate for its readers; null when there is none.
+    /// The certificate, shared; null if there is none.
     [[nodiscard]] std::shared_ptr<Certificate> getCert();
 
-    /// The subject as "TAG=value, TAG=value".
+    /// The subject as "C=EX, CN=Alice"; see Certificate::getSubjectDN().
     void get_SubjectDN(XString& out);
-    /// Upper-case hexadecimal.
+    /// Upper-case hexadecimal without separators, as is the thumbprint.
     void get_SerialNumber(XString& out);
-    /// Upper-case hexadecimal.
     void get_Sha1Thumbprint(XString& out);
-    /// The private key can be reached through an open PKCS#11 session.
+    /// Whether the certificate is linked to its private key in an open PKCS#11 session.
     [[nodiscard]] bool HasPrivateKey();
-    /// RFC 7468 text; empty without a certificate.
+    /// The certificate as PEM (RFC 7468); empty if there is none.
     [[nodiscard]] std::string ExportPem();
 
+    /// The store of certificates used with this one.
     [[nodiscard]] SystemCertsHolder& systemCerts() noexcept { return m_systemCerts; }
 
   private:

@@ -5,8 +5,20 @@
 #include <optional>
 #include <span>
 
+/// Reading DER (X.690) from hostile bytes.
+///
+/// Nothing is copied or allocated: a Cursor walks over bytes that the caller keeps alive, and hands
+/// out views of them. Every length is checked against what is left before it is used.
+///
+///     der::Cursor fields(sequenceContent);
+///     const auto oid = fields.read(der::kOid);  // nullopt if the next element is no OID
+///     const auto value = oid ? fields.readAny() : std::nullopt;
+///
+/// A constructed element is not checked inside until a cursor is put on its content. Tags are one
+/// octet; lengths below 4 GiB.
 namespace mervane::der {
 
+/// A view; whoever made it keeps the memory.
 using Bytes = std::span<const std::uint8_t>;
 
 // Identifier octets (X.690 8.1.2) of the types that certificates use.
@@ -28,7 +40,7 @@ inline constexpr std::uint8_t kBmpString = 0x1E;
 inline constexpr std::uint8_t kSequence = 0x30;
 inline constexpr std::uint8_t kSet = 0x31;
 
-/// [n], primitive or constructed, of the context-specific class.
+/// Identifier octet of the context-specific tag [n], primitive and constructed; n < 31.
 constexpr std::uint8_t context(unsigned n) noexcept {
     return static_cast<std::uint8_t>(0x80U | n);
 }
@@ -36,28 +48,30 @@ constexpr std::uint8_t contextConstructed(unsigned n) noexcept {
     return static_cast<std::uint8_t>(0xA0U | n);
 }
 
-/// One element: its identifier octet, its content, and the two together with the length.
+/// One element.
 struct Element {
-    std::uint8_t tag = 0;
+    std::uint8_t tag = 0;  ///< identifier octet
     Bytes content;
-    Bytes whole;
+    Bytes whole;  ///< identifier, length and content octets
 };
 
-/// Reads elements from bytes that somebody else keeps.
+/// Reads one element after another. Only moves forward; a failed read does not move it.
 ///
-/// It only moves forward, and a failed read does not move it. Definite lengths alone are read
-/// (X.690 10.1); a length in more octets than needed is let pass, since such certificates are in
-/// use. Tags above 30 do not occur in certificates and are refused.
+/// Only definite lengths are accepted (X.690 10.1). A length in more octets than needed is not DER
+/// but accepted, since such certificates are in use. Tags above 30, which take more than one octet,
+/// do not occur in certificates and are refused.
 class Cursor {
   public:
     constexpr explicit Cursor(Bytes bytes) noexcept : m_rest(bytes) {}
 
+    /// Whether nothing is left to read.
     [[nodiscard]] constexpr bool atEnd() const noexcept { return m_rest.empty(); }
+    /// Whether the next element has this tag; it may still be malformed.
     [[nodiscard]] constexpr bool nextIs(std::uint8_t tag) const noexcept {
         return !m_rest.empty() && m_rest.front() == tag;
     }
 
-    /// The next element of any type.
+    /// Reads the next element, of any type; nullopt at the end or if it is malformed.
     constexpr std::optional<Element> readAny() noexcept {
         if (m_rest.size() < 2 || (m_rest[0] & 0x1FU) == 0x1F) return std::nullopt;
         std::size_t headSize = 2;
@@ -79,31 +93,31 @@ class Cursor {
         return element;
     }
 
-    /// The next element if it has this tag.
+    /// Reads the next element if it has this tag; nullopt otherwise.
     constexpr std::optional<Element> read(std::uint8_t tag) noexcept {
         return nextIs(tag) ? readAny() : std::nullopt;
     }
 
-    /// Steps over the next element if it has this tag; false only when it is there and broken.
+    /// Skips the next element if it has this tag. False only if it does and is malformed.
     [[nodiscard]] constexpr bool skipOptional(std::uint8_t tag) noexcept {
         return !nextIs(tag) || readAny().has_value();
     }
 
   private:
-    // Beyond any buffer that is read here; keeps the shift above from overflowing.
+    // Above any buffer read here; keeps the shift above from overflowing.
     static constexpr std::size_t kMaxSize = 0xFFFFFFFFU;
 
     Bytes m_rest;
 };
 
-/// A cursor over the content of the first element of `bytes` if that has this tag.
+/// A cursor over the content of the first element of `bytes`; nullopt unless it has this tag.
 constexpr std::optional<Cursor> enter(Bytes bytes, std::uint8_t tag) noexcept {
     const auto element = Cursor(bytes).read(tag);
     return element ? std::optional(Cursor(element->content)) : std::nullopt;
 }
 
-/// The bits of a BIT STRING's content whose length is whole octets (X.690 8.6.2: the first octet
-/// counts the unused bits).
+/// The octets of a BIT STRING, given its content; nullopt if the number of bits is not a multiple
+/// of eight (X.690 8.6.2: the first octet counts the unused bits).
 constexpr std::optional<Bytes> wholeOctets(Bytes bitString) noexcept {
     if (bitString.empty() || bitString[0] != 0) return std::nullopt;
     return bitString.subspan(1);

@@ -8,7 +8,7 @@
 namespace mervane {
 namespace {
 
-// certificatePolicies ::= SEQUENCE SIZE (1..MAX) OF PolicyInformation; nothing when malformed.
+// certificatePolicies ::= SEQUENCE SIZE (1..MAX) OF PolicyInformation; nullopt if malformed.
 std::optional<std::string> certificatePolicies(der::Bytes value) {
     auto policies = der::enter(value, der::kSequence);
     if (!policies) return std::nullopt;

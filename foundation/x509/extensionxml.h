@@ -8,21 +8,21 @@
 
 namespace mervane {
 
-/// The KeyUsage bit string's first octet (RFC 5280 4.2.1.3: 0x80 digitalSignature through 0x01
-/// encipherOnly), unused bits cleared; 0 when `value` is no KeyUsage.
+/// The first octet of a KeyUsage (RFC 5280 4.2.1.3: 0x80 digitalSignature to 0x01 encipherOnly),
+/// its unused bits cleared; 0 if `value` is not a KeyUsage.
 int keyUsageBits(der::Bytes value) noexcept;
 
-/// An extension as XML in one line. Certificate policies (RFC 5280 4.2.1.4) are listed by their
-/// identifiers, without qualifiers:
+/// An extension as one line of XML. Certificate policies (RFC 5280 4.2.1.4) are listed by OID,
+/// without qualifiers:
 ///
 ///     <certificatePolicies><policy><oid>1.2.3.4</oid></policy>..</certificatePolicies>
 ///
-/// Any other extension, and policies whose content is malformed, have no <oid> element, which is
-/// what policies are searched by:
+/// Any other extension, and malformed policies, contain no <oid> element, so a search for a policy
+/// cannot match them:
 ///
 ///     <extension><extnID>2.5.29.37</extnID><critical>false</critical><hex>..</hex></extension>
 ///
-/// `oid` is the content of the extension's OID, `value` that of its extnValue OCTET STRING.
+/// `oid` is the content of extnID, `value` the content of extnValue.
 std::string extensionToXml(der::Bytes oid, bool critical, der::Bytes value);
 
 }  // namespace mervane

@@ -1,3 +1,12 @@
+// A Name is walked in place by forEachAttribute(), which all readers share; nothing is parsed into
+// a structure first.
+//
+// The text form takes escapes and short names from RFC 4514, but not the order: RFC 4514 reverses
+// the relative names, here they stay as in the certificate. Two traps: a name may have several
+// attributes of one type, so a look-up takes the first that is a string; and real certificates put
+// UTF-8 or Latin-1 into string types that allow neither, so stringValue() decodes what is found in
+// practice.
+
 #include "foundation/x509/name.h"
 
 #include <algorithm>
@@ -16,13 +25,14 @@ namespace {
 struct AttributeType {
     std::string_view tag;
     std::string_view oid;  // content octets
-    bool inNames;          // the tag stands for the type in a name's text, not only in look-ups
+    bool inNames;          // used when writing names, not only in look-ups
 };
 
 using namespace std::string_view_literals;
 
-// RFC 4514 section 3 and emailAddress (RFC 2985) come first. The rest (RFC 4519) can be asked for,
-// but in a name's text they stand by OID, as RFC 4514 2.3 has it for types outside its table.
+// First the table of RFC 4514 section 3, with emailAddress (RFC 2985). The rest, most from RFC
+// 4519, can be looked up but are written by OID, as RFC 4514 2.3 requires for types outside its
+// table.
 constexpr std::array kTypes = {
     AttributeType{"CN", "\x55\x04\x03"sv, true},
     AttributeType{"O", "\x55\x04\x0A"sv, true},
@@ -56,10 +66,11 @@ constexpr std::array kTypes = {
 struct Attribute {
     std::string_view type;  // content octets of its OID
     der::Element value;
-    bool startsRdn;
+    bool startsRdn;  // first of its relative name
 };
 
-// Calls visit(attribute) for each until it returns false; false when the name is malformed.
+// Calls visit(attribute) for each attribute until it returns false. Returns false if the name is
+// malformed; attributes before the fault have been visited by then.
 template <class Visit>
 bool forEachAttribute(der::Bytes name, Visit visit) {
     // Name ::= SEQUENCE OF RelativeDistinguishedName
@@ -84,7 +95,7 @@ bool forEachAttribute(der::Bytes name, Visit visit) {
     return true;
 }
 
-// RFC 4514 2.4. Control characters are escaped as well: a name stays one line.
+// Escapes a value by RFC 4514 2.4, and control characters too, which keeps a name to one line.
 void appendEscaped(std::string& out, std::string_view value) {
     constexpr std::string_view kSpecial = "\"+,;<>\\";
     for (std::size_t i = 0; i < value.size(); ++i) {
@@ -104,7 +115,7 @@ void appendEscaped(std::string& out, std::string_view value) {
 std::optional<std::string> wideToUtf8(der::Bytes units, std::size_t unitSize) {
     if (units.size() % unitSize != 0) return std::nullopt;
     std::string out;
-    std::uint32_t high = 0;  // half of a surrogate pair, as BMPStrings of real names have it
+    std::uint32_t high = 0;  // pending high surrogate: BMPStrings do contain UTF-16 in practice
     for (; !units.empty(); units = units.subspan(unitSize)) {
         std::uint32_t c = 0;
         for (const std::uint8_t octet : units.first(unitSize)) c = c << 8 | octet;
@@ -118,8 +129,8 @@ std::optional<std::string> wideToUtf8(der::Bytes units, std::size_t unitSize) {
     return out;
 }
 
-// The UTF-8 text of a string value; nothing when the type is no string type or the content has no
-// whole number of characters.
+// A string value as UTF-8; nullopt if the type is not a string type or the content is not a whole
+// number of characters.
 std::optional<std::string> stringValue(const der::Element& value) {
     switch (value.tag) {
         case der::kUtf8String:
@@ -127,12 +138,12 @@ std::optional<std::string> stringValue(const der::Element& value) {
         case der::kIa5String:
         case der::kNumericString:
         case der::kVisibleString: {
-            // Real certificates carry UTF-8 in types that do not allow it; taken for what it is.
+            // Real certificates carry UTF-8 in all of these types, allowed or not.
             const std::string_view text = asChars(value.content);
             return isValidUtf8(text) ? std::string(text) : toValidUtf8(text);
         }
         case der::kTeletexString: {
-            // Latin-1 is what makers of certificates mean by it.
+            // Issuers use it for Latin-1, not for T.61.
             std::string out;
             for (const std::uint8_t c : value.content) appendUtf8(out, c);
             return out;

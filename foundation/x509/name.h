@@ -9,19 +9,20 @@
 
 namespace mervane {
 
-/// Readers of a distinguished name (RFC 5280 4.1.2.4), given as the DER of the whole Name.
+// Readers of a distinguished name (RFC 5280 4.1.2.4). `name` is the DER of the whole Name.
 
-/// "TAG=value" pairs in the order of the certificate, joined by ", " (by "+" within one relative
-/// name), with the escapes and short names of RFC 4514 (E for emailAddress); other types by their
-/// OID. Values of a type that is no string are "#" and their DER in hexadecimal. With `withTags`
-/// false, the values alone, joined and escaped the same way. Nothing when the name is malformed.
+/// The name as "TAG=value" pairs in the order of the certificate, joined by ", " ("+" within one
+/// relative name). Escapes and short names are those of RFC 4514, plus E for emailAddress; other
+/// types are written by OID, and values that are not strings as "#" and their DER in hexadecimal.
+/// Unless `withTags`, the values alone, joined and escaped the same way. nullopt if the name is
+/// malformed.
 std::optional<std::string> nameToText(der::Bytes name, bool withTags);
 
-/// Whether the whole name can be walked.
+/// Whether the name is well-formed throughout.
 bool isWellFormedName(der::Bytes name) noexcept;
 
-/// The first value of the type that `part` names: a short name in upper case or a dotted OID.
-/// UTF-8, not escaped. Nothing when the name lacks it.
+/// The first string value of the attribute type `part`, a short name in upper case or a dotted OID.
+/// UTF-8, not escaped; nullopt if the name has none.
 std::optional<std::string> namePart(der::Bytes name, std::string_view part);
 
 }  // namespace mervane

@@ -8,9 +8,9 @@
 namespace mervane {
 namespace {
 
-constexpr std::size_t kMaxOctets = 128;
+constexpr std::size_t kMaxOctets = 128;  // bounds the quadratic work on a single huge arc
 
-// An arc as decimal text. Arcs of UUIDs (ITU-T X.667) need 128 bits, so digits are kept one by one.
+// An arc of any size in decimal, digit by digit: those made from UUIDs (ITU-T X.667) need 128 bits.
 class DecimalArc {
   public:
     void appendSevenBits(unsigned bits) {
@@ -22,7 +22,7 @@ class DecimalArc {
         for (; bits != 0; bits /= 10) m_digits.push_back(static_cast<std::uint8_t>(bits % 10));
     }
 
-    // For the first octets only, whose value is 80 + the second arc (X.690 8.19.4).
+    // For the first arc only, which is encoded as 80 plus the second when it is 2 (X.690 8.19.4).
     void subtract80() {
         int borrow = 8;
         for (std::size_t i = 1; borrow != 0; ++i) {
@@ -42,7 +42,7 @@ class DecimalArc {
     }
 
   private:
-    std::vector<std::uint8_t> m_digits;  // lowest first
+    std::vector<std::uint8_t> m_digits;  // least significant first
 };
 
 std::string arcToText(der::Bytes octets, bool isFirst) {
@@ -76,7 +76,7 @@ std::string oidToText(der::Bytes content) {
     std::size_t start = 0;
     for (std::size_t i = 0; i < content.size(); ++i) {
         if ((content[i] & 0x80U) != 0) continue;
-        if (content[start] == 0x80) return {};  // X.690 8.19.2: no leading zero bits
+        if (content[start] == 0x80) return {};  // X.690 8.19.2 forbids padding
         if (start != 0) out.push_back('.');
         out.append(arcToText(content.subspan(start, i + 1 - start), start == 0));
         start = i + 1;

@@ -9,10 +9,10 @@
 namespace mervane {
 
 /// The dotted form of an OBJECT IDENTIFIER's content octets (X.690 8.19), with arcs of any size;
-/// empty when they are malformed or longer than any identifier in use (128 octets).
+/// empty if they are malformed or longer than 128 octets, which no identifier in use is.
 std::string oidToText(der::Bytes content);
 
-/// The content octets of a dotted identifier whose arcs fit 64 bits; empty when it is none.
+/// The content octets of a dotted identifier with arcs of up to 64 bits; empty for any other text.
 std::string oidFromText(std::string_view dotted);
 
 }  // namespace mervane

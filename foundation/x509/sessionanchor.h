@@ -7,25 +7,29 @@
 
 namespace mervane {
 
-/// What certificates hold of the object that owns their session: a weak handle on the anchor, which
-/// dies with the object, and the number of the session they were linked under, which changes
-/// whenever the links made so far must no longer hold.
+/// Ties certificates to a session without a pointer to the object that owns it.
+///
+/// The owner holds its anchor as the only lasting share; a link holds a weak handle on it and the
+/// number of the session it was made under. A link is dead once the owner is gone or the number has
+/// changed, which the owner does whenever existing links must end. Any thread may read it.
 class Pkcs11SessionAnchor {
   public:
     Pkcs11SessionAnchor() noexcept;
 
-    /// The session's number; 0 while none is open, and in a fork of the process that opened it.
+    /// The session's number; 0 if none is open, and in a child forked since it was opened.
     [[nodiscard]] std::uint64_t session() const noexcept;
+    /// Sets the number of the session just opened, or 0 when it ends. The owner only.
     void setSession(std::uint64_t number) noexcept;
 
   private:
     std::atomic<std::uint64_t> m_number{0};
-    std::atomic<std::uint32_t> m_generation;  // of the process that opened the session
+    std::atomic<std::uint32_t> m_generation;  // fork generation in which m_number was set
 };
 
-/// An object that opens PKCS#11 sessions, as far as certificates know it.
+/// The part of a ClsPkcs11 that certificates know. Keeps this layer independent of the one above.
 class Pkcs11SessionOwner {
   public:
+    /// Never null.
     [[nodiscard]] const std::shared_ptr<Pkcs11SessionAnchor>& sessionAnchor() const noexcept {
         return m_anchor;
     }
@@ -38,8 +42,8 @@ class Pkcs11SessionOwner {
     std::shared_ptr<Pkcs11SessionAnchor> m_anchor;
 };
 
-/// Whose session a link belongs to. Equal to the object that made the link as long as that lives;
-/// it holds no pointer to the object, so that nothing can dangle.
+/// Identifies the owner of a link's session. Compares equal to that object while it lives; holds no
+/// pointer to it, so nothing can dangle.
 class Pkcs11LinkOwner {
   public:
     explicit Pkcs11LinkOwner(std::weak_ptr<Pkcs11SessionAnchor> anchor) noexcept

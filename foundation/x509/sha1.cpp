@@ -18,8 +18,9 @@ std::uint32_t bigEndian(const std::uint8_t* bytes) noexcept {
 
 using Schedule = std::array<std::uint32_t, 16>;
 
-// One round (FIPS 180-4 6.1.3). The schedule is a ring of sixteen words, each made when its round
-// comes. The five words of the state do not move: each round takes them by other names.
+// One round (FIPS 180-4 6.1.3, the form with a 16-word circular schedule), which computes its own
+// word of the schedule. Instead of rotating the five words of the state, the caller passes them in
+// rotated order; only b and e change.
 template <unsigned T>
 void step(Schedule& w, std::uint32_t a, std::uint32_t& b, std::uint32_t c, std::uint32_t d,
           std::uint32_t& e) noexcept {
@@ -41,7 +42,7 @@ void step(Schedule& w, std::uint32_t a, std::uint32_t& b, std::uint32_t c, std::
     b = std::rotl(b, 30);
 }
 
-// Five rounds bring the state's words back to their names.
+// After five rounds the words are back in their original order.
 template <unsigned... Fives>
 void allRounds(Schedule& w, State& s, std::integer_sequence<unsigned, Fives...>) noexcept {
     auto& [a, b, c, d, e] = s;
@@ -66,7 +67,7 @@ std::array<std::uint8_t, 20> sha1(std::span<const std::uint8_t> data) noexcept {
     const std::uint64_t numBits = data.size() * 8;
     for (; data.size() >= kBlockSize; data = data.subspan(kBlockSize)) addBlock(state, data.data());
 
-    // 5.1.1: a one bit, zeros, and the length in bits; in one block or two.
+    // FIPS 180-4 5.1.1: a one bit, zeros, and the length in bits; takes one block or two.
     std::array<std::uint8_t, 2 * kBlockSize> tail{};
     std::ranges::copy(data, tail.begin());
     tail[data.size()] = 0x80;

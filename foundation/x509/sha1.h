@@ -7,7 +7,7 @@
 
 namespace mervane {
 
-/// SHA-1 (FIPS 180-4), as thumbprints use it: a name for a certificate, not a proof of anything.
+/// SHA-1 (FIPS 180-4), for thumbprints only: they name a certificate and prove nothing.
 std::array<std::uint8_t, 20> sha1(std::span<const std::uint8_t> data) noexcept;
 
 }  // namespace mervane

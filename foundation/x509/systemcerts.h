@@ -8,13 +8,13 @@
 
 namespace mervane {
 
-/// A store of certificates that complete chains and decide trust, shared by all objects that were
-/// given it. Any thread may use it.
+/// A store of certificates for building chains and deciding trust, shared by any number of objects.
+/// Any thread may call any method.
 class SystemCerts {
   public:
-    /// Adds a certificate unless one with the same DER is there.
+    /// Adds a certificate unless the store has one with the same DER.
     void add(const std::shared_ptr<Certificate>& cert);
-    /// The store's certificates at this moment.
+    /// A snapshot of the certificates.
     [[nodiscard]] std::vector<std::shared_ptr<Certificate>> all() const;
 
   private:
@@ -22,16 +22,16 @@ class SystemCerts {
     std::vector<std::shared_ptr<Certificate>> m_certs;
 };
 
-/// An object's hold on a store; made empty, and filled with a store of its own when asked for one.
+/// An object's share of a store, which is created on first use. Not synchronised.
 class SystemCertsHolder {
   public:
     using Ptr = std::shared_ptr<SystemCerts>;
 
-    /// Never null: makes a store when there is none.
+    /// The store, created if there is none; never null.
     [[nodiscard]] Ptr getSystemCertsPtr();
-    /// Uses this store from now on.
+    /// Replaces the store.
     void setSystemCerts(Ptr store) noexcept { m_store = std::move(store); }
-    /// Adds the certificates of `other`'s store to the own one.
+    /// Adds the certificates of `other`'s store to this one's.
     void mergeSysCerts(SystemCertsHolder& other, LogBase& log);
 
   private:
