@@ -1,4 +1,4 @@
-// atr and card-data. No module is needed.
+// atr and card-data, which need no module.
 
 #include <filesystem>
 #include <iostream>
@@ -11,7 +11,7 @@
 namespace mervane::cli {
 namespace {
 
-// The forms in which people paste an ATR: "3B 6D 00", "3b:6d:00", "0x3B6D00".
+// Accepts an ATR as people paste it: "3B 6D 00", "3b:6d:00", "0x3B6D00".
 std::string cleanedAtr(std::string_view pasted) {
     pasted = trimmed(pasted);
     if (pasted.starts_with("0x") || pasted.starts_with("0X")) pasted.remove_prefix(2);
@@ -56,7 +56,8 @@ Exit runAtr(ClsPkcs11& p11, const Options& options) {
         {"Card", std::string(name.view())}, {"Read-only", readOnly ? "yes" : "no"}};
     for (const JsonValue& path : *document.find("paths")->asArray()) {
         fields.emplace_back(
-            "Module", textOf(path, "path") + (*path.find("exists")->asBool() ? "" : " (not here)"));
+            "Module",
+            textOf(path, "path") + (*path.find("exists")->asBool() ? "" : " (not installed)"));
     }
     printFields(fields);
     return Exit::Done;

@@ -13,14 +13,14 @@
 namespace mervane::cli {
 namespace {
 
-// Keeps the line that tells by what a key was found, or why none was.
+// Keeps the log line that explains how a key was found, or why none was.
 class HowCatcher final : public LogBase {
   public:
     [[nodiscard]] const std::string& how() const noexcept { return m_how; }
 
   private:
     void write(Kind kind, std::string_view, std::string_view text) noexcept override {
-        // The note on EC certificates and the closing line say less than the lines between them.
+        // The note on EC certificates and the closing line are less specific than those between.
         const bool isNote = text == "Certificate key type is ECDSA." ||
                             (text == "No matching private key found on the HSM." && !m_how.empty());
         if (kind != Kind::Data && kind != Kind::Hint && !isNote) m_how = text;
@@ -31,7 +31,7 @@ class HowCatcher final : public LogBase {
     std::string m_how;
 };
 
-// What the quick search says when it could not tell which EC key it is.
+// Log line of the quick search when it could not tell which EC key it is and took the first.
 constexpr std::string_view kGuess = "Using first PKCS11 ECDSA private key";
 
 using TextReader = bool (Certificate::*)(XString&, LogBase&) const;
@@ -78,8 +78,9 @@ JsonValue keyToJson(const Certificate& cert) {
     return out;
 }
 
-// Links the certificate to its key; the result is the line that says how. The first look reads as
-// little as possible. Where it ends in a guess about an EC key, the points are compared.
+// Links the certificate to its key and returns the log line that explains how. The first search
+// reads as little from the token as possible; if it ends in a guess about an EC key, a second one
+// compares the points.
 std::string linkToKey(ClsPkcs11& p11, Certificate& cert) {
     HowCatcher quick;
     p11.linkCertToPkcs11Session(&cert, true, quick);
@@ -120,7 +121,7 @@ int indexOf(ClsPkcs11& p11, const Certificate& wanted) {
     return -1;
 }
 
-// The line of the object's log that says by what the chosen certificate's key was found.
+// The line of p11's log that explains how the chosen certificate's key was found.
 std::string howFound(const ClsPkcs11& p11) {
     std::string how;
     p11.log().forEach([&how](const _mvLogger::Entry& entry) {
@@ -133,7 +134,8 @@ std::string howFound(const ClsPkcs11& p11) {
     return how;
 }
 
-// Reads the certificates and prints each as `describe` has it: as JSON, or as the row of a table.
+// Reads the certificates and prints what `describe` makes of each, as JSON or, through `toRow`, as
+// a table.
 template <class Describe, class ToRow>
 Exit listCerts(ClsPkcs11& p11, const Options& options, std::vector<std::string> heading,
                Describe describe, ToRow toRow) {
@@ -178,7 +180,7 @@ Exit runFindCert(ClsPkcs11& p11, const Options& options) {
     }
     const auto chosen = cert.getCert();
     std::string how = cert.HasPrivateKey() ? howFound(p11) : std::string();
-    // Not linked yet, or to a key that was only guessed.
+    // Not linked yet, or linked to a guess.
     if (how.empty() || how == kGuess) how = linkToKey(p11, *chosen);
     JsonValue record = certToJson(*chosen, indexOf(p11, *chosen));
     record.set("privateKey", keyToJson(*chosen));
@@ -188,18 +190,18 @@ Exit runFindCert(ClsPkcs11& p11, const Options& options) {
         return Exit::Done;
     }
     const JsonValue& key = *record.find("privateKey");
-    printFields(
-        {{"Certificate", textOf(record, "subject")},
-         {"Issuer", textOf(record, "issuer")},
-         {"Serial number", textOf(record, "serialNumber")},
-         {"SHA-1 thumbprint", textOf(record, "sha1Thumbprint")},
-         {"Valid", textOf(record, "notBefore") + " to " + textOf(record, "notAfter")},
-         {"Key", keyText(record)},
-         {"ID, label", textOf(record, "ckaId") + ", " + textOf(record, "label")},
-         {"Private key", key.isNull() ? "none"
-                                      : "handle " + textOf(key, "handle") + ", signatures of " +
-                                            textOf(key, "expectedSignatureSize") + " bytes"},
-         {"Found by", how}});
+    printFields({{"Certificate", textOf(record, "subject")},
+                 {"Issuer", textOf(record, "issuer")},
+                 {"Serial number", textOf(record, "serialNumber")},
+                 {"SHA-1 thumbprint", textOf(record, "sha1Thumbprint")},
+                 {"Valid", textOf(record, "notBefore") + " to " + textOf(record, "notAfter")},
+                 {"Key", keyText(record)},
+                 {"ID, label", textOf(record, "ckaId") + ", " + textOf(record, "label")},
+                 {"Private key", key.isNull() ? "none"
+                                              : "handle " + textOf(key, "handle") + ", " +
+                                                    textOf(key, "expectedSignatureSize") +
+                                                    "-byte signatures"},
+                 {"Found by", how}});
     return Exit::Done;
 }
 

@@ -1,4 +1,5 @@
-// The commands: what each is called, takes and does. docs/cli.md describes them for users.
+// The table of commands, from which parsing, --help and dispatch all work. docs/cli.md is the
+// manual.
 
 #include "commands.h"
 
@@ -24,20 +25,20 @@ constexpr std::array kCommands = {
     CommandSpec{"find-cert", "PART [VALUE]", 1, 2, kReading | kOut,
                 "choose a certificate; PART is privateKey, subjectDN, CN, serial, ...",
                 runFindCert},
-    CommandSpec{"match", "", 0, 0, kReading, "list the certificates with the private key of each",
+    CommandSpec{"match", "", 0, 0, kReading, "list the certificates, each with its private key",
                 runMatch},
     CommandSpec{"keys", "[SELECTOR]", 0, kAny, kReading,
-                "list the keys; SELECTOR: words of private public secret rsa ec all", runKeys},
+                "list the keys; SELECTOR: any of private public secret rsa ec all", runKeys},
     CommandSpec{"find-object", "JSON", 1, 1, kReading,
                 R"(find one object, such as '{"class":"privateKey","label":"sign"}')",
                 runFindObject},
     CommandSpec{"set-pin", "", 0, 0, kToken | kUser | kPin | kSoPin | kNewPin,
-                "change the PIN given by --pin to that of --new-pin", runSetPin},
+                "change the PIN from --pin to --new-pin", runSetPin},
     CommandSpec{"init-pin", "", 0, 0, kToken | kSoPin | kNewPin,
-                "set the user PIN to --new-pin, as the security officer with --so-pin", runInitPin},
+                "set the user PIN to --new-pin, as the security officer (--so-pin)", runInitPin},
     CommandSpec{"init-token", "LABEL", 1, 1, kToken | kSoPin,
-                "initialise a token with --so-pin; everything on it is lost", runInitToken},
-    CommandSpec{"atr", "ATR", 1, kAny, kForms, "name the card with this ATR and its driver",
+                "initialise a token with --so-pin; destroys everything on it", runInitToken},
+    CommandSpec{"atr", "ATR", 1, kAny, kForms, "name the card with this ATR, and its module",
                 runAtr},
     CommandSpec{"card-data", "", 0, 0, kForms, "print the card database", runCardData},
 };
@@ -55,7 +56,7 @@ void checkOptions(const CommandSpec& command, std::uint32_t given) {
     };
     const auto stray = std::ranges::find_if(optionSpecs(), isStray);
     if (stray != optionSpecs().end())
-        usageError(std::string(command.name) + " has no use for " + std::string(stray->name) + ".");
+        usageError(std::string(command.name) + " does not take " + std::string(stray->name) + ".");
 }
 
 }  // namespace
@@ -65,7 +66,7 @@ std::span<const CommandSpec> commandSpecs() noexcept {
 }
 
 const CommandSpec& commandOf(const CommandLine& line) {
-    if (line.command.empty()) usageError("No command is given.");
+    if (line.command.empty()) usageError("No command given.");
     const auto* const command = std::ranges::find(kCommands, line.command, &CommandSpec::name);
     if (command == kCommands.end()) usageError("Unknown command: " + printable(line.command));
     checkOptions(*command, line.given);

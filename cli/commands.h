@@ -8,22 +8,23 @@
 
 namespace mervane::cli {
 
-/// A command as parser, help and dispatch see it.
+/// One command, for parsing, help and dispatch.
 struct CommandSpec {
     std::string_view name;
-    std::string_view arguments;
+    std::string_view arguments;  // as shown in the help
     std::size_t minArguments;
     std::size_t maxArguments;
-    std::uint32_t options;  // of OptionBit: those it uses, beside --help and --version
+    std::uint32_t options;  // OptionBits it accepts, besides --help and --version
     std::string_view help;
-    /// Prints data on standard output and gives the status, or throws a Failure.
+    /// Prints data on standard output and returns the exit status, or throws a Failure.
     Exit (*run)(ClsPkcs11& p11, const Options& options);
 };
 
-/// In the order of the help.
+/// All commands, in the order of the help.
 std::span<const CommandSpec> commandSpecs() noexcept;
 
-/// The command that the line names, once arguments and options fit it; throws a Failure else.
+/// The command named by the line. Throws a Failure if there is none or it does not accept the
+/// arguments and options given.
 const CommandSpec& commandOf(const CommandLine& line);
 
 // certs.cpp

@@ -6,16 +6,16 @@
 
 namespace mervane::cli {
 
-/// Exit statuses; scripts rely on them.
+/// Exit statuses. Scripts rely on the numbers.
 enum class Exit : int {
     Done = 0,
     Module = 1,    ///< the module or the token failed
     Usage = 2,     ///< the command line is wrong
-    NotFound = 3,  ///< nothing fits
+    NotFound = 3,  ///< nothing matched
     Pin = 4,       ///< a PIN is missing, wrong or locked
 };
 
-/// Ends a command: what is printed on standard error, and the status.
+/// Thrown to end a command: message and hint go to standard error. Either may be empty.
 struct Failure {
     Exit status;
     std::string message;
@@ -24,7 +24,7 @@ struct Failure {
 
 [[noreturn]] inline void usageError(std::string message) {
     throw Failure{Exit::Usage, std::move(message),
-                  "mervane-p11 --help lists the commands and options."};
+                  "Run mervane-p11 --help for the commands and options."};
 }
 
 }  // namespace mervane::cli

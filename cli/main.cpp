@@ -1,5 +1,11 @@
-// mervane-p11: what a PKCS#11 module holds, from the command line. Data goes to standard output,
-// everything else to standard error.
+// mervane-p11: the library on the command line.
+//
+// A run is: parse the line, look the command up in the table (commands.cpp), call it. A command
+// returns its exit status or throws a Failure with status, message and hint; nothing else prints
+// errors. Data goes to standard output and only there. Commands print once they have everything, so
+// a failure leaves no half-written document for the next program in the pipe.
+//
+// The tool uses the public headers alone, as an application would.
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -14,7 +20,7 @@
 namespace mervane::cli {
 namespace {
 
-// A column of the help: the left one padded, at least one blank behind it.
+// One row of the help: the left column padded to 24, but always with a space after it.
 void printHelpRow(std::string left, std::string_view help) {
     left.resize(std::max<std::size_t>(left.size() + 1, 24), ' ');
     std::cout << "  " << left << help << '\n';
@@ -44,13 +50,14 @@ Exit run(const CommandLine& line, ClsPkcs11& p11) {
     return Exit::Done;
 }
 
-// A module must not open its files where this program writes: what is closed is taken. Nothing can
-// be read from the one or written to the others, which is then said.
+// If a standard descriptor is closed, the next file a module opens would get its number and our
+// output would go into that file. So closed ones are opened first, on /dev/null and in the wrong
+// direction: using them fails, and the failure is reported.
 void takeStandardDescriptors() {
     for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
         if (::fcntl(descriptor, F_GETFD) != -1) continue;
         const int mode = descriptor == STDIN_FILENO ? O_WRONLY : O_RDONLY;
-        static_cast<void>(::open("/dev/null", mode));  // gets the lowest number, which is this one
+        static_cast<void>(::open("/dev/null", mode));  // takes the lowest free number: this one
     }
 }
 

@@ -44,7 +44,7 @@ void printMechanisms(const JsonValue& slot) {
     table.print();
 }
 
-// The flags of a key that are true.
+// The names of the key's attributes that are true.
 std::string usageOf(const JsonValue& key) {
     std::string out;
     for (const JsonMember& member : *key.asObject()) {
@@ -108,7 +108,7 @@ Exit runFindObject(ClsPkcs11& p11, const Options& options) {
             throwLastError(p11, Exit::Usage);
         if (!error.empty()) throwLastError(p11);
         if (options.json) std::cout << "{\"handle\": 0}\n";
-        throw Failure{Exit::NotFound, "No object fits the description.", {}};
+        throw Failure{Exit::NotFound, "No object matches the description.", {}};
     }
     if (options.json) {
         JsonValue found = JsonValue::object();

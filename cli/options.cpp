@@ -11,14 +11,14 @@
 namespace mervane::cli {
 namespace {
 
-// Slot IDs in decimal or, with 0x, in hexadecimal. The library takes 32 bits.
+// A slot ID in decimal or, with 0x, in hexadecimal. The library takes 32 bits as an int.
 int parseSlot(const std::string& text) {
     const bool isHex = text.starts_with("0x") || text.starts_with("0X");
     const char* const begin = text.data() + (isHex ? 2 : 0);
     const char* const end = text.data() + text.size();
     std::uint32_t value = 0;
     const auto [stop, error] = std::from_chars(begin, end, value, isHex ? 16 : 10);
-    // The ID of 32 ones would be taken for -1, which means any slot.
+    // 0xFFFFFFFF would become -1, which means any slot.
     if (error != std::errc() || stop != end || value == UINT32_MAX) {
         usageError("--slot takes a slot ID below 0xFFFFFFFF.");
     }
@@ -34,23 +34,23 @@ std::string pinSource(const std::string& option, const std::string& text) {
     if (text == "-" || text.starts_with("env:") || text.starts_with("file:")) return text;
     usageError(
         option +
-        " takes env:NAME, file:PATH or - (prompt). A PIN itself is refused on the command line: "
-        "every user of the machine could read it there.");
+        " takes env:NAME, file:PATH or - (prompt). A PIN itself is refused on the command line, "
+        "where every user of the machine could read it.");
 }
 
 using Value = const std::string&;
 
 constexpr std::array kOptions = {
     OptionSpec{kModule, "--module", "PATH",
-               "the PKCS#11 module (else the environment variable MERVANE_P11_MODULE)",
+               "the PKCS#11 module (default: the environment variable MERVANE_P11_MODULE)",
                [](Options& o, Value v) { o.module = v; }},
-    OptionSpec{kSlot, "--slot", "ID", "the slot of the token",
+    OptionSpec{kSlot, "--slot", "ID", "use the token in this slot",
                [](Options& o, Value v) { o.slot = parseSlot(v); }},
-    OptionSpec{kTokenLabel, "--token-label", "TEXT", "the token with exactly this label",
+    OptionSpec{kTokenLabel, "--token-label", "TEXT", "use the token with exactly this label",
                [](Options& o, Value v) { o.tokenLabel = v; }},
     OptionSpec{kLogin, "--login", "", "log in; --pin implies it",
                [](Options& o, Value) { o.login = true; }},
-    OptionSpec{kUser, "--user", "user|so", "who logs in: the user (the default) or the officer",
+    OptionSpec{kUser, "--user", "user|so", "log in as the user (default) or the security officer",
                [](Options& o, Value v) { o.asOfficer = isOfficer(v); }},
     OptionSpec{kPin, "--pin", "SOURCE",
                "where the PIN comes from: env:NAME, file:PATH or - (prompt)",
@@ -58,21 +58,21 @@ constexpr std::array kOptions = {
                    o.pin = pinSource("--pin", v);
                    o.login = true;
                }},
-    OptionSpec{kSoPin, "--so-pin", "SOURCE", "the same for the security officer's PIN",
+    OptionSpec{kSoPin, "--so-pin", "SOURCE", "where the security officer's PIN comes from",
                [](Options& o, Value v) { o.soPin = pinSource("--so-pin", v); }},
-    OptionSpec{kNewPin, "--new-pin", "SOURCE", "the same for the PIN to be set",
+    OptionSpec{kNewPin, "--new-pin", "SOURCE", "where the new PIN comes from",
                [](Options& o, Value v) { o.newPin = pinSource("--new-pin", v); }},
-    OptionSpec{kTokensOnly, "--tokens-only", "", "only slots that hold a token",
+    OptionSpec{kTokensOnly, "--tokens-only", "", "only slots with a token",
                [](Options& o, Value) { o.tokensOnly = true; }},
-    OptionSpec{kSkipMechanisms, "--skip-mechanisms", "", "leave the mechanisms out",
+    OptionSpec{kSkipMechanisms, "--skip-mechanisms", "", "leave out the mechanisms",
                [](Options& o, Value) { o.skipMechanisms = true; }},
     OptionSpec{kOut, "--out", "FILE",
-               "write the certificate, in DER if the name ends in .der, else in PEM",
+               "write the certificate: DER if the name ends in .der, otherwise PEM",
                [](Options& o, Value v) { o.out = v; }},
     OptionSpec{kJson, "--json", "", "print JSON", [](Options& o, Value) { o.json = true; }},
     OptionSpec{kLog, "--log", "", "print the log of all calls on standard error",
                [](Options& o, Value) { o.log = true; }},
-    OptionSpec{kHelp, "--help", "", "print this", [](Options& o, Value) { o.help = true; }},
+    OptionSpec{kHelp, "--help", "", "print this help", [](Options& o, Value) { o.help = true; }},
     OptionSpec{kVersion, "--version", "", "print the version",
                [](Options& o, Value) { o.version = true; }},
 };
@@ -91,7 +91,7 @@ std::span<const OptionSpec> optionSpecs() noexcept {
 
 void parseCommandLine(std::span<const char* const> words, CommandLine& out) {
     if (const char* const module = std::getenv("MERVANE_P11_MODULE")) out.options.module = module;
-    bool onlyArguments = false;  // behind "--"
+    bool onlyArguments = false;  // after "--"
     for (std::size_t i = 0; i < words.size(); ++i) {
         const std::string word = words[i];
         if (onlyArguments || !word.starts_with("--")) {

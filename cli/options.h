@@ -10,9 +10,10 @@
 
 namespace mervane::cli {
 
-/// The values of the options given. PINs stand here as where they come from, never as values.
+/// The options given. PINs are represented by their source (env:NAME, file:PATH or -), never by
+/// value.
 struct Options {
-    std::vector<std::string> arguments;  // behind the command
+    std::vector<std::string> arguments;  // after the command
 
     std::string module;  // --module, or the environment variable MERVANE_P11_MODULE
     std::optional<int> slot;
@@ -29,7 +30,7 @@ struct Options {
     bool version = false;
 };
 
-/// One bit an option, so that a command names those it uses.
+/// One bit per option, for the set that a command accepts.
 enum OptionBit : std::uint32_t {
     kModule = 1U << 0,
     kSlot = 1U << 1,
@@ -48,26 +49,27 @@ enum OptionBit : std::uint32_t {
     kVersion = 1U << 14,
 };
 
-/// An option as parser and help see it.
+/// One option, for parsing and help.
 struct OptionSpec {
     OptionBit bit;
     std::string_view name;
-    std::string_view value;  // what stands for it in the help; empty for a switch
+    std::string_view value;  // its placeholder in the help; empty for a switch
     std::string_view help;
     void (*set)(Options& options, const std::string& value);
 };
 
-/// In the order of the help.
+/// All options, in the order of the help.
 std::span<const OptionSpec> optionSpecs() noexcept;
 
-/// The command line taken apart: which command, and the options that were given.
+/// A parsed command line.
 struct CommandLine {
     std::string command;
     Options options;
-    std::uint32_t given = 0;  // of OptionBit
+    std::uint32_t given = 0;  // OptionBits seen
 };
 
-/// Fills `out` as far as the line can be read; throws a Failure that names the word at fault.
+/// Parses the words after the program's name. Throws a Failure that names the offending word; `out`
+/// then has everything before it, so --log still works.
 void parseCommandLine(std::span<const char* const> words, CommandLine& out);
 
 }  // namespace mervane::cli

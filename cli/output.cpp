@@ -10,7 +10,7 @@ namespace mervane::cli {
 
 namespace {
 
-// A longer cell moves the rest of its own line, instead of padding all others.
+// Columns. A wider cell pushes the rest of its own row to the right instead of widening every row.
 constexpr std::size_t kMaxWidth = 200;
 
 }  // namespace

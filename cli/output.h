@@ -9,13 +9,19 @@
 
 namespace mervane::cli {
 
-/// Text for people: one line, without characters that a terminal would obey.
+// Everything that commands print goes through here, because most of it comes from a token or a
+// module and neither is trusted: a label may contain escape sequences, line breaks or text that
+// runs from right to left. Tables and fields make every cell printable(); JSON is escaped by the
+// library. Text put into a message or written to std::cout directly needs printable() at the call.
+
+/// `text` as one line without characters that would control a terminal.
 std::string printable(std::string_view text);
 
-/// Prints rows under a heading, the columns aligned by what they take on a terminal.
+/// Rows under a heading, with columns aligned by their width on a terminal.
 class Table {
   public:
     explicit Table(std::vector<std::string> heading) { m_rows.push_back(std::move(heading)); }
+    /// Adds a row of as many cells as the heading has; each is made printable.
     void add(std::vector<std::string> cells);
     void print() const;
 
@@ -23,13 +29,14 @@ class Table {
     std::vector<std::vector<std::string>> m_rows;
 };
 
-/// Prints "name: value" lines with the values aligned.
+/// Prints "name: value" lines with the values aligned and made printable.
 void printFields(const std::vector<std::pair<std::string, std::string>>& fields);
 
+/// Prints the value as indented JSON.
 void printJson(const JsonValue& value);
 
-/// A document of one list, {"name":[..]}, printed when it is whole. Its records are kept as text,
-/// which takes a third of the room.
+/// A JSON document with one list, {"name":[..]}, printed when it is complete. Records are kept as
+/// text, which takes a third of the memory of values.
 class JsonList {
   public:
     explicit JsonList(std::string_view name);
@@ -41,9 +48,9 @@ class JsonList {
     bool m_isEmpty = true;
 };
 
-// Readers for printing: the text of a member, its number as written, empty when absent or null.
+/// A member for printing: the string itself, anything else as JSON; empty if absent or null.
 std::string textOf(const JsonValue& object, std::string_view member);
-/// The strings of an array member, joined by blanks.
+/// The strings of an array member, joined by spaces; empty if it is not an array.
 std::string joined(const JsonValue& object, std::string_view member);
 
 }  // namespace mervane::cli

@@ -1,4 +1,4 @@
-// Finds the certificate to sign with on a token, and the handle of its private key.
+// Finds the signing certificate on a token, and the handle of its private key.
 // usage: find_signing_cert MODULE PIN_FILE
 
 #include <fstream>
@@ -25,7 +25,7 @@ int main(int argc, char** argv) {
     cert.get_SubjectDN(subject);
     const auto link = cert.getCert()->pkcs11Link();
     std::cout << "Sign with:   " << subject.view() << '\n'
-              << "Private key: handle " << link->keyHandle << ", signatures of "
-              << link->expectedSignatureSize << " bytes\n";
+              << "Private key: handle " << link->keyHandle << ", " << link->expectedSignatureSize
+              << "-byte signatures\n";
     return 0;
 }
