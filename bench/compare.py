@@ -1,5 +1,8 @@
 #!/usr/bin/python3
-"""Module calls, time and memory of whole programs on one SoftHSM 2 token, in turn. See scripts/bench.
+"""Module calls, time and memory of whole programs on one SoftHSM 2 token. See scripts/bench.
+
+The programs take turns rather than running in blocks, so a change in the load of the machine hits all of
+them. Calls are counted in a separate run, since pkcs11-spy slows the module down.
 
 usage: compare.py BUILD_FOLDER SOFTHSM_MODULE N"""
 
@@ -36,7 +39,7 @@ def make_token(build, module, count):
 
 
 def programs(build, module):
-    """name -> (group, command); the module's path is to be replaced for counting."""
+    """name -> (group, command). count_calls() replaces the module's path in the command."""
     tool, floor, libp11 = (str(build / n) for n in ("mervane-p11", "floor_loop", "libp11_peer"))
     url = f"pkcs11:token={LABEL}"
     return {
@@ -76,7 +79,7 @@ def main(build, module, count):
     build = pathlib.Path(build).resolve()
     make_token(build, module, count)
     rows = programs(build, module)
-    # Those that take twenty seconds are run less often.
+    # These take twenty seconds each and are run less often.
     slow = {name for name in rows if name.startswith(("libp11, key", "p11tool")) and count > 200}
     times, memory = collections.defaultdict(list), {}
     for round_ in range(ROUNDS + 1):
@@ -84,7 +87,7 @@ def main(build, module, count):
             if name in slow and (round_ == 0 or round_ > 5):
                 continue
             seconds, kib = run(command)
-            if round_ > 0:  # the first warms the caches
+            if round_ > 0:  # round 0 warms the caches
                 times[name].append(seconds)
                 memory[name] = min(kib, memory.get(name, kib))
     print(f"\n{'program':36} {'calls':>9} {'ms':>9} {'to floor':>9} {'MiB':>7}  calls by function")
@@ -105,7 +108,7 @@ def instructions(command):
 
 
 def compare_setup(build, module):
-    """Instructions of a whole process that sets up and ends, on a token with one object."""
+    """Instructions of a process that opens a session, logs in and exits, on a token with one object."""
     make_token(build, module, 1)
     ours, raw = (instructions([str(build / "setup"), module, LABEL, PIN, how]) for how in ("ours", "raw"))
     print(f"\nset-up (QuickSession) in instructions of the process: {ours:,}; the raw calls: {raw:,}; ratio {ours / raw:.4f}")

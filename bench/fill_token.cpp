@@ -1,4 +1,6 @@
-// Puts N certificates with their private keys on a token: a few key pairs under N subjects and IDs.
+// Puts N certificates with their private keys on a token, for scripts/bench. Generating N RSA keys
+// would take minutes, so four key pairs are reused under N subjects and IDs: what is measured finds
+// keys by ID and does not notice.
 //
 // usage: fill_token MODULE TOKEN_LABEL PIN N
 
@@ -20,7 +22,8 @@ namespace {
 
 using Bytes = std::vector<unsigned char>;
 
-constexpr CK_ATTRIBUTE_TYPE kPrivateExponent = 0x123;  // CKA_PRIVATE_EXPONENT and those after it
+// The attributes of an RSA private key, from CKA_MODULUS to CKA_COEFFICIENT.
+constexpr CK_ATTRIBUTE_TYPE kPrivateExponent = 0x123;  // CKA_PRIVATE_EXPONENT
 constexpr std::array kRsaParts = {
     std::pair{0x120UL, OSSL_PKEY_PARAM_RSA_N},
     std::pair{0x122UL, OSSL_PKEY_PARAM_RSA_E},

@@ -1,5 +1,6 @@
-// The floor: what a client that wants all certificates (and, with a PIN, all private keys) has to
-// ask of the module, with one C_GetAttributeValue an object and nothing done with the answers.
+// The floor for performance.md: the fewest module calls with which a client can read all
+// certificates and, given a PIN, all private keys. One C_GetAttributeValue per object, with buffers
+// large enough that no size has to be asked first; the results are thrown away.
 //
 // usage: floor_loop MODULE TOKEN_LABEL [PIN]
 

@@ -1,4 +1,7 @@
-// What a call costs beside the module: the frame, its log, and an object's life.
+// What the library adds to every call, whatever the module does: the frame of a public method
+// (lock, log context, exception barrier), log lines, and creating and destroying an object.
+//
+// callThatFails fails at once for want of a session, so it is the frame plus one error line.
 
 #include <benchmark/benchmark.h>
 

@@ -1,4 +1,5 @@
-// What a program on libp11 does for the same: all certificates, and with "match" the key of each.
+// The same task with libp11, as its users write it: all certificates and, with "match", the key of
+// each. Errors only end the program; there is nothing to compare then.
 //
 // usage: libp11_peer MODULE TOKEN_LABEL PIN list|match
 

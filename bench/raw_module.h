@@ -12,12 +12,13 @@
 
 namespace mervane::bench {
 
-/// A module used with nothing around it: what any client has to do at least.
+/// A module driven directly, with the least any client must do: load, initialise, find the token by
+/// label, open a session, log in if a PIN is given. For comparison only: answers are trusted.
 struct RawModule {
     CK_FUNCTION_LIST* functions = nullptr;
     CK_SESSION_HANDLE session = 0;
 
-    // Ends the program when a call fails: there is nothing to measure then.
+    // Ends the program if a call fails: there is nothing to measure then.
     static void check(CK_RV rv, const char* what) {
         if (rv == CKR_OK) return;
         std::cerr << what << ": " << rvName(rv) << '\n';

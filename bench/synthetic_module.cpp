@@ -1,6 +1,12 @@
-// A module that costs next to nothing: N certificates and N private keys under their own IDs, made
-// from one template, each found by its handle at once. What a client takes on it is the client's
-// own work. N is the environment variable SYNTHETIC_OBJECTS.
+// A PKCS#11 module that costs next to nothing, so that whatever a client takes on it is the
+// client's own work.
+//
+// It has one token with N certificates and N private keys, each pair with an ID of its own. Nothing
+// is stored: a certificate is one template with the serial number patched, an ID is the number of
+// the object, computed from the handle. Only the functions that listing and matching call exist.
+//
+// Environment: SYNTHETIC_OBJECTS is N (default 1000); SYNTHETIC_CERT is the template, DER in
+// hexadecimal, whose serial number must be 7A7A7A7A.
 
 #include <algorithm>
 #include <cstdlib>
@@ -17,7 +23,7 @@ namespace {
 
 CK_ULONG numObjects = 0;
 std::vector<unsigned char> certTemplate;
-std::size_t serialAt = 0;  // of four octets in the template
+std::size_t serialAt = 0;  // offset of the four octets of the serial number in the template
 CK_ULONG nextFound = 0;
 CK_ULONG lastFound = 0;
 
@@ -63,7 +69,7 @@ CK_RV login(CK_SESSION_HANDLE, CK_USER_TYPE, CK_UTF8CHAR*, CK_ULONG) {
     return CKR_OK;
 }
 
-// Handles: certificates from 1 on, keys behind them.
+// Handles: 1 to N are certificates, N + 1 to 2 N keys.
 CK_RV findObjectsInit(CK_SESSION_HANDLE, CK_ATTRIBUTE* query, CK_ULONG count) {
     CK_ULONG objectClass = CKO_DATA;
     CK_ULONG keyType = CKK_RSA;

@@ -1,4 +1,4 @@
-# Two export sets: who links the shared library needs no development files of zlib.
+# Two export sets, so that users of the shared library need no development files of zlib.
 include(CMakePackageConfigHelpers)
 set(package_folder ${CMAKE_INSTALL_LIBDIR}/cmake/mervane_pkcs11)
 

@@ -1,6 +1,5 @@
-# What a program may include, as <mervane/...>: these are installed, and no other header is. They
-# name each other relative to where they stand, so that each finds its own neighbours whatever
-# folders the program has on its include path.
+# The headers a program may include, as <mervane/...>; only these are installed. They include each
+# other by relative path, so each finds its own neighbours whatever is on the program's include path.
 set(MERVANE_PUBLIC_HEADERS
     foundation/core/clsbase.h
     foundation/core/critsec.h

@@ -1,4 +1,4 @@
-// An ATR over the card database.
+// Looks up the input as an ATR in the card database. A card found must have a name and a path.
 
 #include "fuzz/fuzz.h"
 #include "pkcs11/clspkcs11.h"

@@ -1,4 +1,4 @@
-// A certificate's bytes, with every reader.
+// Parses the input as a certificate and calls every reader on it.
 
 #include "fuzz/fuzz.h"
 #include "tests/readers.h"

@@ -1,4 +1,4 @@
-// The two strings of FindCert, over a cache filled by hand. The input is "part NUL value".
+// Calls FindCert with the two strings of the input, "part NUL value", on a cache filled by hand.
 
 #include "fuzz/fuzz.h"
 #include "tests/support.h"

@@ -8,14 +8,15 @@
 #include <string>
 #include <string_view>
 
-/// The entry of every target; libFuzzer or replay.cpp calls it.
+/// Defined by each target; called by libFuzzer or replay.cpp for each input.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 
 namespace mervane::fuzz {
 
+/// The input as text; valid as long as the input.
 inline std::string_view asText(const std::uint8_t* data, std::size_t size) { return {reinterpret_cast<const char*>(data), size}; }
 
-/// Ends the program when what has to hold does not.
+/// Aborts, which the fuzzer reports as a crash, unless `holds`.
 inline void require(bool holds) {
     if (!holds) std::abort();
 }

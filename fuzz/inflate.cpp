@@ -1,4 +1,4 @@
-// Compressed bytes.
+// Inflates the input as raw deflate. The result must stay within the limit, and be empty on failure.
 
 #include "foundation/system/deflate.h"
 #include "fuzz/fuzz.h"

@@ -1,4 +1,4 @@
-// A JSON text: loaded, walked, written and read again to the same.
+// Parses the input as JSON, writes it and parses that again: both must be equal.
 
 #include "foundation/json/clsjsonobject.h"
 #include "fuzz/fuzz.h"
@@ -13,7 +13,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     ClsJsonObject again;
     fuzz::require(again.loadJson(text, log));
     fuzz::require(again.emit() == json.emit());
-    // The text itself as paths: whatever they name, nothing breaks.
+    // Pieces of the text serve as paths, which must be harmless whatever they name.
     json.put_I(static_cast<int>(size % 5));
     for (std::size_t at = 0; at < size && at < 64; ++at) {
         const auto path = fuzz::asText(data + at, size - at).substr(0, 16);

@@ -1,5 +1,6 @@
-// A module whose answers are drawn from the input (return values, counts, lengths, handles and
-// bytes) on one of the roads, which then has to succeed without faults.
+// Runs one of the call sequences of tests/roads.h on a module that lies: return values, counts,
+// lengths, handles and bytes are drawn from the input. Afterwards the object must be sound, and the
+// same sequence must succeed on a module that behaves.
 
 #include <algorithm>
 #include <stdexcept>
@@ -12,7 +13,7 @@ using namespace mervane::test;
 
 namespace {
 
-// Bytes of the input, zeros behind its end.
+// The bytes of the input, then zeros.
 class Stream {
   public:
     Stream(const std::uint8_t* data, std::size_t size) : m_rest(data, size) {}
@@ -35,7 +36,7 @@ CK_ULONG number(Stream& in) {
 
 void lie(Stream& in, fake::World& world, fake::Outputs& out) {
     const unsigned what = in.next();
-    if (what < 96) return;  // mostly the truth
+    if (what < 96) return;  // often enough the truth to get further
     if (out.count != nullptr && (what & 1U) != 0) *out.count = number(in);
     for (CK_ULONG i = 0; out.ids != nullptr && i < std::min<CK_ULONG>(out.room, 8) && (what & 2U) != 0; ++i) out.ids[i] = number(in);
     for (CK_ULONG i = 0; out.attributes != nullptr && i < out.room; ++i) {
@@ -50,7 +51,7 @@ void lie(Stream& in, fake::World& world, fake::Outputs& out) {
         if (how > 250) attribute.pValue = nullptr;
     }
     if (out.session != nullptr && (what & 4U) != 0) {
-        // The module has a session then that nobody can close.
+        // The module now has a session that nobody can close.
         world.loseSession(*out.session);
         *out.session = 0;
     }

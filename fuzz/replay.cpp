@@ -1,4 +1,5 @@
-// Feeds a target the files of the folders named, as a test without clang.
+// A main() for targets built without libFuzzer: feeds them every file of the folders given. Fails if
+// there is none.
 
 #include <filesystem>
 #include <fstream>

@@ -1,12 +1,12 @@
-# Shared by the scripts of this folder; sourced, not run.
+# Functions shared by the scripts in this folder. Sourced, not run.
 
-# Settings of the caller's that would change what is built and tested.
+# The caller's environment must not change what is built and tested.
 unset DESTDIR OPENSSL_CONF "${!GTEST_@}"
 [ -d "${TMPDIR:-/tmp}" ] || unset TMPDIR
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
-# install_packages PACKAGE...: installs the Debian packages that are missing.
+# install_packages PACKAGE...: installs those Debian packages that are missing.
 install_packages() {
   local missing=()
   for package in "$@"; do
@@ -26,7 +26,7 @@ token_packages=(softhsm2 opensc openssl)
 test_packages=(libgtest-dev libgmock-dev python3 python3-jsonschema p11-kit-modules libp11-kit-dev valgrind ca-certificates
   python3-cryptography-vectors)
 
-# The SoftHSM 2 module, wherever the distribution puts it.
+# softhsm_module: prints the path of the SoftHSM 2 module, which varies between distributions.
 softhsm_module() {
   local found
   for found in /usr/lib/softhsm/libsofthsm2.so /usr/lib/*/softhsm/libsofthsm2.so /usr/lib64/pkcs11/libsofthsm2.so; do
@@ -36,7 +36,7 @@ softhsm_module() {
   return 1
 }
 
-# build_preset PRESET: configures when needed, and builds; prints what the build printed if it fails.
+# build_preset PRESET: configures if necessary and builds. Silent unless the build fails.
 build_preset() {
   (
     cd "$root"

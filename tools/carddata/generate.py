@@ -1,10 +1,10 @@
 #!/usr/bin/python3
-"""Writes the constants that the library carries from cards.json: raw deflate at the best level,
-base64 without padding, 76 characters a constant. Run it after every edit of cards.json.
+"""Generates the constants of the library's card database from cards.json: raw deflate at the best
+level, base64 without padding, 76 characters per constant. Run it after every edit of cards.json.
 
 usage: generate.py [--check] [SOURCE [TARGET]]
 
-With --check nothing is written; the exit status is 1 when the target is not what would be written."""
+With --check nothing is written; the exit status is 1 if the target is out of date."""
 
 import base64
 import json
@@ -48,7 +48,7 @@ def main(args):
     source = paths[0] if paths else SOURCE
     target = paths[1] if len(paths) > 1 else TARGET
     document = source.read_bytes()
-    json.loads(document)  # what is carried has to be well-formed
+    json.loads(document)  # refuse malformed JSON before it is built in
     deflate = zlib.compressobj(9, zlib.DEFLATED, -15, 9)
     packed = deflate.compress(document) + deflate.flush()
     text = base64.b64encode(packed).decode().rstrip("=")
