@@ -28,6 +28,7 @@ std::size_t readAll(RawModule& module, CK_ULONG objectClass,
                        batch.begin() + static_cast<std::ptrdiff_t>(count));
     }
     RawModule::check(module.functions->C_FindObjectsFinal(module.session), "C_FindObjectsFinal");
+    // Larger than any attribute on the bench token, and allocated once for all objects.
     std::vector<unsigned char> room(8192 * types.size());
     std::size_t total = 0;
     for (const CK_OBJECT_HANDLE handle : handles) {

@@ -52,8 +52,8 @@ CK_RV getSlotList(CK_BBOOL, CK_SLOT_ID* list, CK_ULONG* count) {
 }
 
 CK_RV getTokenInfo(CK_SLOT_ID, CK_TOKEN_INFO* info) {
-    std::memset(info, ' ', sizeof *info);
-    info->flags = 0x400;  // CKF_TOKEN_INITIALIZED
+    std::memset(info, ' ', sizeof *info);  // labels are padded with spaces
+    info->flags = 0x400;                   // CKF_TOKEN_INITIALIZED
     return CKR_OK;
 }
 
@@ -116,6 +116,7 @@ CK_RV getAttributeValue(CK_SESSION_HANDLE, CK_OBJECT_HANDLE handle, CK_ATTRIBUTE
         } else if (attribute.type == CKA_SIGN && !isCert) {
             give(attribute, &kYes, sizeof kYes);
         } else {
+            // As real modules answer for an attribute that the object lacks (PKCS#11 2.40 5.7).
             attribute.ulValueLen = CK_UNAVAILABLE_INFORMATION;
             rv = CKR_ATTRIBUTE_TYPE_INVALID;
         }

@@ -27,6 +27,7 @@ std::string cleanedAtr(std::string_view pasted) {
 
 Exit runAtr(ClsPkcs11& p11, const Options& options) {
     std::string pasted;
+    // An ATR pasted without quotes arrives as one argument per byte.
     for (const std::string& word : options.arguments) pasted.append(word).push_back(' ');
     StringBuffer name;
     bool readOnly = false;

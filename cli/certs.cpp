@@ -109,7 +109,7 @@ void saveCert(ClsCert& cert, const std::string& path) {
     } else {
         file << cert.ExportPem();
     }
-    file.close();
+    file.close();  // flushes: a full disk shows here
     if (!file)
         throw Failure{Exit::Module, "The file " + printable(path) + " cannot be written.", {}};
 }
@@ -125,6 +125,7 @@ int indexOf(ClsPkcs11& p11, const Certificate& wanted) {
 std::string howFound(const ClsPkcs11& p11) {
     std::string how;
     p11.log().forEach([&how](const _mvLogger::Entry& entry) {
+        // "Found matching ..., but it ..." is a key that was found and passed over.
         const bool isFind = entry.text.starts_with("Found matching") &&
                             entry.text.find("but it") == std::string::npos;
         if (entry.what == _mvLogger::Entry::What::Info &&

@@ -1,5 +1,4 @@
-// The table of commands, from which parsing, --help and dispatch all work. docs/cli.md is the
-// manual.
+// The table of commands that parsing, --help and dispatch work from. The manual is docs/cli.md.
 
 #include "commands.h"
 

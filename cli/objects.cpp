@@ -78,6 +78,7 @@ Exit runKeys(ClsPkcs11& p11, const Options& options) {
     for (const std::string& word : options.arguments) selector.append(word).push_back(' ');
     ClsJsonObject keys;
     if (!p11.FindAllKeys(XString(selector), keys)) {
+        // The library reports failures as log lines, whose texts are fixed.
         const bool isSelector = p11.log().lastError().starts_with("The key selector");
         throwLastError(p11, isSelector ? Exit::Usage : Exit::Module);
     }
@@ -104,6 +105,8 @@ Exit runFindObject(ClsPkcs11& p11, const Options& options) {
     const JsonValue* const whole = description.valueAt("handle");
     if (handle == 0) {
         const std::string error = p11.log().lastError();
+        // A faulty description is the caller's error, anything else the module's; without an error
+        // line the search worked and found nothing.
         if (error.starts_with("The description") || error.starts_with("The member"))
             throwLastError(p11, Exit::Usage);
         if (!error.empty()) throwLastError(p11);

@@ -90,6 +90,7 @@ std::span<const OptionSpec> optionSpecs() noexcept {
 }
 
 void parseCommandLine(std::span<const char* const> words, CommandLine& out) {
+    // The default; --module replaces it.
     if (const char* const module = std::getenv("MERVANE_P11_MODULE")) out.options.module = module;
     bool onlyArguments = false;  // after "--"
     for (std::size_t i = 0; i < words.size(); ++i) {

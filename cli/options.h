@@ -10,8 +10,7 @@
 
 namespace mervane::cli {
 
-/// The options given. PINs are represented by their source (env:NAME, file:PATH or -), never by
-/// value.
+/// The options given. A PIN appears as its source (env:NAME, file:PATH or -), never as its value.
 struct Options {
     std::vector<std::string> arguments;  // after the command
 

@@ -11,8 +11,7 @@
 namespace mervane {
 namespace {
 
-// Removes "[n]" or "[i]" from the front of `path` and returns the index; `variable` is the value
-// of "i".
+// Removes "[n]" or "[i]" from the front of `path` and returns the index; "i" is `variable`.
 std::optional<std::size_t> takeIndex(std::string_view& path, int variable) noexcept {
     const auto close = path.find(']');
     if (close == std::string_view::npos) return std::nullopt;

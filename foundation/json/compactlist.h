@@ -58,8 +58,8 @@ class CompactList {
             throw std::length_error("CompactList");
         auto* fresh = new (::operator new(sizeof(Block) + numItems * sizeof(T)))
             Block{static_cast<std::uint32_t>(size()), static_cast<std::uint32_t>(numItems)};
-        std::uninitialized_move(begin(), end(), items(fresh));
-        std::swap(m_block, fresh);
+        std::uninitialized_move(begin(), end(), items(fresh));  // cannot throw, see items()
+        std::swap(m_block, fresh);  // `fresh` is the old block from here
         if (fresh == nullptr) return;
         std::destroy_n(items(fresh), fresh->size);
         ::operator delete(fresh);

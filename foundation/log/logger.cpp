@@ -3,9 +3,8 @@
 // of entries, Enter and Leave, so nesting costs nothing to write and forEach() rebuilds the depths.
 //
 // m_calls holds where each public call begins. When the next one begins, whole calls are cut from
-// the front; the current call is never cut, only bounded. Contexts that no longer fit, or are
-// nested too deeply, get neither Enter nor Leave: m_stored remembers which of the open ones have an
-// Enter.
+// the front; the current call is never cut, only bounded. A context that does not fit, or is nested
+// too deeply, gets neither entry: m_stored remembers which of the open ones have an Enter.
 //
 // Texts are made printable, in one line of bounded length, as they are stored; readers need not.
 

@@ -34,8 +34,7 @@ constexpr bool equalsIgnoreCase(std::string_view a, std::string_view b) noexcept
            });
 }
 
-/// Whether `part` occurs in `text`, apart from the case of ASCII letters. An empty part always
-/// does.
+/// Whether `part`, if not empty, occurs in `text`, apart from the case of ASCII letters.
 constexpr bool containsIgnoreCase(std::string_view text, std::string_view part) noexcept {
     return std::search(text.begin(), text.end(), part.begin(), part.end(), [](char x, char y) {
                return toLowerAscii(x) == toLowerAscii(y);

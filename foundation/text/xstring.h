@@ -9,8 +9,7 @@
 namespace mervane {
 
 /// The UTF-8 string of public arguments and properties. Any of them may hold a PIN, so the memory
-/// is wiped whenever a value is replaced, cleared or destroyed. Copies are deep and wipe
-/// themselves.
+/// is wiped whenever a value is replaced, cleared or destroyed.
 class XString {
   public:
     XString() = default;

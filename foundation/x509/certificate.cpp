@@ -4,8 +4,7 @@
 //
 // Cards hold certificates that break the rules of DER and RFC 5280: negative serial numbers,
 // lengths in too many octets, padding after the end, times in other forms. What can be read safely
-// is read. Fields that nobody asks for (algorithms, unique IDs, the signature) are only stepped
-// over.
+// is read. Fields without a reader (algorithms, unique IDs, the signature) are skipped.
 
 #include "foundation/x509/certificate.h"
 

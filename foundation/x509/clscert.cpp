@@ -32,7 +32,7 @@ std::shared_ptr<Certificate> ClsCert::getCert() {
 void ClsCert::readText(TextReader reader, XString& out) {
     const CritSecExitor lock(*this);
     const bool known = guarded(m_log, [&] { return m_cert && ((*m_cert).*reader)(out, m_log); });
-    if (!known) out.clear();
+    if (!known) out.clear();  // the caller's old text would look like the answer
 }
 
 void ClsCert::get_SubjectDN(XString& out) {

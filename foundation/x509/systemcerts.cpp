@@ -22,6 +22,7 @@ SystemCertsHolder::Ptr SystemCertsHolder::getSystemCertsPtr() {
 }
 
 void SystemCertsHolder::mergeSysCerts(SystemCertsHolder& other, LogBase&) {
+    // all() copies, so the two stores are never locked at once and opposite merges cannot deadlock.
     const Ptr theirs = other.getSystemCertsPtr();
     const Ptr ours = getSystemCertsPtr();
     if (ours == theirs) return;
