@@ -147,7 +147,7 @@ class Filled final : public ClsPkcs11 {
         if (by == kModulus) {
             MpIntUtil::toUnsignedBytes(publicKey.getRsaKey()->modulus, value);
         } else {
-            publicKey.getEccKey()->exportEccPoint(value, log);
+            value = publicKey.getEccKey()->comparablePoints()[0];
         }
         const auto bytes = value.resized(value.getSize());
         if (i != 500)

@@ -35,7 +35,7 @@ Exit runAtr(ClsPkcs11& p11, const Options& options) {
     if (!ClsPkcs11::CardDataLookupAtr2(cleanedAtr(pasted).c_str(), name, readOnly, paths,
                                        p11.log())) {
         const std::string error = p11.log().lastError();
-        throw Failure{
+        throw CommandError{
             Exit::NotFound, error.empty() ? "No card with this ATR is known." : error, {}};
     }
     JsonValue list = JsonValue::array();
@@ -67,7 +67,7 @@ Exit runAtr(ClsPkcs11& p11, const Options& options) {
 Exit runCardData(ClsPkcs11& p11, const Options&) {
     ClsJsonObject document;
     if (!ClsPkcs11::GetCardDataJson(document, p11.log())) {
-        throw Failure{Exit::Module, p11.log().lastError(), {}};
+        throw CommandError{Exit::Module, p11.log().lastError(), {}};
     }
     printJson(document.root());
     return Exit::Done;

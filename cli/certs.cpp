@@ -23,16 +23,18 @@ class HowCatcher final : public LogBase {
         // The note on EC certificates and the closing line are less specific than those between.
         const bool isNote = text == "Certificate key type is ECDSA." ||
                             (text == "No matching private key found on the HSM." && !m_how.empty());
-        if (kind != Kind::Data && kind != Kind::Hint && !isNote) m_how = text;
+        if (kind == Kind::Data || kind == Kind::Hint || isNote) return;
+        try {
+            m_how = text;
+        } catch (const std::exception&) {
+            m_how.clear();  // no memory for a line: the key counts
+        }
     }
     void enterContext(std::string_view) noexcept override {}
     void leaveContext() noexcept override {}
 
     std::string m_how;
 };
-
-// Log line of the quick search when it could not tell which EC key it is and took the first.
-constexpr std::string_view kGuess = "Using first PKCS11 ECDSA private key";
 
 using TextReader = bool (Certificate::*)(XString&, LogBase&) const;
 
@@ -61,7 +63,9 @@ JsonValue certToJson(const Certificate& cert, int index) {
     out.set("notAfter", hasValidity ? JsonValue(notAfter) : JsonValue());
     int bits = 0;
     const int type = cert.getCertKeyType(bits, log);
-    out.set("keyType", type == 1 ? JsonValue("RSA") : type == 3 ? JsonValue("EC") : JsonValue());
+    out.set("keyType", type == kRsaKey  ? JsonValue("RSA")
+                       : type == kEcKey ? JsonValue("EC")
+                                        : JsonValue());
     out.set("keyBits", type == 0 ? JsonValue() : JsonValue(bits));
     out.set("ckaId", toHex(cert.tokenInfo().ckaId.span()));
     out.set("label", toValidUtf8(cert.tokenInfo().label));
@@ -73,21 +77,19 @@ JsonValue keyToJson(const Certificate& cert) {
     if (!link) return {};
     JsonValue out = JsonValue::object();
     out.set("handle", link->keyHandle);
-    out.set("keyType", link->keyType == 3 ? "EC" : "RSA");
+    out.set("keyType", link->keyType == kEcKey ? "EC" : "RSA");
     out.set("expectedSignatureSize", link->expectedSignatureSize);
     return out;
 }
 
-// Links the certificate to its key and returns the log line that explains how. The first search
-// reads as little from the token as possible; if it ends in a guess about an EC key, a second one
-// compares the points.
-std::string linkToKey(ClsPkcs11& p11, Certificate& cert) {
-    HowCatcher quick;
-    p11.linkCertToPkcs11Session(&cert, true, quick);
-    if (quick.how() != kGuess) return quick.how();
-    HowCatcher thorough;
-    p11.linkCertToPkcs11Session(&cert, false, thorough);
-    return thorough.how();
+// Links the certificate to its key, and returns the line that explains how it was found, or why
+// none was. A key that could not be looked for is no answer.
+std::string linkToKey(ClsPkcs11& p11, Certificate& cert, int& numLeftOut) {
+    HowCatcher how;
+    const bool isLinked = p11.linkCertToPkcs11Session(&cert, true, how);
+    if (!isLinked && p11.lastFailure().kind != FailureKind::NotFound) throwLastError(p11);
+    numLeftOut += p11.get_NumLeftOut();
+    return how.how();
 }
 
 std::shared_ptr<Certificate> certAt(ClsPkcs11& p11, int index) {
@@ -111,7 +113,7 @@ void saveCert(ClsCert& cert, const std::string& path) {
     }
     file.close();  // flushes: a full disk shows here
     if (!file)
-        throw Failure{Exit::Module, "The file " + printable(path) + " cannot be written.", {}};
+        throw CommandError{Exit::Module, "The file " + printable(path) + " cannot be written.", {}};
 }
 
 int indexOf(ClsPkcs11& p11, const Certificate& wanted) {
@@ -142,18 +144,20 @@ Exit listCerts(ClsPkcs11& p11, const Options& options, std::vector<std::string> 
                Describe describe, ToRow toRow) {
     openToken(p11, options, false);
     if (!p11.FindAllCerts()) throwLastError(p11);
+    int numLeftOut = p11.get_NumLeftOut();
     JsonList list("certs");
     Table table(std::move(heading));
     const int numCerts = p11.get_NumCerts();
     for (int i = 0; i < numCerts; ++i) {
-        const JsonValue record = describe(*certAt(p11, i), i);
+        const JsonValue record = describe(*certAt(p11, i), i, numLeftOut);
         if (options.json) {
             list.add(record);
         } else {
             table.add(toRow(record));
         }
     }
-    options.json ? list.print() : table.print();
+    options.json ? list.print(numLeftOut) : table.print();
+    sayLeftOut(numLeftOut);
     return Exit::Done;
 }
 
@@ -162,7 +166,7 @@ Exit listCerts(ClsPkcs11& p11, const Options& options, std::vector<std::string> 
 Exit runCerts(ClsPkcs11& p11, const Options& options) {
     return listCerts(
         p11, options, {"#", "SUBJECT", "KEY", "SERIAL", "NOT AFTER", "ID", "LABEL"},
-        [](Certificate& cert, int index) { return certToJson(cert, index); },
+        [](Certificate& cert, int index, int&) { return certToJson(cert, index); },
         [](const JsonValue& record) {
             return std::vector{
                 textOf(record, "index"),        textOf(record, "subject"),  keyText(record),
@@ -177,15 +181,16 @@ Exit runFindCert(ClsPkcs11& p11, const Options& options) {
     const XString value(options.arguments.size() > 1 ? options.arguments[1] : "");
     ClsCert cert;
     if (!p11.FindCert(part, value, cert)) {
-        throwLastError(p11, p11.log().lastError() == "Not found." ? Exit::NotFound : Exit::Module);
+        throwLastError(p11);
     }
     const auto chosen = cert.getCert();
+    int numLeftOut = p11.get_NumLeftOut();
     std::string how = cert.HasPrivateKey() ? howFound(p11) : std::string();
-    // Not linked yet, or linked to a guess.
-    if (how.empty() || how == kGuess) how = linkToKey(p11, *chosen);
+    if (how.empty()) how = linkToKey(p11, *chosen, numLeftOut);
     JsonValue record = certToJson(*chosen, indexOf(p11, *chosen));
     record.set("privateKey", keyToJson(*chosen));
     if (options.out) saveCert(cert, *options.out);
+    sayLeftOut(numLeftOut);
     if (options.json) {
         printJson(record);
         return Exit::Done;
@@ -209,8 +214,8 @@ Exit runFindCert(ClsPkcs11& p11, const Options& options) {
 Exit runMatch(ClsPkcs11& p11, const Options& options) {
     return listCerts(
         p11, options, {"#", "SUBJECT", "KEY", "ID", "PRIVATE KEY", "HOW"},
-        [&p11](Certificate& cert, int index) {
-            const std::string how = linkToKey(p11, cert);
+        [&p11](Certificate& cert, int index, int& numLeftOut) {
+            const std::string how = linkToKey(p11, cert, numLeftOut);
             JsonValue record = certToJson(cert, index);
             record.set("privateKey", keyToJson(cert));
             record.set("how", how);

@@ -16,14 +16,14 @@ struct CommandSpec {
     std::size_t maxArguments;
     std::uint32_t options;  // OptionBits it accepts, besides --help and --version
     std::string_view help;
-    /// Prints data on standard output and returns the exit status, or throws a Failure.
+    /// Prints data on standard output and returns the exit status, or throws a CommandError.
     Exit (*run)(ClsPkcs11& p11, const Options& options);
 };
 
 /// All commands, in the order of the help.
 std::span<const CommandSpec> commandSpecs() noexcept;
 
-/// The command named by the line. Throws a Failure if there is none or it does not accept the
+/// The command named by the line. Throws a CommandError if there is none or it does not accept the
 /// arguments and options given.
 const CommandSpec& commandOf(const CommandLine& line);
 

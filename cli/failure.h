@@ -16,15 +16,15 @@ enum class Exit : int {
 };
 
 /// Thrown to end a command: message and hint go to standard error. Either may be empty.
-struct Failure {
+struct CommandError {
     Exit status;
     std::string message;
     std::string hint;
 };
 
 [[noreturn]] inline void usageError(std::string message) {
-    throw Failure{Exit::Usage, std::move(message),
-                  "Run mervane-p11 --help for the commands and options."};
+    throw CommandError{Exit::Usage, std::move(message),
+                       "Run mervane-p11 --help for the commands and options."};
 }
 
 }  // namespace mervane::cli

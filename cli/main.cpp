@@ -1,9 +1,9 @@
 // mervane-p11: the library on the command line.
 //
 // A run is: parse the line, look the command up in the table (commands.cpp), call it. A command
-// returns its exit status or throws a Failure with status, message and hint; nothing else prints
-// errors. Data goes to standard output and only there. Commands print once they have everything, so
-// a failure leaves no half-written document for the next program in the pipe.
+// returns its exit status or throws a CommandError with status, message and hint; nothing else
+// prints errors. Data goes to standard output and only there. Commands print once they have
+// everything, so a failure leaves no half-written document for the next program in the pipe.
 //
 // The tool uses the public headers alone, as an application would.
 
@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <exception>
 #include <iostream>
+#include <utility>
 
 #include "commands.h"
 #include "pins.h"
@@ -61,22 +62,30 @@ void takeStandardDescriptors() {
     }
 }
 
+void printLog(const ClsPkcs11& p11) {
+    try {
+        std::cerr << p11.log().text();
+    } catch (const std::exception&) {
+        std::cerr << "mervane-p11: There is not enough memory to print the log.\n";
+    }
+}
+
 int main(std::span<const char* const> words) {
     takeStandardDescriptors();
     CommandLine line;
     ClsPkcs11 p11;
-    Failure failure{Exit::Done, {}, {}};
+    CommandError failure{Exit::Done, {}, {}};
     try {
         parseCommandLine(words, line);
         failure.status = run(line, p11);
         std::cout.flush();
         if (!std::cout) failure = {Exit::Module, "Standard output cannot be written.", {}};
-    } catch (const Failure& f) {
-        failure = f;
+    } catch (CommandError& f) {
+        failure = std::move(f);  // cannot fail, as a copy may
     } catch (const std::exception& error) {
         failure = {Exit::Module, error.what(), {}};
     }
-    if (line.options.log) std::cerr << p11.log().text();
+    if (line.options.log) printLog(p11);
     if (!failure.message.empty()) std::cerr << "mervane-p11: " << failure.message << '\n';
     if (!failure.hint.empty()) std::cerr << failure.hint << '\n';
     return static_cast<int>(failure.status);

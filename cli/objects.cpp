@@ -77,11 +77,8 @@ Exit runKeys(ClsPkcs11& p11, const Options& options) {
     std::string selector;
     for (const std::string& word : options.arguments) selector.append(word).push_back(' ');
     ClsJsonObject keys;
-    if (!p11.FindAllKeys(XString(selector), keys)) {
-        // The library reports failures as log lines, whose texts are fixed.
-        const bool isSelector = p11.log().lastError().starts_with("The key selector");
-        throwLastError(p11, isSelector ? Exit::Usage : Exit::Module);
-    }
+    if (!p11.FindAllKeys(XString(selector), keys)) throwLastError(p11);
+    sayLeftOut(p11.get_NumLeftOut());
     if (options.json) {
         printJson(keys.root());
         return Exit::Done;
@@ -98,20 +95,15 @@ Exit runKeys(ClsPkcs11& p11, const Options& options) {
 Exit runFindObject(ClsPkcs11& p11, const Options& options) {
     ClsJsonObject description;
     if (!description.loadJson(options.arguments[0], p11.log())) {
-        throw Failure{Exit::Usage, p11.log().lastError(), {}};
+        throw CommandError{Exit::Usage, p11.log().lastError(), {}};
     }
     openToken(p11, options, false);
     const int handle = p11.FindObject(description);
     const JsonValue* const whole = description.valueAt("handle");
     if (handle == 0) {
-        const std::string error = p11.log().lastError();
-        // A faulty description is the caller's error, anything else the module's; without an error
-        // line the search worked and found nothing.
-        if (error.starts_with("The description") || error.starts_with("The member"))
-            throwLastError(p11, Exit::Usage);
-        if (!error.empty()) throwLastError(p11);
+        if (p11.lastFailure().kind != FailureKind::NotFound) throwLastError(p11);
         if (options.json) std::cout << "{\"handle\": 0}\n";
-        throw Failure{Exit::NotFound, "No object matches the description.", {}};
+        throw CommandError{Exit::NotFound, "No object matches the description.", {}};
     }
     if (options.json) {
         JsonValue found = JsonValue::object();

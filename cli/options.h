@@ -67,8 +67,8 @@ struct CommandLine {
     std::uint32_t given = 0;  // OptionBits seen
 };
 
-/// Parses the words after the program's name. Throws a Failure that names the offending word; `out`
-/// then has everything before it, so --log still works.
+/// Parses the words after the program's name. Throws a CommandError that names the offending word;
+/// `out` then has everything before it, so --log still works.
 void parseCommandLine(std::span<const char* const> words, CommandLine& out);
 
 }  // namespace mervane::cli

@@ -63,9 +63,17 @@ void JsonList::add(const JsonValue& record) {
     appendJsonText(m_text, record, true, 2);
 }
 
-void JsonList::print() {
-    m_text.append(m_isEmpty ? "]\n}\n" : "\n  ]\n}\n");
-    std::cout << m_text;
+void JsonList::print(int numLeftOut) {
+    m_text.append(m_isEmpty ? "]" : "\n  ]");
+    if (numLeftOut != 0) m_text.append(",\n  \"leftOut\": ").append(std::to_string(numLeftOut));
+    std::cout << m_text << "\n}\n";
+}
+
+void sayLeftOut(int number) {
+    if (number == 0) return;
+    std::cerr << "mervane-p11: " << number << (number == 1 ? " object" : " objects")
+              << " could not be read and " << (number == 1 ? "is" : "are")
+              << " missing here; --log names them.\n";
 }
 
 void printJson(const JsonValue& value) {

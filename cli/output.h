@@ -35,13 +35,17 @@ void printFields(const std::vector<std::pair<std::string, std::string>>& fields)
 /// Prints the value as indented JSON.
 void printJson(const JsonValue& value);
 
+/// Says on standard error that a listing lacks objects; nothing if it lacks none.
+void sayLeftOut(int number);
+
 /// A JSON document with one list, {"name":[..]}, printed when it is complete. Records are kept as
 /// text, which takes a third of the memory of values.
 class JsonList {
   public:
     explicit JsonList(std::string_view name);
     void add(const JsonValue& record);
-    void print();
+    /// With a member "leftOut" if objects are missing from the list.
+    void print(int numLeftOut);
 
   private:
     std::string m_text;

@@ -25,7 +25,7 @@ namespace {
 constexpr int kWriterPatience = 3000;  // milliseconds, for the writer of a FIFO to come
 
 [[noreturn]] void noPin(const std::string& reason) {
-    throw Failure{Exit::Pin, reason, {}};
+    throw CommandError{Exit::Pin, reason, {}};
 }
 
 std::string nameOf(WantedPin wanted) {

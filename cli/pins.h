@@ -39,8 +39,8 @@ class Pins {
 
     /// Gets a PIN from where the option says: env:NAME, file:PATH (its first line), or, with "-" or
     /// no option, the terminal, where a new one has to be typed twice. Without an option it stays
-    /// empty where the reader has keys of its own and asks there. Throws a Failure with Exit::Pin
-    /// when it cannot be had, is empty, or is no text, and Interrupted.
+    /// empty where the reader has keys of its own and asks there. Throws a CommandError with
+    /// Exit::Pin when it cannot be had, is empty, or is no text, and Interrupted.
     void read(const std::optional<std::string>& source, WantedPin wanted, const TokenChoice& token,
               XString& pin) const;
 

@@ -12,6 +12,7 @@ namespace mervane::cli {
 namespace {
 
 struct Token {
+    bool isReadable;  // its C_GetTokenInfo succeeded
     std::string slotId;
     std::string label;
     std::string flags;  // between blanks
@@ -28,9 +29,12 @@ std::vector<Token> listTokens(ClsPkcs11& p11) {
     const JsonValue* const slots = report.valueAt("slots");
     for (const JsonValue& slot : *slots->asArray()) {
         const JsonValue* const token = slot.find("token");
-        if (token == nullptr) continue;
-        tokens.push_back(
-            {textOf(slot, "slotId"), textOf(*token, "label"), " " + joined(*token, "flags") + " "});
+        if (token != nullptr) {
+            tokens.push_back({true, textOf(slot, "slotId"), textOf(*token, "label"),
+                              " " + joined(*token, "flags") + " "});
+        } else if (joined(slot, "flags").find("token-present") != std::string::npos) {
+            tokens.push_back({false, textOf(slot, "slotId"), {}, {}});
+        }
     }
     return tokens;
 }
@@ -45,6 +49,7 @@ std::optional<int> slotNumber(const Token& token) {
 }
 
 bool mayTake(const Token& token, const Options& options, Takes takes) {
+    if (!token.isReadable) return false;
     if (options.slot && slotNumber(token) != options.slot) return false;
     if (options.tokenLabel && token.label != *options.tokenLabel) return false;
     if (options.slot || options.tokenLabel) return true;
@@ -58,10 +63,13 @@ std::string whyNone(const std::vector<Token>& tokens, const Options& options, Ta
     std::string what;
     if (options.slot) what += " in slot " + std::to_string(static_cast<unsigned>(*options.slot));
     if (options.tokenLabel) what += " with the label \"" + printable(*options.tokenLabel) + "\"";
+    const auto unreadable = std::ranges::find(tokens, false, &Token::isReadable);
+    if (unreadable != tokens.end())
+        return "The token in slot " + unreadable->slotId + " cannot be read.";
     if (!what.empty()) return "There is no token" + what + ".";
     if (tokens.empty()) return "No token is present.";
-    return takes == Takes::Uninitialized ? "No token is present that is not initialised yet."
-                                         : "No token is present that can be used.";
+    return takes == Takes::Uninitialized ? "Every token present is already initialised."
+                                         : "No token is ready for use.";
 }
 
 const Token& chooseFrom(const std::vector<Token>& tokens, const Options& options, Takes takes) {
@@ -69,22 +77,42 @@ const Token& chooseFrom(const std::vector<Token>& tokens, const Options& options
     const auto numFits = std::ranges::count_if(tokens, fits);
     if (numFits == 1) return *std::ranges::find_if(tokens, fits);
     if (numFits == 0) {
-        throw Failure{Exit::Module, whyNone(tokens, options, takes),
-                      tokens.empty() ? "" : "mervane-p11 discover says how the tokens stand."};
+        throw CommandError{
+            Exit::Module, whyNone(tokens, options, takes),
+            tokens.empty() ? "" : "mervane-p11 discover shows the state of each token."};
     }
     std::string list;
     for (const Token& token : tokens) {
         if (fits(token)) list += "\n  --slot " + token.slotId + "  " + printable(token.label);
     }
-    throw Failure{Exit::Usage,
-                  "Several tokens are present; choose one with --slot or --token-label:" + list,
-                  {}};
+    throw CommandError{
+        Exit::Usage,
+        "Several tokens are present; choose one with --slot or --token-label:" + list,
+        {}};
 }
 
 void loginAs(ClsPkcs11& p11, const Options& options, const TokenChoice& token, const Pins& pins) {
     XString pin;
     pins.read(loginSource(options), {.isOfficers = options.asOfficer, .isNew = false}, token, pin);
     if (!p11.Login(options.asOfficer ? 0 : 1, pin)) throwLastError(p11);
+}
+
+Exit statusOf(FailureKind kind) {
+    using enum FailureKind;
+    switch (kind) {
+        case Argument:
+            return Exit::Usage;
+        case NotFound:
+            return Exit::NotFound;
+        case PinMissing:
+        case PinWrong:
+        case PinLocked:
+        case PinExpired:
+        case PinLength:
+            return Exit::Pin;
+        default:
+            return Exit::Module;
+    }
 }
 
 }  // namespace
@@ -100,13 +128,15 @@ void useModule(ClsPkcs11& p11, const Options& options) {
     p11.put_SharedLibPath(XString(error ? options.module : path));
 }
 
-void throwLastError(const ClsPkcs11& p11, Exit status) {
-    std::string error = p11.log().lastError();
-    if (error.empty()) error = "The call failed.";
-    const bool aboutPin =
-        error.find(" failed with CKR_PIN_") != std::string::npos ||
-        error.find(" failed with CKR_USER_PIN_NOT_INITIALIZED") != std::string::npos;
-    throw Failure{aboutPin ? Exit::Pin : status, error, p11.log().lastHint()};
+void throwLastError(ClsPkcs11& p11) {
+    const mervane::Failure failure = p11.lastFailure();
+    std::string message =
+        failure.cause.empty() ? std::string("The call failed.") : printable(failure.cause);
+    const bool hasSummary =
+        !failure.summary.empty() &&
+        !failure.cause.starts_with(failure.summary.substr(0, failure.summary.size() - 1));
+    if (hasSummary) message += "\n" + printable(failure.summary);
+    throw CommandError{statusOf(failure.kind), message, failure.hint};
 }
 
 TokenChoice chooseToken(ClsPkcs11& p11, const Options& options, Takes takes) {
@@ -114,7 +144,8 @@ TokenChoice chooseToken(ClsPkcs11& p11, const Options& options, Takes takes) {
     const Token& token = chooseFrom(tokens, options, takes);
     const auto slot = slotNumber(token);
     if (!slot)
-        throw Failure{Exit::Module, "The slot ID " + token.slotId + " has more than 32 bits.", {}};
+        throw CommandError{
+            Exit::Module, "The slot ID " + token.slotId + " has more than 32 bits.", {}};
     return {*slot, token.has("protected-authentication-path"), token.label, token.flags};
 }
 

@@ -11,9 +11,9 @@ namespace mervane::cli {
 /// Sets the module's path; a usage error when there is none.
 void useModule(ClsPkcs11& p11, const Options& options);
 
-/// Throws what the object's log says of the call that failed: its last error line and the hint to
-/// it. The status is Exit::Pin when the error is about a PIN.
-[[noreturn]] void throwLastError(const ClsPkcs11& p11, Exit status = Exit::Module);
+/// Throws how the object's last call failed: the cause, the summary, and what usually helps. The
+/// status follows from the kind of the failure.
+[[noreturn]] void throwLastError(ClsPkcs11& p11);
 
 /// Which tokens a command may take when none is named.
 enum class Takes : unsigned char { Initialized, Uninitialized };

@@ -20,6 +20,7 @@ set(MERVANE_PUBLIC_HEADERS
     foundation/text/xstring.h
     foundation/x509/certificate.h
     foundation/x509/clscert.h
+    foundation/x509/curves.h
     foundation/x509/der.h
     foundation/x509/publickey.h
     foundation/x509/sessionanchor.h

@@ -30,6 +30,7 @@ inline void settleAfterFork(ClsBase& object, Calls& calls) {
 template <class Work>
 auto guardedCall(Calls& calls, LogBase& log, Work&& work) {
     calls.failure = Failure();
+    calls.numLeftOut = 0;
     bool hasEnded = false;
     const auto result = guarded(log, [&] {
         calls.use.dropAfterFork(log);

@@ -114,6 +114,11 @@ Failure ClsPkcs11::lastFailure() {
     return m_calls->failure;
 }
 
+int ClsPkcs11::get_NumLeftOut() {
+    const CritSecExitor lock(*this);
+    return m_calls->numLeftOut;
+}
+
 // A path that could not be loaded has taken the module away that was initialised.
 bool ClsPkcs11::isInUse() const noexcept {
     return m_initialized && m_calls->use.functions() != nullptr;

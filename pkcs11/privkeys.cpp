@@ -30,6 +30,7 @@
 // What the next reader would get wrong: rules 2 and 3 run before the retry only if an earlier
 // search has read those values; the order of log lines depends on it.
 
+#include <array>
 #include <initializer_list>
 #include <string>
 
@@ -41,15 +42,9 @@
 namespace mervane {
 namespace {
 
-enum KeyType : int { kRsa = 1, kEc = 3 };
-
 // Keys that fit a certificate and may not sign are named in the log up to that many; a token that
 // lists thousands under one ID is not real.
 constexpr int kMaxNamed = 100;
-
-constexpr int bytesOfBits(int bits) noexcept {
-    return (bits + 7) / 8;
-}
 
 const Pkcs11_PrivateKey* keyAt(const ExtPtrArray& keys, int position) noexcept {
     return static_cast<const Pkcs11_PrivateKey*>(keys.elementAt(position));
@@ -84,14 +79,14 @@ CK_OBJECT_HANDLE firstRsaKey(const ExtPtrArray& keys, KeyIndex& index, KeyIndex:
     return keyAt(keys, at)->m_handle;
 }
 
-// The certificate's public point; empty if it has none that can be read.
-DataBuffer pointOf(const Certificate& cert) {
-    DataBuffer point;
+// The forms in which a key's record may hold the certificate's public point; empty if it has none that
+// can be read.
+std::array<DataBuffer, 2> pointsOf(const Certificate& cert) {
     _mvPublicKey publicKey;
     LogNull log;
-    if (cert.getCertPublicKey(publicKey, log) && publicKey.getEccKey() != nullptr)
-        publicKey.getEccKey()->exportEccPoint(point, log);
-    return point;
+    const bool isEc =
+        cert.getCertPublicKey(publicKey, log) && publicKey.getEccKey() != nullptr;
+    return isEc ? publicKey.getEccKey()->comparablePoints() : std::array<DataBuffer, 2>();
 }
 
 }  // namespace
@@ -116,7 +111,7 @@ bool ClsPkcs11::searchKey(Certificate& cert, bool quick, FoundKey& found, LogBas
         log.LogInfo("Using certificate's PKCS11 handle as the private key handle...");
         found.keyType = cert.getCertKeyType(bits, log);
         log.LogDataLong("certKeyType", found.keyType);
-        found.signatureSize = bytesOfBits(bits) * (found.keyType == kEc ? 2 : 1);
+        found.signatureSize = cert.expectedSignatureSize(log);
         log.LogDataLong("expectedSignatureSize", found.signatureSize);
         if (!hasOpenSession()) return noSession(log);  // the handle belongs to one
         found.handle = cert.tokenInfo().handle;
@@ -124,16 +119,13 @@ bool ClsPkcs11::searchKey(Certificate& cert, bool quick, FoundKey& found, LogBas
     }
     log.LogDataBool("userLoggedIn", m_userLoggedIn);
     found.keyType = cert.getCertKeyType(bits, log);
-    if (found.keyType == kEc) {
-        found.signatureSize = 2 * bytesOfBits(bits);
-        return findEcKey(cert, quick, found, log);
-    }
-    if (found.keyType == kRsa) {
-        found.signatureSize = bytesOfBits(bits);
-        return findRsaKey(cert, quick, found, log);
-    }
+    found.signatureSize = cert.expectedSignatureSize(log);
+    if (found.keyType == kEcKey) return findEcKey(cert, quick, found, log);
+    if (found.keyType == kRsaKey) return findRsaKey(cert, quick, found, log);
     log.LogError("Only EC and RSA keys are supported on PKCS11.");
     log.LogDataLong("certKeyType", found.keyType);
+    XString algorithm;
+    if (cert.getKeyAlgorithm(algorithm, log)) log.LogDataX("keyAlgorithm", algorithm);
     return true;
 }
 
@@ -169,22 +161,23 @@ bool ClsPkcs11::findRsaKey(Certificate& cert, bool quick, FoundKey& found, LogBa
 bool ClsPkcs11::findEcKey(Certificate& cert, bool quick, FoundKey& found, LogBase& log) {
     // A note, not a failure; callers look for it on the error channel.
     log.LogError("Certificate key type is ECDSA.");
-    const DataBuffer point = pointOf(cert);
-    if (!cacheEcdsaPrivateKeys(!point.isEmpty() && !quick, log)) return false;
+    const auto points = pointsOf(cert);
+    const bool hasPoint = !points[0].isEmpty();
+    if (!cacheEcdsaPrivateKeys(hasPoint && !quick, log)) return false;
     log.LogDataLong("numEcdsaKeys", m_ecdsaPrivKeys.getSize());
 
-    const auto find = [&](KeyIndex::Field field, const DataBuffer& value) {
+    const auto find = [&](KeyIndex::Field field, std::initializer_list<const DataBuffer*> values) {
         const int at =
-            firstOf(m_ecdsaPrivKeys, *m_ecdsaIndex, field, {&value}, KeyIndex::Among::All, 0);
+            firstOf(m_ecdsaPrivKeys, *m_ecdsaIndex, field, values, KeyIndex::Among::All, 0);
         if (at < 0) return false;
         log.LogInfo("Found matching PKCS11 ECDSA private key.");
         found.handle = keyAt(m_ecdsaPrivKeys, at)->m_handle;
         return true;
     };
-    if (find(&Pkcs11_PrivateKey::m_keyId, cert.tokenInfo().ckaId)) return true;
+    if (find(&Pkcs11_PrivateKey::m_keyId, {&cert.tokenInfo().ckaId})) return true;
     // The token knows better than the guess below, at the price of reading its points.
-    if (!point.isEmpty() && !cacheEcdsaPrivateKeys(true, log)) return false;
-    if (find(&Pkcs11_PrivateKey::m_ecPoint, point)) return true;
+    if (hasPoint && !cacheEcdsaPrivateKeys(true, log)) return false;
+    if (find(&Pkcs11_PrivateKey::m_ecPoint, {&points[0], &points[1]})) return true;
     if (keyAt(m_ecdsaPrivKeys, 0) == nullptr) return true;
     log.LogInfo("Using first PKCS11 ECDSA private key");
     found.handle = keyAt(m_ecdsaPrivKeys, 0)->m_handle;

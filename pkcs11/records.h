@@ -28,7 +28,7 @@ class Pkcs11_PrivateKey final : public NonRefCountedObj {
     DataBuffer m_subjectDer;  ///< CKA_SUBJECT, the DER of a name
     DataBuffer m_modulus;     ///< CKA_MODULUS as the token has it, big-endian (RSA)
     DataBuffer m_auxData;  ///< CKA_ALWAYS_AUTHENTICATE, one byte: each signature asks for the PIN
-    DataBuffer m_ecPoint;  ///< the public point as EccKey::exportEccPoint gives it (EC)
+    DataBuffer m_ecPoint;  ///< the public point as comparablePoint() makes it (EC)
     DataBuffer m_keyId;    ///< CKA_ID
     std::int32_t m_signState = kSignUnknown;
 };

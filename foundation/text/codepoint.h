@@ -18,6 +18,9 @@ std::uint32_t takeCodePoint(std::string_view& text, bool& ok) noexcept;
 /// Appends a code point as UTF-8. Surrogates and values above U+10FFFF become U+FFFD.
 void appendUtf8(std::string& out, std::uint32_t codePoint);
 
+/// Whether a terminal would obey the character, reorder the line by it, or not show it at all.
+bool isUnprintable(std::uint32_t codePoint) noexcept;
+
 }  // namespace mervane
 
 #endif

@@ -28,7 +28,11 @@ void appendEscaped(std::string& out, std::uint32_t c) {
         default:
             break;
     }
-    if (c < 0x20 || (c >= 0x7F && c <= 0x9F)) {
+    if (c > 0xFFFF && isUnprintable(c)) {
+        // As a pair of surrogates (RFC 8259 section 7).
+        out.append("\\u").append(toHexNumber(0xD7C0 + (c >> 10), 4).substr(2));
+        out.append("\\u").append(toHexNumber(0xDC00 + (c & 0x3FF), 4).substr(2));
+    } else if (isUnprintable(c)) {
         out.append("\\u").append(toHexNumber(c, 4).substr(2));
     } else {
         appendUtf8(out, c);

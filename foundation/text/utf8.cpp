@@ -32,10 +32,13 @@ constexpr std::array kZeroWidth = {
     Range{0xFE20, 0xFE2F},
 };
 
-// Characters that would break or reorder a line on a terminal.
+// Characters that would break or reorder a line, or stand in it unseen: controls, marks of
+// direction, line separators, zero-width spaces and tags.
 constexpr std::array kUnprintable = {
-    Range{0x00, 0x1F},     Range{0x7F, 0x9F},     Range{0x200E, 0x200F},
-    Range{0x2028, 0x202E}, Range{0x2066, 0x2069},
+    Range{0x00, 0x1F},       Range{0x7F, 0x9F},         Range{0x061C, 0x061C},
+    Range{0x180E, 0x180E},   Range{0x200B, 0x200B},     Range{0x200E, 0x200F},
+    Range{0x2028, 0x202E},   Range{0x2060, 0x2069},     Range{0xFEFF, 0xFEFF},
+    Range{0xFFF9, 0xFFFB},   Range{0xE0000, 0xE007F},
 };
 
 template <std::size_t N>
@@ -96,6 +99,10 @@ void appendUtf8(std::string& out, std::uint32_t c) {
     }
 }
 
+bool isUnprintable(std::uint32_t codePoint) noexcept {
+    return inAny(kUnprintable, codePoint);
+}
+
 bool isValidUtf8(std::string_view text) noexcept {
     bool ok = true;
     while (ok && !text.empty()) takeCodePoint(text, ok);
@@ -120,7 +127,7 @@ void appendOneLine(std::string& out, std::string_view text) {
         if (text.empty()) return;
         bool ok = true;
         const std::uint32_t c = takeCodePoint(text, ok);
-        if (inAny(kUnprintable, c)) {
+        if (isUnprintable(c)) {
             appendEscape(out, c);
         } else {
             appendUtf8(out, c);

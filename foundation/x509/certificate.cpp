@@ -229,6 +229,15 @@ int Certificate::getCertKeyType(int& bits, LogBase&) const {
     return kind.type;
 }
 
+int Certificate::expectedSignatureSize(LogBase&) const {
+    return keyKindOf(bytesOf(m_spki)).signatureSize;
+}
+
+bool Certificate::getKeyAlgorithm(XString& out, LogBase&) const {
+    const std::string oid = oidToText(keyAlgorithmOf(bytesOf(m_spki)));
+    return setText(out, oid.empty() ? std::nullopt : std::optional(oid));
+}
+
 bool Certificate::getCertPublicKey(_mvPublicKey& out, LogBase&) const {
     return out.loadSpki(bytesOf(m_spki));
 }

@@ -91,9 +91,16 @@ class Certificate final : public std::enable_shared_from_this<Certificate> {
     bool getValidity(std::string& notBefore, std::string& notAfter) const;
 
     // --- Key
-    /// Returns 1 for RSA, 3 for EC, 0 for any other key, and sets `bits` to the size of the modulus
-    /// or the field, 0 with type 0.
+    /// Returns a KeyType and sets `bits` to the size of the modulus or the field, 0 for other keys. An
+    /// EC key (id-ecPublicKey) may be on any curve: if neither its name nor explicit parameters tell
+    /// the field (an unknown name, none, implicitlyCA, malformed parameters), the length of the point
+    /// does. A key that is malformed beyond that counts as other.
     int getCertKeyType(int& bits, LogBase& log) const;
+    /// Length in bytes of the private key's signatures: that of the modulus, or twice that of the
+    /// curve's order; 0 for other keys.
+    int expectedSignatureSize(LogBase& log) const;
+    /// The dotted OID of the key's algorithm, whatever its type.
+    bool getKeyAlgorithm(XString& out, LogBase& log) const;
     /// Decodes the public key; false for keys that _mvPublicKey::loadSpki() does not support.
     bool getCertPublicKey(_mvPublicKey& out, LogBase& log) const;
     /// The DER of a part. Part 1 is the subject; any other, or a malformed subject, returns false.

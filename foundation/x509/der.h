@@ -1,6 +1,8 @@
 #ifndef MERVANE_FOUNDATION_X509_DER_H
 #define MERVANE_FOUNDATION_X509_DER_H
 
+#include <bit>
+#include <climits>
 #include <cstdint>
 #include <optional>
 #include <span>
@@ -121,6 +123,20 @@ constexpr std::optional<Cursor> enter(Bytes bytes, std::uint8_t tag) noexcept {
 constexpr std::optional<Bytes> wholeOctets(Bytes bitString) noexcept {
     if (bitString.empty() || bitString[0] != 0) return std::nullopt;
     return bitString.subspan(1);
+}
+
+/// A non-negative INTEGER's content without leading zeros; zero has none.
+constexpr Bytes magnitude(Bytes integer) noexcept {
+    while (!integer.empty() && integer.front() == 0) integer = integer.subspan(1);
+    return integer;
+}
+
+/// The size in bits of a non-negative INTEGER's content; INT_MAX if it is beyond that.
+constexpr int bitCount(Bytes integer) noexcept {
+    const Bytes octets = magnitude(integer);
+    if (octets.empty()) return 0;
+    if (octets.size() > INT_MAX / 8) return INT_MAX;
+    return static_cast<int>((octets.size() - 1) * 8) + std::bit_width(octets.front());
 }
 
 }  // namespace mervane::der

@@ -39,7 +39,8 @@ class Calls {
 
     Pkcs11State& state;
     ModuleUse use;
-    Failure failure;  // of the public call that runs, or ran last
+    Failure failure;     // of the public call that runs, or ran last
+    int numLeftOut = 0;  // objects that it could not read, or did not look at
 
     /// Reports a failure of the public call: one error line. The first one is the cause, the last
     /// the summary. False, so that a check can report and fail in one step.

@@ -153,8 +153,8 @@ std::optional<JsonValue> columnValue(const ObjectReader& reader, std::size_t row
         case Form::Modulus:
             return positive(mp_int(*bytes).bitCount());
         case Form::Curve: {
-            const EcCurve* const curve = findCurve(*bytes);
-            return curve == nullptr ? std::nullopt : std::optional(JsonValue(curve->bits));
+            const auto curve = findCurve(*bytes);
+            return curve ? std::optional(JsonValue(curve->bits)) : std::nullopt;
         }
         default:
             break;
@@ -214,6 +214,7 @@ bool findAllKeys(Calls& calls, const XString& selector, ClsJsonObject& json, Log
             return false;
     }
     json.root().set("keys", std::move(list));
+    if (calls.numLeftOut != 0) json.root().set("leftOut", calls.numLeftOut);
     return true;
 }
 

@@ -86,12 +86,15 @@ std::optional<CK_RV> gatherObjects(Calls& calls, std::size_t limit,
         const auto given = std::span(batch).first(std::min<std::size_t>(count, batch.size()));
         numStale = list.add(given) == 0 ? numStale + 1 : 0;
         if (list.isFull()) {
-            if (limit == kMaxObjects)
+            if (limit == kMaxObjects) {
                 log.LogInfo("The module lists more objects than are looked at.");
+                ++calls.numLeftOut;
+            }
             return rv;
         }
     }
     log.LogInfo("The module's search does not end; what it found so far is used.");
+    ++calls.numLeftOut;
     return CKR_OK;
 }
 

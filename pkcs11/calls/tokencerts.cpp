@@ -29,13 +29,16 @@ constexpr std::array kRows = {
 constexpr std::size_t kMaxTotalSize = std::size_t{256} * 1024 * 1024;
 
 // Null, with a log line, unless the object is an X.509 certificate.
-std::shared_ptr<Certificate> toCertificate(const ObjectReader& reader, CK_OBJECT_HANDLE handle,
-                                           LogBase& log) {
+std::shared_ptr<Certificate> toCertificate(Calls& calls, const ObjectReader& reader,
+                                           CK_OBJECT_HANDLE handle, LogBase& log) {
     const auto value = reader.bytes(kValue);
     std::shared_ptr<Certificate> cert;
     if (reader.number(kType).value_or(CKC_X_509) != CKC_X_509) {
         log.LogInfo("A certificate object is passed over: it is not an X.509 certificate.");
-    } else if (!value || value->empty()) {
+        log.LogDataUnsigned("objectHandle", handle);
+        return nullptr;
+    }
+    if (!value || value->empty()) {
         log.LogError("A certificate object is passed over: its value cannot be read.");
     } else {
         TokenCertInfo token;
@@ -44,7 +47,10 @@ std::shared_ptr<Certificate> toCertificate(const ObjectReader& reader, CK_OBJECT
         token.label = asChars(reader.bytesOrNone(kLabel));
         cert = Certificate::createFromDer(*value, std::move(token), log);
     }
-    if (!cert) log.LogDataUnsigned("objectHandle", handle);
+    if (!cert) {
+        log.LogDataUnsigned("objectHandle", handle);
+        ++calls.numLeftOut;
+    }
     return cert;
 }
 
@@ -71,11 +77,12 @@ bool cacheCerts(Calls& calls, LogBase& log) {
             ++numUnreadable;
             continue;
         }
-        auto cert = toCertificate(reader, handle, log);
+        auto cert = toCertificate(calls, reader, handle, log);
         if (!cert) continue;
         totalSize += cert->der().size();
         if (totalSize > kMaxTotalSize) {
             log.LogError("The certificates are too large together; the rest is left out.");
+            ++calls.numLeftOut;
             break;
         }
         certs.appendObject(std::make_unique<CertificateHolder>(std::move(cert)));

@@ -8,7 +8,7 @@
 #include <array>
 #include <map>
 
-#include "foundation/x509/publickey.h"
+#include "foundation/x509/curves.h"
 #include "pkcs11/calls/attrs.h"
 #include "pkcs11/calls/operations.h"
 #include "pkcs11/calls/search.h"
@@ -36,9 +36,10 @@ Pkcs11_PrivateKey* keyAt(const ExtPtrArray& keys, int i) noexcept {
     return static_cast<Pkcs11_PrivateKey*>(keys.elementAt(i));
 }
 
-// The point of the object read last; empty unless it fits its curve.
-der::Bytes pointOf(const ObjectReader& reader) {
-    return unwrapEcPoint(reader.bytesOrNone(kPoint), findCurve(reader.bytesOrNone(kParams)));
+// The point of the object read last, in comparable form; empty unless it fits its curve.
+DataBuffer pointOf(const ObjectReader& reader) {
+    const auto curve = findCurve(reader.bytesOrNone(kParams));
+    return comparablePoint(unwrapEcPoint(reader.bytesOrNone(kPoint), curve));
 }
 
 // What the attribute reader found of one key. One that cannot be read keeps its place with its
@@ -88,12 +89,11 @@ struct PublicPoints {
     };
     std::map<std::vector<std::uint8_t>, Entry> byId;
 
-    void add(der::Bytes id, der::Bytes point) {
-        if (id.empty() || point.empty()) return;
+    void add(der::Bytes id, const DataBuffer& point) {
+        if (id.empty() || point.isEmpty()) return;
         const auto [at, isNew] =
-            byId.try_emplace({id.begin(), id.end()}, Entry{DataBuffer(point), false});
-        if (!isNew && !std::ranges::equal(at->second.point.span(), point))
-            at->second.isAmbiguous = true;
+            byId.try_emplace({id.begin(), id.end()}, Entry{point, false});
+        if (!isNew && !at->second.point.equals(point)) at->second.isAmbiguous = true;
     }
     [[nodiscard]] const Entry* find(der::Bytes id) const {
         const auto at = byId.find({id.begin(), id.end()});
@@ -137,7 +137,7 @@ bool readEcPoints(Calls& calls, const ExtPtrArray& keys, std::vector<DataBuffer>
         if (known != nullptr) point = known->point;
         if (known != nullptr && !known->isAmbiguous) continue;
         if (reader.read(key.handle, log)) {
-            if (const der::Bytes own = pointOf(reader); !own.empty()) point.assign(own);
+            if (DataBuffer own = pointOf(reader); !own.isEmpty()) point = std::move(own);
         } else if (!calls.hasOpenSession()) {
             return false;
         }
