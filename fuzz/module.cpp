@@ -1,12 +1,11 @@
-// Runs one of the call sequences of tests/roads.h on a module that lies: return values, counts,
-// lengths, handles and bytes are drawn from the input. Afterwards the object must be sound, and the
-// same sequence must succeed on a module that behaves.
+// A module whose answers are drawn from the input (return values, counts, lengths, handles and
+// bytes) on one of the scenarios, which then has to succeed without faults.
 
 #include <algorithm>
 #include <stdexcept>
 
 #include "fuzz/fuzz.h"
-#include "tests/roads.h"
+#include "tests/scenarios.h"
 
 using namespace mervane;
 using namespace mervane::test;
@@ -68,7 +67,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     static const FakeModule module("libfake.so");
     fake::World& world = module.world();
     Stream in(data, size);
-    const Road& road = kRoads.at(in.next() % kRoads.size());
+    const Scenario& scenario = kScenarios.at(in.next() % kScenarios.size());
     const auto token = static_cast<Token>(in.next() % 3);
     world.reset();
     furnish(world, token);
@@ -80,12 +79,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     world.lie = [&](fake::Outputs& out) { lie(in, world, out); };
     auto p11 = std::make_unique<Pkcs11>();
     p11->put_SharedLibPath(XString(module.path()));
-    RoadArgs args;
-    road.run(*p11, args);
-    expectUnhurt(*p11, world, road.numLogins);
+    ScenarioArgs args;
+    scenario.run(*p11, args);
+    expectUnhurt(*p11, world, scenario.numLogins);
     furnish(world, token);
-    RoadArgs again;
-    EXPECT_TRUE(road.run(*p11, again) || road.run(*p11, again)) << p11->log().text();
+    ScenarioArgs again;
+    EXPECT_TRUE(scenario.run(*p11, again) || scenario.run(*p11, again)) << p11->log().text();
     p11.reset();
     expectNothingLeft(world);
     fuzz::require(!testing::UnitTest::GetInstance()->ad_hoc_test_result().Failed());

@@ -1,17 +1,17 @@
-// Whatever a module answers, the application is not hurt: every call of six roads with every return
+// Whatever a module answers, the application is not hurt: every call of six scenarios with every return
 // value, lies of all kinds, tokens that come and go, and memory that runs out.
 
 #include <stdexcept>
 
 #include "tests/allocations.h"
-#include "tests/roads.h"
+#include "tests/scenarios.h"
 
 namespace mervane::test {
 namespace {
 
 class FaultsTest : public testing::TestWithParam<std::tuple<std::size_t, Token>> {
   protected:
-    FaultsTest() : m_road(kRoads.at(std::get<0>(GetParam()))), m_token(std::get<1>(GetParam())) {}
+    FaultsTest() : m_scenario(kScenarios.at(std::get<0>(GetParam()))), m_token(std::get<1>(GetParam())) {}
 
     // An object on a world as new.
     std::unique_ptr<Pkcs11> makeAnew() {
@@ -21,7 +21,7 @@ class FaultsTest : public testing::TestWithParam<std::tuple<std::size_t, Token>>
         made->put_SharedLibPath(XString(module.path()));
         return made;
     }
-    // The road with faults, the oracle; then the road again without, which has to succeed unhurt.
+    // The scenario with faults, the oracle; then the scenario again without, which has to succeed unhurt.
     template <class Arrange>
     void runWith(Arrange arrange, const char* what, std::size_t number, bool mustRecover = true) {
         if (HasFailure()) return;
@@ -30,26 +30,26 @@ class FaultsTest : public testing::TestWithParam<std::tuple<std::size_t, Token>>
         run(*p11);
         world.answer = nullptr;
         world.lie = nullptr;
-        expectUnhurt(*p11, world, m_road.numLogins);
+        expectUnhurt(*p11, world, m_scenario.numLogins);
         furnish(world, m_token);
         const bool recovered = run(*p11) || run(*p11);
         EXPECT_TRUE(recovered || !mustRecover) << p11->log().text();
-        expectUnhurt(*p11, world, 3 * m_road.numLogins);
+        expectUnhurt(*p11, world, 3 * m_scenario.numLogins);
         p11.reset();
         expectNothingLeft(world);
         ++numRuns;
-        ASSERT_FALSE(HasFailure()) << m_road.name << ": " << what << " " << number;
+        ASSERT_FALSE(HasFailure()) << m_scenario.name << ": " << what << " " << number;
     }
-    // The same with one call of the road answered as told.
+    // The same with one call of the scenario answered as told.
     template <class Answer>
     void runWithAnswer(Answer answer, const char* what, std::size_t at) {
         runWith([&] { world.answer = [=](auto&, auto index) { return index == at ? std::optional<CK_RV>(answer()) : std::nullopt; }; }, what, at);
     }
     bool run(Pkcs11& p11) const {
-        RoadArgs args;
-        return m_road.run(p11, args);
+        ScenarioArgs args;
+        return m_scenario.run(p11, args);
     }
-    // The calls of the road without faults.
+    // The calls of the scenario without faults.
     std::size_t traceLength() {
         const auto p11 = makeAnew();
         EXPECT_TRUE(run(*p11)) << p11->log().text();
@@ -57,7 +57,7 @@ class FaultsTest : public testing::TestWithParam<std::tuple<std::size_t, Token>>
     }
     void TearDown() override { RecordProperty("runs", static_cast<int>(numRuns)); }
 
-    const Road& m_road;
+    const Scenario& m_scenario;
     const Token m_token;
     FakeModule module{"libfake.so"};
     fake::World& world = module.world();
@@ -232,27 +232,27 @@ TEST_P(FaultsTest, EveryAllocationFailsOnceAndFromThereOn) {
         bool reachedEnd = false;
         for (long at = 0; !reachedEnd; ++at) {
             auto p11 = makeAnew();
-            RoadArgs args;
+            ScenarioArgs args;
             allocations::failsOnwards = onwards;
             allocations::left = at;
-            const bool ok = m_road.run(*p11, args);
+            const bool ok = m_scenario.run(*p11, args);
             reachedEnd = allocations::left > 0;
             allocations::left = -1;
             EXPECT_TRUE(ok || !reachedEnd);
-            expectUnhurt(*p11, world, m_road.numLogins);
+            expectUnhurt(*p11, world, m_scenario.numLogins);
             furnish(world, m_token);
             EXPECT_TRUE(run(*p11)) << p11->log().text();
             p11.reset();
             expectNothingLeft(world);
             ++numRuns;
-            ASSERT_FALSE(HasFailure()) << m_road.name << ": allocation " << at << (onwards ? " and on" : "");
+            ASSERT_FALSE(HasFailure()) << m_scenario.name << ": allocation " << at << (onwards ? " and on" : "");
         }
     }
     allocations::insideModule = nullptr;
 }
 
-INSTANTIATE_TEST_SUITE_P(Roads, FaultsTest,
-                         testing::Combine(testing::Range(std::size_t{0}, kRoads.size()), testing::Values(Token::Plain, Token::Sparse, Token::Crowded)));
+INSTANTIATE_TEST_SUITE_P(Scenarios, FaultsTest,
+                         testing::Combine(testing::Range(std::size_t{0}, kScenarios.size()), testing::Values(Token::Plain, Token::Sparse, Token::Crowded)));
 
 }  // namespace
 }  // namespace mervane::test

@@ -208,7 +208,7 @@ TEST_F(KeysTest, ModuleOfOneHandleNeedsNoSearch) {
     EXPECT_THAT(p11->log().text(), testing::EndsWith(wantedLog("link-one-handle")));
     EXPECT_EQ(cert.getCert()->pkcs11Link()->expectedSignatureSize, 64);
     EXPECT_THAT(p11->infos(), Contains("Using certificate's PKCS11 handle as the private key handle..."));
-    // No key type is refused on this road.
+    // No key type is refused here.
     ASSERT_TRUE(p11->FindCert(XString("privateKey"), XString(), cert));
     EXPECT_EQ(cert.getCert()->pkcs11Link()->keyHandle, 77U);
     EXPECT_THAT(p11->values(), Contains("certKeyType=0"));

@@ -1,4 +1,4 @@
-// No PIN is left behind: after every road, and after the object is gone, the process's own writable
+// No PIN is left behind: after every scenario, and after the object is gone, the process's own writable
 // memory holds no copy of one. Searched for is the end of the PIN, since a freed block loses its
 // beginning to the allocator's own pointers.
 
@@ -6,7 +6,7 @@
 #include <fstream>
 #include <random>
 
-#include "tests/roads.h"
+#include "tests/scenarios.h"
 
 namespace mervane::test {
 namespace {
@@ -70,17 +70,17 @@ TEST(SecretsTest, NoCopyOfAPinStaysInMemory) {
     }
     EXPECT_EQ(countCopies(user), 0);
     for (const bool fails : {false, true}) {
-        RoadArgs args;
+        ScenarioArgs args;
         user.unmaskInto(args.userPin);
         fresh.unmaskInto(args.newPin);
         officer.unmaskInto(args.soPin);
-        for (const Road& road : kRoads) {
+        for (const Scenario& scenario : kScenarios) {
             furnish(world, Token::Plain);
             world.answer = [fails](auto& f, auto) { return fails && (f == "C_Login" || f == "C_SetPIN") ? std::optional(CKR_PIN_INCORRECT) : std::nullopt; };
             {
                 Pkcs11 p11;
                 p11.put_SharedLibPath(XString(module.path()));
-                EXPECT_EQ(road.run(p11, args), !fails || road.numLogins == 0) << road.name;
+                EXPECT_EQ(scenario.run(p11, args), !fails || scenario.numLogins == 0) << scenario.name;
                 p11.Login(2, args.userPin);
                 p11.put_SigContextPin(args.newPin);
                 XString kept;
@@ -89,9 +89,9 @@ TEST(SecretsTest, NoCopyOfAPinStaysInMemory) {
                 EXPECT_EQ(p11.log().text().find("-pin-"), std::string::npos);
             }
             // What is left is the caller's own.
-            EXPECT_EQ(countCopies(user), 1) << road.name;
-            EXPECT_EQ(countCopies(fresh), 1) << road.name;
-            EXPECT_EQ(countCopies(officer), 1) << road.name;
+            EXPECT_EQ(countCopies(user), 1) << scenario.name;
+            EXPECT_EQ(countCopies(fresh), 1) << scenario.name;
+            EXPECT_EQ(countCopies(officer), 1) << scenario.name;
         }
     }
     world.answer = nullptr;

@@ -1,5 +1,5 @@
 # What tests and fuzz targets share: the scriptable module, certificates made for the occasion, and the
-# fixtures and roads.
+# fixtures and scenarios.
 
 find_package(GTest REQUIRED)
 
@@ -15,7 +15,7 @@ add_custom_command(OUTPUT ${certs_folder}/done
   DEPENDS ${make_certs})
 add_custom_target(test_certs DEPENDS ${certs_folder}/done)
 
-add_library(test_support STATIC ${PROJECT_SOURCE_DIR}/tests/support.cpp ${PROJECT_SOURCE_DIR}/tests/roads.cpp)
+add_library(test_support STATIC ${PROJECT_SOURCE_DIR}/tests/support.cpp ${PROJECT_SOURCE_DIR}/tests/scenarios.cpp)
 add_dependencies(test_support fake_module test_certs)
 target_include_directories(test_support PUBLIC ${PROJECT_SOURCE_DIR})
 target_link_libraries(test_support PUBLIC mervane_pkcs11_static GTest::gmock ${CMAKE_DL_LIBS})

@@ -1,5 +1,5 @@
-#ifndef MERVANE_TESTS_ROADS_H
-#define MERVANE_TESTS_ROADS_H
+#ifndef MERVANE_TESTS_SCENARIOS_H
+#define MERVANE_TESTS_SCENARIOS_H
 
 #include <array>
 
@@ -9,8 +9,8 @@ namespace mervane::test {
 
 /// What an application has at hand before it calls. Made before memory runs out: a public call does
 /// not throw, but the application's own strings may.
-struct RoadArgs {
-    RoadArgs();
+struct ScenarioArgs {
+    ScenarioArgs();
     XString userPin{fake::Slot().userPin}, soPin{fake::Slot().soPin}, newPin{"a-new-user-pin-000000001"}, empty;
     XString privateKey{"privateKey"}, commonName{"CN"}, curve{"Curve 256"}, privateWord{"private"}, label{"renewed"};
     ClsJsonObject description, keys, report;
@@ -18,21 +18,21 @@ struct RoadArgs {
 
 /// What an application does from beginning to end, as faults are injected into it. Each is a few
 /// public calls; the result says whether all of them succeeded.
-struct Road {
+struct Scenario {
     const char* name;
-    bool (*run)(Pkcs11& p11, RoadArgs& args);
+    bool (*run)(Pkcs11& p11, ScenarioArgs& args);
     int numLogins;  // that it asks for
 };
-extern const std::array<Road, 6> kRoads;
+extern const std::array<Scenario, 6> kScenarios;
 
-/// What the roads lead to: a token with all attributes; one whose keys have few, on a module that
+/// What the scenarios lead to: a token with all attributes; one whose keys have few, on a module that
 /// others have initialised; one of many objects and slots, on a module that takes no arguments when
 /// it is initialised.
 enum class Token { Plain, Sparse, Crowded };
 /// Sessions and initialisation stay as they are.
 void furnish(fake::World& world, Token token);
 
-/// What holds after a road whatever the module did. `asked`: logins asked for so far.
+/// What holds after a scenario whatever the module did. `asked`: logins asked for so far.
 void expectUnhurt(Pkcs11& p11, const fake::World& world, int asked);
 /// The same when the object is gone.
 void expectNothingLeft(const fake::World& world);

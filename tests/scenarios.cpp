@@ -1,4 +1,4 @@
-#include "tests/roads.h"
+#include "tests/scenarios.h"
 
 #include <thread>
 
@@ -14,19 +14,19 @@ bool givesCert(Call call) {
     return ok;
 }
 
-bool wholeSession(Pkcs11& p, RoadArgs& a) {
+bool wholeSession(Pkcs11& p, ScenarioArgs& a) {
     const bool ok = p.Initialize() && p.OpenSession(-1, true) && p.Login(1, a.userPin) && p.FindAllCerts() &&
                     givesCert([&](ClsCert& c) { return p.GetCert(0, c); }) && p.Logout();
     return p.CloseSession() && ok;
 }
 
-bool findRsa(Pkcs11& p, RoadArgs& a) {
+bool findRsa(Pkcs11& p, ScenarioArgs& a) {
     const bool found = p.QuickSession(1, a.userPin) && givesCert([&](ClsCert& c) { return p.FindCert(a.privateKey, a.empty, c); });
     EXPECT_TRUE(!found || p.hasOpenSession());
     return found;
 }
 
-bool findEc(Pkcs11& p, RoadArgs& a) {
+bool findEc(Pkcs11& p, ScenarioArgs& a) {
     bool isLinked = false;
     const bool found = p.QuickSession(1, a.userPin) && givesCert([&](ClsCert& c) {
                            const bool ok = p.FindCert(a.commonName, a.curve, c);
@@ -37,25 +37,27 @@ bool findEc(Pkcs11& p, RoadArgs& a) {
     return found && isLinked;
 }
 
-bool discoverAll(Pkcs11& p, RoadArgs& a) { return p.Discover(false, a.report); }
+bool discoverAll(Pkcs11& p, ScenarioArgs& a) { return p.Discover(false, a.report); }
 
-bool askForObjects(Pkcs11& p, RoadArgs& a) { return p.QuickSession(1, a.userPin) && p.FindObject(a.description) != 0 && p.FindAllKeys(a.privateWord, a.keys); }
+bool askForObjects(Pkcs11& p, ScenarioArgs& a) {
+    return p.QuickSession(1, a.userPin) && p.FindObject(a.description) != 0 && p.FindAllKeys(a.privateWord, a.keys);
+}
 
-bool administer(Pkcs11& p, RoadArgs& a) {
+bool administer(Pkcs11& p, ScenarioArgs& a) {
     const bool ok = p.QuickSession(0, a.soPin) && p.InitPin(a.newPin) && p.Logout() && p.SetPin(a.newPin, a.userPin) && p.CloseSession();
     return p.InitToken(1, a.soPin, a.label) && ok;
 }
 
 }  // namespace
 
-RoadArgs::RoadArgs() { description.root().set("id", "65"); }
+ScenarioArgs::ScenarioArgs() { description.root().set("id", "65"); }
 
-const std::array<Road, 6> kRoads = {{{"whole session", wholeSession, 1},
-                                     {"RSA certificate", findRsa, 1},
-                                     {"EC certificate", findEc, 1},
-                                     {"discovery", discoverAll, 0},
-                                     {"objects and keys", askForObjects, 1},
-                                     {"PINs and token", administer, 1}}};
+const std::array<Scenario, 6> kScenarios = {{{"whole session", wholeSession, 1},
+                                             {"RSA certificate", findRsa, 1},
+                                             {"EC certificate", findEc, 1},
+                                             {"discovery", discoverAll, 0},
+                                             {"objects and keys", askForObjects, 1},
+                                             {"PINs and token", administer, 1}}};
 
 void furnish(fake::World& world, Token token) {
     static const auto crowded = [] {
