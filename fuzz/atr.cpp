@@ -7,12 +7,9 @@ using namespace mervane;
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     LogNull log;
-    static ClsJsonObject& cards = *[] {
-        LogNull silent;
-        auto* const loaded = ClsJsonObject::createNewCls();
-        fuzz::require(ClsPkcs11::GetCardDataJson(*loaded, silent));
-        return loaded;
-    }();
+    static ClsJsonObject cards;
+    static const bool isLoaded = ClsPkcs11::GetCardDataJson(cards, log);
+    fuzz::require(isLoaded);
     const std::string atr(fuzz::asText(data, size));
     StringBuffer name;
     bool readOnly = true;

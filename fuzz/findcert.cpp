@@ -6,12 +6,11 @@
 using namespace mervane;
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    static test::Pkcs11& token = *[] {
-        auto filled = std::make_unique<test::Pkcs11>();
-        for (const char* const name : {"alice", "bob", "p256"}) { filled->m_certs.appendObject(std::make_unique<CertificateHolder>(test::loadCert(name))); }
-        filled->m_certsLoaded = true;
-        return filled.release();
-    }();
+    static test::Pkcs11 token;
+    for (const char* const name : {"alice", "bob", "p256"}) {
+        if (!token.m_certsLoaded) token.m_certs.appendObject(std::make_unique<CertificateHolder>(test::loadCert(name)));
+    }
+    token.m_certsLoaded = true;
     const std::string_view text = fuzz::asText(data, size);
     const auto end = text.find('\0');
     const XString part(text.substr(0, end));

@@ -69,24 +69,15 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     Stream in(data, size);
     const Scenario& scenario = kScenarios.at(in.next() % kScenarios.size());
     const auto token = static_cast<Token>(in.next() % 3);
-    world.reset();
-    furnish(world, token);
-    world.answer = [&in](auto&, auto) -> std::optional<CK_RV> {
-        const unsigned choice = in.next();
-        if (choice == 255) throw std::runtime_error("x");
-        return choice >= 240 ? std::optional(number(in)) : std::nullopt;
+    const auto arrange = [&] {
+        world.answer = [&in](auto&, auto) -> std::optional<CK_RV> {
+            const unsigned choice = in.next();
+            if (choice == 255) throw std::runtime_error("x");
+            return choice >= 240 ? std::optional(number(in)) : std::nullopt;
+        };
+        world.lie = [&](fake::Outputs& out) { lie(in, world, out); };
     };
-    world.lie = [&](fake::Outputs& out) { lie(in, world, out); };
-    auto p11 = std::make_unique<Pkcs11>();
-    p11->put_SharedLibPath(XString(module.path()));
-    ScenarioArgs args;
-    scenario.run(*p11, args);
-    expectUnhurt(*p11, world, scenario.numLogins);
-    furnish(world, token);
-    ScenarioArgs again;
-    EXPECT_TRUE(scenario.run(*p11, again) || scenario.run(*p11, again)) << p11->log().text();
-    p11.reset();
-    expectNothingLeft(world);
+    EXPECT_TRUE(recovers(module, scenario, token, arrange));
     fuzz::require(!testing::UnitTest::GetInstance()->ad_hoc_test_result().Failed());
     return 0;
 }

@@ -11,78 +11,53 @@ namespace {
 
 class FaultsTest : public testing::TestWithParam<std::tuple<std::size_t, Token>> {
   protected:
-    FaultsTest() : m_scenario(kScenarios.at(std::get<0>(GetParam()))), m_token(std::get<1>(GetParam())) {}
-
-    // An object on a world as new.
-    std::unique_ptr<Pkcs11> makeAnew() {
-        world.reset();
-        furnish(world, m_token);
-        auto made = std::make_unique<Pkcs11>();
-        made->put_SharedLibPath(XString(module.path()));
-        return made;
-    }
-    // The scenario with faults, the oracle; then the scenario again without, which has to succeed unhurt.
-    template <class Arrange>
-    void runWith(Arrange arrange, const char* what, std::size_t number, bool mustRecover = true) {
+    // The scenario with faults; then again without.
+    void runWith(const std::function<void()>& arrange, const std::string& what, std::size_t number, bool mustRecover = true) {
         if (HasFailure()) return;
-        auto p11 = makeAnew();
-        arrange();
-        run(*p11);
-        world.answer = nullptr;
-        world.lie = nullptr;
-        expectUnhurt(*p11, world, m_scenario.numLogins);
-        furnish(world, m_token);
-        const bool recovered = run(*p11) || run(*p11);
-        EXPECT_TRUE(recovered || !mustRecover) << p11->log().text();
-        expectUnhurt(*p11, world, 3 * m_scenario.numLogins);
-        p11.reset();
-        expectNothingLeft(world);
+        const auto disarm = [this](bool ok) {
+            numAllocationsLeft = allocations::left.exchange(-1);
+            EXPECT_TRUE(ok || numAllocationsLeft <= 0);
+        };
+        const bool recovered = recovers(module, m_scenario, m_token, arrange, disarm);
+        EXPECT_TRUE(recovered || !mustRecover);
         ++numRuns;
         ASSERT_FALSE(HasFailure()) << m_scenario.name << ": " << what << " " << number;
     }
     // The same with one call of the scenario answered as told.
-    template <class Answer>
-    void runWithAnswer(Answer answer, const char* what, std::size_t at) {
-        runWith([&] { world.answer = [=](auto&, auto index) { return index == at ? std::optional<CK_RV>(answer()) : std::nullopt; }; }, what, at);
-    }
-    bool run(Pkcs11& p11) const {
-        ScenarioArgs args;
-        return m_scenario.run(p11, args);
+    void runWithAnswer(const std::function<CK_RV()>& answer, const std::string& what, std::size_t at) {
+        runWith([&] { world.answer = [=](auto&, auto index) { return index == at ? std::optional(answer()) : std::nullopt; }; }, what, at);
     }
     // The calls of the scenario without faults.
     std::size_t traceLength() {
-        const auto p11 = makeAnew();
-        EXPECT_TRUE(run(*p11)) << p11->log().text();
-        return world.journal.size();
+        std::size_t length = 0;
+        EXPECT_TRUE(recovers(
+            module, m_scenario, m_token, [] {}, [&](bool ok) { length = ok ? world.journal.size() : 0; }));
+        EXPECT_GT(length, 0U);
+        return length;
     }
     void TearDown() override { RecordProperty("runs", static_cast<int>(numRuns)); }
 
-    const Scenario& m_scenario;
-    const Token m_token;
-    FakeModule module{"libfake.so"};
+    const Scenario& m_scenario = kScenarios.at(std::get<0>(GetParam()));
+    const Token m_token = std::get<1>(GetParam());
+    const FakeModule module{"libfake.so"};
     fake::World& world = module.world();
     std::size_t numRuns = 0;
+    long numAllocationsLeft = 0;  // when the scenario had ended; above 0 none had failed
 };
 
 TEST_P(FaultsTest, EveryReturnValueAtEveryCall) {
-    std::vector<CK_RV> codes = {0x80000001, ~CK_RV{0}};
-    for (CK_RV rv = 0; rv < 0x300; ++rv) {
+    std::vector<CK_RV> codes = {CKR_DEVICE_REMOVED};
+    if (!isUnderValgrind()) codes = {0x80000001, ~CK_RV{0}};
+    for (CK_RV rv = 0; rv < 0x300 && !isUnderValgrind(); ++rv) {
         if (rvName(rv).starts_with("CKR_")) codes.push_back(rv);
     }
     const std::size_t length = traceLength();
     for (std::size_t at = 0; at < length; ++at) {
-        for (const CK_RV rv : codes) runWithAnswer([rv] { return rv; }, rvName(rv).c_str(), at);
+        for (const CK_RV rv : codes) runWithAnswer([rv] { return rv; }, rvName(rv), at);
         runWithAnswer([]() -> CK_RV { throw 7; }, "int", at);
         runWithAnswer([]() -> CK_RV { throw std::runtime_error("x"); }, "exception", at);
     }
 }
-
-TEST_P(FaultsTest, OneReturnValueAtEveryCall) {
-    const std::size_t length = traceLength();
-    for (std::size_t at = 0; at < length; ++at) runWithAnswer([] { return CKR_DEVICE_REMOVED; }, "one", at);
-}
-
-using Lie = void (*)(fake::Outputs& out);
 
 template <class Change>
 void changeAll(fake::Outputs& out, Change change) {
@@ -117,19 +92,17 @@ void setTexts(fake::Outputs& out, std::string_view pattern) {
 
 unsigned char strayValue[16];
 
-struct LieRow {
-    const char* what;
-    bool (*concerns)(const fake::Outputs& out);
-    Lie tell;
-};
-
 bool hasAttributes(const fake::Outputs& out) { return out.attributes != nullptr; }
 bool hasList(const fake::Outputs& out) { return out.ids != nullptr && out.room > 0; }
 bool hasCount(const fake::Outputs& out) { return out.count != nullptr; }
 bool isFind(const fake::Outputs& out) { return out.function == "C_FindObjects" && out.room > 0; }
 bool hasTexts(const fake::Outputs& out) { return out.info != nullptr || out.slotInfo != nullptr || out.tokenInfo != nullptr; }
 
-const LieRow kLies[] = {
+const struct Lie {
+    const char* what;
+    bool (*concerns)(const fake::Outputs& out);
+    void (*tell)(fake::Outputs& out);
+} kLies[] = {
     {"count beyond the room", hasCount, [](auto& out) { *out.count = out.room + 5; }},
     {"huge count", hasCount, [](auto& out) { *out.count = ~CK_ULONG{0} / 2; }},
     {"count of zero", hasCount, [](auto& out) { *out.count = 0; }},
@@ -150,7 +123,7 @@ const LieRow kLies[] = {
     {"other types", hasAttributes, [](auto& out) { changeAll(out, [](auto& a) { a.type += 1; }); }},
     {"values of garbage", hasAttributes, [](auto& out) { changeAll(out, spoil); }},
     {"endless handles", isFind, [](auto& out) { setHandles(out, static_cast<CK_ULONG>(out.index) * 1000, 1); }},
-    {"repeated handles", isFind, [](auto& out) { setHandles(out, 10, 0); }},
+    {"repeated handles", isFind, [](auto& out) { setHandles(out, 1, 0); }},
     {"handles of zero", isFind, [](auto& out) { setHandles(out, 0, 0); }},
     {"falling handles", isFind, [](auto& out) { std::reverse(out.ids, out.ids + *out.count); }},
     {"session of zero", [](auto& out) { return out.session != nullptr; }, [](auto& out) { *out.session = 0; }},
@@ -158,15 +131,12 @@ const LieRow kLies[] = {
     {"texts without padding", hasTexts, [](auto& out) { setTexts(out, "abcdefgh"); }},
     {"texts of control characters", hasTexts, [](auto& out) { setTexts(out, "\x1B[2J\r\n"); }},
     {"texts of invalid UTF-8", hasTexts, [](auto& out) { setTexts(out, "\xFF\xC0\xED\xA0\x80"); }},
-    {"all flags", hasTexts,
-     [](auto& out) {
-         if (out.tokenInfo != nullptr) out.tokenInfo->flags = ~CK_FLAGS{0};
-         if (out.slotInfo != nullptr) out.slotInfo->flags = ~CK_FLAGS{0};
-     }},
+    {"all flags of slots", [](auto& out) { return out.slotInfo != nullptr; }, [](auto& out) { out.slotInfo->flags = ~CK_FLAGS{0}; }},
+    {"all flags of tokens", [](auto& out) { return out.tokenInfo != nullptr; }, [](auto& out) { out.tokenInfo->flags = ~CK_FLAGS{0}; }},
 };
 
 TEST_P(FaultsTest, EveryLieFirstMiddleLastAndAlways) {
-    for (const LieRow& row : kLies) {
+    for (const Lie& row : kLies) {
         // With session 0 the module has one open that nobody can close.
         const bool leaves = std::string(row.what) == "session of zero";
         std::size_t numTold = 0;
@@ -192,29 +162,22 @@ TEST_P(FaultsTest, EveryLieFirstMiddleLastAndAlways) {
 }
 
 TEST_P(FaultsTest, NullEntriesEachAndAll) {
-    const char* const names[] = {
-        "C_Initialize",       "C_Finalize",          "C_GetInfo",         "C_GetSlotList", "C_GetSlotInfo",     "C_GetTokenInfo", "C_GetMechanismList",
-        "C_GetMechanismInfo", "C_InitToken",         "C_InitPIN",         "C_SetPIN",      "C_OpenSession",     "C_CloseSession", "C_Login",
-        "C_Logout",           "C_GetAttributeValue", "C_FindObjectsInit", "C_FindObjects", "C_FindObjectsFinal"};
-    std::set<std::string> all;
-    for (const char* const name : names) {
-        all.insert(name);
-        runWith([&] { world.nullEntries = {name}; }, name, 0, false);
-    }
+    traceLength();
+    const std::set<std::string> all = world.functionNames;
+    for (const std::string& name : all) runWith([&] { world.nullEntries = {name}; }, name, 0, false);
     runWith([&] { world.nullEntries = all; }, "all", 0, false);
 }
 
 TEST_P(FaultsTest, TokenRemovedAtEveryPointAndPutBack) {
+    if (isUnderValgrind()) GTEST_SKIP();
     const std::size_t length = traceLength();
-    for (std::size_t at = 0; at < length; ++at) {
-        for (const bool comesBack : {false, true}) {
-            const auto answer = [=, this](auto&, auto index) -> std::optional<CK_RV> {
-                if (index == at) world.removeTokens();
-                if (comesBack && index == at + 2) world.slots[0].tokenPresent = true;
-                return {};
-            };
-            runWith([&] { world.answer = answer; }, "removed", at);
-        }
+    for (std::size_t at = 0; at < 2 * length; ++at) {
+        const auto answer = [=, this](auto&, auto index) -> std::optional<CK_RV> {
+            if (index == at / 2) world.removeTokens();
+            if (at % 2 == 1 && index == at / 2 + 2) world.slots[0].tokenPresent = true;
+            return {};
+        };
+        runWith([&] { world.answer = answer; }, "removed", at / 2);
     }
 }
 
@@ -227,25 +190,13 @@ TEST_P(FaultsTest, ObjectsVanishBetweenFindAndRead) {
 }
 
 TEST_P(FaultsTest, EveryAllocationFailsOnceAndFromThereOn) {
+    if (isUnderValgrind()) GTEST_SKIP();
     allocations::insideModule = &world.inside;
     for (const bool onwards : {false, true}) {
-        bool reachedEnd = false;
-        for (long at = 0; !reachedEnd; ++at) {
-            auto p11 = makeAnew();
-            ScenarioArgs args;
-            allocations::failsOnwards = onwards;
-            allocations::left = at;
-            const bool ok = m_scenario.run(*p11, args);
-            reachedEnd = allocations::left > 0;
-            allocations::left = -1;
-            EXPECT_TRUE(ok || !reachedEnd);
-            expectUnhurt(*p11, world, m_scenario.numLogins);
-            furnish(world, m_token);
-            EXPECT_TRUE(run(*p11)) << p11->log().text();
-            p11.reset();
-            expectNothingLeft(world);
-            ++numRuns;
-            ASSERT_FALSE(HasFailure()) << m_scenario.name << ": allocation " << at << (onwards ? " and on" : "");
+        allocations::failsOnwards = onwards;
+        numAllocationsLeft = 0;
+        for (long at = 0; numAllocationsLeft <= 0 && !HasFailure(); ++at) {
+            runWith([at] { allocations::left = at; }, onwards ? "allocations from" : "allocation", static_cast<std::size_t>(at));
         }
     }
     allocations::insideModule = nullptr;

@@ -12,35 +12,36 @@ namespace {
 
 class LifetimesTest : public FakeTest {
   protected:
-    LifetimesTest() { objects() = {certObject(10, "alice", "a"), keyObject(20, "alice", {.id = "a"})}; }
+    LifetimesTest() { objects() = objectsOf("cert:alice:a key:alice:a"); }
     std::unique_ptr<Pkcs11> make() const {
         auto object = std::make_unique<Pkcs11>();
         object->put_SharedLibPath(XString(module.path()));
         return object;
     }
     bool quick(Pkcs11& object) const { return object.QuickSession(1, XString(world.slots[0].userPin)); }
+    // A session, and a certificate that is linked to its key through it.
+    bool linkCert() { return quick(*p11) && p11->FindCert(XString("privateKey"), XString(), cert); }
+    ClsCert cert;
 };
 
 TEST_F(LifetimesTest, CertificateOutlivesItsToken) {
-    ClsCert cert;
-    ASSERT_TRUE(quick(*p11) && p11->FindCert(XString("privateKey"), XString(), cert));
+    ASSERT_TRUE(linkCert());
     EXPECT_EQ(cert.getCert()->pkcs11Link()->owner, p11.get());
     p11.reset();
     EXPECT_FALSE(cert.HasPrivateKey());
-    XString subject, serial, thumbprint;
-    cert.get_SubjectDN(subject);
+    XString serial, thumbprint;
     cert.get_SerialNumber(serial);
     cert.get_Sha1Thumbprint(thumbprint);
-    EXPECT_THAT(std::string(subject.view()), HasSubstr("CN=Alice"));
-    EXPECT_TRUE(serial.view() == "0A1B" && thumbprint.view().size() == 40);
+    EXPECT_EQ(cn(cert), "Alice");
+    EXPECT_EQ(serial.view(), "0A1B");
+    EXPECT_EQ(thumbprint.view().size(), 40U);
 }
 
 TEST_F(LifetimesTest, LinkHoldsForItsSessionOnly) {
-    ClsCert cert;
-    ASSERT_TRUE(quick(*p11) && p11->FindCert(XString("privateKey"), XString(), cert));
+    ASSERT_TRUE(linkCert());
     const auto loose = loadCert("alice");  // in no cache
-    loose->linkToPkcs11Session(p11.get(), 1, 256, 20, p11->log());
-    EXPECT_TRUE(loose->hasPrivateKey(true, p11->log()));
+    loose->linkToPkcs11Session(p11.get(), 1, 256, 2, p11->log());
+    EXPECT_TRUE(loose->hasPrivateKey(true, p11->log()) && p11->FindAllCerts() && cert.HasPrivateKey());  // read again since
     ASSERT_TRUE(p11->OpenSession(-1, true));
     EXPECT_FALSE(loose->hasPrivateKey(true, p11->log()));
     EXPECT_FALSE(cert.HasPrivateKey());
@@ -62,33 +63,6 @@ TEST_F(LifetimesTest, TwoObjectsOnOneModuleInEveryOrder) {
     }
 }
 
-TEST_F(LifetimesTest, AnotherModuleTakesThePlaceOfTheFirst) {
-    const FakeModule second("libsecond.so");
-    second.world().slots[0].objects = {certObject(10, "bob", "b")};
-    ASSERT_TRUE(quick(*p11) && p11->FindAllCerts());
-    p11->put_SharedLibPath(XString(second.path()));
-    EXPECT_TRUE(p11->Initialize());  // says that it is done: the path counts at the next load
-    EXPECT_EQ(world.sessions.size(), 1U);
-    ClsJsonObject report;
-    EXPECT_TRUE(p11->Discover(true, report));
-    EXPECT_EQ(world.count("C_Finalize"), 1U);
-    EXPECT_FALSE(p11->hasOpenSession());
-    EXPECT_EQ(p11->get_NumCerts(), 0);
-    ClsCert cert;
-    EXPECT_TRUE(p11->OpenSession(-1, false) && p11->FindCert(XString(), XString(), cert));
-    EXPECT_EQ(cn(cert), "Bob");
-
-    // A module that cannot be loaded leaves nothing to call, and the way back is open.
-    p11->put_SharedLibPath(XString("/nowhere.so"));
-    EXPECT_FALSE(p11->Discover(true, report));
-    EXPECT_FALSE(p11->FindAllCerts());
-    EXPECT_EQ(p11->log().lastError(), "PKCS11 functions not available");
-    p11->put_SharedLibPath(XString(module.path()));
-    EXPECT_TRUE(quick(*p11));
-    p11.reset();
-    EXPECT_THAT(second.world().violations, IsEmpty());
-}
-
 // Runs `work` in a forked child; its result is whether the child said yes within half a minute.
 bool inChild(const std::function<bool()>& work) {
     const pid_t child = ::fork();
@@ -102,27 +76,15 @@ bool inChild(const std::function<bool()>& work) {
 }
 
 TEST_F(LifetimesTest, ForkedChildDropsTheSessionAndBeginsAnew) {
-    ClsCert cert;
-    ASSERT_TRUE(quick(*p11) && p11->FindCert(XString("privateKey"), XString(), cert));
+    ASSERT_TRUE(linkCert());
     const std::size_t before = world.journal.size();
     EXPECT_TRUE(inChild([&] {
         const bool dropped = !p11->FindAllCerts() && world.journal.size() == before && !p11->hasOpenSession();
-        const auto infos = p11->infos();
-        const bool said = std::ranges::any_of(infos, [](auto& line) { return line.starts_with("The process has forked"); });
+        const bool said = p11->log().text().find("The process has forked") != std::string::npos;
         world.initialized = false;  // a module that knows of forks
         world.sessions.clear();
         return dropped && said && !cert.HasPrivateKey() && p11->Initialize() && quick(*p11) && p11->FindAllCerts();
     }));
-    // Whatever is called first answers, and calls nothing of the module.
-    for (const auto& [context, call] : publicCalls()) {
-        if (std::set<std::string>{"Initialize", "QuickSession", "Discover"}.contains(context)) continue;  // these begin anew
-        const auto answers = [&, &call = call] {
-            ::alarm(1);
-            return !call(*p11) && world.journal.size() == before && !cert.HasPrivateKey() && p11->get_NumCerts() == 0 &&
-                   !p11->linkCertToPkcs11Session(cert.getCert().get(), true, p11->log());
-        };
-        EXPECT_TRUE(inChild(answers) || inChild(answers) || inChild(answers)) << context;  // the machine may be held up
-    }
     EXPECT_TRUE(inChild([&] {
         p11.reset();  // untouched in the child: calls nothing
         return world.journal.size() == before;
@@ -131,7 +93,22 @@ TEST_F(LifetimesTest, ForkedChildDropsTheSessionAndBeginsAnew) {
     EXPECT_TRUE(cert.HasPrivateKey());
 }
 
+TEST_F(LifetimesTest, WhateverAForkedChildCallsFirstAnswersWithoutTheModule) {
+    ASSERT_TRUE(linkCert());
+    const std::size_t before = world.journal.size();
+    for (const auto& [name, call] : publicCalls()) {
+        if (std::set<std::string>{"Initialize", "QuickSession", "Discover", "alreadyLoggedIn"}.contains(name)) continue;  // these begin anew or ask nothing
+        const auto answers = [&, &name = name, &call = call] {
+            ::alarm(1);
+            return !call(*p11, {name, "1", "", "", ""}).starts_with("true") && world.journal.size() == before && !cert.HasPrivateKey() &&
+                   p11->get_NumCerts() == 0 && !p11->linkCertToPkcs11Session(cert.getCert().get(), true, p11->log());
+        };
+        EXPECT_TRUE(inChild(answers) || inChild(answers) || inChild(answers)) << name;  // the machine may be held up
+    }
+}
+
 TEST_F(LifetimesTest, LockHeldByAThreadOfTheParentIsFreeInTheChild) {
+    if (isUnderValgrind()) GTEST_SKIP() << "in the child the parent's thread counts as lost memory";
     ASSERT_TRUE(quick(*p11));
     std::atomic<bool> entered{false};
     std::atomic<bool> leave{false};
@@ -166,23 +143,11 @@ TEST_F(LifetimesTest, StaticObjectCallsNothingAtExit) {
 
 TEST_F(LifetimesTest, EightThreadsOnOneObjectNeverMeetInTheModule) {
     ASSERT_TRUE(quick(*p11));
+    const Words calls[] = {{"FindAllCerts"}, {"FindCert", "privateKey", ""}, {"GetCert", "0"}, {"FindAllKeys", ""}, {"OpenSession", "-1", "rw"}, {"NumCerts"}};
     std::vector<std::thread> threads;
-    std::atomic<int> numLinked{0};
-    for (int t = 0; t < 8; ++t) {
+    for (std::size_t t = 0; t < 8; ++t) {
         threads.emplace_back([&, t] {
-            for (int i = 0; i < 40; ++i) {
-                ClsCert cert;
-                ClsJsonObject json;
-                switch ((i + t) % 6) {
-                    case 0: p11->FindAllCerts(); break;
-                    case 1: p11->FindCert(XString("privateKey"), XString(), cert); break;
-                    case 2: p11->GetCert(0, cert); break;
-                    case 3: p11->FindAllKeys(XString(), json); break;
-                    case 4: p11->OpenSession(-1, true); break;
-                    default: p11->get_NumCerts(); break;
-                }
-                numLinked += cert.HasPrivateKey() ? 1 : 0;
-            }
+            for (std::size_t i = 0; i < 40; ++i) publicCalls().at(calls[(i + t) % 6][0])(*p11, calls[(i + t) % 6]);
         });
     }
     for (std::thread& thread : threads) thread.join();

@@ -48,53 +48,13 @@ bool administer(Pkcs11& p, ScenarioArgs& a) {
     return p.InitToken(1, a.soPin, a.label) && ok;
 }
 
-}  // namespace
-
-ScenarioArgs::ScenarioArgs() { description.root().set("id", "65"); }
-
-const std::array<Scenario, 6> kScenarios = {{{"whole session", wholeSession, 1},
-                                             {"RSA certificate", findRsa, 1},
-                                             {"EC certificate", findEc, 1},
-                                             {"discovery", discoverAll, 0},
-                                             {"objects and keys", askForObjects, 1},
-                                             {"PINs and token", administer, 1}}};
-
-void furnish(fake::World& world, Token token) {
-    static const auto crowded = [] {
-        std::vector<fake::Object> objects;
-        for (CK_OBJECT_HANDLE i = 0; i < 8; ++i) {
-            const std::string id(1, static_cast<char>('A' + i));
-            objects.push_back(certObject(40 + i, i % 2 == 0 ? "bob" : "alice", id));
-            objects.push_back(keyObject(60 + i, i % 2 == 0 ? "p256" : "alice", {.id = id + id, .maySign = i != 1}));
-        }
-        return objects;
-    }();
-    const bool isPlain = token == Token::Plain;
-    if (token == Token::Crowded && world.slots.size() == 1) {
-        world.slots.insert(world.slots.end(), {{.id = 2, .tokenPresent = false}, {.id = 3, .label = "second"}});
-    }
-    fake::Slot& slot = world.slots.at(0);
-    slot.tokenPresent = true;
-    slot.objects = {certObject(10, "alice", "a"), certObject(11, "p256", "e"), certObject(12, "bob", "b"),
-                    keyObject(20, "alice", {.id = "x", .withSubject = isPlain, .withModulus = token != Token::Sparse}), keyObject(21, "p256", {.id = "e"})};
-    if (isPlain) slot.objects.push_back(ecPublicObject(30, "p256", "e", true));
-    if (token == Token::Sparse) slot.objects[3].attributes[CKA_ID] = fake::bytesOf("a");
-    if (token == Token::Crowded) slot.objects.insert(slot.objects.begin(), crowded.begin(), crowded.end());
-    slot.flags = fake::Slot().flags;
-    slot.userPin = fake::Slot().userPin;
-    slot.soPin = fake::Slot().soPin;
-    world.initializedByOthers = token == Token::Sparse;
-    world.needsNullArguments = token == Token::Crowded;
-    world.answer = nullptr;
-    world.lie = nullptr;
-}
-
-static std::string journalText(const fake::World& world) {
+std::string journalText(const fake::World& world) {
     std::string out;
     for (const fake::Call& call : world.journal) out += call.function + " " + rvName(call.result) + "\n";
     return out;
 }
 
+// `asked`: logins asked for so far.
 void expectUnhurt(Pkcs11& p11, const fake::World& world, int asked) {
     std::size_t numBegun = 0;
     std::size_t numRefused = 0;  // since another one was active, which may be ended
@@ -114,12 +74,63 @@ void expectUnhurt(Pkcs11& p11, const fake::World& world, int asked) {
     for (const auto& pin : {fake::Slot().userPin, fake::Slot().soPin, std::string("a-new-user-pin-000000001")}) { EXPECT_EQ(log.find(pin), std::string::npos); }
 }
 
+// Of an object that is gone.
 void expectNothingLeft(const fake::World& world) {
     std::size_t numInitialized = 0;
     for (const fake::Call& call : world.journal) numInitialized += call.function == "C_Initialize" && call.result == CKR_OK ? 1 : 0;
     EXPECT_LE(world.count("C_Finalize"), numInitialized);
     EXPECT_THAT(world.sessions, IsEmpty());
     EXPECT_THAT(world.violations, IsEmpty());
+}
+
+}  // namespace
+
+ScenarioArgs::ScenarioArgs() { description.root().set("id", "65"); }
+
+const std::array<Scenario, 6> kScenarios = {{{"whole session", wholeSession, 1},
+                                             {"RSA certificate", findRsa, 1},
+                                             {"EC certificate", findEc, 1},
+                                             {"discovery", discoverAll, 0},
+                                             {"objects and keys", askForObjects, 1},
+                                             {"PINs and token", administer, 1}}};
+
+void furnish(fake::World& world, Token token) {
+    static const std::string certs = "cert:alice:a cert:p256:e cert:bob:b ";
+    static const std::string crowd = "cert:bob:A key:p256:AA cert:alice:B key:alice:BB:nosign cert:bob:C key:p256:CC cert:alice:D key:alice:DD ";
+    static const std::map<Token, std::vector<fake::Object>> tokens = {
+        {Token::Plain, objectsOf(certs + "key:alice:x:subject:modulus key:p256:e point:p256:e:wrapped")},
+        {Token::Sparse, objectsOf(certs + "key:alice:a key:p256:e")},
+        {Token::Crowded, objectsOf(crowd + "cert:bob:E key:p256:EE cert:alice:F key:alice:FF cert:bob:G key:p256:GG cert:alice:H key:alice:HH " + certs +
+                                   "key:alice:x:modulus key:p256:e")}};
+    fake::Slot& slot = world.slots.at(0);
+    slot = {.id = slot.id, .objects = tokens.at(token), .loggedIn = slot.loggedIn};
+    if (token == Token::Crowded && world.slots.size() == 1) {
+        world.slots.insert(world.slots.end(), {{.id = 2, .tokenPresent = false}, {.id = 3, .label = "second"}});
+    }
+    world.initializedByOthers = token == Token::Sparse;
+    world.needsNullArguments = token == Token::Crowded;
+    world.answer = nullptr;
+    world.lie = nullptr;
+}
+
+bool recovers(const FakeModule& module, const Scenario& scenario, Token token, const std::function<void()>& arrange,
+              const std::function<void(bool ok)>& disarm) {
+    fake::World& world = module.world();
+    world.reset();
+    furnish(world, token);
+    auto p11 = std::make_unique<Pkcs11>();
+    p11->put_SharedLibPath(XString(module.path()));
+    ScenarioArgs args;
+    arrange();
+    disarm(scenario.run(*p11, args));
+    expectUnhurt(*p11, world, scenario.numLogins);
+    furnish(world, token);
+    const auto succeeds = [&] { return scenario.run(*p11, *std::make_unique<ScenarioArgs>()); };
+    const bool recovered = succeeds() || succeeds();
+    expectUnhurt(*p11, world, 3 * scenario.numLogins);
+    p11.reset();
+    expectNothingLeft(world);
+    return recovered;
 }
 
 }  // namespace mervane::test

@@ -32,10 +32,12 @@ enum class Token { Plain, Sparse, Crowded };
 /// Sessions and initialisation stay as they are.
 void furnish(fake::World& world, Token token);
 
-/// What holds after a scenario whatever the module did. `asked`: logins asked for so far.
-void expectUnhurt(Pkcs11& p11, const fake::World& world, int asked);
-/// The same when the object is gone.
-void expectNothingLeft(const fake::World& world);
+/// Runs a scenario on a module as new with the faults that `arrange` sets up, and again without. What
+/// holds whatever the module did is expected after each. `disarm` ends the first run and is given its
+/// result. True when the scenario succeeds without faults.
+bool recovers(
+    const FakeModule& module, const Scenario& scenario, Token token, const std::function<void()>& arrange,
+    const std::function<void(bool ok)>& disarm = [](bool) {});
 
 }  // namespace mervane::test
 

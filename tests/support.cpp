@@ -23,6 +23,25 @@ fake::Object objectOf(CK_OBJECT_HANDLE handle, CK_ULONG kind, const std::string&
     return object;
 }
 
+std::string said(bool ok) { return ok ? "true" : "false"; }
+std::string said(int handle) { return std::to_string(handle); }
+int number(const std::string& word) { return static_cast<int>(std::stoll(word, nullptr, 0)); }
+
+template <class Call>
+std::string withJson(Call call, const std::string& before) {
+    ClsJsonObject json;
+    json.loadJson(before, json.log());
+    const std::string result = said(call(json));
+    return result + " " + json.emit();
+}
+
+template <class Call>
+std::string withCert(Call call) {
+    ClsCert cert;
+    const std::string result = said(call(cert));
+    return result + " " + cn(cert) + (cert.HasPrivateKey() ? ", with its key" : "");
+}
+
 }  // namespace
 
 std::vector<std::string> Pkcs11::lines(_mvLogger::Entry::What what) const {
@@ -53,24 +72,28 @@ std::string readFile(const std::string& path) {
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-std::string wantedLog(const std::string& name) { return readFile(std::string(MERVANE_SOURCE) + "/tests/data/logs/" + name + ".txt"); }
+std::string wanted(const std::string& name) { return readFile(std::string(MERVANE_SOURCE) + "/tests/data/" + name + ".txt"); }
+
+std::vector<std::string> columnsOf(const std::string& line) {
+    std::vector<std::string> out;
+    std::istringstream columns(line + "|");
+    for (std::string column; std::getline(columns, column, '|');) {
+        column = trimmed(column);
+        for (std::size_t at = 0; (at = column.find('%', at)) != std::string::npos; ++at) {
+            column.replace(at, 3, 1, static_cast<char>(fromHex(column.substr(at + 1, 2)).value()[0]));
+        }
+        out.push_back(column);
+    }
+    return out;
+}
 
 std::vector<std::vector<std::string>> dataRows(const std::string& file) {
     std::ifstream in(std::string(MERVANE_SOURCE) + "/tests/data/" + file);
     std::vector<std::vector<std::string>> rows;
     for (std::string line; std::getline(in, line);) {
-        if (line.starts_with("# ")) continue;
-        rows.emplace_back();
-        std::istringstream columns(line + "|");
-        for (std::string column; std::getline(columns, column, '|');) {
-            column = trimmed(column);
-            for (std::size_t at = 0; (at = column.find('%', at)) != std::string::npos; ++at) {
-                column.replace(at, 3, 1, static_cast<char>(fromHex(column.substr(at + 1, 2)).value()[0]));
-            }
-            rows.back().push_back(column);
-        }
+        if (!line.starts_with("# ")) rows.push_back(columnsOf(line));
     }
-    EXPECT_GE(rows.size(), 15U) << file;
+    EXPECT_FALSE(rows.empty()) << file;
     return rows;
 }
 
@@ -134,25 +157,62 @@ fake::Object ecPublicObject(CK_OBJECT_HANDLE handle, const std::string& cert, co
     return object;
 }
 
-const std::vector<PublicCall>& publicCalls() {
-    static const XString userPin(fake::Slot().userPin);
-    static ClsJsonObject json;
-    static const std::vector<PublicCall> calls = {
-        {"Initialize", [](Pkcs11& p) { return p.Initialize(); }},
-        {"QuickSession", [](Pkcs11& p) { return p.QuickSession(1, userPin); }},
-        {"Discover", [](Pkcs11& p) { return p.Discover(true, json); }},
-        {"OpenSession", [](Pkcs11& p) { return p.OpenSession(-1, true); }},
-        {"CloseSession", [](Pkcs11& p) { return p.CloseSession(); }},
-        {"Login", [](Pkcs11& p) { return p.Login(1, userPin); }},
-        {"Logout", [](Pkcs11& p) { return p.Logout(); }},
-        {"SetPin", [](Pkcs11& p) { return p.SetPin(userPin, userPin); }},
-        {"InitPin", [](Pkcs11& p) { return p.InitPin(userPin); }},
-        {"FindCert_pkcs11", [](Pkcs11& p) { return p.InitToken(9, userPin, XString("l")); }},
-        {"FindObject", [](Pkcs11& p) { return json.clear(p.log()), p.FindObject(json) != 0; }},
-        {"FindAllKeys", [](Pkcs11& p) { return p.FindAllKeys(XString(), json); }},
-        {"FindAllCerts", [](Pkcs11& p) { return p.FindAllCerts(); }},
-        {"FindCert_pkcs11", [](Pkcs11& p) { return p.FindCert(XString(), XString(), *std::make_unique<ClsCert>()); }},
-        {"GetCert_pkcs11", [](Pkcs11& p) { return p.GetCert(0, *std::make_unique<ClsCert>()); }},
+std::vector<fake::Object> objectsOf(const std::string& text) {
+    std::vector<fake::Object> out;
+    std::istringstream words(text);
+    for (std::string word; words >> word;) {
+        std::istringstream columns(word);
+        std::string kind, cert, id;
+        std::getline(std::getline(std::getline(columns, kind, ':'), cert, ':'), id, ':');
+        const auto has = [&word](const std::string& trait) { return (word + ":").find(":" + trait + ":") != std::string::npos; };
+        const CK_OBJECT_HANDLE handle = out.size() + 1;
+        const KeyTraits traits{id, !has("nosign"), has("subject"), has("modulus"), has("zero")};
+        out.push_back(kind == "cert"  ? certObject(handle, cert, id)
+                      : kind == "key" ? keyObject(handle, cert, traits)
+                                      : ecPublicObject(handle, cert, id, has("wrapped")));
+        fake::Object& object = out.back();
+        fake::Bytes& value = object.attributes[CKA_VALUE];
+        const std::string acme = "Acme";
+        if (has("unsaid")) object.attributes.erase(CKA_SIGN);
+        if (has("private")) object.isPrivate = true;
+        if (has("own")) object.attributes[CKA_EC_POINT] = ecPublicObject(0, cert, "", true).attributes[CKA_EC_POINT];
+        if (has("malformed")) *(std::search(value.begin(), value.end(), acme.begin(), acme.end()) - 1) += 1;  // its length
+        if (has("nonsense")) value = fake::bytesOf("no DER");
+        if (has("wtls")) object.attributes[CKA_CERTIFICATE_TYPE] = fake::bytesOf(CK_ULONG{2});
+        if (has("sensitive")) object.sensitive.insert(CKA_VALUE);
+        if (has("padded")) value.resize(value.size() + 100);
+        if (has("large")) value.resize(20000);
+        if (value.empty()) object.attributes.erase(CKA_VALUE);
+    }
+    return out;
+}
+
+const std::map<std::string, std::string (*)(Pkcs11&, const Words&)>& publicCalls() {
+    static const char* const kOld = R"({"old":true})";
+    static const std::map<std::string, std::string (*)(Pkcs11&, const Words&)> calls = {
+        {"Initialize", [](auto& p, auto&) { return said(p.Initialize()); }},
+        {"Discover", [](auto& p, auto& w) { return withJson([&](auto& json) { return p.Discover(w[1] == "tokens", json); }, kOld); }},
+        {"OpenSession", [](auto& p, auto& w) { return said(p.OpenSession(number(w[1]), w[2] == "rw")); }},
+        {"CloseSession", [](auto& p, auto&) { return said(p.CloseSession()); }},
+        {"QuickSession", [](auto& p, auto& w) { return said(p.QuickSession(number(w[1]), XString(w[2]))); }},
+        {"Login", [](auto& p, auto& w) { return said(p.Login(number(w[1]), XString(w[2]))); }},
+        {"login", [](auto& p, auto& w) { return said(p.login(number(w[1]), w[2].c_str(), p.log())); }},
+        {"alreadyLoggedIn", [](auto& p, auto& w) { return said(p.alreadyLoggedIn(number(w[1]), p.log())); }},
+        {"Logout", [](auto& p, auto&) { return said(p.Logout()); }},
+        {"SigContextPin",
+         [](auto& p, auto&) {
+             XString pin;
+             return p.get_SigContextPin(pin), std::string(pin.view());
+         }},
+        {"SetPin", [](auto& p, auto& w) { return said(p.SetPin(XString(w[1]), XString(w[2]))); }},
+        {"InitPin", [](auto& p, auto& w) { return said(p.InitPin(XString(w[1]))); }},
+        {"InitToken", [](auto& p, auto& w) { return said(p.InitToken(number(w[1]), XString(w[2]), XString(w[3]))); }},
+        {"FindObject", [](auto& p, auto& w) { return withJson([&](auto& json) { return p.FindObject(json); }, w[1]); }},
+        {"FindAllKeys", [](auto& p, auto& w) { return withJson([&](auto& json) { return p.FindAllKeys(XString(w[1]), json); }, kOld); }},
+        {"FindAllCerts", [](auto& p, auto&) { return said(p.FindAllCerts()); }},
+        {"FindCert", [](auto& p, auto& w) { return withCert([&](auto& cert) { return p.FindCert(XString(w[1]), XString(w[2]), cert); }); }},
+        {"GetCert", [](auto& p, auto& w) { return withCert([&](auto& cert) { return p.GetCert(number(w[1]), cert); }); }},
+        {"NumCerts", [](auto& p, auto&) { return std::to_string(p.get_NumCerts()); }},
     };
     return calls;
 }
@@ -164,7 +224,7 @@ void FakeTest::forget() {
     world.journal.clear();
 }
 
-std::string FakeTest::cn(ClsCert& cert) {
+std::string cn(ClsCert& cert) {
     LogNull log;
     XString text;
     const auto held = cert.getCert();

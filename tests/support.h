@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <functional>
 #include <string>
 #include <vector>
@@ -22,19 +23,15 @@ using testing::Not;
 /// The class under test with its internal methods and members in view.
 class Pkcs11 final : public ClsPkcs11 {
   public:
-    using ClsPkcs11::alreadyLoggedIn, ClsPkcs11::C_Initialize, ClsPkcs11::cacheEcdsaPrivateKeys, ClsPkcs11::cacheRsaPrivateKeys, ClsPkcs11::checkSetSpecial,
-        ClsPkcs11::findPkcs11Cert, ClsPkcs11::findPrivKeyHandle, ClsPkcs11::getPkcs11Functions, ClsPkcs11::getSlotIdsWithTokenPresent,
-        ClsPkcs11::hasOpenSession, ClsPkcs11::loadPkcs11Dll, ClsPkcs11::loadPkcs11Dll_2, ClsPkcs11::login, ClsPkcs11::m_certHandleIsKeyHandle,
-        ClsPkcs11::m_certs, ClsPkcs11::m_certsLoaded, ClsPkcs11::m_ecdsaKeysLoaded, ClsPkcs11::m_ecdsaPrivKeys, ClsPkcs11::m_hSession, ClsPkcs11::m_initialized,
-        ClsPkcs11::m_libHandle, ClsPkcs11::m_loadedLibPath, ClsPkcs11::m_rsaKeysHaveModulus, ClsPkcs11::m_rsaKeysHaveSubject, ClsPkcs11::m_rsaKeysLoaded,
-        ClsPkcs11::m_rsaPrivKeys, ClsPkcs11::m_slotId, ClsPkcs11::m_soLoggedIn, ClsPkcs11::m_userLoggedIn, ClsPkcs11::setContextSpecificPin;
+    using ClsPkcs11::alreadyLoggedIn, ClsPkcs11::cacheEcdsaPrivateKeys, ClsPkcs11::cacheRsaPrivateKeys, ClsPkcs11::findPkcs11Cert, ClsPkcs11::hasOpenSession,
+        ClsPkcs11::login, ClsPkcs11::openSession, ClsPkcs11::m_certs, ClsPkcs11::m_certsLoaded, ClsPkcs11::m_ecdsaKeysLoaded, ClsPkcs11::m_hSession,
+        ClsPkcs11::m_rsaKeysHaveModulus, ClsPkcs11::m_rsaKeysHaveSubject, ClsPkcs11::m_rsaKeysLoaded, ClsPkcs11::m_rsaPrivKeys, ClsPkcs11::m_soLoggedIn,
+        ClsPkcs11::m_userLoggedIn;
 
-    // What stands in the log of all calls kept, by channel; contexts as "name".
+    // What stands in the log of all calls kept, by channel; values as "name=value".
     [[nodiscard]] std::vector<std::string> lines(_mvLogger::Entry::What what) const;
     [[nodiscard]] std::vector<std::string> errors() const { return lines(_mvLogger::Entry::What::Error); }
     [[nodiscard]] std::vector<std::string> infos() const { return lines(_mvLogger::Entry::What::Info); }
-    [[nodiscard]] std::vector<std::string> contexts() const { return lines(_mvLogger::Entry::What::Enter); }
-    /// "name=value" of the named values.
     [[nodiscard]] std::vector<std::string> values() const { return lines(_mvLogger::Entry::What::Data); }
 };
 
@@ -51,13 +48,16 @@ class FakeModule {
     fake::World* m_world;
 };
 
+/// Whether the environment says MERVANE_UNDER_VALGRIND, where the slow tests skip themselves.
+inline bool isUnderValgrind() { return std::getenv("MERVANE_UNDER_VALGRIND") != nullptr; }
 /// A folder of this process, removed at its end.
 const std::string& scratchFolder();
 std::string readFile(const std::string& path);
-/// The whole log of a call as it has to be, from tests/data/logs.
-std::string wantedLog(const std::string& name);
-/// The rows of a file in tests/data: columns with `|` between them, without the blanks around them;
-/// %NN is a byte, a line that begins with "# " a comment.
+/// The whole text of a log or report as it has to be: the file tests/data/NAME.txt.
+std::string wanted(const std::string& name);
+/// Columns with `|` between them, without the blanks around them; %NN is a byte.
+std::vector<std::string> columnsOf(const std::string& line);
+/// The rows of a file in tests/data, without lines that begin with "# ".
 std::vector<std::vector<std::string>> dataRows(const std::string& file);
 
 /// One of the certificates made by tests/data/make-certs.
@@ -78,12 +78,15 @@ fake::Object keyObject(CK_OBJECT_HANDLE handle, const std::string& cert, const K
 /// The public key of a certificate's EC key pair; its point raw or as DER OCTET STRING.
 fake::Object ecPublicObject(CK_OBJECT_HANDLE handle, const std::string& cert, const std::string& id, bool wrapped);
 
-/// A call of each public method that asks something of the token, under the context that it opens.
-struct PublicCall {
-    const char* context;
-    std::function<bool(Pkcs11&)> call;
-};
-const std::vector<PublicCall>& publicCalls();
+/// Objects as data/find-key.txt writes them, with handles from 1 on.
+std::vector<fake::Object> objectsOf(const std::string& text);
+
+/// Subject CN of a certificate; empty without one.
+std::string cn(ClsCert& cert);
+
+using Words = std::vector<std::string>;  ///< a name and its arguments; missing ones are empty
+/// The methods by name; the result as data/transcripts shows it.
+const std::map<std::string, std::string (*)(Pkcs11&, const Words&)>& publicCalls();
 
 /// A test on the scriptable module. Whatever the test does, at its end no log line may hold a PIN,
 /// no context may be open, the module may have seen nothing against the standard, and once the
@@ -98,8 +101,6 @@ class FakeTest : public testing::Test {
     /// Forgets the log and the journal so far.
     void forget();
     std::vector<fake::Object>& objects() { return world.slots[0].objects; }
-    /// Subject CN of a certificate; empty without one.
-    static std::string cn(ClsCert& cert);
 
     FakeModule module{"libfake.so"};
     fake::World& world = module.world();

@@ -15,20 +15,10 @@ std::vector<std::uint8_t> hex(std::string_view digits) { return fromHex(digits).
 std::vector<std::uint8_t> bytesOf(const std::string& text) { return {text.begin(), text.end()}; }
 
 TEST(OidTest, TextAndOctetsAgree) {
-    const std::pair<const char*, const char*> rows[] = {{"550403", "2.5.4.3"},
-                                                        {"2A864886F70D010101", "1.2.840.113549.1.1.1"},
-                                                        {"00", "0.0"},
-                                                        {"883703", "2.999.3"},
-                                                        {"5504", "2.5.4"},
-                                                        // 2.25 and a UUID of 128 bits (ITU-T X.667): an arc beyond 64 bits, which is read only; and 10^20
-                                                        {"6983F09DA7EBCFDEE0C7A1A7B2C0948CC8F9D776", "2.25.329800735698586629295641978511506172918"},
-                                                        {"8AEBE3D7C5D698C08000", "2.99999999999999999920"}};
-    for (const auto& [octets, dotted] : rows) {
-        EXPECT_EQ(oidToText(hex(octets)), dotted);
-        EXPECT_EQ(toHex(bytesOf(oidFromText(dotted))), std::strlen(octets) > 18 ? "" : octets);
+    for (const auto& row : dataRows("oids.txt")) {
+        EXPECT_EQ(oidToText(hex(row[0])), row[1]);
+        EXPECT_EQ(toHex(bytesOf(oidFromText(row[1]))), row[2] == "yes" ? row[0] : "") << row[1];
     }
-    // Nothing, one that ends within an arc, one with a padded arc
-    for (const char* const bad : {"", "80", "558004"}) EXPECT_EQ(oidToText(hex(bad)), "") << bad;
     EXPECT_TRUE(oidToText(std::vector<std::uint8_t>(5000, 0xFF)).empty());
     for (const char* const bad : {"", "1", "3.1", "1.40", "1..2", "1.2.", "a.b", "1.2.99999999999999999999"}) EXPECT_TRUE(oidFromText(bad).empty()) << bad;
 }
@@ -56,26 +46,30 @@ TEST(NameTest, TextForms) {
 }
 
 TEST(CertificateTest, ExtensionsOfAnyFormStayReadable) {
-    const auto xml = [](const char* oid, const char* value) { return extensionToXml(bytesOf(oidFromText(oid)), true, hex(value)); };
-    EXPECT_EQ(xml("1.2.3", "0500"), "<extension><extnID>1.2.3</extnID><critical>true</critical><hex>0500</hex></extension>");
-    EXPECT_THAT(xml("2.5.29.32", "30"), HasSubstr("<hex>30</hex>"));  // malformed policies
-    // A qualifier's OID is no policy.
-    EXPECT_EQ(xml("2.5.29.32", "3017301506022A03300F300D06082B06010505070201160161"),
-              "<certificatePolicies><policy><oid>1.2.3</oid></policy></certificatePolicies>");
-    const std::pair<const char*, int> usages[] = {
+    const std::tuple<const char*, const char*, const char*> rows[] = {
+        {"1.2.3", "0500", "<extension><extnID>1.2.3</extnID><critical>true</critical><hex>0500</hex></extension>"},
+        // malformed policies; a qualifier's OID, which is no policy
+        {"2.5.29.32", "30", "<extension><extnID>2.5.29.32</extnID><critical>true</critical><hex>30</hex></extension>"},
+        {"2.5.29.32", "3017301506022A03300F300D06082B06010505070201160161", "<certificatePolicies><policy><oid>1.2.3</oid></policy></certificatePolicies>"}};
+    for (const auto& [oid, value, xml] : rows) EXPECT_EQ(extensionToXml(bytesOf(oidFromText(oid)), true, hex(value)), xml);
+}
+
+TEST(CertificateTest, KeyUsageIsItsFirstOctetOrNothing) {
+    const std::pair<const char*, int> rows[] = {
         {"030206C0", 0xC0}, {"030206FF", 0xC0}, {"03030700FF", 0x00}, {"0303078080", 0x80}, {"030100", 0}, {"0500", 0}, {"", 0}};
-    for (const auto& [value, bits] : usages) EXPECT_EQ(keyUsageBits(hex(value)), bits) << value;
+    for (const auto& [value, bits] : rows) EXPECT_EQ(keyUsageBits(hex(value)), bits) << value;
+}
+
+TEST(CertificateTest, WhatACertificateLacksIsLeftAlone) {
     LogNull log;
-    StringBuffer text;
-    EXPECT_TRUE(loadCert("alice")->getExtensionXml("2.5.29.32", text, log));
-    EXPECT_EQ(text.view(), "<certificatePolicies><policy><oid>1.2.3.4</oid></policy><policy><oid>2.5.29.32.0</oid></policy></certificatePolicies>");
-    EXPECT_FALSE(loadCert("ca")->getExtensionXml("2.5.29.15", text, log));
+    StringBuffer xml;
     XString part("old");
-    EXPECT_FALSE(loadCert("bob")->getSubjectPart("L", part, log));
-    EXPECT_EQ(part.view(), "old");  // untouched
+    EXPECT_FALSE(loadCert("ca")->getExtensionXml("2.5.29.15", xml, log) || loadCert("bob")->getSubjectPart("L", part, log));
+    EXPECT_EQ(part.view(), "old");
 }
 
 TEST(CertificateTest, EveryTruncationAndFlippedByteIsHarmless) {
+    if (isUnderValgrind()) GTEST_SKIP();
     for (const char* const name : {"alice", "p521", "explicit"}) {
         fake::Bytes der = certDer(name);
         for (std::size_t size = 0; size < der.size(); ++size) EXPECT_FALSE(readAll(der::Bytes(der).first(size)));
@@ -97,10 +91,10 @@ TEST(EcPointTest, FormIsToldByTheCurvesLength) {
     raw[0] = 0x04;
     std::vector<std::uint8_t> wrapped = raw;
     wrapped.insert(wrapped.begin(), {0x04, 0x41});
-    EXPECT_EQ(unwrapEcPoint(raw, p256).size(), 65U);  // reads as DER as well: 04 41 ..
-    EXPECT_EQ(unwrapEcPoint(wrapped, p256).size(), 65U);
-    EXPECT_EQ(unwrapEcPoint(raw, nullptr).size(), 65U);
-    EXPECT_EQ(unwrapEcPoint(wrapped, nullptr).size(), 65U);
+    for (const EcCurve* const curve : {p256, static_cast<const EcCurve*>(nullptr)}) {
+        EXPECT_EQ(unwrapEcPoint(raw, curve).size(), 65U);  // reads as DER as well: 04 41 ..
+        EXPECT_EQ(unwrapEcPoint(wrapped, curve).size(), 65U);
+    }
     const EcCurve* const p384 = findCurve(hex("06052B81040022"));
     EXPECT_TRUE(unwrapEcPoint(raw, p384).empty());
     EXPECT_TRUE(unwrapEcPoint({}, p256).empty() && unwrapEcPoint(hex("00"), p256).empty());

@@ -2,9 +2,13 @@
 // and notes whatever its caller does against the standard.
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
+#include <span>
+#include <tuple>
 #include <utility>
 
+#include "pkcs11/calls/functions.h"
 #include "tests/fake/world.h"
 
 using namespace mervane;
@@ -108,12 +112,8 @@ bool isSeen(const Object& object, const Slot& slot) { return !object.isPrivate |
 CK_RV initialize(void* args) {
     return call("C_Initialize", {args == nullptr ? 0UL : 1UL}, {}, [&](World& w) -> CK_RV {
         if (w.needsNullArguments && args != nullptr) return CKR_ARGUMENTS_BAD;
-        if (w.initialized || w.initializedByOthers) {
-            w.initialized = true;
-            return CKR_CRYPTOKI_ALREADY_INITIALIZED;
-        }
-        w.initialized = true;
-        return CKR_OK;
+        const bool isDone = std::exchange(w.initialized, true) || w.initializedByOthers;
+        return isDone ? CKR_CRYPTOKI_ALREADY_INITIALIZED : CKR_OK;
     });
 }
 
@@ -202,7 +202,8 @@ CK_RV checkPin(Slot& slot, bool isOfficer, const unsigned char* pin, CK_ULONG si
 }
 
 CK_RV initToken(CK_SLOT_ID id, CK_UTF8CHAR* pin, CK_ULONG size, CK_UTF8CHAR* label) {
-    return slotCall("C_InitToken", false, {id}, {}, [&](World&, Slot& slot) -> CK_RV {
+    return slotCall("C_InitToken", false, {id}, {}, [&](World& w, Slot& slot) -> CK_RV {
+        if (std::memchr(label, '\0', 32) != nullptr) w.violations.emplace_back("label not padded with blanks");
         if (const CK_RV rv = checkPin(slot, true, pin, size); rv != CKR_OK) return rv;
         slot.label.assign(reinterpret_cast<const char*>(label), 32);
         slot.objects.clear();
@@ -274,20 +275,13 @@ CK_RV getAttributes(const Object& object, CK_ATTRIBUTE* attributes, CK_ULONG cou
     for (CK_ULONG i = 0; i < count; ++i) {
         CK_ATTRIBUTE& wanted = attributes[i];
         const auto at = object.attributes.find(wanted.type);
-        CK_RV one = CKR_OK;
-        if (object.sensitive.contains(wanted.type)) {
-            one = CKR_ATTRIBUTE_SENSITIVE;
-        } else if (at == object.attributes.end()) {
-            one = CKR_ATTRIBUTE_TYPE_INVALID;
-        } else if (wanted.pValue != nullptr && wanted.ulValueLen < at->second.size()) {
-            one = CKR_BUFFER_TOO_SMALL;
-        } else {
-            if (wanted.pValue != nullptr && !at->second.empty()) std::memcpy(wanted.pValue, at->second.data(), at->second.size());
-            wanted.ulValueLen = at->second.size();
-            continue;
-        }
-        wanted.ulValueLen = CK_UNAVAILABLE_INFORMATION;
-        rv = one;
+        const CK_RV one = object.sensitive.contains(wanted.type)                              ? CKR_ATTRIBUTE_SENSITIVE
+                          : at == object.attributes.end()                                     ? CKR_ATTRIBUTE_TYPE_INVALID
+                          : wanted.pValue != nullptr && wanted.ulValueLen < at->second.size() ? CKR_BUFFER_TOO_SMALL
+                                                                                              : CKR_OK;
+        if (one == CKR_OK && wanted.pValue != nullptr) std::ranges::copy(at->second, static_cast<unsigned char*>(wanted.pValue));
+        wanted.ulValueLen = one == CKR_OK ? at->second.size() : CK_UNAVAILABLE_INFORMATION;
+        if (one != CKR_OK) rv = one;
     }
     return rv;
 }
@@ -308,8 +302,8 @@ CK_RV findObjectsInit(CK_SESSION_HANDLE session, CK_ATTRIBUTE* attributes, CK_UL
         for (const Object& object : slot.objects) {
             const bool fits = std::all_of(attributes, attributes + count, [&](const CK_ATTRIBUTE& a) {
                 const auto at = object.attributes.find(a.type);
-                return at != object.attributes.end() && at->second.size() == a.ulValueLen &&
-                       (a.ulValueLen == 0 || std::memcmp(at->second.data(), a.pValue, a.ulValueLen) == 0);
+                const auto* const wanted = static_cast<const unsigned char*>(a.pValue);
+                return at != object.attributes.end() && std::ranges::equal(at->second, std::span(wanted, a.ulValueLen));
             });
             if (fits && isSeen(object, slot)) found.push_back(object.handle);
         }
@@ -336,10 +330,25 @@ CK_RV findObjectsFinal(CK_SESSION_HANDLE session) {
     return sessionCall("C_FindObjectsFinal", session, {}, {}, [&](World& w, Slot&) -> CK_RV { return w.searches.erase(session) == 1 ? CKR_OK : 0x091; });
 }
 
+using std::pair;
+constexpr std::tuple kFunctions(pair(function::kInitialize, &initialize), pair(function::kFinalize, &finalize), pair(function::kGetInfo, &getInfo),
+                                pair(function::kGetSlotList, &getSlotList), pair(function::kGetSlotInfo, &getSlotInfo),
+                                pair(function::kGetTokenInfo, &getTokenInfo), pair(function::kGetMechanismList, &getMechanismList),
+                                pair(function::kGetMechanismInfo, &getMechanismInfo), pair(function::kInitToken, &initToken),
+                                pair(function::kInitPin, &initPin), pair(function::kSetPin, &setPin), pair(function::kOpenSession, &openSession),
+                                pair(function::kCloseSession, &closeSession), pair(function::kLogin, &login), pair(function::kLogout, &logout),
+                                pair(function::kGetAttributeValue, &getAttributeValue), pair(function::kFindObjectsInit, &findObjectsInit),
+                                pair(function::kFindObjects, &findObjects), pair(function::kFindObjectsFinal, &findObjectsFinal));
+
 }  // namespace
 
 extern "C" World* fakeWorld() {
-    static World* const instance = new World;  // NOLINT: lives as long as the module
+    static World* const instance = [] {
+        auto* const made = new World;  // NOLINT: lives as long as the module
+        // For the command-line tool, which cannot reach the world
+        if (std::getenv("MERVANE_FAKE_EMPTY_SLOT") != nullptr) made->slots.push_back({.id = 2, .tokenPresent = false});
+        return made;
+    }();
     return instance;
 }
 
@@ -349,33 +358,16 @@ extern "C" CK_RV C_GetFunctionList(CK_FUNCTION_LIST** list) {
     const Presence presence(w);
     const std::lock_guard lock(w.mutex);
     w.journal.push_back({"C_GetFunctionList", {}, CKR_OK});
-    if (w.answer) {
-        if (const auto rv = w.answer("C_GetFunctionList", w.journal.size() - 1)) return *rv;
-    }
+    if (const auto rv = w.answer ? w.answer("C_GetFunctionList", w.journal.size() - 1) : std::nullopt) return *rv;
     *list = w.nullList ? nullptr : &functions;
     if (std::exchange(w.listMade, true)) return CKR_OK;
     functions = {};
     functions.version = w.version;
     functions.C_GetFunctionList = C_GetFunctionList;
-    const auto add = [&w](const char* name, auto& entry, auto function) { entry = w.nullEntries.contains(name) ? nullptr : function; };
-    add("C_Initialize", functions.C_Initialize, initialize);
-    add("C_Finalize", functions.C_Finalize, finalize);
-    add("C_GetInfo", functions.C_GetInfo, getInfo);
-    add("C_GetSlotList", functions.C_GetSlotList, getSlotList);
-    add("C_GetSlotInfo", functions.C_GetSlotInfo, getSlotInfo);
-    add("C_GetTokenInfo", functions.C_GetTokenInfo, getTokenInfo);
-    add("C_GetMechanismList", functions.C_GetMechanismList, getMechanismList);
-    add("C_GetMechanismInfo", functions.C_GetMechanismInfo, getMechanismInfo);
-    add("C_InitToken", functions.C_InitToken, initToken);
-    add("C_InitPIN", functions.C_InitPIN, initPin);
-    add("C_SetPIN", functions.C_SetPIN, setPin);
-    add("C_OpenSession", functions.C_OpenSession, openSession);
-    add("C_CloseSession", functions.C_CloseSession, closeSession);
-    add("C_Login", functions.C_Login, login);
-    add("C_Logout", functions.C_Logout, logout);
-    add("C_GetAttributeValue", functions.C_GetAttributeValue, getAttributeValue);
-    add("C_FindObjectsInit", functions.C_FindObjectsInit, findObjectsInit);
-    add("C_FindObjects", functions.C_FindObjects, findObjects);
-    add("C_FindObjectsFinal", functions.C_FindObjectsFinal, findObjectsFinal);
+    const auto add = [&w](const auto& row) {
+        w.functionNames.insert(row.first.name);
+        functions.*row.first.member = w.nullEntries.contains(row.first.name) ? nullptr : row.second;
+    };
+    std::apply([&](const auto&... rows) { (add(rows), ...); }, kFunctions);
     return CKR_OK;
 }

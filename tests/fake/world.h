@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstring>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -83,7 +84,8 @@ struct State {
     std::vector<Call> journal;
     std::vector<std::string> violations;  // of the standard's protocol, by the caller
     bool initialized = false;
-    bool listMade = false;  // the function list stays as it is until the next reset
+    bool listMade = false;                // the function list stays as it is until the next reset
+    std::set<std::string> functionNames;  // in the list, but for C_GetFunctionList
     std::map<CK_SESSION_HANDLE, CK_SLOT_ID> sessions;
     std::map<CK_SESSION_HANDLE, std::vector<CK_OBJECT_HANDLE>> searches;
     std::set<CK_OBJECT_HANDLE> issued;  // object handles that were given out
@@ -135,10 +137,7 @@ inline Bytes bytesOf(CK_ULONG number) {
     return {at, at + sizeof number};
 }
 inline Bytes bytesOf(bool flag) { return {static_cast<unsigned char>(flag ? 1 : 0)}; }
-inline Bytes bytesOf(const char* text) {
-    const std::string s(text);
-    return {s.begin(), s.end()};
-}
+inline Bytes bytesOf(const char* text) { return {text, text + std::strlen(text)}; }
 
 }  // namespace mervane::fake
 
