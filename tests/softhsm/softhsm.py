@@ -67,10 +67,9 @@ def equal(got, wanted, what):
     expect(got == wanted, f"{what}: {got!r}, expected {wanted!r}")
 
 
-def check_schema(document, name):
-    """The document against docs/schema/NAME.schema.json."""
+def check_schema(document, name, folder=pathlib.Path(__file__).resolve().parents[2] / "docs/schema"):
+    """The document against FOLDER/NAME.schema.json."""
     import jsonschema
-    root = pathlib.Path(__file__).resolve().parents[2]
-    schema = json.loads((root / "docs" / "schema" / f"{name}.schema.json").read_text())
+    schema = json.loads((folder / f"{name}.schema.json").read_text())
     for error in jsonschema.Draft202012Validator(schema).iter_errors(document):
         expect(False, f"{name}: {list(error.absolute_path)}: {error.message}")
