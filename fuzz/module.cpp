@@ -1,5 +1,5 @@
-// A module whose answers are drawn from the input (return values, counts, lengths, handles and
-// bytes) on one of the scenarios, which then has to succeed without faults.
+// A module whose answers (return values, counts, lengths, handles and bytes) are drawn from the input,
+// in one of the scenarios, which must then succeed without faults.
 
 #include <algorithm>
 #include <stdexcept>

@@ -23,7 +23,7 @@ static bool fails() {
     return true;
 }
 
-// The allocator's own word stands in front of each block.
+// malloc keeps one word of its own in front of each block.
 static unsigned long sizeOf(void* memory) { return memory == nullptr ? 0 : malloc_usable_size(memory) + sizeof(std::size_t); }
 
 }  // namespace mervane::test::allocations

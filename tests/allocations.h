@@ -3,16 +3,15 @@
 
 #include <atomic>
 
-/// Memory that runs out on request: the program's operator new fails for one allocation, or for all
-/// from there on.
+/// Memory that runs out on demand: the program's operator new fails once, or from then on.
 namespace mervane::test::allocations {
 
-extern std::atomic<long> left;             ///< allocations until one fails; -1: none fails
+extern std::atomic<long> left;             ///< allocations until one fails; -1: never
 extern std::atomic<bool> failsOnwards;     ///< and all that follow
 extern std::atomic<int>* insideModule;     ///< while this is not 0, none fails: the module's own do not count
 extern std::atomic<unsigned long> number;  ///< of allocations so far
 extern std::atomic<unsigned long> inUse;   ///< bytes, with what the allocator keeps for itself
-extern std::atomic<unsigned long> peak;    ///< the most of them at a time
+extern std::atomic<unsigned long> peak;    ///< the most in use at any time
 
 }  // namespace mervane::test::allocations
 

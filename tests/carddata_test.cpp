@@ -1,5 +1,5 @@
-// The card database and the look-up by ATR. That each of its cards is found is shown by
-// softhsm/cards.py against a reading of its own.
+// The card database and the lookup by ATR. softhsm/cards.py checks every card against an independent
+// reading.
 
 #include "pkcs11/carddata/carddata.h"
 #include "foundation/system/deflate.h"
@@ -14,7 +14,7 @@ class ObjectWithLog final : public ClsBase {};
 
 class CardsTest : public testing::Test {
   protected:
-    // What a look-up finds, from outputs in use: "name|path path|read-only"; empty when it is false.
+    // What a lookup finds, with outputs that hold something already: "name|path path|read-only"; empty on failure.
     std::string find(const char* atr, ClsJsonObject* data = nullptr) {
         StringBuffer name("old");
         ExtPtrArraySb paths;
@@ -33,7 +33,7 @@ class CardsTest : public testing::Test {
         EXPECT_TRUE(document.loadJson(json, object.log())) << object.log().lastError();
         return find(atr, &document);
     }
-    // The error lines, with a blank between them.
+    // The error lines, separated by blanks.
     std::string errors() {
         std::string out;
         object.log().forEach([&](const _mvLogger::Entry& entry) {
@@ -43,7 +43,7 @@ class CardsTest : public testing::Test {
     }
     ObjectWithLog object;
     ClsJsonObject document;
-    int numPaths = 0;  // that the last look-up gave
+    int numPaths = 0;  // given by the last lookup
 };
 
 TEST_F(CardsTest, DocumentIsWholeAndNamesACard) {
@@ -116,7 +116,7 @@ class StreamTest : public CardsTest {
         packed.appendEncodedById(text, 1);
         EXPECT_TRUE(carddata::load(carddata::constants(), whole, log));
     }
-    // Whether it gives anything, which is the exact document.
+    // Whether anything is loaded; if so, it is the exact document.
     bool loads(std::string_view constants) {
         DataBuffer out;
         const bool ok = carddata::load({&constants, 1}, out, log);
@@ -136,7 +136,7 @@ class StreamTest : public CardsTest {
 TEST_F(StreamTest, IsTakenWholeOrNotAtAll) {
     EXPECT_TRUE(inflates(whole.getSize()));
     EXPECT_FALSE(inflates(whole.getSize() - 1));
-    packed.appendByte(0);  // a byte behind the stream
+    packed.appendByte(0);  // a byte after the stream
     EXPECT_FALSE(inflates(whole.getSize()));
 }
 
@@ -152,7 +152,7 @@ TEST_F(StreamTest, DamagedConstantsGiveNothingOrTheExactDocument) {
         numLoaded += loads(toBase64(bytes)) ? 1 : 0;
         flip();
     }
-    EXPECT_LT(numLoaded, 100);  // a copy from another place of the same text
+    EXPECT_LT(numLoaded, 100);  // the same text, copied from elsewhere in the stream
 }
 
 }  // namespace

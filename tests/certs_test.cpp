@@ -7,7 +7,7 @@ namespace {
 
 class CertsTest : public FakeTest {
   protected:
-    // "alice, bob" or the error, from one FindCert.
+    // The subject CN that one FindCert gives, or its last error.
     std::string find(const std::string& part, const std::string& value) {
         ClsCert cert;
         const bool found = p11->FindCert(XString(part), XString(value), cert);
@@ -63,7 +63,7 @@ TEST_F(CertsTest, EveryRuleFindsItsCertificateAndNoOther) {
     EXPECT_EQ(find("thumbprint", thumbprint.substr(2)), "Not found.");
     EXPECT_EQ(world.count("C_FindObjectsInit"), 1U);  // the cache is filled once
     _smartcardCertSpec both;
-    both.mustHavePrivateKey = true;  // does not count beside a part
+    both.mustHavePrivateKey = true;  // has no effect beside a part
     both.certPart.setString("CN");
     both.certPartVal.setString("Bob");
     ClsCert cert;

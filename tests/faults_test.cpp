@@ -1,5 +1,5 @@
-// Whatever a module answers, the application is not hurt: every call of six scenarios with every return
-// value, lies of all kinds, tokens that come and go, and memory that runs out.
+// Whatever a module answers, the application comes to no harm: six scenarios with every return value at
+// every call, lies of all kinds, tokens that come and go, and memory that runs out.
 
 #include <stdexcept>
 
@@ -11,7 +11,7 @@ namespace {
 
 class FaultsTest : public testing::TestWithParam<std::tuple<std::size_t, Token>> {
   protected:
-    // The scenario with faults; then again without.
+    // Runs the scenario with faults, then without.
     void runWith(const std::function<void()>& arrange, const std::string& what, std::size_t number, bool mustRecover = true) {
         if (HasFailure()) return;
         const auto disarm = [this](bool ok) {
@@ -23,11 +23,11 @@ class FaultsTest : public testing::TestWithParam<std::tuple<std::size_t, Token>>
         ++numRuns;
         ASSERT_FALSE(HasFailure()) << m_scenario.name << ": " << what << " " << number;
     }
-    // The same with one call of the scenario answered as told.
+    // The same with one call of the scenario answered by `answer`.
     void runWithAnswer(const std::function<CK_RV()>& answer, const std::string& what, std::size_t at) {
         runWith([&] { world.answer = [=](auto&, auto index) { return index == at ? std::optional(answer()) : std::nullopt; }; }, what, at);
     }
-    // The calls of the scenario without faults.
+    // The number of calls in the scenario without faults.
     std::size_t traceLength() {
         std::size_t length = 0;
         EXPECT_TRUE(recovers(
@@ -42,7 +42,7 @@ class FaultsTest : public testing::TestWithParam<std::tuple<std::size_t, Token>>
     const FakeModule module{"libfake.so"};
     fake::World& world = module.world();
     std::size_t numRuns = 0;
-    long numAllocationsLeft = 0;  // when the scenario had ended; above 0 none had failed
+    long numAllocationsLeft = 0;  // at the end of the scenario; above 0, none failed
 };
 
 TEST_P(FaultsTest, EveryReturnValueAtEveryCall) {
@@ -137,7 +137,7 @@ const struct Lie {
 
 TEST_P(FaultsTest, EveryLieFirstMiddleLastAndAlways) {
     for (const Lie& row : kLies) {
-        // With session 0 the module has one open that nobody can close.
+        // A module that gives session 0 has one open that nobody can close.
         const bool leaves = std::string(row.what) == "session of zero";
         std::size_t numTold = 0;
         const auto tellAt = [&](long wanted) {

@@ -42,7 +42,7 @@ JsonValue parsed(std::string_view text) {
     return value;
 }
 
-// The rules of RFC 8259, as the public test suites for parsers group them.
+// The rules of RFC 8259, grouped as in the public parser test suites.
 TEST(JsonTest, ValidTextsAreAcceptedAndInvalidOnesRefused) {
     for (const auto& row : dataRows("json-valid.txt")) {
         const JsonValue value = parsed(row[0]);
@@ -72,7 +72,7 @@ TEST_F(JsonObjectTest, PathsNameValues) {
         json->put_I(std::stoi(row[1]));
         EXPECT_EQ(json->JsonTypeOf(row[0]), std::stoi(row[2])) << row[0];
     }
-    EXPECT_EQ(json->valueAt("d")->asNumber(), "1");  // the first of two counts
+    EXPECT_EQ(json->valueAt("d")->asNumber(), "1");  // the first of two members counts
 }
 
 TEST_F(JsonObjectTest, SizeOfWhatIsNoArrayIsSaid) {
@@ -102,7 +102,7 @@ TEST(JsonTest, WrittenTextIsValidWhateverItHolds) {
                                10));
     EXPECT_EQ(toJsonText(value, false), "{\"t\":\"\\\"\\\\\\n\\u0001\\u007F\\u009B\xEF\xBF\xBD\xC3\xBC\"}");
     EXPECT_EQ(toJsonText(JsonValue::array(), true), "[]");
-    // Pairs of surrogates at both ends, and halves
+    // Surrogate pairs at both ends of their range, and lone halves
     const std::string half = "\xEF\xBF\xBD";
     EXPECT_EQ(parsed(R"("\uD800\uDC00\uDBFF\uDFFF\uD834x\uDC00\uD834\uD834\uDD1E")").asString(),
               "\xF0\x90\x80\x80\xF4\x8F\xBF\xBF" + half + "x" + half + half + "\xF0\x9D\x84\x9E");
@@ -140,7 +140,7 @@ TEST(LogTest, RendersAsTextAndJson) {
     EXPECT_EQ(
         toJsonText(parsed(object.log().json()), false),
         R"([{"context":"Call","entries":[{"info":"line\\x0awith end"},{"context":"inner","entries":[{"name":"n","value":"-5"},{"error":"wrong"},{"info":"do this"}]}]},{"context":"Next","entries":[]}])");
-    EXPECT_TRUE(object.log().lastError().empty() && object.log().lastHint().empty());  // of the last call
+    EXPECT_TRUE(object.log().lastError().empty() && object.log().lastHint().empty());  // they belong to the last call
 }
 
 TEST(LogTest, EarlierCallsAreKeptAsFarAsTheyFit) {

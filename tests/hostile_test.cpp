@@ -1,5 +1,5 @@
-// Certificates, JSON and compressed data made to hurt: work and memory stay in proportion to the input,
-// and what is refused is refused for good.
+// Certificates and JSON made to hurt: time and memory stay in proportion to the input, and malformed
+// parts give no value.
 
 #include <ctime>
 
@@ -29,7 +29,7 @@ Bytes tlv(char tag, const Bytes& content) {
     return Bytes{tag, static_cast<char>(0x80 + length.size())} + length + content;
 }
 
-// DER as data/cert-parts.txt and cert-growing.txt write it, up to a closing bracket.
+// DER in the notation of data/cert-parts.txt and cert-growing.txt, up to a closing bracket.
 class DerText {
   public:
     DerText(std::string_view text, std::size_t size) : m_rest(text), m_size(size) {}
@@ -65,7 +65,7 @@ class DerText {
     const std::size_t m_size;
 };
 
-// A certificate that is good but for the part; the part alone when it is the whole.
+// A certificate that is good except for one part; the part "whole" is all of it.
 Bytes certificate(const std::string& part, const std::string& text, std::size_t size = 0) {
     const std::string name = "30(31(30(06(550403)0C(41))))";
     std::map<std::string, std::string> parts{{"serial", "02(05)"}, {"subject", name}, {"key", "30(30(06(2A864886F70D010101))03(0030(02(00F1*128)02(03))))"}};
@@ -77,7 +77,7 @@ Bytes certificate(const std::string& part, const std::string& text, std::size_t 
 
 std::span<const std::uint8_t> asBytes(const Bytes& text) { return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()}; }
 
-// Of this thread alone, whatever else the machine does.
+// CPU time of this thread alone.
 double cpuSeconds() {
     timespec now{};
     ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
@@ -91,7 +91,7 @@ bool parses(const Bytes& text) {
     return parseJson(text, value, error);
 }
 
-// The most memory that the work takes at a time.
+// The peak of the memory that the work takes.
 template <class Work>
 unsigned long peakOf(const Work& work) {
     const unsigned long before = allocations::inUse;
@@ -100,7 +100,8 @@ unsigned long peakOf(const Work& work) {
     return allocations::peak - before;
 }
 
-// The time for the large input to that for the small one: the least of seven each, taken in turn.
+// The time for the large input divided by that for the small one, each the least of seven runs taken in
+// turn.
 double ratioOf(const Bytes& small, const Bytes& large, bool (*work)(const Bytes&)) {
     double least[2] = {1e9, 1e9};
     for (int i = 0; i < 14; ++i) {
@@ -111,7 +112,8 @@ double ratioOf(const Bytes& small, const Bytes& large, bool (*work)(const Bytes&
     return least[1] / least[0];
 }
 
-// For an input doubled twice linear work is 4, quadratic 16; caches and a busy machine take their share.
+// Four times the input takes linear work 4 times as long and quadratic work 16 times; caches and a busy
+// machine add some.
 constexpr double kMaxRatio = 8;
 
 void expectProportion(const std::string& what, const std::function<Bytes(std::size_t size)>& make, bool (*work)(const Bytes&), bool result) {
@@ -149,7 +151,7 @@ TEST(HostileTest, JsonTakesTimeAndMemoryInProportion) {
 TEST(HostileTest, ListsAndObjectsTakeMemoryInProportionWhateverTheyHold) {
     if (isUnderValgrind()) GTEST_SKIP();
     for (const auto& row : dataRows("json-items.txt")) {
-        for (const std::size_t size : {100000U, 140000U}) {  // a list that doubles is at its worst at one of them
+        for (const std::size_t size : {100000U, 140000U}) {  // a doubling list is at its worst at one of them
             for (const Bytes& text : {"[" + repeated(row[0] + ",", size) + "0]", "{" + repeated("\"\":" + row[0] + ",", size) + "\"\":0}"})
                 EXPECT_LE(peakOf([&] { EXPECT_TRUE(parses(text)); }), 16 * text.size()) << text.substr(0, 100);
         }

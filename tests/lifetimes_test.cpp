@@ -19,7 +19,7 @@ class LifetimesTest : public FakeTest {
         return object;
     }
     bool quick(Pkcs11& object) const { return object.QuickSession(1, XString(world.slots[0].userPin)); }
-    // A session, and a certificate that is linked to its key through it.
+    // Opens a session and finds a certificate that is linked to its key.
     bool linkCert() { return quick(*p11) && p11->FindCert(XString("privateKey"), XString(), cert); }
     ClsCert cert;
 };
@@ -41,7 +41,7 @@ TEST_F(LifetimesTest, LinkHoldsForItsSessionOnly) {
     ASSERT_TRUE(linkCert());
     const auto loose = loadCert("alice");  // in no cache
     loose->linkToPkcs11Session(p11.get(), 1, 256, 2, p11->log());
-    EXPECT_TRUE(loose->hasPrivateKey(true, p11->log()) && p11->FindAllCerts() && cert.HasPrivateKey());  // read again since
+    EXPECT_TRUE(loose->hasPrivateKey(true, p11->log()) && p11->FindAllCerts() && cert.HasPrivateKey());  // after another reading
     ASSERT_TRUE(p11->OpenSession(-1, true));
     EXPECT_FALSE(loose->hasPrivateKey(true, p11->log()));
     EXPECT_FALSE(cert.HasPrivateKey());
@@ -63,7 +63,7 @@ TEST_F(LifetimesTest, TwoObjectsOnOneModuleInEveryOrder) {
     }
 }
 
-// Runs `work` in a forked child; its result is whether the child said yes within half a minute.
+// Runs `work` in a forked child: whether it returned true within half a minute.
 bool inChild(const std::function<bool()>& work) {
     const pid_t child = ::fork();
     if (child == 0) {
@@ -81,7 +81,7 @@ TEST_F(LifetimesTest, ForkedChildDropsTheSessionAndBeginsAnew) {
     EXPECT_TRUE(inChild([&] {
         const bool dropped = !p11->FindAllCerts() && world.journal.size() == before && !p11->hasOpenSession();
         const bool said = p11->log().text().find("The process has forked") != std::string::npos;
-        world.initialized = false;  // a module that knows of forks
+        world.initialized = false;  // as a module does that notices forks
         world.sessions.clear();
         return dropped && said && !cert.HasPrivateKey() && p11->Initialize() && quick(*p11) && p11->FindAllCerts();
     }));
@@ -97,13 +97,13 @@ TEST_F(LifetimesTest, WhateverAForkedChildCallsFirstAnswersWithoutTheModule) {
     ASSERT_TRUE(linkCert());
     const std::size_t before = world.journal.size();
     for (const auto& [name, call] : publicCalls()) {
-        if (std::set<std::string>{"Initialize", "QuickSession", "Discover", "alreadyLoggedIn"}.contains(name)) continue;  // these begin anew or ask nothing
+        if (std::set<std::string>{"Initialize", "QuickSession", "Discover", "alreadyLoggedIn"}.contains(name)) continue;  // these start afresh or ask nothing
         const auto answers = [&, &name = name, &call = call] {
             ::alarm(1);
             return !call(*p11, {name, "1", "", "", ""}).starts_with("true") && world.journal.size() == before && !cert.HasPrivateKey() &&
                    p11->get_NumCerts() == 0 && !p11->linkCertToPkcs11Session(cert.getCert().get(), true, p11->log());
         };
-        EXPECT_TRUE(inChild(answers) || inChild(answers) || inChild(answers)) << name;  // the machine may be held up
+        EXPECT_TRUE(inChild(answers) || inChild(answers) || inChild(answers)) << name;  // the machine may be busy
     }
 }
 

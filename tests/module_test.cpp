@@ -1,4 +1,4 @@
-// Sessions, login and locks, as far as data/transcripts cannot say it.
+// Sessions, login and locks, where data/transcripts do not reach.
 
 #include <future>
 
@@ -53,7 +53,7 @@ TEST_F(ModuleTest, PinStaysTheCallersWhateverTheModuleDoesToIt) {
     EXPECT_EQ(pin.view(), world.slots[0].userPin);
 }
 
-// The internal methods that others call have the lock themselves.
+// Internal methods that other code calls take the lock themselves.
 TEST_F(ModuleTest, NoOtherThreadEntersMeanwhile) {
     ASSERT_TRUE(p11->Initialize());
     std::vector<std::future<int>> others;

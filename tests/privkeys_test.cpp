@@ -11,7 +11,7 @@ namespace {
 
 class KeysTest : public FakeTest {
   protected:
-    // Handle of the key found for a certificate of the token; 0 when there is none.
+    // Handle of the key found for a certificate of the token; 0 if there is none.
     CK_OBJECT_HANDLE link(int index = 0, bool quickMatch = true) {
         ClsCert cert;
         EXPECT_TRUE((p11->m_certsLoaded || p11->FindAllCerts()) && p11->GetCert(index, cert));
@@ -22,7 +22,7 @@ class KeysTest : public FakeTest {
         if (made) { EXPECT_THAT(p11->values(), Contains("expectedSignatureSize=" + std::to_string(made->expectedSignatureSize))); }
         return made ? made->keyHandle : 0;
     }
-    // The lines of the log about keys: no values, no errors, no context but that of the retry.
+    // The log lines about keys: no values, no errors, no context except the retry.
     std::string how() const {
         std::string out;
         std::istringstream lines(p11->log().text());
@@ -87,13 +87,13 @@ TEST_F(KeysTest, ThousandsOfKeysThatMayNotSignAreNotAllNamed) {
     EXPECT_THAT(how(), testing::EndsWith("by ID."));
 }
 
-// How often the module is asked for N certificates, each with a key, all of which are linked.
+// How often the module is called to link N certificates to N keys.
 TEST_F(KeysTest, OneCallReadsOneObject) {
     constexpr CK_ULONG kNum = 40;
     constexpr CK_ULONG kEach = kNum;  // as many different keys
     const struct {
         const char* what;
-        std::array<const char*, 2> certs;  // by turns
+        std::array<const char*, 2> certs;  // alternating
         bool withIds, withModulus, withPoints, areReadable;
         CK_ULONG numDifferent;  // the key of certificate i is key i modulo this
         CK_ULONG numReads;      // for each certificate
@@ -115,7 +115,7 @@ TEST_F(KeysTest, OneCallReadsOneObject) {
             const char* const cert = row.certs.at(i % 2);
             objects().push_back(certObject(100 + i, cert, row.withIds ? id : ""));
             objects().push_back(keyObject(200 + i, cert, {.id = id, .withSubject = row.withModulus && isEven, .withModulus = row.withModulus}));
-            if (i % 3 == 0) objects().back().attributes.erase(CKA_ALWAYS_AUTHENTICATE);  // lacking one costs no call
+            if (i % 3 == 0) objects().back().attributes.erase(CKA_ALWAYS_AUTHENTICATE);  // a missing one costs no call
             if (row.withPoints) objects().push_back(ecPublicObject(300 + i, cert, id, isEven));
         }
         ASSERT_TRUE(quick());
@@ -132,7 +132,7 @@ TEST_F(KeysTest, OneCallReadsOneObject) {
     }
 }
 
-// Modules that do not do as the standard has it with a missing attribute, or with one that is too long.
+// A module that departs from the standard where an attribute is missing or too long.
 TEST_F(KeysTest, ModuleThatGivesUpAtAMissingAttributeIsAskedOneByOne) {
     objects() = objectsOf("cert:alice:a cert:bob:b key:alice:a");
     objects()[0].attributes[CKA_VALUE].resize(20000);

@@ -1,4 +1,4 @@
-// Discovery, administration and object queries on a module that tells what it likes.
+// Discovery and object queries on a module that answers as it likes.
 
 #include "foundation/json/writer.h"
 #include "foundation/text/hex.h"
@@ -16,7 +16,7 @@ class QueriesTest : public FakeTest {
     }
     static std::size_t slots(const JsonValue& report) { return report.find("slots")->asArray()->size(); }
     static const JsonValue& slot(const JsonValue& report, std::size_t i) { return (*report.find("slots")->asArray())[i]; }
-    // Of the token in a slot, as far as they are described.
+    // The mechanisms described for the token in a slot.
     static std::size_t numMechanisms(const JsonValue& report, std::size_t i = 0) {
         const JsonValue* const list = slot(report, i).find("token")->find("mechanisms");
         return list == nullptr ? 0 : list->asArray()->size();
@@ -89,11 +89,11 @@ TEST_F(QueriesTest, ObjectOfAnySerialNumberAndHandleIsFound) {
     }
 }
 
-// A module that claims values and writes none: what the room held is not taken for them.
+// A module claims values that it did not write: what the buffer held is not taken for them.
 TEST_F(QueriesTest, UnwrittenValuesAreNoValues) {
     objects() = {keyObject(7, "alice", {.id = "a"}), keyObject(8, "alice", {.id = "a"})};
     ASSERT_TRUE(quick());
-    world.answer = [this](auto& f, auto i) {  // the second is claimed in the lengths of the room
+    world.answer = [this](auto& f, auto i) {  // the second one claims the lengths of the buffer
         return f == "C_GetAttributeValue" && world.journal[i].arguments[1] == 8 ? std::optional(CKR_OK) : std::nullopt;
     };
     EXPECT_THAT(keys(), testing::EndsWith(R"(,{"handle":8,"class":"private"}]})"));
@@ -103,7 +103,7 @@ TEST_F(QueriesTest, UnwrittenValuesAreNoValues) {
         world.lie = [&](fake::Outputs& out) {
             for (CK_ULONG i = 0; out.attributes != nullptr && i < out.room; ++i) {
                 CK_ATTRIBUTE& a = out.attributes[i];
-                // As the reader presets its room: for all at once, and for one again.
+                // As the reader presets its buffer: for all attributes, and for a single one.
                 if (a.ulValueLen == CK_UNAVAILABLE_INFORMATION) continue;
                 if (a.type == CKA_ID || a.type == CKA_LABEL) a.ulValueLen = claimed;
                 std::memset(a.pValue, out.room == 1 ? 0xA5 : 0xFF, std::min<CK_ULONG>(a.ulValueLen, 64));

@@ -5,7 +5,7 @@
 
 namespace mervane::test {
 
-/// Asks the certificate in `der` for all that can be asked of one. False when it is none.
+/// Calls every reader on the certificate in `der`. False if it is no certificate.
 inline bool readAll(der::Bytes der) {
     LogNull log;
     const auto cert = Certificate::createFromDer(der, log);

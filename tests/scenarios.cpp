@@ -5,7 +5,7 @@
 namespace mervane::test {
 namespace {
 
-// A certificate of the caller's: untouched when the call is false.
+// The caller's certificate is untouched when the call fails.
 template <class Call>
 bool givesCert(Call call) {
     ClsCert cert;
@@ -54,10 +54,10 @@ std::string journalText(const fake::World& world) {
     return out;
 }
 
-// `asked`: logins asked for so far.
+// `asked`: logins requested so far.
 void expectUnhurt(Pkcs11& p11, const fake::World& world, int asked) {
     std::size_t numBegun = 0;
-    std::size_t numRefused = 0;  // since another one was active, which may be ended
+    std::size_t numRefused = 0;  // because another one was active, which may be ended
     for (const fake::Call& call : world.journal) {
         if (call.function != "C_FindObjectsInit") continue;
         numBegun += call.result == CKR_OK ? 1 : 0;
@@ -74,7 +74,7 @@ void expectUnhurt(Pkcs11& p11, const fake::World& world, int asked) {
     for (const auto& pin : {fake::Slot().userPin, fake::Slot().soPin, std::string("a-new-user-pin-000000001")}) { EXPECT_EQ(log.find(pin), std::string::npos); }
 }
 
-// Of an object that is gone.
+// Once the object is gone.
 void expectNothingLeft(const fake::World& world) {
     std::size_t numInitialized = 0;
     for (const fake::Call& call : world.journal) numInitialized += call.function == "C_Initialize" && call.result == CKR_OK ? 1 : 0;

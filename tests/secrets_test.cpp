@@ -1,6 +1,6 @@
-// No PIN is left behind: after every scenario, and after the object is gone, the process's own writable
-// memory holds no copy of one. Searched for is the end of the PIN, since a freed block loses its
-// beginning to the allocator's own pointers.
+// No PIN is left behind: after every scenario, once the object is gone, the process's writable memory
+// holds no copy of one. The search is for the end of the PIN, since the allocator overwrites the
+// beginning of a freed block.
 
 #include <cstdio>
 #include <fstream>
@@ -13,7 +13,7 @@ namespace {
 
 constexpr unsigned char kMask = 0x5A;
 
-// A PIN of 25 bytes, made and kept masked, so that none of the test's own copies is found.
+// A 25-byte PIN, made and kept masked, so that the test's own copies are not found.
 struct Masked {
     explicit Masked(std::string_view head) {
         std::random_device random;
@@ -29,8 +29,8 @@ struct Masked {
     std::vector<unsigned char> bytes;
 };
 
-// How often the last 8 bytes of the PIN stand in the writable memory of this process. The memory is
-// looked at where it is: what was read into a buffer would be found there as well.
+// How often the last 8 bytes of the PIN occur in this process's writable memory. It is searched in
+// place: a buffer would itself hold a copy.
 int countCopies(const Masked& pin) {
     std::array<unsigned char, 8> tail{};
     std::copy_n(pin.bytes.end() - 8, 8, tail.begin());
@@ -70,7 +70,7 @@ TEST(SecretsTest, NoCopyOfAPinStaysInMemory) {
         pins[0].unmaskInto(args.userPin);
         pins[1].unmaskInto(args.newPin);
         pins[2].unmaskInto(args.soPin);
-        expectCopies(1, "made");  // the search finds what is there
+        expectCopies(1, "made");  // the search finds a copy that exists
         for (const Scenario& scenario : kScenarios) {
             furnish(world, Token::Plain);
             world.answer = [fails](auto& f, auto) { return fails && (f == "C_Login" || f == "C_SetPIN") ? std::optional(CKR_PIN_INCORRECT) : std::nullopt; };

@@ -1,5 +1,5 @@
-# What tests and fuzz targets share: the scriptable module, certificates made for the occasion, and the
-# fixtures and scenarios.
+# What tests and fuzz targets share: the scriptable module, generated certificates, fixtures and
+# scenarios.
 
 find_package(GTest REQUIRED)
 
@@ -19,7 +19,7 @@ add_library(test_support STATIC ${PROJECT_SOURCE_DIR}/tests/support.cpp ${PROJEC
 add_dependencies(test_support fake_module test_certs)
 target_include_directories(test_support PUBLIC ${PROJECT_SOURCE_DIR})
 target_link_libraries(test_support PUBLIC mervane_pkcs11_static GTest::gmock ${CMAKE_DL_LIBS})
-# Designated initialisers leave members out on purpose.
+# Designated initialisers omit members on purpose.
 target_compile_options(test_support PUBLIC -Wno-missing-field-initializers)
 target_compile_options(fake_module PRIVATE -Wno-missing-field-initializers)
 target_compile_definitions(test_support PUBLIC

@@ -99,7 +99,7 @@ std::vector<std::vector<std::string>> dataRows(const std::string& file) {
 
 FakeModule::FakeModule(const std::string& fileName) : m_path(scratchFolder() + "/" + fileName) {
     if (!std::filesystem::exists(m_path)) std::filesystem::copy_file(MERVANE_FAKE_MODULE, m_path);
-    void* const library = ::dlopen(m_path.c_str(), RTLD_NOW);  // stays mapped: its world is used to the end
+    void* const library = ::dlopen(m_path.c_str(), RTLD_NOW);  // stays mapped: its world is used until exit
     if (library == nullptr) throw std::runtime_error(::dlerror());
     m_world = reinterpret_cast<fake::World* (*)()>(::dlsym(library, "fakeWorld"))();
     m_world->reset();
@@ -233,7 +233,7 @@ std::string cn(ClsCert& cert) {
 }
 
 void FakeTest::TearDown() {
-    // Scripts may refer to locals of the test, which are gone.
+    // Scripts may refer to the test's locals, which are gone.
     world.answer = nullptr;
     world.lie = nullptr;
     if (p11) {

@@ -20,7 +20,7 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
 
-/// The class under test with its internal methods and members in view.
+/// The class under test, with internal methods and members accessible.
 class Pkcs11 final : public ClsPkcs11 {
   public:
     using ClsPkcs11::alreadyLoggedIn, ClsPkcs11::cacheEcdsaPrivateKeys, ClsPkcs11::cacheRsaPrivateKeys, ClsPkcs11::findPkcs11Cert, ClsPkcs11::hasOpenSession,
@@ -28,14 +28,14 @@ class Pkcs11 final : public ClsPkcs11 {
         ClsPkcs11::m_rsaKeysHaveModulus, ClsPkcs11::m_rsaKeysHaveSubject, ClsPkcs11::m_rsaKeysLoaded, ClsPkcs11::m_rsaPrivKeys, ClsPkcs11::m_soLoggedIn,
         ClsPkcs11::m_userLoggedIn;
 
-    // What stands in the log of all calls kept, by channel; values as "name=value".
+    // The lines of one channel in the log of all calls kept; values as "name=value".
     [[nodiscard]] std::vector<std::string> lines(_mvLogger::Entry::What what) const;
     [[nodiscard]] std::vector<std::string> errors() const { return lines(_mvLogger::Entry::What::Error); }
     [[nodiscard]] std::vector<std::string> infos() const { return lines(_mvLogger::Entry::What::Info); }
     [[nodiscard]] std::vector<std::string> values() const { return lines(_mvLogger::Entry::What::Data); }
 };
 
-/// A copy of the scriptable module under a file name of its own, with its world as new.
+/// A copy of the scriptable module under its own file name, with a fresh world.
 class FakeModule {
   public:
     explicit FakeModule(const std::string& fileName);
@@ -48,16 +48,16 @@ class FakeModule {
     fake::World* m_world;
 };
 
-/// Whether the environment says MERVANE_UNDER_VALGRIND, where the slow tests skip themselves.
+/// Whether MERVANE_UNDER_VALGRIND is set; slow tests skip themselves then.
 inline bool isUnderValgrind() { return std::getenv("MERVANE_UNDER_VALGRIND") != nullptr; }
-/// A folder of this process, removed at its end.
+/// A folder for this process, removed at exit.
 const std::string& scratchFolder();
 std::string readFile(const std::string& path);
-/// The whole text of a log or report as it has to be: the file tests/data/NAME.txt.
+/// The expected text of a log or report: the file tests/data/NAME.txt.
 std::string wanted(const std::string& name);
-/// Columns with `|` between them, without the blanks around them; %NN is a byte.
+/// Splits a line at `|` and trims the columns; %NN is a byte.
 std::vector<std::string> columnsOf(const std::string& line);
-/// The rows of a file in tests/data, without lines that begin with "# ".
+/// The rows of a file in tests/data, except lines that begin with "# ".
 std::vector<std::vector<std::string>> dataRows(const std::string& file);
 
 /// One of the certificates made by tests/data/make-certs.
@@ -75,22 +75,22 @@ struct KeyTraits {
 fake::Object certObject(CK_OBJECT_HANDLE handle, const std::string& cert, const std::string& id);
 /// The private key of a certificate's key pair.
 fake::Object keyObject(CK_OBJECT_HANDLE handle, const std::string& cert, const KeyTraits& traits);
-/// The public key of a certificate's EC key pair; its point raw or as DER OCTET STRING.
+/// The public key of a certificate's EC key pair; its point is raw or in a DER OCTET STRING.
 fake::Object ecPublicObject(CK_OBJECT_HANDLE handle, const std::string& cert, const std::string& id, bool wrapped);
 
-/// Objects as data/find-key.txt writes them, with handles from 1 on.
+/// Objects in the notation of data/find-key.txt, with handles from 1.
 std::vector<fake::Object> objectsOf(const std::string& text);
 
-/// Subject CN of a certificate; empty without one.
+/// The subject CN of a certificate; empty if there is none.
 std::string cn(ClsCert& cert);
 
 using Words = std::vector<std::string>;  ///< a name and its arguments; missing ones are empty
-/// The methods by name; the result as data/transcripts shows it.
+/// Methods by name; each returns its result as data/transcripts shows it.
 const std::map<std::string, std::string (*)(Pkcs11&, const Words&)>& publicCalls();
 
-/// A test on the scriptable module. Whatever the test does, at its end no log line may hold a PIN,
-/// no context may be open, the module may have seen nothing against the standard, and once the
-/// object is gone no session and no search may be open in it.
+/// A test on the scriptable module. Whatever the test does, at its end no log line may hold a PIN, no
+/// log context or search may be open, the module must have seen no violation of the standard, and once
+/// the object is gone no session may be open.
 class FakeTest : public testing::Test {
   protected:
     FakeTest();
@@ -98,7 +98,7 @@ class FakeTest : public testing::Test {
 
     /// Opens a session and logs in.
     bool quick() { return p11->QuickSession(1, XString(world.slots[0].userPin)); }
-    /// Forgets the log and the journal so far.
+    /// Clears the log and the journal.
     void forget();
     std::vector<fake::Object>& objects() { return world.slots[0].objects; }
 

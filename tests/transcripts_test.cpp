@@ -1,8 +1,6 @@
-// Sequences of calls, and all that each leaves: its log, the calls it made of the module, its result.
-//
-// tests/data/transcripts has them as they have to be. A line "> NAME | ARGUMENT..." is a call, or a change
-// of the module; what it leaves follows. With MERVANE_WRITE_TRANSCRIPTS in the environment the files are
-// written as they are, for a review of the differences.
+// Sequences of calls, and everything that each leaves: its log, the calls it made to the module, its
+// result. In tests/data/transcripts a line "> NAME | ARGUMENT..." makes a call or changes the module; what
+// it has to leave follows. With MERVANE_WRITE_TRANSCRIPTS set, the files are rewritten, to be reviewed.
 
 #include <sys/stat.h>
 
@@ -15,7 +13,7 @@
 namespace mervane::test {
 namespace {
 
-// Every call of a function, or its call of that number, is answered with the code, or throws.
+// Answers every call of a function, or its Nth, with a code; or throws.
 void script(fake::World& world, const Words& w) {
     world.answer = [&world, w](auto& function, auto) -> std::optional<CK_RV> {
         const bool isMeant = function == w[1] && (w[3].empty() || world.count(function) == std::stoul(w[3]));
@@ -50,12 +48,12 @@ class TranscriptsTest : public FakeTest, public testing::WithParamInterface<cons
         std::filesystem::current_path(scratchFolder());
         ::mkfifo("fifo", 0600);
         std::ofstream("text") << "no library";
-        std::ofstream("libz.so.1") << "";  // the loader has another one
+        std::ofstream("libz.so.1") << "";  // the loader finds a different one
         FakeModule("my-libkeyfactorpkcs11-2.so").world().slots[0].objects = objectsOf("cert:ed:a cert:p256:b");
     }
     ~TranscriptsTest() override { std::filesystem::current_path("/"); }
 
-    // What a call leaves; nothing but the calls of the module for a change.
+    // What a call leaves; for a change, the calls made to the module.
     std::string act(const Words& words) {
         forget();
         std::string result;

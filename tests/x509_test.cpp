@@ -1,5 +1,5 @@
-// DER, names, certificates and keys. That whole certificates are read as others read them is shown
-// by softhsm/agreement.py and softhsm/differential.py against the openssl tool.
+// DER, names, certificates and keys. softhsm/agreement.py and softhsm/differential.py compare whole
+// certificates with the openssl tool.
 
 #include "foundation/text/hex.h"
 #include "foundation/x509/extensionxml.h"
@@ -23,7 +23,7 @@ TEST(OidTest, TextAndOctetsAgree) {
     for (const char* const bad : {"", "1", "3.1", "1.40", "1..2", "1.2.", "a.b", "1.2.99999999999999999999"}) EXPECT_TRUE(oidFromText(bad).empty()) << bad;
 }
 
-// Each "OID:TAG:hexvalue;" is one relative name.
+// Each "OID:TAG:hexvalue;" is one relative distinguished name.
 std::string nameOf(std::string_view attributes, bool withTags = true) {
     const auto wrap = [](char tag, const std::string& content) { return std::string{tag, static_cast<char>(content.size())} + content; };
     std::string der;
@@ -92,7 +92,7 @@ TEST(EcPointTest, FormIsToldByTheCurvesLength) {
     std::vector<std::uint8_t> wrapped = raw;
     wrapped.insert(wrapped.begin(), {0x04, 0x41});
     for (const EcCurve* const curve : {p256, static_cast<const EcCurve*>(nullptr)}) {
-        EXPECT_EQ(unwrapEcPoint(raw, curve).size(), 65U);  // reads as DER as well: 04 41 ..
+        EXPECT_EQ(unwrapEcPoint(raw, curve).size(), 65U);  // also reads as DER: 04 41 ..
         EXPECT_EQ(unwrapEcPoint(wrapped, curve).size(), 65U);
     }
     const EcCurve* const p384 = findCurve(hex("06052B81040022"));

@@ -1,5 +1,5 @@
-// A PKCS#11 module that does what its world says. Within that it behaves as the standard has it,
-// and notes whatever its caller does against the standard.
+// A PKCS#11 module that does what its world says. Otherwise it follows the standard, and it notes every
+// violation of the standard by its caller.
 
 #include <algorithm>
 #include <cstdlib>
@@ -39,17 +39,17 @@ CK_RV call(const char* function, std::initializer_list<CK_ULONG> arguments, Outp
     if (presence.isMeeting) w.violations.emplace_back(std::string("two calls at once: ") + function);
     const std::size_t index = w.journal.size();
     const std::string name = function;
-    // A search that began is ended whatever became of the module meanwhile.
+    // A search that was begun is ended, whatever has become of the module.
     const bool needsInitialization = name != "C_Initialize" && name != "C_GetFunctionList" && name != "C_FindObjectsFinal";
     if (!w.initialized && needsInitialization) w.violations.push_back("called without initialization: " + name);
-    w.journal.push_back({name, arguments, CKR_GENERAL_ERROR});  // what a thrown call counts as
+    w.journal.push_back({name, arguments, CKR_GENERAL_ERROR});  // stands if the call throws
     if (session) w.journal.back().arguments.insert(w.journal.back().arguments.begin(), *session);
     if (session && (*session == 0 || *session > w.lastSession || w.closedByCaller.contains(*session))) {
         w.violations.push_back("on a session never given or closed: " + name);
     }
     const auto scripted = w.answer ? w.answer(name, index) : std::nullopt;
     CK_RV rv = scripted.value_or(CKR_OK);
-    // What changes the state alone and is said to have happened, happens.
+    // A call that only changes the state and is scripted to succeed takes effect.
     const bool isStateOnly = name == "C_Initialize" || name == "C_Finalize" || name == "C_CloseSession";
     const bool happens = !scripted.has_value() || (isStateOnly && rv == CKR_OK);
     if (name == "C_Initialize" && rv == CKR_CRYPTOKI_ALREADY_INITIALIZED) w.initialized = true;
@@ -60,7 +60,7 @@ CK_RV call(const char* function, std::initializer_list<CK_ULONG> arguments, Outp
     outputs.index = index;
     outputs.result = rv;
     if (happens && w.lie) w.lie(outputs);
-    // A handle given out is issued, true or not.
+    // A handle given out counts as issued, even if it is a lie.
     const bool gaveHandles = name == "C_FindObjects" && outputs.result == CKR_OK;
     if (gaveHandles) w.issued.insert(outputs.ids, outputs.ids + std::min(*outputs.count, outputs.room));
     w.journal[index].result = outputs.result;
@@ -81,7 +81,7 @@ CK_RV sessionCall(const char* function, CK_SESSION_HANDLE session, std::initiali
         session);
 }
 
-// The same for a function on a slot; `needsToken` tells whether a token has to be in it.
+// The same for a function on a slot; `needsToken`: a token must be in it.
 template <class Body>
 CK_RV slotCall(const char* function, bool needsToken, std::initializer_list<CK_ULONG> arguments, Outputs outputs, Body body) {
     return call(function, arguments, outputs, [&](World& w) -> CK_RV {
@@ -97,7 +97,7 @@ void pad(unsigned char (&field)[N], const std::string& text) {
     std::memcpy(field, text.data(), std::min(N, text.size()));
 }
 
-// The standard's way with lists: the length, too little room, or the list.
+// Lists as in the standard: the length alone, CKR_BUFFER_TOO_SMALL, or the list.
 CK_RV giveList(const std::vector<CK_ULONG>& all, CK_ULONG* list, CK_ULONG* count) {
     const CK_ULONG room = *count;
     *count = all.size();
@@ -307,7 +307,7 @@ CK_RV findObjectsInit(CK_SESSION_HANDLE session, CK_ATTRIBUTE* attributes, CK_UL
             });
             if (fits && isSeen(object, slot)) found.push_back(object.handle);
         }
-        std::ranges::reverse(found);  // handed out from the back
+        std::ranges::reverse(found);  // given out from the back
         w.searches[session] = std::move(found);
         return CKR_OK;
     });

@@ -1,3 +1,3 @@
-// A shared library that lacks a function: it cannot be loaded by those who bind at once.
+// A shared library with an undefined symbol: it cannot be loaded with RTLD_NOW.
 extern "C" int nowhereToBeFound();
 extern "C" int C_GetFunctionList(void*) { return nowhereToBeFound(); }

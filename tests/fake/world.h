@@ -48,7 +48,7 @@ struct Call {
     CK_RV result = CKR_OK;
 };
 
-// A call's outputs, as a lie may change them before the caller sees them; null where there is none.
+// A call's outputs, which a lie may change before the caller sees them; null where there are none.
 struct Outputs {
     std::string function;
     std::size_t index = 0;  // of the call in the journal
@@ -65,30 +65,30 @@ struct Outputs {
 };
 
 struct State {
-    // --- What there is
+    // --- What exists
     std::vector<Slot> slots{{.id = 1}};
     bool nullList = false;  // C_GetFunctionList gives a null list
     CK_VERSION version = {2, 40};
     std::set<std::string> nullEntries;  // functions missing from the list
-    bool initializedByOthers = false;   // C_Initialize finds it done
-    bool acceptsAnyPin = false;         // and keeps no copy of one
+    bool initializedByOthers = false;   // C_Initialize finds the module initialised
+    bool acceptsAnyPin = false;         // and keeps no copy
     bool spoilsPins = false;            // C_Login writes over the PIN it is given
-    bool needsNullArguments = false;    // C_Initialize takes no arguments
+    bool needsNullArguments = false;    // C_Initialize refuses arguments
     CK_ULONG maxSessions = 10;
 
-    // --- What is answered: a code instead of the call (it may throw), and a change of its outputs
+    // --- What is answered: a code instead of the call (it may throw), and changes to its outputs
     std::function<std::optional<CK_RV>(const std::string& function, std::size_t index)> answer;
     std::function<void(Outputs& outputs)> lie;
 
     // --- What happened
     std::vector<Call> journal;
-    std::vector<std::string> violations;  // of the standard's protocol, by the caller
+    std::vector<std::string> violations;  // of the standard, by the caller
     bool initialized = false;
     bool listMade = false;                // the function list stays as it is until the next reset
-    std::set<std::string> functionNames;  // in the list, but for C_GetFunctionList
+    std::set<std::string> functionNames;  // all but C_GetFunctionList
     std::map<CK_SESSION_HANDLE, CK_SLOT_ID> sessions;
     std::map<CK_SESSION_HANDLE, std::vector<CK_OBJECT_HANDLE>> searches;
-    std::set<CK_OBJECT_HANDLE> issued;  // object handles that were given out
+    std::set<CK_OBJECT_HANDLE> issued;  // object handles given out
     std::set<CK_SESSION_HANDLE> closedByCaller;
     CK_SESSION_HANDLE lastSession = 0;
     int numOpened = 0;
@@ -107,7 +107,7 @@ struct World : State {
         const auto at = std::ranges::find(slots, id, &Slot::id);
         return at == slots.end() ? nullptr : &*at;
     }
-    // Takes the tokens out: their sessions are gone with them.
+    // Takes the tokens out, and their sessions with them.
     void removeTokens() {
         for (Slot& s : slots) s.tokenPresent = false, s.loggedIn.reset();
         while (!sessions.empty()) loseSession(sessions.begin()->first);
@@ -125,7 +125,7 @@ struct World : State {
         initialized = false;
         while (!sessions.empty()) loseSession(sessions.begin()->first);
     }
-    // The whole state anew, as after loading.
+    // The state as after loading.
     void reset() {
         const std::lock_guard lock(mutex);
         static_cast<State&>(*this) = State();

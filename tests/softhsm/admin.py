@@ -40,10 +40,10 @@ def main(tool, module):
         run_line(line)
     if not os.path.exists("/dev/tty") or os.system("true </dev/tty 2>/dev/null") != 0:
         run_line("4 | no terminal | init-pin --new-pin env:OTHER")
-    # Where nothing can be written, no file of the module is written to instead.
+    # With standard output closed, no file of the module takes its place.
     closed = subprocess.run(["sh", "-c", '"$0" card-data >&-', tool], capture_output=True, text=True)
     equal((closed.returncode, "cannot be written" in closed.stderr), (1, True), "closed output")
-    # A module beside the working directory is that file, whatever the loader's search path holds.
+    # A bare file name means the file in the working directory, not one on the loader's search path.
     near = subprocess.run([os.path.abspath(tool), "certs", "--module", os.path.basename(module)], cwd=os.path.dirname(module), env=token.env)
     equal(near.returncode, 0, "bare file name")
     use(token, folder)

@@ -1,6 +1,6 @@
 #!/usr/bin/python3
-"""Each of many kinds of certificates on a SoftHSM 2 token finds the key it was made for, and is found
-by what the openssl tool says of it. That all their readings agree is shown by differential.py.
+"""Certificates of many kinds on a SoftHSM 2 token each find the key they were made for, and are found
+by what the openssl tool says of them. differential.py compares everything else.
 
 usage: agreement.py MERVANE_P11 SOFTHSM_MODULE"""
 

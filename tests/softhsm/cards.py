@@ -1,6 +1,6 @@
 #!/usr/bin/python3
-"""Every card of tools/carddata/cards.json is found by the command line as an independent reading of
-the file says, in the forms in which people paste an ATR.
+"""The command line finds every card of tools/carddata/cards.json as an independent reading of the file
+has it, in the forms in which people paste an ATR.
 
 usage: cards.py MERVANE_P11"""
 

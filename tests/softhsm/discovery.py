@@ -67,7 +67,8 @@ def main(tool, module, fake_module):
     token.init("zweites Wort 鍵")
     slots = {s["token"]["label"]: s["slotId"] for s in compare(tool, module, token.env)["slots"] if "token" in s}
     expect({"first", "zweites Wort 鍵"} <= set(slots), f"labels {slots}")
-    for status, says, choice in [(2, "--slot", ()), (0, "", ("--token-label", "first")), (1, "", ("--slot", slots["first"], "--token-label", "zweites Wort 鍵"))]:
+    for status, says, choice in [(2, "--slot", ()), (0, "", ("--token-label", "first")),
+                                 (1, "", ("--slot", slots["first"], "--token-label", "zweites Wort 鍵"))]:
         done = token.p11("certs", *choice, check=False)
         equal((done.returncode, says in done.stderr), (status, True), f"choice of a token {choice}: {done.stderr}")
     text = token.p11("discover").stdout
