@@ -27,8 +27,11 @@ inline bool readAll(der::Bytes der) {
     _mvPublicKey key;
     DataBuffer point;
     const int type = cert->getCertKeyType(bits, log);
-    if (cert->getCertPublicKey(key, log) != (type != 0)) std::abort();
-    if (key.getEccKey() != nullptr) key.getEccKey()->exportEccPoint(point, log);
+    const bool hasKey = cert->getCertPublicKey(key, log);
+    // 16384 bits are the largest of either kind.
+    if (hasKey != (type != 0) || hasKey != (bits > 0 && bits <= 16384) || hasKey != (cert->expectedSignatureSize(log) > 0)) std::abort();
+    cert->getKeyAlgorithm(text, log);
+    if (key.getEccKey() != nullptr && key.getEccKey()->exportEccPoint(point, log) == key.getEccKey()->comparablePoints()[0].isEmpty()) std::abort();
     return true;
 }
 

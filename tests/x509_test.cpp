@@ -84,21 +84,103 @@ TEST(CertificateTest, EveryTruncationAndFlippedByteIsHarmless) {
     }
 }
 
-TEST(EcPointTest, FormIsToldByTheCurvesLength) {
-    const EcCurve* const p256 = findCurve(hex("06082A8648CE3D030107"));
-    ASSERT_NE(p256, nullptr);
-    std::vector<std::uint8_t> raw(65, 0x41);
-    raw[0] = 0x04;
-    std::vector<std::uint8_t> wrapped = raw;
-    wrapped.insert(wrapped.begin(), {0x04, 0x41});
-    for (const EcCurve* const curve : {p256, static_cast<const EcCurve*>(nullptr)}) {
-        EXPECT_EQ(unwrapEcPoint(raw, curve).size(), 65U);  // also reads as DER: 04 41 ..
-        EXPECT_EQ(unwrapEcPoint(wrapped, curve).size(), 65U);
+// That the sizes of all named curves are right is shown by softhsm/curves.py.
+TEST(CurveTest, SizesComeFromTheNameOrFromExplicitParameters) {
+    const std::string fieldOf97 = "300C06072A8648CE3D0101020161";
+    const struct {
+        std::string parameters;
+        int bits, orderSize;  // 0: no curve
+    } rows[] = {
+        {"06082A8648CE3D030107", 256, 32},
+        {"06052B81040021", 224, 28},
+        {"06052B81040008", 160, 21},        // secp160r1: an order beyond the field
+        {"06082A8648CE3D030010", 272, 33},  // c2pnb272w1: one far below
+        {"06082A811CCF5501822D", 256, 32},  // an arc of two octets: SM2
+        {"06052B810400FF", 0, 0},
+        {"06012B", 0, 0},
+        {"0600", 0, 0},
+        {"0500", 0, 0},
+        {"", 0, 0},
+        {"3018020101" + fieldOf97 + "30000400020105", 7, 1},
+        {"3019020101" + fieldOf97 + "3000040002020080", 7, 1},
+        {"3019020101" + fieldOf97 + "3000040002020100", 0, 0},  // an order beyond Hasse's bound
+        {"3018020101" + fieldOf97 + "30000400020100", 0, 0},
+        {"3015020101" + fieldOf97 + "30000400", 0, 0},
+        {"3018020101300C06072A8648CE3D010102010030000400020101", 0, 0},
+        {"301D020101301106072A8648CE3D0102300602024000060030000400020105", 16384, 1},
+        {"301D020101301106072A8648CE3D0102300602024001060030000400020105", 0, 0},
+        {"3020020101301406072A8648CE3D010230090205010000009B060030000400020105", 0, 0},  // 2^32 too many
+        {"301D020101301106072A8648CE3D0103300602020080060030000400020105", 0, 0},        // a field of no known type
+    };
+    for (const auto& row : rows) {
+        const EcCurve curve = findCurve(hex(row.parameters)).value_or(EcCurve());
+        EXPECT_EQ(curve.bits, row.bits) << row.parameters;
+        EXPECT_EQ(curve.orderSize(), row.orderSize) << row.parameters;
     }
-    const EcCurve* const p384 = findCurve(hex("06052B81040022"));
-    EXPECT_TRUE(unwrapEcPoint(raw, p384).empty());
-    EXPECT_TRUE(unwrapEcPoint({}, p256).empty() && unwrapEcPoint(hex("00"), p256).empty());
-    EXPECT_EQ(findCurve(hex("06052B81040021")), nullptr);  // P-224
+}
+
+TEST(EcPointTest, RawAndWrappedAreToldApart) {
+    const auto p256 = findCurve(hex("06082A8648CE3D030107"));
+    const auto p384 = findCurve(hex("06052B81040022"));
+    const auto point = [](std::string_view head, std::size_t size) {
+        auto out = hex(head);
+        out.resize(size, 0x55);
+        return out;
+    };
+    const struct {
+        std::vector<std::uint8_t> value;
+        std::optional<EcCurve> curve;
+        std::size_t size;  // of the point; 0: none
+    } rows[] = {
+        {point("0441", 65), p256, 65},
+        {point("044104", 67), p256, 65},
+        {point("0441", 65), p384, 0},
+        {point("044104", 67), {}, 65},
+        {point("02", 33), {}, 33},
+        {point("042103", 35), {}, 33},
+        {point("043F04", 65), {}, 65},  // DER to look at, but of the length of a raw point on P-256
+        // Lengths of no known curve: by form alone
+        {point("041503", 23), {}, 21},
+        {point("046505", 103), {}, 103},
+        {point("046504", 104), {}, 0},
+        {point("0420", 34), {}, 0},
+        {point("02", 2050), {}, 0},
+        {{}, {}, 0},
+    };
+    for (const auto& row : rows) EXPECT_EQ(unwrapEcPoint(row.value, row.curve).size(), row.size) << toHex(row.value) << (row.curve ? row.curve->bits : 0);
+}
+
+// Points in both forms, as the openssl tool writes them.
+TEST(EcPointTest, FormsOfOnePointCompare) {
+    const auto p256 = findCurve(hex("06082A8648CE3D030107"));
+    const auto sect113r1 = findCurve(hex("06052B81040004"));
+    const struct {
+        std::optional<EcCurve> curve;
+        const char* compressed;
+        const char* y;
+    } rows[] = {
+        {p256, "03CE7A9234CE9DCB361BF50809B2B4E43D04E98B01786F2D78702080FB5AEF7F83", "C24AAE35F75CE04A34A0DEF57B71D12C21D51DE321599FBFD9D5CE5751C730DD"},
+        {p256, "0294A21F82AC27A0913D72F933989CE5A44631C6F46EF7A45B274C28CA2DD3DFED", "DF5A3F2EF3F8B6D97A51CBBFE83238791756D04346E783B7552A6C5539ADD208"},
+        {sect113r1, "02006E35D192C789D236482222320CB9", "008A80C454A5217CDEA999433E5C02"},
+        {sect113r1, "020142C45F4C4688E01C1BF4961EB469", "01BE3FB92F5D6DB1AA5748BEBF7BE9"},
+    };
+    for (const auto& row : rows) {
+        const auto compressed = hex(row.compressed);
+        auto whole = hex(row.compressed + std::string(row.y));
+        auto hybrid = whole;
+        whole[0] = 0x04;
+        hybrid[0] = static_cast<std::uint8_t>(compressed[0] | 0x04U);
+        for (const auto& mine : {compressed, whole, hybrid}) {
+            const auto points = EccKey(*row.curve, mine).comparablePoints();
+            for (const auto& theirs : {compressed, whole, hybrid}) {
+                const DataBuffer point = comparablePoint(theirs);
+                EXPECT_TRUE(points[0].equals(point) || points[1].equals(point)) << row.compressed;
+            }
+            EXPECT_EQ(points[1].isEmpty(), row.curve->isPrime);
+            EXPECT_EQ(points[0].getSize(), compressed.size());
+        }
+    }
+    EXPECT_TRUE(EccKey(*sect113r1, hex(rows[0].compressed)).comparablePoints()[0].isEmpty());
 }
 
 }  // namespace

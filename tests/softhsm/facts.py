@@ -7,7 +7,6 @@ OIDS = {"CN": "2.5.4.3", "O": "2.5.4.10", "OU": "2.5.4.11", "C": "2.5.4.6", "L":
         "DC": "0.9.2342.19200300.100.1.25", "UID": "0.9.2342.19200300.100.1.1", "E": "1.2.840.113549.1.9.1"}
 USAGES = {"Digital Signature": 0x80, "Non Repudiation": 0x40, "Key Encipherment": 0x20, "Data Encipherment": 0x10,
           "Key Agreement": 0x08, "Certificate Sign": 0x04, "CRL Sign": 0x02, "Encipher Only": 0x01}
-CURVES = {"prime256v1", "secp384r1", "secp521r1", "secp256k1"}
 
 
 def name_parts(text):
@@ -15,6 +14,16 @@ def name_parts(text):
     parts = re.findall(r"((?:\\.|[^\\,+=])+)=((?:\\.|[^\\,+])*?)(?:, |,|\+|$)", text, re.S)
     undo = lambda v: re.sub(rb"\\([0-9A-Fa-f]{2}|.)", lambda m: bytes.fromhex(m[1].decode()) if len(m[1]) == 2 else m[1], v.encode(), flags=re.S)
     return [(OIDS.get(tag, tag), undo(value)) for tag, value in parts]
+
+
+def field_bits(text):
+    """The size of an EC key's field, from the key or certificate as text."""
+    curve = re.search(r"ASN1 OID: (\S+)", text)
+    if curve:
+        text = subprocess.run(["openssl", "ecparam", "-name", curve[1], "-param_enc", "explicit", "-text", "-noout"],
+                              capture_output=True, text=True).stdout
+    kind, digits = re.search(r"(Prime|Polynomial):([0-9a-f:\s]+)", text).groups()
+    return int(re.sub(r"[:\s]", "", digits), 16).bit_length() - (kind == "Polynomial")
 
 
 def openssl_facts(path):
@@ -33,12 +42,11 @@ def openssl_facts(path):
     usage = re.search(r"X509v3 Key Usage:.*\n\s*(.*)", text)
     facts["keyUsage"] = sum(bit for word, bit in USAGES.items() if usage and word in usage[1])
     size = re.search(r"Public-Key: \((\d+) bit\)", text)
-    curve = re.search(r"ASN1 OID: (\S+)", text)
     algorithm = re.search(r"Public Key Algorithm: (\S+)", text)[1]
     if algorithm in ("rsaEncryption", "rsassaPss") and size and 512 <= int(size[1]) <= 16384:
         facts["keyType"], facts["keyBits"] = 1, int(size[1])
-    elif algorithm == "id-ecPublicKey" and curve and (curve[1] in CURVES or curve[1].startswith("brainpool")):
-        facts["keyType"], facts["keyBits"] = 3, int(size[1])
+    elif algorithm == "id-ecPublicKey" and size:
+        facts["keyType"], facts["keyBits"] = 3, field_bits(text)
     elif size or algorithm not in ("rsaEncryption", "id-ecPublicKey", "rsassaPss"):
         facts["keyType"], facts["keyBits"] = 0, 0
     return facts
