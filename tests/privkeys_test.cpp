@@ -87,47 +87,32 @@ TEST_F(KeysTest, ThousandsOfKeysThatMayNotSignAreNotAllNamed) {
     EXPECT_THAT(how(), testing::EndsWith("by ID."));
 }
 
-// How often the module is called to link N certificates to N keys.
 TEST_F(KeysTest, OneCallReadsOneObject) {
     constexpr CK_ULONG kNum = 40;
-    constexpr CK_ULONG kEach = kNum;  // as many different keys
-    const struct {
-        const char* what;
-        std::array<const char*, 2> certs;  // alternating
-        bool withIds, withModulus, withPoints, areReadable;
-        CK_ULONG numDifferent;  // the key of certificate i is key i modulo this
-        CK_ULONG numReads;      // for each certificate
-        CK_ULONG numSearches;
-    } rows[] = {
-        {"RSA by ID", {"alice", "bob"}, true, false, false, true, kEach, 2, 2},
-        {"EC by ID", {"p256", "p521"}, true, false, false, true, kEach, 2, 2},
-        {"RSA by subject or modulus", {"alice", "bob"}, false, true, false, true, 2, 3, 3},
-        {"EC by point", {"p256", "p521"}, false, false, true, true, 2, 3, 3},
-        {"RSA, unreadable", {"alice", "bob"}, true, false, false, false, kEach, 2, 2},
-        {"EC, unreadable", {"p256", "p521"}, true, false, false, false, kEach, 2, 2},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.what);
+    for (const auto& row : dataRows("key-reads.txt")) {
+        SCOPED_TRACE(row[0] + ": " + row[1]);
+        const auto has = [&row](const char* what) { return row[1].find(what) != std::string::npos; };
         objects().clear();
         for (CK_ULONG i = 0; i < kNum; ++i) {
             const std::string id = "id" + std::to_string(i);
             const bool isEven = i % 2 == 0;
-            const char* const cert = row.certs.at(i % 2);
-            objects().push_back(certObject(100 + i, cert, row.withIds ? id : ""));
-            objects().push_back(keyObject(200 + i, cert, {.id = id, .withSubject = row.withModulus && isEven, .withModulus = row.withModulus}));
+            const std::string cert = row[0].substr(isEven ? 0 : row[0].find(' ') + 1, isEven ? row[0].find(' ') : std::string::npos);
+            objects().push_back(certObject(100 + i, cert, has("ids") ? id : ""));
+            objects().push_back(keyObject(200 + i, cert, {.id = id, .withSubject = has("modulus") && isEven, .withModulus = has("modulus")}));
             if (i % 3 == 0) objects().back().attributes.erase(CKA_ALWAYS_AUTHENTICATE);  // a missing one costs no call
-            if (row.withPoints) objects().push_back(ecPublicObject(300 + i, cert, id, isEven));
+            if (has("points")) objects().push_back(ecPublicObject(300 + i, cert, id, isEven));
         }
         ASSERT_TRUE(quick());
         world.answer = [&](auto& f, auto i) {
-            const bool isRefused = !row.areReadable && f == "C_GetAttributeValue" && world.journal[i].arguments[1] >= 200;
+            const bool isRefused = has("unreadable") && f == "C_GetAttributeValue" && world.journal[i].arguments[1] >= 200;
             return isRefused ? std::optional(CKR_GENERAL_ERROR) : std::nullopt;
         };
         world.journal.clear();
-        for (CK_ULONG i = 0; i < kNum; ++i) EXPECT_EQ(link(static_cast<int>(i), !row.withPoints), row.areReadable ? 200 + i % row.numDifferent : 0);
-        EXPECT_EQ(world.count("C_GetAttributeValue"), row.numReads * kNum);
-        EXPECT_EQ(world.count("C_FindObjectsInit"), row.numSearches);
-        EXPECT_EQ(world.count("C_FindObjects"), 2 * row.numSearches);
+        const CK_ULONG numKeys = std::stoul(row[2]);
+        for (CK_ULONG i = 0; i < kNum; ++i) EXPECT_EQ(link(static_cast<int>(i), !has("points")), numKeys == 0 ? 0 : 200 + i % numKeys);
+        EXPECT_EQ(world.count("C_GetAttributeValue"), std::stoul(row[3]) * kNum);
+        EXPECT_EQ(world.count("C_FindObjectsInit"), std::stoul(row[4]));
+        EXPECT_EQ(world.count("C_FindObjects"), 2 * std::stoul(row[4]));
         world.answer = nullptr;
     }
 }

@@ -96,6 +96,9 @@ struct State {
 };
 
 struct World : State {
+    explicit World(bool withEmptySlot) {
+        if (withEmptySlot) slots.push_back({.id = 2, .tokenPresent = false});
+    }
     std::atomic<int> inside{0};  // calls running
     std::recursive_mutex mutex;  // guards the state
 
