@@ -55,8 +55,8 @@ class ClsPkcs11 : public ClsBase, public Pkcs11SessionOwner, protected Pkcs11Sta
     /// get_NumCerts leave it as it is.
     [[nodiscard]] Failure lastFailure();
 
-    /// Objects that the last public method could not read, or did not look at because the module lists
-    /// more than it can hold; the log names them. 0: its lists are complete.
+    /// Objects that the last public method could not read, or did not look at because the module
+    /// lists more than it can hold; the log names them. 0: its lists are complete.
     [[nodiscard]] int get_NumLeftOut();
 
     // --- Module

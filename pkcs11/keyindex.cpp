@@ -4,6 +4,7 @@
 #include <functional>
 
 #include "foundation/text/bytes.h"
+#include "foundation/x509/curves.h"
 
 namespace mervane {
 namespace {
@@ -16,6 +17,12 @@ const Pkcs11_PrivateKey* keyAt(const ExtPtrArray& keys, int position) noexcept {
     return static_cast<const Pkcs11_PrivateKey*>(keys.elementAt(position));
 }
 
+// What is compared of a record's value; empty if the record has none.
+DataBuffer formOf(const Pkcs11_PrivateKey& key, KeyIndex::Field field) {
+    const DataBuffer& value = key.*field;
+    return field == &Pkcs11_PrivateKey::m_ecPoint ? comparablePoint(value.span()) : value;
+}
+
 }  // namespace
 
 const KeyIndex::FieldIndex& KeyIndex::indexOf(const ExtPtrArray& keys, Field field) {
@@ -25,8 +32,9 @@ const KeyIndex::FieldIndex& KeyIndex::indexOf(const ExtPtrArray& keys, Field fie
     index = FieldIndex();  // without a field until it is whole
     for (int i = 0; i < keys.getSize(); ++i) {
         const Pkcs11_PrivateKey* const key = keyAt(keys, i);
-        if (key == nullptr || (key->*field).isEmpty()) continue;
-        index.all.push_back({hashOf((key->*field).span()), i});
+        const DataBuffer value = key == nullptr ? DataBuffer() : formOf(*key, field);
+        if (value.isEmpty()) continue;
+        index.all.push_back({hashOf(value.span()), i});
         if (key->maySign()) index.signing.push_back(index.all.back());
     }
     std::ranges::sort(index.all);
@@ -43,7 +51,7 @@ int KeyIndex::find(const ExtPtrArray& keys, Field field, std::span<const std::ui
     const std::uint64_t hash = hashOf(value);
     auto at = std::ranges::lower_bound(places, Place{hash, from});
     for (; at != places.end() && at->hash == hash; ++at) {
-        if (std::ranges::equal((keyAt(keys, at->position)->*field).span(), value))
+        if (std::ranges::equal(formOf(*keyAt(keys, at->position), field).span(), value))
             return at->position;
     }
     return -1;

@@ -22,7 +22,8 @@ class KeyIndex {
     enum class Among : bool { All, Signing };  // Signing: those that may sign
 
     /// The position of the first record at or behind `from` whose `field` equals `value` (not
-    /// empty); -1 when there is none.
+    /// empty); -1 when there is none. EC points, which have several forms, are compared by
+    /// comparablePoint(), and `value` is in that form.
     int find(const ExtPtrArray& keys, Field field, std::span<const std::uint8_t> value, Among among,
              int from);
 

@@ -42,7 +42,9 @@ void noteOtherModule(const Pkcs11State& state, LogBase& log) {
     StringBuffer bare(state.m_sharedLibPath.view());
     bare.stripDirectory();
     const std::string_view loaded = state.m_loadedLibPath.view();
-    if (loaded.empty() || loaded == state.m_sharedLibPath.view() || loaded == bare.view()) return;
+    if (loaded.empty() || bare.isEmpty() || loaded == state.m_sharedLibPath.view() ||
+        loaded == bare.view())
+        return;
     log.LogInfo("The module in use is " + std::string(loaded) + "; SharedLibPath names " +
                 std::string(state.m_sharedLibPath.view()) + ", which is loaded by Discover.");
 }

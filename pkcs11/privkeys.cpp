@@ -79,13 +79,12 @@ CK_OBJECT_HANDLE firstRsaKey(const ExtPtrArray& keys, KeyIndex& index, KeyIndex:
     return keyAt(keys, at)->m_handle;
 }
 
-// The forms in which a key's record may hold the certificate's public point; empty if it has none that
-// can be read.
+// The forms in which a key's record may hold the certificate's public point; empty if it has none
+// that can be read.
 std::array<DataBuffer, 2> pointsOf(const Certificate& cert) {
     _mvPublicKey publicKey;
     LogNull log;
-    const bool isEc =
-        cert.getCertPublicKey(publicKey, log) && publicKey.getEccKey() != nullptr;
+    const bool isEc = cert.getCertPublicKey(publicKey, log) && publicKey.getEccKey() != nullptr;
     return isEc ? publicKey.getEccKey()->comparablePoints() : std::array<DataBuffer, 2>();
 }
 

@@ -28,8 +28,9 @@ class Pkcs11_PrivateKey final : public NonRefCountedObj {
     DataBuffer m_subjectDer;  ///< CKA_SUBJECT, the DER of a name
     DataBuffer m_modulus;     ///< CKA_MODULUS as the token has it, big-endian (RSA)
     DataBuffer m_auxData;  ///< CKA_ALWAYS_AUTHENTICATE, one byte: each signature asks for the PIN
-    DataBuffer m_ecPoint;  ///< the public point as comparablePoint() makes it (EC)
-    DataBuffer m_keyId;    ///< CKA_ID
+    DataBuffer
+        m_ecPoint;  ///< the public point, SEC 1 octets as EccKey::exportEccPoint gives them (EC)
+    DataBuffer m_keyId;  ///< CKA_ID
     std::int32_t m_signState = kSignUnknown;
 };
 

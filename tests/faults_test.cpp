@@ -202,6 +202,42 @@ TEST_P(FaultsTest, EveryAllocationFailsOnceAndFromThereOn) {
     allocations::insideModule = nullptr;
 }
 
+// A module may run the application's event loop, from which the object is called again.
+TEST_P(FaultsTest, ObjectIsCalledAgainFromWithinEachCall) {
+    if (isUnderValgrind()) GTEST_SKIP();
+    const FakeModule other("libother.so");
+    ScenarioArgs args;
+    ClsCert cert;
+    const std::function<void(Pkcs11&)> inner[] = {
+        [&](auto& p) { p.OpenSession(-1, true); },
+        [&](auto& p) { p.CloseSession(); },
+        [&](auto& p) { p.Logout(); },
+        [&](auto& p) { p.FindAllCerts(); },
+        [&](auto& p) { p.FindCert(args.privateKey, args.empty, cert); },
+        [&](auto& p) { p.FindAllKeys(args.empty, args.keys); },
+        [&](auto& p) { p.Discover(true, args.report); },
+        [&](auto& p) { p.put_SharedLibPath(XString(other.path())), p.Discover(true, args.report); },
+    };
+    const std::size_t length = traceLength();
+    for (const auto& call : inner) {
+        for (std::size_t at = 0; at < length && !HasFailure(); ++at) {
+            world.reset();
+            furnish(world, m_token);
+            auto p11 = std::make_unique<Pkcs11>();
+            p11->put_SharedLibPath(XString(module.path()));
+            world.callBack = [&](std::size_t index) {
+                if (index == at) call(*p11);
+            };
+            m_scenario.run(*p11, args);
+            world.callBack = nullptr;
+            EXPECT_EQ(p11->log().contextDepth(), 0);
+            p11.reset();
+            EXPECT_EQ(world.sessions.size() + other.world().sessions.size(), 0U) << &call - inner << " at " << at;
+            ++numRuns;
+        }
+    }
+}
+
 INSTANTIATE_TEST_SUITE_P(Scenarios, FaultsTest,
                          testing::Combine(testing::Range(std::size_t{0}, kScenarios.size()), testing::Values(Token::Plain, Token::Sparse, Token::Crowded)));
 

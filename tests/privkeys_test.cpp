@@ -54,10 +54,47 @@ TEST_F(KeysTest, EachRuleFindsItsKeyInTurn) {
     }
 }
 
-TEST_F(KeysTest, PointsAreAddedToKeysThatWereReadWithout) {
-    onToken("cert:p256:a key:bp384:o key:p256:x point:p256:x");
-    EXPECT_EQ(link(0, true), 2U);
-    EXPECT_EQ(link(0, false), 3U);
+// A search that fails is no search that finds nothing: the second certificate's key must not be taken.
+TEST_F(KeysTest, KeyThatCannotBeLookedForEndsTheChoice) {
+    for (const char* const token : {"cert:alice:a cert:bob:b key:alice:x:modulus key:bob:b", "cert:p256:a cert:p521:b key:p521:b key:p256:x point:p256:x"}) {
+        for (int failing = 1; failing <= 3; ++failing) {
+            onToken(token);
+            const std::size_t before = world.count("C_FindObjectsInit");
+            const auto at = before + static_cast<std::size_t>(failing);
+            world.answer = [&](auto& f, auto) { return f == "C_FindObjectsInit" && world.count(f) == at ? std::optional<CK_RV>(0x30) : std::nullopt; };
+            ClsCert cert;
+            EXPECT_FALSE(p11->FindCert(XString("privateKey"), XString(), cert)) << token << failing;
+            EXPECT_EQ(p11->lastFailure().cause, "C_FindObjectsInit failed with CKR_DEVICE_ERROR (0x30).");
+            EXPECT_EQ(p11->lastFailure().kind, FailureKind::ModuleFailed);
+            world.answer = nullptr;
+        }
+    }
+}
+
+TEST_F(KeysTest, ReadingTheCertificatesForgetsTheKeys) {
+    onToken("cert:p256:a key:p256:a");
+    EXPECT_EQ(link(), 2U);
+    objects() = objectsOf("cert:p256:a key:bp384:o key:p256:a");  // by another program
+    EXPECT_TRUE(p11->FindAllCerts());
+    EXPECT_EQ(link(), 3U);
+}
+
+TEST_F(KeysTest, KeyThatCannotBeReadKeepsItsPlace) {
+    onToken("cert:alice:a key:bob:b key:alice:x:modulus");
+    world.answer = [this](auto& f, auto i) {
+        return f == "C_GetAttributeValue" && world.journal[i].arguments[1] == 3 ? std::optional<CK_RV>(5) : std::nullopt;
+    };
+    EXPECT_EQ(link(), 0U);  // not the only key
+    EXPECT_EQ(p11->m_rsaPrivKeys.getSize(), 2);
+    EXPECT_EQ(p11->lastFailure().kind, FailureKind::NotFound);
+    EXPECT_GT(p11->get_NumLeftOut(), 0);
+}
+
+TEST_F(KeysTest, LongValueBesideAMissingOneIsRead) {
+    onToken("cert:alice:a:large cert:bob:b");
+    objects()[0].attributes.erase(CKA_LABEL);  // the module reports the missing one
+    EXPECT_TRUE(p11->FindAllCerts());
+    EXPECT_EQ(p11->get_NumCerts(), 2);
 }
 
 TEST_F(KeysTest, QuickReadingForgetsWhatAThoroughOneKnew) {
@@ -110,9 +147,9 @@ TEST_F(KeysTest, OneCallReadsOneObject) {
         world.journal.clear();
         const CK_ULONG numKeys = std::stoul(row[2]);
         for (CK_ULONG i = 0; i < kNum; ++i) EXPECT_EQ(link(static_cast<int>(i), !has("points")), numKeys == 0 ? 0 : 200 + i % numKeys);
-        EXPECT_EQ(world.count("C_GetAttributeValue"), std::stoul(row[3]) * kNum);
+        EXPECT_EQ(world.count("C_GetAttributeValue"), static_cast<CK_ULONG>(std::stod(row[3]) * kNum));
         EXPECT_EQ(world.count("C_FindObjectsInit"), std::stoul(row[4]));
-        EXPECT_EQ(world.count("C_FindObjects"), 2 * std::stoul(row[4]));
+        EXPECT_LE(world.count("C_FindObjects"), 2 * std::stoul(row[4]));
         world.answer = nullptr;
     }
 }

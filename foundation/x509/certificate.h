@@ -91,10 +91,10 @@ class Certificate final : public std::enable_shared_from_this<Certificate> {
     bool getValidity(std::string& notBefore, std::string& notAfter) const;
 
     // --- Key
-    /// Returns a KeyType and sets `bits` to the size of the modulus or the field, 0 for other keys. An
-    /// EC key (id-ecPublicKey) may be on any curve: if neither its name nor explicit parameters tell
-    /// the field (an unknown name, none, implicitlyCA, malformed parameters), the length of the point
-    /// does. A key that is malformed beyond that counts as other.
+    /// Returns a KeyType and sets `bits` to the size of the modulus or the field, 0 for other keys.
+    /// An EC key (id-ecPublicKey) may be on any curve: if neither its name nor explicit parameters
+    /// tell the field (an unknown name, none, implicitlyCA, malformed parameters), the length of
+    /// the point does. A key that is malformed beyond that counts as other.
     int getCertKeyType(int& bits, LogBase& log) const;
     /// Length in bytes of the private key's signatures: that of the modulus, or twice that of the
     /// curve's order; 0 for other keys.

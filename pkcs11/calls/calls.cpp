@@ -81,7 +81,9 @@ bool Calls::readyFor(Needs needs, const char* functionName, LogBase& log) {
 
 bool Calls::reportCode(const char* functionName, Needs needs, CK_RV rv, LogBase& log) {
     if (rv == CKR_OK) return true;
-    const bool sessionEnded = needs == Needs::Session && hasOpenSession() && endsSession(rv);
+    // A module that called back may have got another session since.
+    const bool sessionEnded = needs == Needs::Session && hasOpenSession() && endsSession(rv) &&
+                              m_calledSession == use.session();
     const std::string failed = std::string(functionName) + " failed with " + rvName(rv);
     if (failure.kind == FailureKind::None) {
         failure.function = functionName;

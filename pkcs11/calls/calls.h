@@ -91,6 +91,8 @@ class Calls {
 
   private:
     bool readyFor(Needs needs, const char* functionName, LogBase& log);
+
+    std::uint64_t m_calledSession = 0;  // the one that the last call was made on
 };
 
 template <class... Functions>
@@ -108,11 +110,15 @@ std::optional<CK_RV> Calls::ask(LogBase& log, const ModuleFunction<N, Signature>
     if (!ready(log, function)) return std::nullopt;
     const Signature call = use.functions()->*function.member;
     const ModuleUse::Inside inside(use);
+    const std::uint64_t session = use.session();
+    CK_RV rv = CKR_OK;
     if constexpr (N == Needs::Session) {
-        return callModule(log, call, state.m_hSession, args...);
+        rv = callModule(log, call, state.m_hSession, args...);
     } else {
-        return callModule(log, call, args...);
+        rv = callModule(log, call, args...);
     }
+    m_calledSession = session;
+    return rv;
 }
 
 template <Needs N, class Signature, class... Args>

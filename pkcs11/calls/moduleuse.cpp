@@ -25,7 +25,8 @@ void ModuleUse::abandon(LogBase& log) noexcept {
 // --- Initialisation
 
 void ModuleUse::initialised(bool byUs) {
-    ledger::enter(m_functions, byUs);
+    // The module may have called back from C_Initialize, and been initialised from there.
+    if (!m_hasShare) ledger::enter(m_functions, byUs);
     m_hasShare = true;
     m_state.m_initialized = true;
     watchProcessExit(&m_state, m_state.m_libHandle);

@@ -55,13 +55,15 @@ class HandleList {
 // An active search of the session; ends it on every way out.
 class FindOperation {
   public:
-    FindOperation(Calls& calls, LogBase& log) noexcept : m_calls(calls), m_log(log) {}
+    FindOperation(Calls& calls, LogBase& log) noexcept
+        : m_calls(calls), m_log(log), m_session(calls.use.session()) {}
     ~FindOperation() { end(); }
     FindOperation(const FindOperation&) = delete;
     FindOperation& operator=(const FindOperation&) = delete;
 
     std::optional<CK_RV> end() {
-        if (std::exchange(m_hasEnded, true)) return std::nullopt;
+        if (std::exchange(m_hasEnded, true) || m_calls.use.session() != m_session)
+            return std::nullopt;  // or it ended with its session
         const auto rv = m_calls.ask(m_log, function::kFindObjectsFinal);
         if (rv && *rv != CKR_OK) m_log.LogDataUnsigned("findObjectsFinalResult", *rv);
         return rv;
@@ -70,6 +72,7 @@ class FindOperation {
   private:
     Calls& m_calls;
     LogBase& m_log;
+    std::uint64_t m_session;
     bool m_hasEnded = false;
 };
 

@@ -121,6 +121,11 @@ bool openSession(Calls& calls, CK_SLOT_ID slotId, bool readWrite, LogBase& log) 
         log.LogDataUnsigned("slotId", slotId);
         return false;
     }
+    if (calls.use.functions() != functions) {
+        // The module called back, and another one has taken its place.
+        callModule(log, functions->C_CloseSession, session);
+        return calls.sessionChanged(log);
+    }
     if (session == 0)
         return calls.fail(log, FailureKind::ModuleFailed, "C_OpenSession gave no session handle.");
     if (calls.hasOpenSession()) {

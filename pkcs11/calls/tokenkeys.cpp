@@ -36,10 +36,10 @@ Pkcs11_PrivateKey* keyAt(const ExtPtrArray& keys, int i) noexcept {
     return static_cast<Pkcs11_PrivateKey*>(keys.elementAt(i));
 }
 
-// The point of the object read last, in comparable form; empty unless it fits its curve.
+// The point of the object read last; empty unless it fits its curve.
 DataBuffer pointOf(const ObjectReader& reader) {
     const auto curve = findCurve(reader.bytesOrNone(kParams));
-    return comparablePoint(unwrapEcPoint(reader.bytesOrNone(kPoint), curve));
+    return DataBuffer(unwrapEcPoint(reader.bytesOrNone(kPoint), curve));
 }
 
 // What the attribute reader found of one key. One that cannot be read keeps its place with its
@@ -91,8 +91,7 @@ struct PublicPoints {
 
     void add(der::Bytes id, const DataBuffer& point) {
         if (id.empty() || point.isEmpty()) return;
-        const auto [at, isNew] =
-            byId.try_emplace({id.begin(), id.end()}, Entry{point, false});
+        const auto [at, isNew] = byId.try_emplace({id.begin(), id.end()}, Entry{point, false});
         if (!isNew && !at->second.point.equals(point)) at->second.isAmbiguous = true;
     }
     [[nodiscard]] const Entry* find(der::Bytes id) const {

@@ -36,7 +36,7 @@ CK_RV call(const char* function, std::initializer_list<CK_ULONG> arguments, Outp
     World& w = world();
     const Presence presence(w);
     const std::lock_guard lock(w.mutex);
-    if (presence.isMeeting) w.violations.emplace_back(std::string("two calls at once: ") + function);
+    if (presence.isMeeting && !w.isCallingBack) w.violations.emplace_back(std::string("two calls at once: ") + function);
     const std::size_t index = w.journal.size();
     const std::string name = function;
     // A search that was begun is ended, whatever has become of the module.
@@ -46,6 +46,10 @@ CK_RV call(const char* function, std::initializer_list<CK_ULONG> arguments, Outp
     if (session) w.journal.back().arguments.insert(w.journal.back().arguments.begin(), *session);
     if (session && (*session == 0 || *session > w.lastSession || w.closedByCaller.contains(*session))) {
         w.violations.push_back("on a session never given or closed: " + name);
+    }
+    if (w.callBack && !std::exchange(w.isCallingBack, true)) {
+        w.callBack(index);
+        w.isCallingBack = false;
     }
     const auto scripted = w.answer ? w.answer(name, index) : std::nullopt;
     CK_RV rv = scripted.value_or(CKR_OK);
@@ -138,11 +142,11 @@ CK_RV getInfo(CK_INFO* info) {
 
 CK_RV getSlotList(CK_BBOOL present, CK_SLOT_ID* list, CK_ULONG* count) {
     return call("C_GetSlotList", {present, list == nullptr ? 0UL : *count}, {.ids = list, .room = *count, .count = count}, [&](World& w) {
-        std::vector<CK_ULONG> ids;
+        if (list == nullptr) w.slotsSeen.clear();
         for (const Slot& slot : w.slots) {
-            if (present == CK_FALSE || slot.tokenPresent) ids.push_back(slot.id);
+            if (list == nullptr && (present == CK_FALSE || slot.tokenPresent)) w.slotsSeen.push_back(slot.id);
         }
-        return giveList(ids, list, count);
+        return giveList(w.slotsSeen, list, count);
     });
 }
 

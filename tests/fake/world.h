@@ -79,11 +79,14 @@ struct State {
     // --- What is answered: a code instead of the call (it may throw), and changes to its outputs
     std::function<std::optional<CK_RV>(const std::string& function, std::size_t index)> answer;
     std::function<void(Outputs& outputs)> lie;
+    std::function<void(std::size_t index)> callBack;  // runs within each call, as an application's event loop would
 
     // --- What happened
     std::vector<Call> journal;
     std::vector<std::string> violations;  // of the standard, by the caller
+    bool isCallingBack = false;
     bool initialized = false;
+    std::vector<CK_ULONG> slotsSeen;      // by C_GetSlotList with a null buffer; without one it does not look again
     bool listMade = false;                // the function list stays as it is until the next reset
     std::set<std::string> functionNames;  // all but C_GetFunctionList
     std::map<CK_SESSION_HANDLE, CK_SLOT_ID> sessions;
