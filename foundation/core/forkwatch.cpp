@@ -36,11 +36,14 @@ void watchProcessExit(const void* user, const void* library) {
         std::mutex mutex;
         std::set<const void*> seen;
         std::uint32_t generation = forkGeneration();
+        Watched* before = nullptr;  // kept in reach, so that no tool calls it a leak
     };
     static std::atomic<Watched*> current{std::make_unique<Watched>().release()};
     Watched* watched = current.load();
     if (watched->generation != forkGeneration()) {
-        watched = std::make_unique<Watched>().release();
+        auto fresh = std::make_unique<Watched>();
+        fresh->before = watched;
+        watched = fresh.release();
         current.store(watched);
     }
     // dladdr() knows the addresses within loaded images, which is where static objects live; heap

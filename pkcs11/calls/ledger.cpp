@@ -15,6 +15,7 @@ struct Use {
 struct Page {
     std::map<const CK_FUNCTION_LIST*, Use> uses;
     std::map<const void*, std::shared_ptr<MervaneCritSec>> turns;  // by library
+    Page* before = nullptr;  // abandoned at a fork; kept in reach, so that no tool calls it a leak
 };
 
 // Never destroyed: objects of static storage may outlive anything that is. After a fork no module
@@ -26,7 +27,9 @@ class Book {
     auto withPage(Work work) {
         const CritSecExitor lock(m_section);
         if (m_generation != forkGeneration()) {
-            m_page = std::make_unique<Page>().release();
+            auto page = std::make_unique<Page>();
+            page->before = m_page;
+            m_page = page.release();
             m_generation = forkGeneration();
         }
         return work(*m_page);
