@@ -212,12 +212,12 @@ CK_OBJECT_HANDLE ClsPkcs11::findRsaKeyByModulus(Certificate& cert, bool requireS
 }
 
 bool ClsPkcs11::linkCertToPkcs11Session(Certificate* cert, bool quick, LogBase& log) {
-    const LogContextExitor context(log, "linkCertToPkcs11Session");
-    if (cert == nullptr) return false;
     if (m_calls->use.hasForked()) {
         const CritSecExitor lock(*this);
         settleAfterFork(*this, *m_calls);
     }
+    const LogContextExitor context(log, "linkCertToPkcs11Session");
+    if (cert == nullptr) return false;
     return guardedCall(*m_calls, log, [&](LogBase&) {
         FoundKey found;
         const bool couldLook = searchKey(*cert, quick, found, log);
