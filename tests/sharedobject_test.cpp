@@ -88,6 +88,7 @@ TEST(SharedObjectTest, WhatIsNoRegularFileIsNotWaitedFor) {
 
 // What passes is loaded: were it to end the process, this test would end.
 TEST(SharedObjectTest, EveryCutIsRefusedOrHarmless) {
+    if (isUnderValgrind()) GTEST_SKIP() << "valgrind aborts on a library whose section headers are cut off";
     const std::string whole = zlibFile();
     std::vector<std::size_t> cuts = {1, 5, 16, 65, 4095, 4096, 4097, whole.size() - 1};
     for (std::size_t percent = 1; percent < 100; ++percent) cuts.push_back(whole.size() * percent / 100);
