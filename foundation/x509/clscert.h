@@ -32,7 +32,7 @@ class ClsCert final : public ClsBase {
     /// The certificate as PEM (RFC 7468); empty if there is none.
     [[nodiscard]] std::string ExportPem();
 
-    /// The store of certificates used with this one.
+    /// The share in a store of certificates used with this one; it has a lock of its own.
     [[nodiscard]] SystemCertsHolder& systemCerts() noexcept { return m_systemCerts; }
 
   private:

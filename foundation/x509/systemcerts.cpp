@@ -17,12 +17,18 @@ std::vector<std::shared_ptr<Certificate>> SystemCerts::all() const {
 }
 
 SystemCertsHolder::Ptr SystemCertsHolder::getSystemCertsPtr() {
+    const CritSecExitor lock(m_section);
     if (!m_store) m_store = std::make_shared<SystemCerts>();
     return m_store;
 }
 
+void SystemCertsHolder::setSystemCerts(Ptr store) {
+    const CritSecExitor lock(m_section);
+    m_store.swap(store);  // the former store is released without the lock
+}
+
 void SystemCertsHolder::mergeSysCerts(SystemCertsHolder& other, LogBase&) {
-    // all() copies, so the two stores are never locked at once and opposite merges cannot deadlock.
+    // Each step takes and leaves one lock, so opposite merges cannot deadlock.
     const Ptr theirs = other.getSystemCertsPtr();
     const Ptr ours = getSystemCertsPtr();
     if (ours == theirs) return;

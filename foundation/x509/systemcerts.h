@@ -22,7 +22,7 @@ class SystemCerts {
     std::vector<std::shared_ptr<Certificate>> m_certs;
 };
 
-/// An object's share of a store, which is created on first use. Not synchronised.
+/// An object's share of a store, which is created on first use. Any thread may call any method.
 class SystemCertsHolder {
   public:
     using Ptr = std::shared_ptr<SystemCerts>;
@@ -30,11 +30,12 @@ class SystemCertsHolder {
     /// The store, created if there is none; never null.
     [[nodiscard]] Ptr getSystemCertsPtr();
     /// Replaces the store.
-    void setSystemCerts(Ptr store) noexcept { m_store = std::move(store); }
+    void setSystemCerts(Ptr store);
     /// Adds the certificates of `other`'s store to this one's.
     void mergeSysCerts(SystemCertsHolder& other, LogBase& log);
 
   private:
+    MervaneCritSec m_section;  // guards m_store
     Ptr m_store;
 };
 

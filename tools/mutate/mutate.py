@@ -30,7 +30,7 @@ TREE, BUILD, UNBROKEN = WORK / "tree", WORK / "build", WORK / "unbroken"
 TESTS = BUILD / "mervane_tests"
 WORKERS = os.cpu_count()
 
-ROOMS = ("pkcs11/", "foundation/")
+SOURCES = ("pkcs11/", "foundation/")
 EXCLUDED = {"pkcs11/carddata/constants.cpp": "generated; a test of its own compares it with its source"}
 
 SLOW = 0.3  # seconds; tests that take longer run only when the others see nothing
@@ -219,7 +219,7 @@ def sources_of(files):
     names = project_files()
     copy_tree(names)
     chosen = [str(file.resolve().relative_to(ROOT)) for file in files] or [
-        name for name in names if name.startswith(ROOMS) and name.endswith((".cpp", ".h")) and name not in EXCLUDED]
+        name for name in names if name.startswith(SOURCES) and name.endswith((".cpp", ".h")) and name not in EXCLUDED]
     return {name: (TREE / name).read_text(encoding="utf-8") for name in sorted(chosen)}
 
 
