@@ -3,6 +3,7 @@
 
 #include "foundation/text/hex.h"
 #include "foundation/x509/extensionxml.h"
+#include "foundation/x509/usage.h"
 #include "foundation/x509/name.h"
 #include "foundation/x509/oid.h"
 #include "tests/readers.h"

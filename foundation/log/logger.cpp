@@ -57,8 +57,8 @@ void _mvLogger::write(Kind kind, std::string_view name, std::string_view text) n
         store(what, name, text);
         if (kind == Kind::Error) {
             m_lastError.clear();
-            m_lastHint.clear();
             appendOneLine(m_lastError, cut(text));
+            if (m_firstError.empty()) m_firstError = m_lastError;
         } else if (kind == Kind::Hint) {
             m_lastHint.clear();
             appendOneLine(m_lastHint, cut(text));
@@ -95,6 +95,7 @@ void _mvLogger::leaveContext() noexcept {
 }
 
 void _mvLogger::beginCall() {
+    m_firstError.clear();
     m_lastError.clear();
     m_lastHint.clear();
     m_numDropped = 0;
@@ -215,7 +216,8 @@ std::string _mvLogger::json() const {
 }
 
 void _mvLogger::abandon() noexcept {
-    for (std::string* const text : {&m_bytes, &m_lastError, &m_lastHint}) std::construct_at(text);
+    for (std::string* const text : {&m_bytes, &m_firstError, &m_lastError, &m_lastHint})
+        std::construct_at(text);
     std::construct_at(&m_calls);
     m_numDropped = m_stored = 0;
     m_depth = 0;
@@ -224,6 +226,7 @@ void _mvLogger::abandon() noexcept {
 void _mvLogger::clear() noexcept {
     m_bytes.clear();
     m_calls.clear();
+    m_firstError.clear();
     m_lastError.clear();
     m_lastHint.clear();
 }

@@ -39,9 +39,10 @@ class _mvLogger final : public LogBase {
     /// {"error":text}, {"info":text} or {"name":name,"value":text}.
     [[nodiscard]] std::string json() const;
 
-    /// The last error line of the last public call, and the hint that followed it. Empty if there
-    /// is none.
+    /// Of the last public call: its last error line, which says what did not succeed; its first,
+    /// which says why; and its last hint. Empty if there is none.
     [[nodiscard]] std::string lastError() const { return m_lastError; }
+    [[nodiscard]] std::string firstError() const { return m_firstError; }
     [[nodiscard]] std::string lastHint() const { return m_lastHint; }
 
     /// Number of open contexts; 0 whenever no public call is running.
@@ -66,6 +67,7 @@ class _mvLogger final : public LogBase {
 
     std::string m_bytes;               // the entries; layout in logger.cpp
     std::vector<std::size_t> m_calls;  // where each call begins in m_bytes
+    std::string m_firstError;
     std::string m_lastError;
     std::string m_lastHint;
     std::uint64_t m_numDropped = 0;  // entries of the current call not kept

@@ -34,9 +34,8 @@ using Reason = std::optional<std::string>;
 constexpr bool kIs64 = sizeof(void*) == 8;
 constexpr int kOwnClass = kIs64 ? ELFCLASS64 : ELFCLASS32;
 constexpr int kOtherClass = kIs64 ? ELFCLASS32 : ELFCLASS64;
-constexpr const char* kOtherClassReason =
-    kIs64 ? "The file is a 32-bit library, the process is a 64-bit one."
-          : "The file is a 64-bit library, the process is a 32-bit one.";
+constexpr const char* kOtherClassReason = kIs64 ? "a 32-bit library; the process is a 64-bit one"
+                                                : "a 64-bit library; the process is a 32-bit one";
 constexpr int kOwnByteOrder =
     std::endian::native == std::endian::little ? ELFDATA2LSB : ELFDATA2MSB;
 
@@ -50,12 +49,11 @@ bool isWithin(std::uint64_t at, std::uint64_t size, std::uint64_t from, std::uin
 }
 
 std::string damaged(std::string_view how) {
-    return "The file is damaged: " + std::string(how) + ".";
+    return "damaged: " + std::string(how);
 }
 
 std::string failed(std::string_view action, int error) {
-    return "The file cannot be " + std::string(action) + ": " +
-           std::system_category().message(error) + ".";
+    return "cannot be " + std::string(action) + ": " + std::system_category().message(error);
 }
 
 class File {
@@ -72,7 +70,7 @@ class File {
         m_fd = ::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
         struct stat status = {};
         if (m_fd < 0 || ::fstat(m_fd, &status) != 0) return failed("opened", errno);
-        if (!S_ISREG(status.st_mode)) return "The path does not name a regular file.";
+        if (!S_ISREG(status.st_mode)) return "no regular file";
         m_size = static_cast<std::uint64_t>(status.st_size);
         return {};
     }
@@ -84,8 +82,8 @@ class File {
         if (isWithin(at, size, 0, m_size)) return {};
         const std::uint64_t most = std::numeric_limits<std::uint64_t>::max();
         const std::uint64_t end = most - at >= size ? at + size : most;
-        return "The file is cut short: " + std::string(what) + " ends at " + std::to_string(end) +
-               ", the file has " + std::to_string(m_size) + " bytes.";
+        return "cut short: " + std::string(what) + " ends at " + std::to_string(end) +
+               ", the file has " + std::to_string(m_size) + " bytes";
     }
 
     // Fills the room, or says why it cannot.
@@ -99,7 +97,7 @@ class File {
                 ::pread(m_fd, rest.data(), rest.size(), static_cast<off_t>(at + done));
             if (count < 0 && errno == EINTR) continue;
             if (count < 0) return failed("read", errno);
-            if (count == 0) return "The file became shorter while it was read.";
+            if (count == 0) return "became shorter while it was read";
             done += static_cast<std::size_t>(count);
         }
         return {};
@@ -111,15 +109,15 @@ class File {
 };
 
 Reason checkKind(const Header& header) {
-    if (header.e_ident[EI_CLASS] != kOwnClass) return "The file is not an ELF shared library.";
-    if (header.e_ident[EI_DATA] != kOwnByteOrder) return "The file is for the other byte order.";
+    if (header.e_ident[EI_CLASS] != kOwnClass) return "invalid ELF header";
+    if (header.e_ident[EI_DATA] != kOwnByteOrder) return "for the other byte order";
     const Header* const own = &__ehdr_start;
     if (own != nullptr && header.e_machine != own->e_machine) {
-        return "The file is for another machine (ELF machine " + std::to_string(header.e_machine) +
-               ", here " + std::to_string(own->e_machine) + ").";
+        return "for another machine (ELF machine " + std::to_string(header.e_machine) + ", here " +
+               std::to_string(own->e_machine) + ")";
     }
     if (header.e_type == ET_DYN) return {};
-    return "The file is not a shared library (ELF type " + std::to_string(header.e_type) + ").";
+    return "of ELF type " + std::to_string(header.e_type);
 }
 
 Reason readHeader(const File& file, Header& header) {
@@ -127,9 +125,8 @@ Reason readHeader(const File& file, Header& header) {
         static_cast<std::size_t>(std::min<std::uint64_t>(file.size(), sizeof(header)));
     const auto bytes = std::as_writable_bytes(std::span(&header, 1));
     if (Reason reason = file.read("the ELF header", 0, bytes.first(known))) return reason;
-    if (known == 0) return "The file is empty.";
-    if (std::memcmp(header.e_ident, ELFMAG, SELFMAG) != 0)
-        return "The file is not an ELF shared library.";
+    if (known == 0) return "empty";
+    if (std::memcmp(header.e_ident, ELFMAG, SELFMAG) != 0) return "invalid ELF header";
     // Comes before the size: the header of a 32-bit library is shorter.
     if (header.e_ident[EI_CLASS] == kOtherClass) return kOtherClassReason;
     if (known < sizeof(header)) return file.checkHolds("the ELF header", 0, sizeof(header));

@@ -6,10 +6,10 @@
 
 namespace mervane {
 
-/// Why the file cannot be loaded as a shared library into this process, as a sentence; nothing
-/// where no reason is seen. dlopen trusts the headers: where they lead beyond the end of a file
-/// that was copied in part, or into zeros that were never overwritten, it ends the process by a
-/// signal.
+/// Why the file is no shared library that can be loaded into this process, in a few words ("cut
+/// short: a segment ends at .."); nothing where no reason is seen. dlopen trusts the headers: where
+/// they lead beyond the end of a file that was copied in part, or into zeros that were never
+/// overwritten, it ends the process by a signal.
 ///
 /// Looked at is what the loader maps and begins with: the ELF header, the program headers, the
 /// dynamic section. Section headers may be cut off or stale. A file that passes may still be

@@ -1,8 +1,10 @@
 #ifndef MERVANE_FOUNDATION_TEXT_XSTRING_H
 #define MERVANE_FOUNDATION_TEXT_XSTRING_H
 
+#include <concepts>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "secret.h"
 
@@ -13,7 +15,9 @@ namespace mervane {
 class XString {
   public:
     XString() = default;
-    explicit XString(std::string_view utf8) : m_text(utf8) {}
+    /// Not explicit: a method that takes an XString takes a plain text, too.
+    template <std::convertible_to<std::string_view> Text>
+    XString(const Text& utf8) : m_text(static_cast<std::string_view>(utf8)) {}
     XString(const XString& other) = default;
     ~XString() { wipe(m_text); }
 
@@ -33,6 +37,11 @@ class XString {
         std::string fresh(utf8);  // copied first: `utf8` may point into m_text
         m_text.swap(fresh);
         wipe(fresh);
+    }
+    /// Replaces the value by `utf8` itself, without a copy.
+    void takeUtf8(std::string&& utf8) noexcept {
+        m_text.swap(utf8);
+        wipe(utf8);
     }
     void copyFromX(const XString& other) { *this = other; }
     void swap(XString& other) noexcept { m_text.swap(other.m_text); }

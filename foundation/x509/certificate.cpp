@@ -17,17 +17,24 @@
 #include "foundation/x509/name.h"
 #include "foundation/x509/oid.h"
 #include "foundation/x509/sha1.h"
+#include "foundation/x509/sha256.h"
+#include "foundation/x509/usage.h"
 
 namespace mervane {
 namespace {
 
 using namespace std::string_view_literals;
 
-constexpr auto kKeyUsageOid = "\x55\x1D\x0F"sv;  // 2.5.29.15
+// RFC 5280 4.2.1, as content octets.
+constexpr auto kKeyUsageOid = "\x55\x1D\x0F"sv;          // 2.5.29.15
+constexpr auto kBasicConstraintsOid = "\x55\x1D\x13"sv;  // 2.5.29.19
+constexpr auto kPoliciesOid = "\x55\x1D\x20"sv;          // 2.5.29.32
+constexpr auto kExtendedKeyUsageOid = "\x55\x1D\x25"sv;  // 2.5.29.37
 
-bool setText(XString& out, const std::optional<std::string>& text) {
-    if (text) out.setFromUtf8(*text);
-    return text.has_value();
+bool setText(XString& out, std::optional<std::string> text) {
+    if (!text) return false;
+    out.takeUtf8(*std::move(text));
+    return true;
 }
 
 // An INTEGER's content, which is two's complement (X.690 8.3), as sign and magnitude. RFC 5280
@@ -178,6 +185,11 @@ bool Certificate::getSha1ThumbprintX(XString& out, LogBase&) const {
     return true;
 }
 
+bool Certificate::getSha256Thumbprint(XString& out, LogBase&) const {
+    out.setFromUtf8(toHex(sha256(der())));
+    return true;
+}
+
 std::optional<Certificate::Extension> Certificate::findExtension(
     std::string_view oidContent) const noexcept {
     for (der::Cursor list(bytesOf(m_extensions)); !list.atEnd();) {
@@ -207,9 +219,30 @@ bool Certificate::getExtensionXml(const char* oid, StringBuffer& out, LogBase&) 
     return true;
 }
 
+// Empty without the extension.
+der::Bytes Certificate::extensionValue(std::string_view oidContent) const noexcept {
+    const auto extension = findExtension(oidContent);
+    return extension ? extension->value : der::Bytes();
+}
+
 int Certificate::getIntendedKeyUsage(LogBase&) const {
-    const auto extension = findExtension(kKeyUsageOid);
-    return extension ? keyUsageBits(extension->value) : 0;
+    return keyUsageBits(extensionValue(kKeyUsageOid));
+}
+
+std::vector<std::string> Certificate::getKeyUsages() const {
+    return keyUsageNames(extensionValue(kKeyUsageOid));
+}
+
+std::vector<std::string> Certificate::getExtendedKeyUsages() const {
+    return extendedKeyUsageNames(extensionValue(kExtendedKeyUsageOid));
+}
+
+std::vector<std::string> Certificate::getPolicies() const {
+    return policyOids(extensionValue(kPoliciesOid));
+}
+
+bool Certificate::isCa() const noexcept {
+    return isCaConstraint(extensionValue(kBasicConstraintsOid));
 }
 
 bool Certificate::getValidity(std::string& notBefore, std::string& notAfter) const {
@@ -249,11 +282,11 @@ bool Certificate::getPartDer(int part, DataBuffer& out, LogBase&) const {
 }
 
 void Certificate::linkToPkcs11Session(const Pkcs11SessionOwner* owner, int keyType,
-                                      int expectedSignatureSize, unsigned long keyHandle,
-                                      LogBase&) {
+                                      int expectedSignatureSize, unsigned long keyHandle, LogBase&,
+                                      const PrivateKeyFacts& facts) {
     const auto& anchor = owner->sessionAnchor();
     const CritSecExitor lock(m_linkSection);
-    m_link = {anchor, anchor->session(), keyType, expectedSignatureSize, keyHandle};
+    m_link = {anchor, anchor->session(), keyType, expectedSignatureSize, keyHandle, facts};
 }
 
 std::optional<Certificate::Pkcs11Link> Certificate::pkcs11Link() const {
@@ -263,7 +296,7 @@ std::optional<Certificate::Pkcs11Link> Certificate::pkcs11Link() const {
         return std::nullopt;
     }
     return Pkcs11Link{Pkcs11LinkOwner(anchor), m_link.keyType, m_link.expectedSignatureSize,
-                      m_link.keyHandle};
+                      m_link.keyHandle, m_link.facts};
 }
 
 void Certificate::unlinkFromPkcs11Session() noexcept {

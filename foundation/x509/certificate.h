@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "../core/critsec.h"
 #include "../core/object.h"
@@ -14,6 +15,7 @@
 #include "../text/stringbuffer.h"
 #include "../text/xstring.h"
 #include "der.h"
+#include "keylink.h"
 #include "publickey.h"
 #include "sessionanchor.h"
 
@@ -80,13 +82,20 @@ class Certificate final : public std::enable_shared_from_this<Certificate> {
     /// Upper-case hexadecimal without separators or leading zero octets; "-" and the magnitude for
     /// a negative number.
     bool getSerialNumber(XString& out, LogBase& log) const;
-    /// SHA-1 of the DER: 40 upper-case hexadecimal digits.
+    /// SHA-1 and SHA-256 of the DER: 40 and 64 upper-case hexadecimal digits.
     bool getSha1ThumbprintX(XString& out, LogBase& log) const;
+    bool getSha256Thumbprint(XString& out, LogBase& log) const;
     /// The first extension with this dotted OID, as one line of XML (format in extensionxml.h).
     bool getExtensionXml(const char* oid, StringBuffer& out, LogBase& log) const;
     /// The first octet of KeyUsage (RFC 5280 4.2.1.3): 0x80 digitalSignature, 0x40 nonRepudiation,
     /// and so on; 0 without the extension.
     int getIntendedKeyUsage(LogBase& log) const;
+    /// What the certificate may be used for, as in usage.h; empty without the extension.
+    [[nodiscard]] std::vector<std::string> getKeyUsages() const;
+    [[nodiscard]] std::vector<std::string> getExtendedKeyUsages() const;
+    [[nodiscard]] std::vector<std::string> getPolicies() const;
+    /// Whether the basic constraints say that the subject is a CA.
+    [[nodiscard]] bool isCa() const noexcept;
     /// "YYYY-MM-DDThh:mm:ssZ"; a time in another form is copied as it is in the certificate.
     bool getValidity(std::string& notBefore, std::string& notAfter) const;
 
@@ -109,10 +118,11 @@ class Certificate final : public std::enable_shared_from_this<Certificate> {
     // --- Link to the session that holds the private key. Any thread may call these.
 
     /// Records `owner` and its current session, the key type (1 RSA, 3 EC), the length of the key's
-    /// signatures in bytes and the private key's handle, for signing later. Replaces any earlier
-    /// link. `owner` must not be null.
+    /// signatures in bytes, the private key's handle, and what is known of the key, for signing
+    /// later. Replaces any earlier link. `owner` must not be null.
     void linkToPkcs11Session(const Pkcs11SessionOwner* owner, int keyType,
-                             int expectedSignatureSize, unsigned long keyHandle, LogBase& log);
+                             int expectedSignatureSize, unsigned long keyHandle, LogBase& log,
+                             const PrivateKeyFacts& facts = {});
     /// Drops the link, if there is one.
     void unlinkFromPkcs11Session() noexcept;
 
@@ -122,6 +132,7 @@ class Certificate final : public std::enable_shared_from_this<Certificate> {
         int keyType;
         int expectedSignatureSize;
         unsigned long keyHandle;
+        PrivateKeyFacts facts;
     };
     /// The link; nullopt once the owner is gone or the session it was made under has ended.
     [[nodiscard]] std::optional<Pkcs11Link> pkcs11Link() const;
@@ -149,6 +160,7 @@ class Certificate final : public std::enable_shared_from_this<Certificate> {
     };
     [[nodiscard]] std::optional<Extension> findExtension(
         std::string_view oidContent) const noexcept;
+    [[nodiscard]] der::Bytes extensionValue(std::string_view oidContent) const noexcept;
 
     DataBuffer m_der;
     TokenCertInfo m_token;
@@ -166,6 +178,7 @@ class Certificate final : public std::enable_shared_from_this<Certificate> {
         int keyType = 0;
         int expectedSignatureSize = 0;
         unsigned long keyHandle = 0;
+        PrivateKeyFacts facts;
     };
     mutable MervaneCritSec m_linkSection;  // guards m_link
     Link m_link;

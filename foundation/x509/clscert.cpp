@@ -1,7 +1,12 @@
 #include "foundation/x509/clscert.h"
 
+#include <type_traits>
+#include <utility>
+
 #include "foundation/core/guarded.h"
 #include "foundation/text/base64.h"
+#include "foundation/text/hex.h"
+#include "foundation/text/utf8.h"
 
 namespace mervane {
 namespace {
@@ -14,6 +19,44 @@ std::string toPem(der::Bytes der) {
         out.append(base64, at, kLineLength).push_back('\n');
     }
     return out + "-----END CERTIFICATE-----\n";
+}
+
+std::pair<std::string, std::string> validityOf(const Certificate& cert) {
+    std::pair<std::string, std::string> times;
+    cert.getValidity(times.first, times.second);
+    return times;
+}
+
+// What `read` makes of the certificate; a value of nothing without one, or without memory.
+template <class Read>
+auto valueOf(ClsCert& object, Read read) {
+    const CritSecExitor lock(object);
+    const auto cert = object.getCert();
+    using Value = std::invoke_result_t<Read, const Certificate&>;
+    return guarded(object.log(), [&] { return cert ? read(*cert) : Value(); });
+}
+
+// The same for a text; where there is none the caller's old text would look like the answer.
+template <class Read>
+void readText(ClsCert& object, XString& out, Read read) {
+    const bool isKnown = valueOf(object, [&](const Certificate& cert) { return read(cert, out); });
+    if (!isKnown) out.clear();
+}
+
+using TextReader = bool (Certificate::*)(XString&, LogBase&) const;
+
+void readText(ClsCert& object, XString& out, TextReader reader) {
+    readText(object, out, [&](const Certificate& cert, XString& text) {
+        return (cert.*reader)(text, object.log());
+    });
+}
+
+using PartReader = bool (Certificate::*)(const char*, XString&, LogBase&) const;
+
+void readCN(ClsCert& object, XString& out, PartReader reader) {
+    readText(object, out, [&](const Certificate& cert, XString& text) {
+        return (cert.*reader)("CN", text, object.log());
+    });
 }
 
 }  // namespace
@@ -29,33 +72,110 @@ std::shared_ptr<Certificate> ClsCert::getCert() {
     return m_cert;
 }
 
-void ClsCert::readText(TextReader reader, XString& out) {
-    const CritSecExitor lock(*this);
-    const bool known = guarded(m_log, [&] { return m_cert && ((*m_cert).*reader)(out, m_log); });
-    if (!known) out.clear();  // the caller's old text would look like the answer
+void ClsCert::get_SubjectDN(XString& out) {
+    readText(*this, out, &Certificate::getSubjectDN);
 }
 
-void ClsCert::get_SubjectDN(XString& out) {
-    readText(&Certificate::getSubjectDN, out);
+void ClsCert::get_IssuerDN(XString& out) {
+    readText(*this, out, &Certificate::getIssuerDN);
 }
 
 void ClsCert::get_SerialNumber(XString& out) {
-    readText(&Certificate::getSerialNumber, out);
+    readText(*this, out, &Certificate::getSerialNumber);
 }
 
 void ClsCert::get_Sha1Thumbprint(XString& out) {
-    readText(&Certificate::getSha1ThumbprintX, out);
+    readText(*this, out, &Certificate::getSha1ThumbprintX);
+}
+
+void ClsCert::get_Sha256Thumbprint(XString& out) {
+    readText(*this, out, &Certificate::getSha256Thumbprint);
+}
+
+void ClsCert::get_SubjectCN(XString& out) {
+    readCN(*this, out, &Certificate::getSubjectPart);
+}
+
+void ClsCert::get_IssuerCN(XString& out) {
+    readCN(*this, out, &Certificate::getIssuerPart);
+}
+
+void ClsCert::get_NotBefore(XString& out) {
+    readText(*this, out, [](const Certificate& cert, XString& text) {
+        text.takeUtf8(validityOf(cert).first);
+        return true;
+    });
+}
+
+void ClsCert::get_NotAfter(XString& out) {
+    readText(*this, out, [](const Certificate& cert, XString& text) {
+        text.takeUtf8(validityOf(cert).second);
+        return true;
+    });
+}
+
+void ClsCert::get_Label(XString& out) {
+    readText(*this, out, [](const Certificate& cert, XString& text) {
+        text.takeUtf8(toValidUtf8(cert.tokenInfo().label));
+        return true;
+    });
+}
+
+void ClsCert::get_CkaId(XString& out) {
+    readText(*this, out, [](const Certificate& cert, XString& text) {
+        text.takeUtf8(toHex(cert.tokenInfo().ckaId.span()));
+        return true;
+    });
+}
+
+std::vector<std::string> ClsCert::KeyUsages() {
+    return valueOf(*this, [](const Certificate& cert) { return cert.getKeyUsages(); });
+}
+
+std::vector<std::string> ClsCert::ExtendedKeyUsages() {
+    return valueOf(*this, [](const Certificate& cert) { return cert.getExtendedKeyUsages(); });
+}
+
+std::vector<std::string> ClsCert::Policies() {
+    return valueOf(*this, [](const Certificate& cert) { return cert.getPolicies(); });
+}
+
+bool ClsCert::IsCa() {
+    return valueOf(*this, [](const Certificate& cert) { return cert.isCa(); });
+}
+
+int ClsCert::get_KeyType() {
+    return valueOf(*this, [this](const Certificate& cert) {
+        int bits = 0;
+        return cert.getCertKeyType(bits, log());
+    });
+}
+
+int ClsCert::get_KeyBits() {
+    return valueOf(*this, [this](const Certificate& cert) {
+        int bits = 0;
+        cert.getCertKeyType(bits, log());
+        return bits;
+    });
 }
 
 bool ClsCert::HasPrivateKey() {
-    const CritSecExitor lock(*this);
-    return m_cert && m_cert->hasPrivateKey(true, m_log);
+    return valueOf(*this,
+                   [this](const Certificate& cert) { return cert.hasPrivateKey(true, log()); });
+}
+
+std::optional<Certificate::Pkcs11Link> ClsCert::PrivateKeyLink() {
+    return valueOf(*this, [](const Certificate& cert) { return cert.pkcs11Link(); });
 }
 
 std::string ClsCert::ExportPem() {
-    const CritSecExitor lock(*this);
-    if (!m_cert) return {};
-    return guarded(m_log, [this] { return toPem(m_cert->der()); });
+    return valueOf(*this, [](const Certificate& cert) { return toPem(cert.der()); });
+}
+
+std::vector<std::uint8_t> ClsCert::ExportDer() {
+    return valueOf(*this, [](const Certificate& cert) {
+        return std::vector<std::uint8_t>(cert.der().begin(), cert.der().end());
+    });
 }
 
 }  // namespace mervane

@@ -2,7 +2,9 @@
 #define MERVANE_FOUNDATION_X509_CLSCERT_H
 
 #include <memory>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "../core/clsbase.h"
 #include "certificate.h"
@@ -22,23 +24,57 @@ class ClsCert final : public ClsBase {
     /// The certificate, shared; null if there is none.
     [[nodiscard]] std::shared_ptr<Certificate> getCert();
 
-    /// The subject as "C=EX, CN=Alice"; see Certificate::getSubjectDN().
+    // --- Names and numbers
+
+    /// The subject and the issuer as "C=EX, CN=Alice"; see Certificate::getSubjectDN().
     void get_SubjectDN(XString& out);
-    /// Upper-case hexadecimal without separators, as is the thumbprint.
+    void get_IssuerDN(XString& out);
+    /// The first common name of each, unescaped.
+    void get_SubjectCN(XString& out);
+    void get_IssuerCN(XString& out);
+    /// Upper-case hexadecimal without separators, as are the thumbprints.
     void get_SerialNumber(XString& out);
     void get_Sha1Thumbprint(XString& out);
+    void get_Sha256Thumbprint(XString& out);
+    /// Begin and end of validity, "YYYY-MM-DDThh:mm:ssZ"; another form of time is given as it is.
+    void get_NotBefore(XString& out);
+    void get_NotAfter(XString& out);
+
+    // --- What it is for. Names as in RFC 5280, others as dotted OIDs; at most 1,000 each.
+
+    [[nodiscard]] std::vector<std::string> KeyUsages();
+    [[nodiscard]] std::vector<std::string> ExtendedKeyUsages();
+    [[nodiscard]] std::vector<std::string> Policies();
+    [[nodiscard]] bool IsCa();
+
+    // --- The key
+
+    /// A KeyType (1 RSA, 3 EC, 0 other), and its size in bits.
+    [[nodiscard]] int get_KeyType();
+    [[nodiscard]] int get_KeyBits();
     /// Whether the certificate is linked to its private key in an open PKCS#11 session.
     [[nodiscard]] bool HasPrivateKey();
-    /// The certificate as PEM (RFC 7468); empty if there is none.
+    /// The link: the key's handle, by what rule it was found, whether it may sign; nullopt if there
+    /// is none.
+    [[nodiscard]] std::optional<Certificate::Pkcs11Link> PrivateKeyLink();
+
+    // --- The object of the token that it was read from
+
+    /// CKA_LABEL; ill-formed bytes become U+FFFD.
+    void get_Label(XString& out);
+    /// CKA_ID in upper-case hexadecimal.
+    void get_CkaId(XString& out);
+
+    // --- As a whole; empty if there is no certificate
+
+    /// PEM (RFC 7468).
     [[nodiscard]] std::string ExportPem();
+    [[nodiscard]] std::vector<std::uint8_t> ExportDer();
 
     /// The share in a store of certificates used with this one; it has a lock of its own.
     [[nodiscard]] SystemCertsHolder& systemCerts() noexcept { return m_systemCerts; }
 
   private:
-    using TextReader = bool (Certificate::*)(XString&, LogBase&) const;
-    void readText(TextReader reader, XString& out);
-
     std::shared_ptr<Certificate> m_cert;
     SystemCertsHolder m_systemCerts;
 };

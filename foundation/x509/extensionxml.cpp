@@ -31,14 +31,6 @@ std::optional<std::string> certificatePolicies(der::Bytes value) {
 
 }  // namespace
 
-int keyUsageBits(der::Bytes value) noexcept {
-    // KeyUsage ::= BIT STRING
-    const auto bits = der::Cursor(value).read(der::kBitString);
-    if (!bits || bits->content.size() < 2 || bits->content[0] > 7) return 0;
-    const unsigned unused = bits->content.size() == 2 ? bits->content[0] : 0;
-    return static_cast<int>(bits->content[1] & (0xFFU << unused));
-}
-
 std::string extensionToXml(der::Bytes oid, bool critical, der::Bytes value) {
     const std::string dotted = oidToText(oid);
     if (dotted == "2.5.29.32") {

@@ -1,16 +1,11 @@
 #ifndef MERVANE_FOUNDATION_X509_EXTENSIONXML_H
 #define MERVANE_FOUNDATION_X509_EXTENSIONXML_H
 
-#include <cstdint>
 #include <string>
 
 #include "foundation/x509/der.h"
 
 namespace mervane {
-
-/// The first octet of a KeyUsage (RFC 5280 4.2.1.3: 0x80 digitalSignature to 0x01 encipherOnly),
-/// its unused bits cleared; 0 if `value` is not a KeyUsage.
-int keyUsageBits(der::Bytes value) noexcept;
 
 /// An extension as one line of XML. Certificate policies (RFC 5280 4.2.1.4) are listed by OID,
 /// without qualifiers:

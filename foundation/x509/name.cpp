@@ -95,13 +95,30 @@ bool forEachAttribute(der::Bytes name, Visit visit) {
     return true;
 }
 
+bool isControl(char c) noexcept {
+    return static_cast<std::uint8_t>(c) < 0x20 || c == 0x7F;
+}
+
 // Escapes a value by RFC 4514 2.4, and control characters too, which keeps a name to one line.
+// Ill-formed UTF-8 becomes U+FFFD.
 void appendEscaped(std::string& out, std::string_view value) {
     constexpr std::string_view kSpecial = "\"+,;<>\\";
-    for (std::size_t i = 0; i < value.size(); ++i) {
-        const char c = value[i];
-        const bool atEdge = (c == ' ' && (i == 0 || i + 1 == value.size())) || (c == '#' && i == 0);
-        if (static_cast<std::uint8_t>(c) < 0x20 || c == 0x7F) {
+    // Room for all of it at once: a value may be a megabyte, and growing takes twice its memory.
+    // A control character takes three bytes, and so does U+FFFD.
+    const auto numControls = static_cast<std::size_t>(std::ranges::count_if(value, isControl));
+    const std::size_t numLong = isValidUtf8(value) ? numControls : value.size();
+    out.reserve(out.size() + value.size() + 2 * numLong);
+    for (std::string_view rest = value; !rest.empty();) {
+        const bool isFirst = rest.size() == value.size();
+        const char c = rest.front();
+        if (static_cast<std::uint8_t>(c) >= 0x80) {
+            bool ok = true;
+            appendUtf8(out, takeCodePoint(rest, ok));
+            continue;
+        }
+        rest.remove_prefix(1);
+        const bool atEdge = (c == ' ' && (isFirst || rest.empty())) || (c == '#' && isFirst);
+        if (isControl(c)) {
             const std::array octet = {static_cast<std::uint8_t>(c)};
             out.append("\\").append(toHex(octet));
         } else {
@@ -129,19 +146,17 @@ std::optional<std::string> wideToUtf8(der::Bytes units, std::size_t unitSize) {
     return out;
 }
 
+// Real certificates carry UTF-8 in all of these types, allowed or not.
+bool isUtf8Type(std::uint8_t tag) noexcept {
+    return tag == der::kUtf8String || tag == der::kPrintableString || tag == der::kIa5String ||
+           tag == der::kNumericString || tag == der::kVisibleString;
+}
+
 // A string value as UTF-8; nullopt if the type is not a string type or the content is not a whole
 // number of characters.
 std::optional<std::string> stringValue(const der::Element& value) {
+    if (isUtf8Type(value.tag)) return toValidUtf8(asChars(value.content));
     switch (value.tag) {
-        case der::kUtf8String:
-        case der::kPrintableString:
-        case der::kIa5String:
-        case der::kNumericString:
-        case der::kVisibleString: {
-            // Real certificates carry UTF-8 in all of these types, allowed or not.
-            const std::string_view text = asChars(value.content);
-            return isValidUtf8(text) ? std::string(text) : toValidUtf8(text);
-        }
         case der::kTeletexString: {
             // Issuers use it for Latin-1, not for T.61.
             std::string out;
@@ -158,7 +173,9 @@ std::optional<std::string> stringValue(const der::Element& value) {
 }
 
 void appendValue(std::string& out, const der::Element& value) {
-    if (const auto text = stringValue(value)) {
+    if (isUtf8Type(value.tag)) {
+        appendEscaped(out, asChars(value.content));
+    } else if (const auto text = stringValue(value)) {
         appendEscaped(out, *text);
     } else {
         out.append("#").append(toHex(value.whole));
