@@ -22,11 +22,15 @@ set(MERVANE_PUBLIC_HEADERS
     foundation/x509/clscert.h
     foundation/x509/curves.h
     foundation/x509/der.h
+    foundation/x509/keylink.h
     foundation/x509/publickey.h
     foundation/x509/sessionanchor.h
     foundation/x509/systemcerts.h
     pkcs11/calls/cktypes.h
     pkcs11/clspkcs11.h
+    pkcs11/explanation.h
     pkcs11/failure.h
     pkcs11/records.h
-    pkcs11/state.h)
+    pkcs11/signer.h
+    pkcs11/state.h
+    pkcs11/tokens.h)

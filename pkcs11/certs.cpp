@@ -8,11 +8,9 @@
 // FindCert walks the cache once. Asked for "privateKey" it takes the first certificate whose key is
 // found, except that certificates of one authentication CA are set aside in favour of any that
 // follows; asked for anything else it applies the one match rule whose keyword the question
-// contains, and takes the first certificate that fits. Rules are rows of a table below: a new one
-// is a row at its place in the order.
+// contains (certmatch.cpp), and takes the first certificate that fits.
 
-#include <array>
-
+#include "pkcs11/certmatch.h"
 #include "pkcs11/clspkcs11.h"
 #include "pkcs11/frame.h"
 
@@ -21,122 +19,6 @@ namespace {
 
 CertificateHolder* holderAt(const ExtPtrArray& certs, int index) noexcept {
     return static_cast<CertificateHolder*>(certs.elementAt(index));
-}
-
-// What a match rule looks at: the certificate, the normalised part name, and the value wanted.
-struct Question {
-    const Certificate& cert;
-    std::string_view part;
-    std::string_view value;
-    LogBase& log;
-};
-
-using TextReader = bool (Certificate::*)(XString&, LogBase&) const;
-
-// Reads a text, and logs it before it is compared.
-template <TextReader Reader>
-bool read(const Question& q, XString& text) {
-    if (!(q.cert.*Reader)(text, q.log)) return false;
-    q.log.LogDataX("checking", text);
-    return true;
-}
-
-template <TextReader Reader>
-bool textEquals(const Question& q) {
-    XString text;
-    return read<Reader>(q, text) && text.view() == q.value;
-}
-
-template <TextReader Reader>
-bool textEqualsIgnoreCase(const Question& q) {
-    XString text;
-    return read<Reader>(q, text) && equalsIgnoreCase(text.view(), q.value);
-}
-
-// "SERIAL:issuer CN", for each of the three issuer keywords.
-bool issuerAndSerialEqual(const Question& q) {
-    XString serial;
-    XString issuer;
-    if (!q.cert.getSerialNumber(serial, q.log) || !q.cert.getIssuerPart("CN", issuer, q.log))
-        return false;
-    std::string joined(serial.view());
-    joined.append(":").append(issuer.view());
-    q.log.LogData("checking", joined);
-    return joined == q.value;
-}
-
-bool hasPolicy(const Question& q) {
-    StringBuffer xml;
-    if (!q.cert.getExtensionXml("2.5.29.32", xml, q.log)) return false;
-    std::string wanted = "<oid>";
-    wanted.append(trimmed(q.value)).append("</oid>");
-    return xml.containsSubstring(wanted);
-}
-
-struct Usage {
-    std::string_view name;
-    int bit;
-};
-
-// Bits of the first octet of KeyUsage (RFC 5280 4.2.1.3). "offlinecrlsign" is an older name for the
-// bit of "crlsigning".
-constexpr std::array kUsages = {
-    Usage{"nonrepudiation", 0x40},     Usage{"digitalsignature", 0x80},
-    Usage{"keyencipherment", 0x20},    Usage{"dataencipherment", 0x10},
-    Usage{"certificatesigning", 0x04}, Usage{"crlsigning", 0x02},
-    Usage{"keyagreement", 0x08},       Usage{"encipheronly", 0x01},
-    Usage{"offlinecrlsign", 0x02},
-};
-
-// Any one of the usages named will do.
-bool hasUsage(const Question& q) {
-    const int bits = q.cert.getIntendedKeyUsage(q.log);
-    q.log.LogData("checking", "");
-    return std::ranges::any_of(kUsages, [&](const Usage& usage) {
-        return (bits & usage.bit) != 0 && q.value.find(usage.name) != std::string_view::npos;
-    });
-}
-
-bool subjectPartEquals(const Question& q) {
-    StringBuffer part(q.part);
-    part.toUpperCase();
-    XString text;
-    if (!q.cert.getSubjectPart(part.getString(), text, q.log)) return false;
-    q.log.LogDataX("checking", text);
-    return text.view() == q.value;
-}
-
-struct MatchRule {
-    std::string_view keyword;  // looked for anywhere in the part name
-    bool (*matches)(const Question& question);
-};
-
-// The first row whose keyword the part name contains applies, so the order matters: longer words
-// come before the words they contain, and the issuer rows before "serial".
-constexpr std::array kMatchRules = {
-    MatchRule{"subjectdn_withtags", textEquals<&Certificate::getSubjectDN>},
-    MatchRule{"subjectdn", textEquals<&Certificate::getSubjectDN_noTags>},
-    MatchRule{"issuercn", issuerAndSerialEqual},
-    MatchRule{"issuerserial", issuerAndSerialEqual},
-    MatchRule{"serialissuer", issuerAndSerialEqual},
-    MatchRule{"serial", textEqualsIgnoreCase<&Certificate::getSerialNumber>},
-    MatchRule{"thumbprint", textEqualsIgnoreCase<&Certificate::getSha1ThumbprintX>},
-    MatchRule{"policyoid", hasPolicy},
-    MatchRule{"keyusage", hasUsage},
-    MatchRule{"", subjectPartEquals},
-};
-
-// Trimmed and in lower case, with the two long names shortened.
-StringBuffer normalizedPart(const StringBuffer& certPart) {
-    StringBuffer part = certPart;
-    part.trim2();
-    part.toLowerCase();
-    if (part.equals("organization")) {
-        part.setString("o");
-    } else if (part.equals("email")) {
-        part.setString("e");
-    }
-    return part;
 }
 
 void logSubject(std::string_view name, const Certificate& cert, LogBase& log) {
@@ -217,15 +99,7 @@ bool ClsPkcs11::findPkcs11Cert(const _smartcardCertSpec& spec, ClsCert& cert, Lo
     log.LogDataSb("certPart", spec.certPart);
     log.LogDataSb("certPartVal", spec.certPartVal);
 
-    const StringBuffer part = normalizedPart(spec.certPart);
-    StringBuffer value = spec.certPartVal;
-    // Usage names are compared in lower case. Only the exact word asks for it: the rule also
-    // answers to longer words that contain "keyusage", and callers of those give lower case
-    // themselves.
-    if (part.equals("keyusage")) value.toLowerCase();
-    const auto* const rule = std::ranges::find_if(
-        kMatchRules, [&part](const MatchRule& r) { return part.containsSubstring(r.keyword); });
-
+    const CertMatch wanted(spec.certPart.view(), spec.certPartVal.view());
     const auto give = [&](Certificate& chosen) {
         return giveCert(chosen, m_systemCerts, cert, log);
     };
@@ -237,8 +111,8 @@ bool ClsPkcs11::findPkcs11Cert(const _smartcardCertSpec& spec, ClsCert& cert, Lo
         // Shared, because the search for its key may find the session gone and clear the cache.
         const auto checked = holder == nullptr ? nullptr : holder->share();
         if (!checked) continue;
-        if (!part.isEmpty()) {
-            if (rule->matches({*checked, part.view(), value.view(), log})) return give(*checked);
+        if (wanted.hasPart()) {
+            if (wanted.matches(*checked, log)) return give(*checked);
         } else if (!spec.mustHavePrivateKey) {
             log.LogInfo("Simply choosing the 1st encountered certificate...");
             logSubject("chosenCert", *checked, log);
@@ -264,11 +138,12 @@ bool ClsPkcs11::linkForSelection(Certificate& cert, LogBase& log) {
     const auto link = cert.pkcs11Link();
     if (link && link->keyHandle != 0) return true;
     FoundKey found;
-    if (!searchKey(cert, true, found, log)) return false;
+    if (!searchKey(cert, {}, found, log)) return false;
     log.LogDataBool("hasPrivateKey", found.handle != 0);
     if (found.handle != 0) {
         log.LogDataLong("expectedSignatureSize", found.signatureSize);
-        cert.linkToPkcs11Session(this, found.keyType, found.signatureSize, found.handle, log);
+        cert.linkToPkcs11Session(this, found.keyType, found.signatureSize, found.handle, log,
+                                 found.facts);
         log.LogDataBool("hasPrivateKey", cert.hasPrivateKey(false, log));
     }
     return true;

@@ -8,9 +8,12 @@
 #include "../foundation/text/xstring.h"
 #include "../foundation/x509/certificate.h"
 #include "../foundation/x509/clscert.h"
+#include "explanation.h"
 #include "failure.h"
 #include "records.h"
+#include "signer.h"
 #include "state.h"
+#include "tokens.h"
 
 namespace mervane {
 
@@ -20,16 +23,15 @@ class Calls;
 /// certificates, and finds the private key that belongs to one.
 ///
 ///     ClsPkcs11 token;
-///     token.put_SharedLibPath(XString("/usr/lib/softhsm/libsofthsm2.so"));
+///     token.put_SharedLibPath("/usr/lib/softhsm/libsofthsm2.so");
 ///     ClsCert cert;
-///     if (!token.QuickSession(1, pin) || !token.FindCert(XString("privateKey"), XString(), cert))
-///     {
-///         std::cerr << token.log().text();
-///     }
+///     if (!token.OpenToken({.label = "Alice"}, false) || !token.Login(1, pin) ||
+///         !token.FindSigner({}, cert))
+///         std::cerr << token.lastFailure().cause << '\n';
 ///
-/// Failure is a false result, a handle of 0 or a null pointer, with error lines in the object's
-/// log; nothing is thrown. A line about a failed function of the module names the function and the
-/// standard's CKR name. No PIN is ever logged.
+/// Failure is a false result, a handle of 0 or a null pointer, with the cause in lastFailure() and
+/// error lines in the object's log; nothing is thrown. A line about a failed function of the module
+/// names the function and the standard's CKR name. No PIN is ever logged.
 ///
 /// Ownership: the object owns its session and its caches. Its destructor closes the session,
 /// unlinks the certificates, and calls C_Finalize when it is the last of this process's objects
@@ -81,6 +83,16 @@ class ClsPkcs11 : public ClsBase, public Pkcs11SessionOwner, protected Pkcs11Sta
     /// Opens a session on the slot with this ID, or with -1 on the first slot with a token that
     /// takes one. A session that is open is replaced once the new one stands.
     bool OpenSession(int slotId, bool readWrite);
+
+    /// Lists the tokens in the module's slots, initialising the module as needed. A token that the
+    /// module cannot describe is listed as not readable.
+    bool ListTokens(std::vector<TokenInfo>& tokens);
+
+    /// Opens a session with the one token that fits `choice`, initialising the module as needed.
+    /// Several that fit are a failure that names them, so no PIN reaches a token by chance.
+    bool OpenToken(const TokenChoice& choice, bool readWrite);
+    /// The token of the open session, as it was described when OpenToken opened it.
+    bool GetToken(TokenInfo& token);
 
     /// Closes the session. Logins, caches and links end with it.
     bool CloseSession();
@@ -146,7 +158,16 @@ class ClsPkcs11 : public ClsBase, public Pkcs11SessionOwner, protected Pkcs11Sta
     ///       "email", any other type
     ///
     /// The first certificate that matches is given to `cert`, which is untouched on failure.
+    /// The certificate to sign with is better chosen by FindSigner: "privateKey" takes the first
+    /// that has a key, be it a guess, an expired one or a CA's.
     bool FindCert(const XString& certPart, const XString& partValue, ClsCert& cert);
+
+    /// Chooses the certificate to sign with, and links it to its private key; see SignerQuery.
+    bool FindSigner(const SignerQuery& query, ClsCert& cert);
+
+    /// Says by what rule the certificate's private key is found, and what speaks against the other
+    /// keys of its type. Reads all that the token shows of them; links nothing.
+    bool ExplainPrivateKey(ClsCert& cert, KeyExplanation& out);
 
     // --- Entry points for the rest of the library. These take no lock.
 
@@ -235,11 +256,15 @@ class ClsPkcs11 : public ClsBase, public Pkcs11SessionOwner, protected Pkcs11Sta
     [[nodiscard]] bool isLoadedByBareName() const;
     bool open(std::string_view path, LogBase& log);
     void unload(LogBase& log);
+    bool beInUse(LogBase& log);
+    std::shared_ptr<Certificate> bestSigner(const SignerQuery& query, LogBase& log);
     bool linkForSelection(Certificate& cert, LogBase& log);
     // False if the key could not be looked for; true with a handle of 0 if there is none.
-    bool searchKey(Certificate& cert, bool quick, FoundKey& found, LogBase& log);
-    bool findRsaKey(Certificate& cert, bool quick, FoundKey& found, LogBase& log);
-    bool findEcKey(Certificate& cert, bool quick, FoundKey& found, LogBase& log);
+    bool searchKey(Certificate& cert, KeySearch how, FoundKey& found, LogBase& log);
+    bool findRsaKey(Certificate& cert, KeySearch how, FoundKey& found, LogBase& log);
+    bool findEcKey(Certificate& cert, KeySearch how, FoundKey& found, LogBase& log);
+    bool checkGuess(Certificate& cert, FoundKey& found, LogBase& log);
+    bool explain(Certificate& cert, KeyExplanation& out, LogBase& log);
 
     std::unique_ptr<Calls> m_calls;
 };

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "calls/cktypes.h"
 
@@ -20,6 +21,7 @@ enum class FailureKind : std::uint8_t {
     NoToken,            ///< no slot holds a token, or not the one asked for
     TokenGone,          ///< session or token ended during the call, or no session is open
     SeveralTokens,      ///< more than one token fits
+    SeveralCerts,       ///< more than one certificate fits equally well
     NotLoggedIn,        ///< somebody has to log in first
     PinMissing,         ///< the token wants a PIN and was given none
     PinWrong,
@@ -32,6 +34,9 @@ enum class FailureKind : std::uint8_t {
     NoMemory,
 };
 
+/// The kind in JSON: argument, moduleMissing, ...; none for None.
+std::string_view nameOf(FailureKind kind) noexcept;
+
 /// How the last public call failed. Every public method sets it anew.
 struct Failure {
     FailureKind kind = FailureKind::None;
@@ -42,6 +47,9 @@ struct Failure {
     std::optional<CK_RV> rv;  ///< what it returned
     std::optional<CK_SLOT_ID> slotId;  ///< the slot concerned
     std::string tokenLabel;            ///< of the token concerned, if it was read
+
+    /// The standard's name of `rv`; empty if there is none.
+    [[nodiscard]] std::string rvName() const;
 };
 
 }  // namespace mervane

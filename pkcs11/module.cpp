@@ -15,6 +15,7 @@
 #include "foundation/core/forkwatch.h"
 #include "foundation/system/filesys.h"
 #include "foundation/system/sharedobject.h"
+#include "pkcs11/calls/operations.h"
 #include "pkcs11/clspkcs11.h"
 #include "pkcs11/frame.h"
 
@@ -158,15 +159,17 @@ void ClsPkcs11::unload(LogBase& log) {
 bool ClsPkcs11::open(std::string_view path, LogBase& log) {
     const CancellationPause pause;
     XString loadedPath(path);
-    std::string reason = whyNotLoadable(loadedPath.getUtf8()).value_or("");
-    if (reason.empty()) {
+    const auto misfit = whyNotLoadable(loadedPath.getUtf8());
+    std::string reason = misfit.value_or("");
+    if (!misfit) {
         m_libHandle = ::dlopen(loadedPath.getUtf8(), RTLD_NOW);
         const char* const said = m_libHandle == nullptr ? ::dlerror() : nullptr;
         if (said != nullptr) reason = said;
     }
     if (m_libHandle == nullptr) {
         m_calls->noteFailure(FailureKind::ModuleNotLoadable,
-                             std::string(path) + " cannot be loaded: " + reason);
+                             std::string(path) + (misfit ? " is no shared library (" + reason + ")."
+                                                         : " cannot be loaded: " + reason + "."));
         m_calls->fail(log, FailureKind::ModuleNotLoadable, "Failed to load PKCS11 shared library.");
         log.LogData("dlerror", reason);
         return false;
@@ -247,6 +250,7 @@ bool ClsPkcs11::openSession(int slotId, bool readWrite, LogBase& log) {
     if (count == 0) {
         log.LogInfo("No slot holds a token.");
         m_calls->noteFailure(FailureKind::NoToken, "No slot holds a token.");
+        m_calls->hint(log, operation::kNoTokenHint);
     }
     const std::span<const unsigned long> present(slotIds->data(), count);
     const auto open = [&](unsigned long id) {
@@ -265,6 +269,63 @@ bool ClsPkcs11::openSession(int slotId, bool readWrite, LogBase& log) {
     if (wanted == present.end())
         return m_calls->fail(log, FailureKind::NoToken, "Did not find desired slot ID.");
     return open(*wanted);
+}
+
+bool ClsPkcs11::ListTokens(std::vector<TokenInfo>& tokens) {
+    return publicCall(*this, *m_calls, "ListTokens", Record::Yes, [&](LogBase& log) {
+        std::vector<TokenInfo> found;
+        if (!beInUse(log) || !operation::readTokens(*m_calls, std::nullopt, found, log))
+            return false;
+        tokens.swap(found);
+        return true;
+    });
+}
+
+bool ClsPkcs11::OpenToken(const TokenChoice& choice, bool readWrite) {
+    return publicCall(*this, *m_calls, "OpenToken", Record::Yes, [&](LogBase& log) {
+        TokenInfo token;
+        if (!beInUse(log) || !operation::chooseToken(*m_calls, choice, token, log)) return false;
+        log.LogDataUnsigned("slotId", token.slotId);
+        log.LogData("label", token.label);
+        log.LogData("serialNumber", token.serialNumber);
+        if (!C_OpenSession(token.slotId, false, readWrite, log)) return false;
+        m_slotId = token.slotId;
+        // A session belongs to one token. Where that is another than the one described, no PIN is
+        // to reach it.
+        if (!operation::isStillThere(*m_calls, token, log)) {
+            C_CloseSession(log);
+            return false;
+        }
+        m_token = std::move(token);
+        m_tokenSession = m_calls->use.session();
+        return true;
+    });
+}
+
+bool ClsPkcs11::GetToken(TokenInfo& token) {
+    return publicCall(*this, *m_calls, "GetToken", Record::Yes, [&](LogBase& log) {
+        if (!hasOpenSession()) return noSession(log);
+        if (m_tokenSession != m_calls->use.session()) {
+            std::vector<TokenInfo> tokens;
+            if (!operation::readTokens(*m_calls, m_slotId, tokens, log)) return false;
+            if (tokens.empty() || !tokens.front().isReadable)
+                return m_calls->fail(log, FailureKind::ModuleFailed, "The token cannot be read.");
+            m_token = std::move(tokens.front());
+            m_tokenSession = m_calls->use.session();
+        }
+        token = m_token;
+        return true;
+    });
+}
+
+// Initialises the module unless that is done already.
+bool ClsPkcs11::beInUse(LogBase& log) {
+    if (isInUse()) {
+        noteOtherModule(*this, log);
+        return true;
+    }
+    return C_Initialize(log) ||
+           m_calls->fail(log, FailureKind::ModuleFailed, "Failed to initialize");
 }
 
 bool ClsPkcs11::CloseSession() {

@@ -29,11 +29,18 @@
 //
 // What the next reader would get wrong: rules 2 and 3 run before the retry only if an earlier
 // search has read those values; the order of log lines depends on it.
+//
+// A link keeps the rule that found the key. A guess may be refuted by the token itself: checkGuess
+// compares the key's own modulus or point. What speaks against the keys that were not taken is
+// worked out on request (explain), from everything that the token shows of them.
 
+#include <algorithm>
 #include <array>
 #include <initializer_list>
 #include <string>
 
+#include "foundation/text/hex.h"
+#include "foundation/x509/curves.h"
 #include "foundation/x509/publickey.h"
 #include "pkcs11/clspkcs11.h"
 #include "pkcs11/frame.h"
@@ -61,22 +68,23 @@ int firstOf(const ExtPtrArray& keys, KeyIndex& index, KeyIndex::Field field,
     return first;
 }
 
-// The first record whose field equals one of the values and that, with `requireSign`, may sign; 0
-// when there is none. `by` is the word of the log lines.
-CK_OBJECT_HANDLE firstRsaKey(const ExtPtrArray& keys, KeyIndex& index, KeyIndex::Field field,
-                             std::initializer_list<const DataBuffer*> values, bool requireSign,
-                             const char* by, LogBase& log) {
+// The first record whose field equals one of the values and that, with `requireSign`, may sign;
+// null when there is none. `by` is the word of the log lines.
+const Pkcs11_PrivateKey* firstRsaKey(const ExtPtrArray& keys, KeyIndex& index,
+                                     KeyIndex::Field field,
+                                     std::initializer_list<const DataBuffer*> values,
+                                     bool requireSign, const char* by, LogBase& log) {
     const std::string found = std::string("Found matching PKCS11 RSA private key by ") + by;
     int at = -1;
     for (int numRefused = 0;; ++numRefused) {
         const auto among = numRefused < kMaxNamed ? KeyIndex::Among::All : KeyIndex::Among::Signing;
         at = firstOf(keys, index, field, values, among, at + 1);
-        if (at < 0) return 0;
+        if (at < 0) return nullptr;
         if (!requireSign || keyAt(keys, at)->maySign()) break;
         log.LogInfo(found + ", but it does not have the CKA_SIGN attribute.");
     }
     log.LogInfo(found + ".");
-    return keyAt(keys, at)->m_handle;
+    return keyAt(keys, at);
 }
 
 // The forms in which a key's record may hold the certificate's public point; empty if it has none
@@ -88,6 +96,86 @@ std::array<DataBuffer, 2> pointsOf(const Certificate& cert) {
     return isEc ? publicKey.getEccKey()->comparablePoints() : std::array<DataBuffer, 2>();
 }
 
+// The forms in which tokens keep the certificate's modulus: with or without the sign's zero byte.
+// Empty if it has none that can be read.
+std::array<DataBuffer, 2> moduliOf(const Certificate& cert, LogBase& log) {
+    std::array<DataBuffer, 2> forms;
+    _mvPublicKey publicKey;
+    if (!cert.getCertPublicKey(publicKey, log) || publicKey.getRsaKey() == nullptr) return forms;
+    MpIntUtil::toUnsignedBytes(publicKey.getRsaKey()->modulus, forms[0]);
+    MpIntUtil::toSignedBytes(publicKey.getRsaKey()->modulus, forms[1]);
+    return forms;
+}
+
+const Pkcs11_PrivateKey* rsaKeyById(const Pkcs11State& state, const Certificate& cert,
+                                    bool requireSign, LogBase& log) {
+    return firstRsaKey(state.m_rsaPrivKeys, *state.m_rsaIndex, &Pkcs11_PrivateKey::m_keyId,
+                       {&cert.tokenInfo().ckaId}, requireSign, "ID", log);
+}
+
+const Pkcs11_PrivateKey* rsaKeyBySubject(const Pkcs11State& state, const Certificate& cert,
+                                         bool requireSign, LogBase& log) {
+    DataBuffer subject;
+    if (!cert.getPartDer(1, subject, log)) {
+        log.LogError("Unable to get cert SubjectDN DER.");
+        return nullptr;
+    }
+    return firstRsaKey(state.m_rsaPrivKeys, *state.m_rsaIndex, &Pkcs11_PrivateKey::m_subjectDer,
+                       {&subject}, requireSign, "Subject DER", log);
+}
+
+const Pkcs11_PrivateKey* rsaKeyByModulus(const Pkcs11State& state, const Certificate& cert,
+                                         bool requireSign, LogBase& log) {
+    const auto moduli = moduliOf(cert, log);
+    if (moduli[0].isEmpty()) return nullptr;
+    return firstRsaKey(state.m_rsaPrivKeys, *state.m_rsaIndex, &Pkcs11_PrivateKey::m_modulus,
+                       {&moduli[0], &moduli[1]}, requireSign, "modulus", log);
+}
+
+CK_OBJECT_HANDLE handleOf(const Pkcs11_PrivateKey* key) noexcept {
+    return key == nullptr ? 0 : key->m_handle;
+}
+
+// Records the key that a rule has found; false if it has found none.
+bool take(const Pkcs11_PrivateKey* key, KeyRule rule, FoundKey& found) {
+    if (key == nullptr) return false;
+    found.handle = key->m_handle;
+    found.facts.rule = rule;
+    if (key->m_signState != Pkcs11_PrivateKey::kSignUnknown) found.facts.maySign = key->maySign();
+    if (!key->m_auxData.isEmpty()) found.facts.alwaysAuthenticate = key->m_auxData.span()[0] != 0;
+    return true;
+}
+
+bool differs(const DataBuffer& known, const std::array<DataBuffer, 2>& forms) {
+    return !known.isEmpty() && !forms[0].isEmpty() && !known.equals(forms[0]) &&
+           !known.equals(forms[1]);
+}
+
+// What a key is compared with.
+struct KeyQuestion {
+    const DataBuffer& id;
+    DataBuffer subject;
+    std::array<DataBuffer, 2> moduli;
+    std::array<DataBuffer, 2> points;
+    bool isEc;
+};
+
+std::vector<KeyObjection> objectionsTo(const Pkcs11_PrivateKey& key, const KeyQuestion& wanted) {
+    using enum KeyObjection;
+    if (key.m_signState == Pkcs11_PrivateKey::kSignUnknown) return {AttributesUnreadable};
+    std::vector<KeyObjection> out;
+    const auto object = [&](bool applies, KeyObjection objection) {
+        if (applies) out.push_back(objection);
+    };
+    object(wanted.id.isEmpty() || !key.m_keyId.equals(wanted.id), IdDiffers);
+    object(!key.m_subjectDer.isEmpty() && !key.m_subjectDer.equals(wanted.subject), SubjectDiffers);
+    object(differs(key.m_modulus, wanted.moduli), ModulusDiffers);
+    object(differs(comparablePoint(key.m_ecPoint.span()), wanted.points), PointDiffers);
+    object(wanted.isEc && key.m_ecPoint.isEmpty(), PointUnknown);
+    object(!key.maySign(), MayNotSign);
+    return out;
+}
+
 }  // namespace
 
 bool ClsPkcs11::cardRequiresPss(LogBase&) {
@@ -97,13 +185,13 @@ bool ClsPkcs11::cardRequiresPss(LogBase&) {
 CK_OBJECT_HANDLE ClsPkcs11::findPrivKeyHandle(Certificate& cert, bool quick, int& keyType,
                                               int& expectedSignatureSize, LogBase& log) {
     FoundKey found;
-    static_cast<void>(searchKey(cert, quick, found, log));
+    static_cast<void>(searchKey(cert, {.quick = quick}, found, log));
     keyType = found.keyType;
     expectedSignatureSize = found.signatureSize;
     return found.handle;
 }
 
-bool ClsPkcs11::searchKey(Certificate& cert, bool quick, FoundKey& found, LogBase& log) {
+bool ClsPkcs11::searchKey(Certificate& cert, KeySearch how, FoundKey& found, LogBase& log) {
     const LogContextExitor context(log, "findPrivKeyHandle");
     int bits = 0;
     if (m_certHandleIsKeyHandle) {
@@ -114,13 +202,14 @@ bool ClsPkcs11::searchKey(Certificate& cert, bool quick, FoundKey& found, LogBas
         log.LogDataLong("expectedSignatureSize", found.signatureSize);
         if (!hasOpenSession()) return noSession(log);  // the handle belongs to one
         found.handle = cert.tokenInfo().handle;
+        found.facts.rule = KeyRule::CertHandle;
         return true;
     }
     log.LogDataBool("userLoggedIn", m_userLoggedIn);
     found.keyType = cert.getCertKeyType(bits, log);
     found.signatureSize = cert.expectedSignatureSize(log);
-    if (found.keyType == kEcKey) return findEcKey(cert, quick, found, log);
-    if (found.keyType == kRsaKey) return findRsaKey(cert, quick, found, log);
+    if (found.keyType == kEcKey) return findEcKey(cert, how, found, log);
+    if (found.keyType == kRsaKey) return findRsaKey(cert, how, found, log);
     log.LogError("Only EC and RSA keys are supported on PKCS11.");
     log.LogDataLong("certKeyType", found.keyType);
     XString algorithm;
@@ -128,24 +217,23 @@ bool ClsPkcs11::searchKey(Certificate& cert, bool quick, FoundKey& found, LogBas
     return true;
 }
 
-bool ClsPkcs11::findRsaKey(Certificate& cert, bool quick, FoundKey& found, LogBase& log) {
+bool ClsPkcs11::findRsaKey(Certificate& cert, KeySearch how, FoundKey& found, LogBase& log) {
     log.LogInfo("Looking for a matching RSA private key...");
-    if (!cacheRsaPrivateKeys(false, !quick, log)) return false;
+    if (!cacheRsaPrivateKeys(false, !how.quick, log)) return false;
     const int numRsaKeys = m_rsaPrivKeys.getSize();
     log.LogDataLong("numRsaKeys", numRsaKeys);
     const auto bySubjectOrModulus = [&] {
-        if (m_rsaKeysHaveSubject) found.handle = findRsaKeyBySubjectDER(cert, true, log);
-        if (found.handle == 0 && m_rsaKeysHaveModulus)
-            found.handle = findRsaKeyByModulus(cert, true, log);
-        return found.handle != 0;
+        return (m_rsaKeysHaveSubject &&
+                take(rsaKeyBySubject(*this, cert, true, log), KeyRule::Subject, found)) ||
+               (m_rsaKeysHaveModulus &&
+                take(rsaKeyByModulus(*this, cert, true, log), KeyRule::Modulus, found));
     };
-    found.handle = findRsaKeyById(cert, true, log);
-    if (found.handle != 0 || bySubjectOrModulus()) return true;
+    if (take(rsaKeyById(*this, cert, true, log), KeyRule::Id, found) || bySubjectOrModulus())
+        return true;
     if (numRsaKeys == 1 && m_certs.getSize() == 1 && keyAt(m_rsaPrivKeys, 0) != nullptr) {
         // Whether it may sign does not matter here: there is no other.
         log.LogInfo("Using only possible private key");
-        found.handle = keyAt(m_rsaPrivKeys, 0)->m_handle;
-        return true;
+        return take(keyAt(m_rsaPrivKeys, 0), KeyRule::OnlyKey, found);
     }
     bool couldLook = true;
     if (numRsaKeys >= 1 && !(m_rsaKeysHaveSubject && m_rsaKeysHaveModulus)) {
@@ -157,58 +245,96 @@ bool ClsPkcs11::findRsaKey(Certificate& cert, bool quick, FoundKey& found, LogBa
     return couldLook;
 }
 
-bool ClsPkcs11::findEcKey(Certificate& cert, bool quick, FoundKey& found, LogBase& log) {
+bool ClsPkcs11::findEcKey(Certificate& cert, KeySearch how, FoundKey& found, LogBase& log) {
     // A note, not a failure; callers look for it on the error channel.
     log.LogError("Certificate key type is ECDSA.");
     const auto points = pointsOf(cert);
     const bool hasPoint = !points[0].isEmpty();
-    if (!cacheEcdsaPrivateKeys(hasPoint && !quick, log)) return false;
+    if (!cacheEcdsaPrivateKeys(hasPoint && !how.quick, log)) return false;
     log.LogDataLong("numEcdsaKeys", m_ecdsaPrivKeys.getSize());
 
-    const auto find = [&](KeyIndex::Field field, std::initializer_list<const DataBuffer*> values) {
-        const int at =
-            firstOf(m_ecdsaPrivKeys, *m_ecdsaIndex, field, values, KeyIndex::Among::All, 0);
+    const auto among = how.mustSign ? KeyIndex::Among::Signing : KeyIndex::Among::All;
+    const auto find = [&](KeyRule rule, KeyIndex::Field field,
+                          std::initializer_list<const DataBuffer*> values) {
+        const int at = firstOf(m_ecdsaPrivKeys, *m_ecdsaIndex, field, values, among, 0);
         if (at < 0) return false;
         log.LogInfo("Found matching PKCS11 ECDSA private key.");
-        found.handle = keyAt(m_ecdsaPrivKeys, at)->m_handle;
-        return true;
+        return take(keyAt(m_ecdsaPrivKeys, at), rule, found);
     };
-    if (find(&Pkcs11_PrivateKey::m_keyId, {&cert.tokenInfo().ckaId})) return true;
+    if (find(KeyRule::Id, &Pkcs11_PrivateKey::m_keyId, {&cert.tokenInfo().ckaId})) return true;
     // The token knows better than the guess below, at the price of reading its points.
     if (hasPoint && !cacheEcdsaPrivateKeys(true, log)) return false;
-    if (find(&Pkcs11_PrivateKey::m_ecPoint, {&points[0], &points[1]})) return true;
+    if (find(KeyRule::Point, &Pkcs11_PrivateKey::m_ecPoint, {&points[0], &points[1]})) return true;
     if (keyAt(m_ecdsaPrivKeys, 0) == nullptr) return true;
     log.LogInfo("Using first PKCS11 ECDSA private key");
-    found.handle = keyAt(m_ecdsaPrivKeys, 0)->m_handle;
+    take(keyAt(m_ecdsaPrivKeys, 0), KeyRule::FirstKey, found);
+    // No point of the token is the certificate's.
+    found.facts.isDisproved = hasPoint && !keyAt(m_ecdsaPrivKeys, 0)->m_ecPoint.isEmpty();
     return true;
 }
 
 CK_OBJECT_HANDLE ClsPkcs11::findRsaKeyById(Certificate& cert, bool requireSign, LogBase& log) {
-    return firstRsaKey(m_rsaPrivKeys, *m_rsaIndex, &Pkcs11_PrivateKey::m_keyId,
-                       {&cert.tokenInfo().ckaId}, requireSign, "ID", log);
+    return handleOf(rsaKeyById(*this, cert, requireSign, log));
 }
 
 CK_OBJECT_HANDLE ClsPkcs11::findRsaKeyBySubjectDER(Certificate& cert, bool requireSign,
                                                    LogBase& log) {
-    DataBuffer subject;
-    if (!cert.getPartDer(1, subject, log)) {
-        log.LogError("Unable to get cert SubjectDN DER.");
-        return 0;
-    }
-    return firstRsaKey(m_rsaPrivKeys, *m_rsaIndex, &Pkcs11_PrivateKey::m_subjectDer, {&subject},
-                       requireSign, "Subject DER", log);
+    return handleOf(rsaKeyBySubject(*this, cert, requireSign, log));
 }
 
 CK_OBJECT_HANDLE ClsPkcs11::findRsaKeyByModulus(Certificate& cert, bool requireSign, LogBase& log) {
-    _mvPublicKey publicKey;
-    if (!cert.getCertPublicKey(publicKey, log) || publicKey.getRsaKey() == nullptr) return 0;
-    // Tokens keep the modulus with or without the sign's zero byte.
-    DataBuffer plain;
-    DataBuffer withZero;
-    MpIntUtil::toUnsignedBytes(publicKey.getRsaKey()->modulus, plain);
-    MpIntUtil::toSignedBytes(publicKey.getRsaKey()->modulus, withZero);
-    return firstRsaKey(m_rsaPrivKeys, *m_rsaIndex, &Pkcs11_PrivateKey::m_modulus,
-                       {&plain, &withZero}, requireSign, "modulus", log);
+    return handleOf(rsaKeyByModulus(*this, cert, requireSign, log));
+}
+
+// Asks the token whether the only RSA key can be the certificate's; an EC guess comes checked.
+// False if that could not be asked.
+bool ClsPkcs11::checkGuess(Certificate& cert, FoundKey& found, LogBase& log) {
+    if (found.facts.rule != KeyRule::OnlyKey) return true;
+    if (!cacheRsaPrivateKeys(true, true, log)) return false;
+    const Pkcs11_PrivateKey* const key = keyAt(m_rsaPrivKeys, 0);
+    found.facts.isDisproved = key != nullptr && differs(key->m_modulus, moduliOf(cert, log));
+    // A modulus that is known and does not differ is the certificate's own.
+    if (key != nullptr && !key->m_modulus.isEmpty() && !found.facts.isDisproved)
+        found.facts.rule = KeyRule::Modulus;
+    return true;
+}
+
+bool ClsPkcs11::ExplainPrivateKey(ClsCert& cert, KeyExplanation& out) {
+    return publicCall(*this, *m_calls, "ExplainPrivateKey", Record::Yes, [&](LogBase& log) {
+        const auto shared = cert.getCert();
+        if (!shared)
+            return m_calls->fail(log, FailureKind::Argument, "The certificate object is empty.");
+        KeyExplanation explanation;
+        if (!explain(*shared, explanation, log)) return false;
+        out = std::move(explanation);
+        return true;
+    });
+}
+
+bool ClsPkcs11::explain(Certificate& cert, KeyExplanation& out, LogBase& log) {
+    constexpr std::size_t kMaxExplained = 100;
+    FoundKey found;
+    if (!searchKey(cert, {}, found, log) || !checkGuess(cert, found, log)) return false;
+    out.keyHandle = found.handle;
+    out.facts = found.facts;
+    const bool isEc = found.keyType == kEcKey;
+    if (m_certHandleIsKeyHandle || (!isEc && found.keyType != kRsaKey)) return true;
+    if (isEc ? !cacheEcdsaPrivateKeys(true, log) : !cacheRsaPrivateKeys(true, true, log))
+        return false;
+    KeyQuestion wanted{cert.tokenInfo().ckaId, {}, moduliOf(cert, log), pointsOf(cert), isEc};
+    cert.getPartDer(1, wanted.subject, log);
+    const ExtPtrArray& keys = isEc ? m_ecdsaPrivKeys : m_rsaPrivKeys;
+    for (int i = 0; i < keys.getSize(); ++i) {
+        const Pkcs11_PrivateKey* const key = keyAt(keys, i);
+        if (key->m_handle == found.handle) continue;
+        if (out.passedOver.size() == kMaxExplained) {
+            ++out.numMore;
+        } else {
+            out.passedOver.push_back(
+                {key->m_handle, toHex(key->m_keyId.span()), objectionsTo(*key, wanted)});
+        }
+    }
+    return true;
 }
 
 bool ClsPkcs11::linkCertToPkcs11Session(Certificate* cert, bool quick, LogBase& log) {
@@ -220,14 +346,15 @@ bool ClsPkcs11::linkCertToPkcs11Session(Certificate* cert, bool quick, LogBase& 
     if (cert == nullptr) return false;
     return guardedCall(*m_calls, log, [&](LogBase&) {
         FoundKey found;
-        const bool couldLook = searchKey(*cert, quick, found, log);
+        const bool couldLook = searchKey(*cert, {.quick = quick}, found, log);
         log.LogDataBool("hasPrivateKey", found.handle != 0);
         log.LogDataLong("expectedSignatureSize", found.signatureSize);
         if (found.handle == 0) {
             const auto kind = couldLook ? FailureKind::NotFound : FailureKind::ModuleFailed;
             return m_calls->fail(log, kind, "No matching private key found on the HSM.");
         }
-        cert->linkToPkcs11Session(this, found.keyType, found.signatureSize, found.handle, log);
+        cert->linkToPkcs11Session(this, found.keyType, found.signatureSize, found.handle, log,
+                                  found.facts);
         return true;
     });
 }

@@ -8,6 +8,7 @@
 #include "../foundation/core/ptrarray.h"
 #include "../foundation/text/databuffer.h"
 #include "../foundation/text/stringbuffer.h"
+#include "../foundation/x509/keylink.h"
 #include "calls/cktypes.h"
 
 namespace mervane {
@@ -62,6 +63,14 @@ struct FoundKey {
     CK_OBJECT_HANDLE handle = 0;  ///< 0: none
     int keyType = 0;              ///< of the certificate, as Certificate::getCertKeyType has it
     int signatureSize = 0;        ///< bytes; 0 if the key type is not supported
+    PrivateKeyFacts facts;
+};
+
+/// How thoroughly a private key is looked for.
+struct KeySearch {
+    bool quick = true;  ///< reads fewer attributes: see findPrivKeyHandle
+    /// Passes over EC keys that may not sign, as it does over RSA keys in any case.
+    bool mustSign = false;
 };
 
 /// What FindCert looks for.

@@ -53,6 +53,8 @@ void Pkcs11State::abandon() {
         m_isSettingProperty = false;
     }
     renew(m_loadedLibPath);
+    renew(m_token);
+    m_tokenSession = 0;
     m_libHandle = nullptr;  // stays mapped
     for (ExtPtrArray* const list : {&m_certs, &m_rsaPrivKeys, &m_ecdsaPrivKeys}) list->abandon();
     for (auto* const index : {&m_rsaIndex, &m_ecdsaIndex}) {

@@ -8,6 +8,7 @@
 #include "../foundation/text/xstring.h"
 #include "../foundation/x509/systemcerts.h"
 #include "calls/cktypes.h"
+#include "tokens.h"
 
 namespace mervane {
 
@@ -64,6 +65,8 @@ struct Pkcs11State {
     std::unique_ptr<KeyIndex> m_rsaIndex;  // over the two caches
     std::unique_ptr<KeyIndex> m_ecdsaIndex;
     bool m_isSettingProperty = false;  // see abandon()
+    TokenInfo m_token;                 // as it was described in the session of this number
+    std::uint64_t m_tokenSession = 0;
 
     /// Unlinks every cached certificate, then forgets them all.
     void clearCertCache(LogBase& log);

@@ -30,6 +30,15 @@ bool Calls::fail(LogBase& log, FailureKind kind, std::string_view sentence) noex
     return false;
 }
 
+void Calls::concerns(CK_SLOT_ID slotId, std::string_view tokenLabel) noexcept {
+    failure.slotId = slotId;
+    try {
+        failure.tokenLabel = tokenLabel;
+    } catch (const std::exception&) {
+        failure.tokenLabel.clear();
+    }
+}
+
 void Calls::hint(LogBase& log, std::string_view sentence) noexcept {
     log.LogHint(sentence);
     try {
@@ -88,6 +97,7 @@ bool Calls::reportCode(const char* functionName, Needs needs, CK_RV rv, LogBase&
     if (failure.kind == FailureKind::None) {
         failure.function = functionName;
         failure.rv = rv;
+        if (needs == Needs::Session) concerns(state.m_slotId);
         noteFailure(sessionEnded ? FailureKind::TokenGone : rvKind(rv),
                     failed + " (" + toHexNumber(rv, 1) + ").");
     }

@@ -47,6 +47,8 @@ class Calls {
     bool fail(LogBase& log, FailureKind kind, std::string_view sentence) noexcept;
     /// The same without a line in the log, for a cause that the log tells in its own way.
     void noteFailure(FailureKind kind, std::string_view cause) noexcept;
+    /// Names the slot, and the token if its label is known, that the failure is about.
+    void concerns(CK_SLOT_ID slotId, std::string_view tokenLabel = {}) noexcept;
     /// An information line on what usually helps.
     void hint(LogBase& log, std::string_view sentence) noexcept;
 

@@ -94,7 +94,20 @@ inline constexpr CK_FLAGS CKF_RW_SESSION = 0x2;
 inline constexpr CK_FLAGS CKF_SERIAL_SESSION = 0x4;
 
 // Token flags that steer this code; names.cpp has them all.
+inline constexpr CK_FLAGS CKF_WRITE_PROTECTED = 0x2;
+inline constexpr CK_FLAGS CKF_LOGIN_REQUIRED = 0x4;
+inline constexpr CK_FLAGS CKF_USER_PIN_INITIALIZED = 0x8;
 inline constexpr CK_FLAGS CKF_PROTECTED_AUTHENTICATION_PATH = 0x100;
+inline constexpr CK_FLAGS CKF_TOKEN_INITIALIZED = 0x400;
+inline constexpr CK_FLAGS CKF_USER_PIN_COUNT_LOW = 0x10000;
+inline constexpr CK_FLAGS CKF_USER_PIN_FINAL_TRY = 0x20000;
+inline constexpr CK_FLAGS CKF_USER_PIN_LOCKED = 0x40000;
+inline constexpr CK_FLAGS CKF_USER_PIN_TO_BE_CHANGED = 0x80000;
+inline constexpr CK_FLAGS CKF_SO_PIN_COUNT_LOW = 0x100000;
+inline constexpr CK_FLAGS CKF_SO_PIN_FINAL_TRY = 0x200000;
+inline constexpr CK_FLAGS CKF_SO_PIN_LOCKED = 0x400000;
+inline constexpr CK_FLAGS CKF_SO_PIN_TO_BE_CHANGED = 0x800000;
+// A slot flag.
 inline constexpr CK_FLAGS CKF_TOKEN_PRESENT = 0x1;
 
 inline constexpr CK_USER_TYPE CKU_SO = 0;

@@ -6,6 +6,7 @@
 #include "foundation/json/clsjsonobject.h"
 #include "foundation/text/xstring.h"
 #include "pkcs11/calls/calls.h"
+#include "pkcs11/tokens.h"
 
 // What the call layer does for ClsPkcs11, a file a topic. Each operation expects the object's
 // critical section to be held, reports its failure in the log, and says by its result whether it
@@ -26,6 +27,21 @@ bool openSession(Calls& calls, CK_SLOT_ID slotId, bool readWrite, LogBase& log);
 bool closeSession(Calls& calls, LogBase& log);
 bool login(Calls& calls, int userType, const char* pin, LogBase& log);
 bool logout(Calls& calls, LogBase& log);
+
+// --- tokens.cpp
+
+/// What usually helps when no slot holds a token.
+inline constexpr std::string_view kNoTokenHint =
+    "Is the card or token plugged in? Smart cards need the daemon pcscd to be running.";
+
+/// Adds the tokens in the slot named, or in all. One that the module cannot describe is not
+/// readable, and counts as left out.
+bool readTokens(Calls& calls, std::optional<CK_SLOT_ID> slotId, std::vector<TokenInfo>& tokens,
+                LogBase& log);
+/// The one token that fits the choice.
+bool chooseToken(Calls& calls, const TokenChoice& choice, TokenInfo& chosen, LogBase& log);
+/// Whether the slot of a token still holds it.
+bool isStillThere(Calls& calls, const TokenInfo& chosen, LogBase& log);
 
 // --- admin.cpp
 bool setPin(Calls& calls, const char* oldPin, const char* newPin, LogBase& log);

@@ -27,15 +27,16 @@ class PinArgument {
     bool m_isLeftToReader = false;
 };
 
-/// Logs what the token's flags say about the user's PIN, or the security officer's.
-void logPinState(Calls& calls, CK_SLOT_ID slotId, bool isOfficer, LogBase& log);
+/// Logs what the token says about the user's PIN, or the security officer's: the lengths it takes
+/// if that was the failure, and its flags.
+void explainPinFailure(Calls& calls, CK_RV rv, CK_SLOT_ID slotId, bool isOfficer, LogBase& log);
 
-/// Calls::report(), followed by logPinState() if the failure is about a PIN.
+/// Calls::report(), followed by explainPinFailure() if the failure is about a PIN.
 template <Needs N, class Signature>
 bool reportPinCall(Calls& calls, const ModuleFunction<N, Signature>& function, CK_RV rv,
                    CK_SLOT_ID slotId, bool isOfficer, LogBase& log) {
     if (calls.report(function, rv, log)) return true;
-    if (isAboutPin(rv)) logPinState(calls, slotId, isOfficer, log);
+    if (isAboutPin(rv)) explainPinFailure(calls, rv, slotId, isOfficer, log);
     return false;
 }
 

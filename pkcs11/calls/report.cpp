@@ -5,7 +5,7 @@
 #include <algorithm>
 
 #include "foundation/text/hex.h"
-#include "foundation/text/utf8.h"
+#include "pkcs11/calls/fixedtext.h"
 #include "pkcs11/calls/lists.h"
 #include "pkcs11/calls/names.h"
 #include "pkcs11/calls/operations.h"
@@ -15,15 +15,6 @@ namespace {
 
 constexpr CK_ULONG kMaxMechanisms = 4096;           // about nine times what the standard defines
 constexpr std::size_t kMaxMechanismsInAll = 65536;  // bounds the report as a whole
-
-// A fixed-size text of the standard's structures: padded with blanks, not terminated. Some modules
-// terminate it all the same, so a NUL ends it.
-template <std::size_t N>
-std::string textOf(const CK_UTF8CHAR (&field)[N]) {
-    const std::string_view whole(reinterpret_cast<const char*>(field), N);
-    const std::string_view text = whole.substr(0, whole.find('\0'));
-    return toValidUtf8(text.substr(0, text.find_last_not_of(kWhiteSpace) + 1));
-}
 
 std::string versionOf(const CK_VERSION& version) {
     return std::to_string(version.major) + "." + std::to_string(version.minor);

@@ -62,8 +62,12 @@ bool initialise(Calls& calls, LogBase& log) {
         // Some modules accept no arguments; the object's critical section serialises its calls.
         rv = calls.ask(log, function::kInitialize, static_cast<void*>(nullptr));
     }
-    if (rv != CKR_OK && rv != CKR_CRYPTOKI_ALREADY_INITIALIZED)
-        return rv && calls.report(function::kInitialize, *rv, log);
+    if (rv != CKR_OK && rv != CKR_CRYPTOKI_ALREADY_INITIALIZED) {
+        if (rv) calls.report(function::kInitialize, *rv, log);
+        if (rv == CKR_ARGUMENTS_BAD)
+            calls.hint(log, "The module may need initialisation arguments of its own.");
+        return false;
+    }
     if (rv != CKR_OK)
         log.LogInfo("The module was initialised already, by another user in this process.");
     calls.use.initialised(rv == CKR_OK);
@@ -118,6 +122,7 @@ bool openSession(Calls& calls, CK_SLOT_ID slotId, bool readWrite, LogBase& log) 
         rv = tryToOpen(calls, slotId, readWrite, session, log);
     }
     if (!rv || !calls.report(function::kOpenSession, *rv, log)) {
+        calls.concerns(slotId);
         log.LogDataUnsigned("slotId", slotId);
         return false;
     }

@@ -347,8 +347,7 @@ constexpr std::tuple kFunctions(pair(function::kInitialize, &initialize), pair(f
 }  // namespace
 
 extern "C" World* fakeWorld() {
-    // The variable is for the command-line tool, which cannot reach the world.
-    static World* const instance = new World(std::getenv("MERVANE_FAKE_EMPTY_SLOT") != nullptr);  // NOLINT: lives as long as the module
+    static World* const instance = new World(std::getenv("MERVANE_FAKE_EMPTY_SLOT"), std::getenv("MERVANE_FAKE_FAILING"));  // NOLINT: lives as long as the module
     return instance;
 }
 

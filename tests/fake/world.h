@@ -99,8 +99,15 @@ struct State {
 };
 
 struct World : State {
-    explicit World(bool withEmptySlot) {
-        if (withEmptySlot) slots.push_back({.id = 2, .tokenPresent = false});
+    // For the command-line tool, which cannot reach the world: an empty slot, and "FUNCTION CODE" for a function that
+    // always fails.
+    World(const char* withEmptySlot, const char* failing) {
+        if (withEmptySlot != nullptr) slots.push_back({.id = 2, .tokenPresent = false});
+        if (failing == nullptr) return;
+        answer = [failing = std::string(failing)](const std::string& function, std::size_t) -> std::optional<CK_RV> {
+            if (!failing.starts_with(function + " ")) return std::nullopt;
+            return std::stoul(failing.substr(function.size()), nullptr, 0);
+        };
     }
     std::atomic<int> inside{0};  // calls running
     std::recursive_mutex mutex;  // guards the state

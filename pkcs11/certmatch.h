@@ -1,0 +1,30 @@
+#ifndef MERVANE_PKCS11_CERTMATCH_H
+#define MERVANE_PKCS11_CERTMATCH_H
+
+#include "foundation/text/stringbuffer.h"
+#include "foundation/x509/certificate.h"
+
+namespace mervane {
+
+struct MatchRule;
+
+/// One demand on a certificate: a part of it, and the value that the part has to have.
+class CertMatch {
+  public:
+    /// `part` as FindCert takes it; letter case and blanks around it do not count.
+    CertMatch(std::string_view part, std::string_view value);
+
+    /// Whether a part is named; without one every certificate matches.
+    [[nodiscard]] bool hasPart() const noexcept { return !m_part.isEmpty(); }
+    /// Logs what is compared under "checking". Only if a part is named.
+    [[nodiscard]] bool matches(const Certificate& cert, LogBase& log) const;
+
+  private:
+    StringBuffer m_part;  // trimmed, in lower case
+    StringBuffer m_value;
+    const MatchRule* m_rule;
+};
+
+}  // namespace mervane
+
+#endif

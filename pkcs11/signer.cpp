@@ -1,0 +1,192 @@
+// The certificate to sign with: the best of those that fit, by the order that SignerQuery gives.
+//
+// What the next reader would get wrong: a key that could not be looked for ends the choice, since
+// the best certificate may be the one it belongs to. And "equal" is asked of the merits alone:
+// which of two certificates the token lists first says nothing.
+
+#include "pkcs11/signer.h"
+
+#include <algorithm>
+#include <array>
+#include <ctime>
+#include <tuple>
+
+#include "foundation/text/hex.h"
+#include "pkcs11/certmatch.h"
+#include "pkcs11/clspkcs11.h"
+#include "pkcs11/frame.h"
+
+namespace mervane {
+namespace {
+
+std::string timeNow() {
+    const std::time_t now = std::time(nullptr);
+    std::tm utc{};
+    std::array<char, 32> text{};
+    if (::gmtime_r(&now, &utc) == nullptr) return {};
+    return {text.data(), std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &utc)};
+}
+
+// A certificate that fits the query and has a key that may sign.
+struct Candidate {
+    std::shared_ptr<Certificate> cert;
+    FoundKey key;
+    bool isValid;
+    std::string notBefore;
+
+    Candidate(std::shared_ptr<Certificate> certificate, FoundKey found, std::string_view at)
+        : cert(std::move(certificate)), key(found) {
+        std::string notAfter;
+        // Times of this form compare as texts; another form is not within anything.
+        isValid = cert->getValidity(notBefore, notAfter) && at.size() == notBefore.size() &&
+                  at.size() == notAfter.size() && notBefore <= at && at <= notAfter;
+    }
+
+    [[nodiscard]] bool isForSignatures() const {
+        LogNull log;
+        constexpr int kSignatures = 0x80 | 0x40;  // digitalSignature, nonRepudiation
+        return cert->getKeyUsages().empty() || (cert->getIntendedKeyUsage(log) & kSignatures) != 0;
+    }
+
+    // Better is greater.
+    [[nodiscard]] auto merits() const {
+        return std::tuple(!isGuess(key.facts.rule), isValid, !cert->isCa(), isForSignatures(),
+                          notBefore);
+    }
+
+    [[nodiscard]] std::string_view whyWorse(const Candidate& best) const {
+        if (isGuess(key.facts.rule) != isGuess(best.key.facts.rule)) return "its key is a guess";
+        if (isValid != best.isValid) return "it is outside its validity";
+        if (cert->isCa() != best.cert->isCa()) return "it is a CA certificate";
+        if (isForSignatures() != best.isForSignatures()) return "it is not for signatures";
+        return "its validity begins earlier";
+    }
+
+    [[nodiscard]] std::string described() const {
+        LogNull log;
+        XString subject;
+        XString serial;
+        cert->getSubjectDN(subject, log);
+        cert->getSerialNumber(serial, log);
+        return std::string(subject.view()) + " (serial number " + std::string(serial.view()) +
+               ", ID " + toHex(cert->tokenInfo().ckaId.span()) + ")";
+    }
+};
+
+bool isSame(const Candidate& a, const Candidate& b) {
+    return std::ranges::equal(a.cert->der(), b.cert->der());
+}
+
+// The demands of a query, made ready for comparing.
+class Demands {
+  public:
+    explicit Demands(const SignerQuery& query) : m_query(query) {
+        for (const auto& [part, value] : query.parts) m_parts.emplace_back(part, value);
+    }
+
+    [[nodiscard]] bool areMet(const Certificate& cert, LogBase& log) const {
+        XString digest;
+        const TokenCertInfo& object = cert.tokenInfo();
+        return (!m_query.label || object.label == *m_query.label) &&
+               (!m_query.id || equalsIgnoreCase(toHex(object.ckaId.span()), *m_query.id)) &&
+               (!m_query.sha256 || (cert.getSha256Thumbprint(digest, log) &&
+                                    equalsIgnoreCase(digest.view(), *m_query.sha256))) &&
+               std::ranges::all_of(m_parts, [&](const CertMatch& part) {
+                   return !part.hasPart() || part.matches(cert, log);
+               });
+    }
+
+  private:
+    const SignerQuery& m_query;
+    std::vector<CertMatch> m_parts;
+};
+
+// Certificates that fit and have no key to sign with.
+struct Misfits {
+    int numWithoutKey = 0;
+    int numThatMayNotSign = 0;
+
+    void report(Calls& calls, LogBase& log) const {
+        if (numThatMayNotSign != 0) {
+            calls.fail(log, FailureKind::KeyMayNotSign,
+                       "The private key may not sign: its CKA_SIGN is false or missing.");
+        } else if (numWithoutKey == 0) {
+            calls.fail(log, FailureKind::NotFound, "No certificate fits.");
+        } else {
+            calls.fail(log, FailureKind::NotFound,
+                       "No private key was found for the certificates that fit.");
+            if (!calls.state.m_userLoggedIn)
+                calls.hint(log, "Nobody is logged in, and private keys may be hidden until then.");
+        }
+    }
+};
+
+// Names those that were passed over. False if another is as good as the best.
+bool isClear(Calls& calls, const std::vector<Candidate>& candidates, const Candidate& best,
+             LogBase& log) {
+    constexpr int kMaxNamed = 10;
+    std::string equals;
+    int numEquals = 0;
+    for (const Candidate& other : candidates) {
+        if (&other == &best || isSame(other, best)) continue;
+        if (other.merits() == best.merits()) {
+            if (++numEquals <= kMaxNamed) equals.append("; ").append(other.described());
+        } else {
+            log.LogInfo("Passed over " + other.described() + ": " +
+                        std::string(other.whyWorse(best)) + ".");
+        }
+    }
+    if (numEquals == 0) return true;
+    if (numEquals > kMaxNamed)
+        equals.append("; " + std::to_string(numEquals - kMaxNamed) + " more");
+    calls.fail(log, FailureKind::SeveralCerts,
+               "Several certificates fit equally well: " + best.described() + equals + ".");
+    calls.hint(log, "Choose one by another part, such as its label, ID or SHA-256.");
+    return false;
+}
+
+}  // namespace
+
+bool ClsPkcs11::FindSigner(const SignerQuery& query, ClsCert& cert) {
+    return publicCall(*this, *m_calls, "FindSigner", Record::Yes, [&](LogBase& log) {
+        const auto best = bestSigner(query, log);
+        if (!best) return false;
+        const CritSecExitor lock(cert);
+        cert.systemCerts().mergeSysCerts(m_systemCerts, log);
+        return cert.injectCert(best.get(), log);
+    });
+}
+
+std::shared_ptr<Certificate> ClsPkcs11::bestSigner(const SignerQuery& query, LogBase& log) {
+    if (!m_certsLoaded && !findAllCerts(log)) return nullptr;
+    const Demands demands(query);
+    const std::string at = query.at.empty() ? timeNow() : query.at;
+    std::vector<Candidate> candidates;
+    Misfits misfits;
+    for (int i = 0; i < m_certs.getSize(); ++i) {
+        const auto* const holder = static_cast<CertificateHolder*>(m_certs.elementAt(i));
+        const auto checked = holder == nullptr ? nullptr : holder->share();
+        if (!checked || !demands.areMet(*checked, log)) continue;
+        FoundKey key;
+        if (!searchKey(*checked, {.mustSign = true}, key, log) || !checkGuess(*checked, key, log))
+            return nullptr;
+        if (key.handle == 0 || key.facts.isDisproved) {
+            ++misfits.numWithoutKey;
+        } else if (!key.facts.maySign.value_or(true)) {
+            ++misfits.numThatMayNotSign;
+        } else {
+            candidates.emplace_back(checked, key, at);
+        }
+    }
+    if (candidates.empty()) {
+        misfits.report(*m_calls, log);
+        return nullptr;
+    }
+    const auto best = std::ranges::max_element(candidates, {}, &Candidate::merits);
+    if (!isClear(*m_calls, candidates, *best, log)) return nullptr;
+    best->cert->linkToPkcs11Session(this, best->key.keyType, best->key.signatureSize,
+                                    best->key.handle, log, best->key.facts);
+    return best->cert;
+}
+
+}  // namespace mervane
