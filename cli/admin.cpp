@@ -1,34 +1,88 @@
 // set-pin, init-pin and init-token.
 
+#include <fcntl.h>
+
 #include <iostream>
 
 #include "commands.h"
 #include "output.h"
 #include "pins.h"
+#include "terminal.h"
 #include "token.h"
 
 namespace mervane::cli {
 namespace {
 
-void sayDone(const Options& options, const std::string& sentence) {
-    std::cout << (options.json ? "{\"ok\": true}" : sentence) << '\n';
+// What has happened is said even if it cannot be printed where it was asked for.
+void sayDone(const Options& options, std::string_view member, bool value,
+             const std::string& sentence) {
+    if (options.json) {
+        JsonPrinter document;
+        document.member(member, JsonValue(value));
+        document.finish();
+    } else {
+        std::cout << sentence << '\n';
+    }
+    std::cout.flush();
+    if (!std::cout)
+        throw CommandError{Exit::Module, sentence + " Standard output cannot be written.", {}};
 }
 
-// A read-write session with the token chosen, nobody logged in.
-TokenChoice openForPins(ClsPkcs11& p11, const Options& options) {
-    useModule(p11, options);
-    Options choosing = options;
-    choosing.login = false;  // a token without a user PIN is as good
-    TokenChoice token = chooseToken(p11, choosing, Takes::Initialized);
-    if (!p11.OpenSession(token.slot, true)) throwLastError(p11);
-    return token;
+// What a new label costs: the objects that can be seen without a login.
+std::string whatDies(ClsPkcs11& p11, const TokenInfo& token) {
+    std::string out = "\"" + printable(token.label) + "\" (serial number " +
+                      printable(token.serialNumber) + ", slot " + std::to_string(token.slotId) +
+                      ")";
+    ClsJsonObject keys;
+    const bool isOpen = p11.OpenToken({.slotId = token.slotId}, false);
+    if (isOpen && p11.FindAllCerts() && p11.FindAllKeys("all", keys)) {
+        const auto numKeys = keys.valueAt("keys")->asArray()->size();
+        out += ", on which " + std::to_string(p11.get_NumCerts()) + " certificates and " +
+               std::to_string(numKeys) + " keys can be seen without a login";
+    }
+    if (isOpen) p11.CloseSession();  // InitToken wants no session
+    return out;
+}
+
+// Nothing is destroyed by a slip of the fingers.
+void confirm(ClsPkcs11& p11, const TokenInfo& token, const Options& options) {
+    if (options.yes || !token.isInitialised) return;
+    const std::string victim = whatDies(p11, token);
+    SecretLine answer;
+    const bool isAsked = askUnseen(
+        "Everything is destroyed on the token " + victim + ".\nType its label to go on: ", answer);
+    if (isAsked && answer.text() == token.label) return;
+    throw CommandError{Exit::Usage,
+                       (isAsked ? "That is not its label; nothing is changed on the token "
+                                : "Everything would be destroyed on the token ") +
+                           victim + ".",
+                       isAsked ? "" : "--yes goes on without asking."};
+}
+
+bool isThereAlready(ClsPkcs11& p11, const Options& options) {
+    std::vector<TokenInfo> tokens;
+    if (!p11.ListTokens(tokens)) throwLastFailure(p11);
+    return std::ranges::any_of(tokens, [&](const TokenInfo& token) {
+        const bool isNamed =
+            options.slot ? token.slotId == *options.slot : token.label == options.arguments[0];
+        return token.isReadable && token.isInitialised && isNamed;
+    });
+}
+
+int slotArgument(const TokenInfo& token) {
+    if (token.slotId >= UINT32_MAX)
+        throw CommandError{
+            Exit::Module,
+            "The slot ID " + std::to_string(token.slotId) + " has more than 32 bits.",
+            {}};
+    return static_cast<int>(token.slotId);
 }
 
 }  // namespace
 
 Exit runSetPin(ClsPkcs11& p11, const Options& options) {
     const Pins pins(options);
-    const TokenChoice token = openForPins(p11, options);
+    const TokenInfo token = openForWriting(p11, options);
     XString oldPin;
     XString newPin;
     pins.read(loginSource(options), {.isOfficers = options.asOfficer, .isNew = false}, token,
@@ -36,34 +90,39 @@ Exit runSetPin(ClsPkcs11& p11, const Options& options) {
     pins.read(options.newPin, {.isOfficers = options.asOfficer, .isNew = true}, token, newPin);
     // The user's own PIN is changed without a login, as the standard allows, so that the old PIN is
     // tried once; the security officer has to be logged in.
-    if (options.asOfficer && !p11.Login(0, oldPin)) throwLastError(p11);
-    if (!p11.SetPin(oldPin, newPin)) throwLastError(p11);
-    sayDone(options, "The PIN was changed.");
+    if (options.asOfficer && !p11.Login(0, oldPin)) throwLastFailure(p11);
+    if (!p11.SetPin(oldPin, newPin)) throwLastFailure(p11);
+    sayDone(options, "ok", true, "The PIN was changed.");
     return Exit::Done;
 }
 
 Exit runInitPin(ClsPkcs11& p11, const Options& options) {
     const Pins pins(options);
-    const TokenChoice token = openForPins(p11, options);
+    const TokenInfo token = openForWriting(p11, options);
     XString soPin;
     XString newPin;
     pins.read(options.soPin, {.isOfficers = true, .isNew = false}, token, soPin);
     pins.read(options.newPin, {.isOfficers = false, .isNew = true}, token, newPin);
-    if (!p11.Login(0, soPin) || !p11.InitPin(newPin)) throwLastError(p11);
-    sayDone(options, "The user PIN was set.");
+    if (!p11.Login(0, soPin) || !p11.InitPin(newPin)) throwLastFailure(p11);
+    sayDone(options, "ok", true, "The user PIN was set.");
     return Exit::Done;
 }
 
 Exit runInitToken(ClsPkcs11& p11, const Options& options) {
     const Pins pins(options);
     useModule(p11, options);
-    // Without a choice only a token that holds nothing yet is taken.
-    const TokenChoice token = chooseToken(p11, options, Takes::Uninitialized);
+    if (options.ifUninitialised && isThereAlready(p11, options)) {
+        sayDone(options, "changed", false, "The token is initialised already; nothing is changed.");
+        return Exit::Done;
+    }
+    const TokenInfo token = tokenToInitialise(p11, options);
+    const int slot = slotArgument(token);
+    confirm(p11, token, options);
     XString soPin;
-    const bool isNew = token.flags.find(" token-initialized ") == std::string::npos;
-    pins.read(options.soPin, {.isOfficers = true, .isNew = isNew}, token, soPin);
-    if (!p11.InitToken(token.slot, soPin, XString(options.arguments[0]))) throwLastError(p11);
-    sayDone(options, "The token was initialised.");
+    pins.read(options.soPin, {.isOfficers = true, .isNew = !token.isInitialised}, token, soPin);
+    if (!p11.InitToken(slot, soPin, options.arguments[0])) throwLastFailure(p11);
+    sayDone(options, options.ifUninitialised ? "changed" : "ok", true,
+            "The token was initialised.");
     return Exit::Done;
 }
 

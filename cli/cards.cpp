@@ -3,24 +3,25 @@
 #include <filesystem>
 #include <iostream>
 
+#include <mervane/foundation/json/writer.h>
 #include <mervane/foundation/text/ascii.h>
 
 #include "commands.h"
+#include "failure.h"
 #include "output.h"
+#include "words.h"
 
 namespace mervane::cli {
 namespace {
 
-// Accepts an ATR as people paste it: "3B 6D 00", "3b:6d:00", "0x3B6D00".
-std::string cleanedAtr(std::string_view pasted) {
-    pasted = trimmed(pasted);
-    if (pasted.starts_with("0x") || pasted.starts_with("0X")) pasted.remove_prefix(2);
-    std::string out;
-    for (const char c : pasted) {
-        if (c != ' ' && c != ':' && c != '-' && c != '\t' && c != '\n')
-            out.push_back(toUpperAscii(c));
-    }
-    return out;
+// Accepts an ATR as people paste it: "3B 6D 00", "3b:6d:00", "0x3B6D00"; and X for a digit, as the
+// card database writes those that differ from card to card.
+std::string cleanedAtr(const std::string& pasted) {
+    const auto digits = hexDigits(pasted, "X");
+    if (!digits || digits->size() % 2 != 0)
+        throw CommandError{
+            Exit::Usage, "Not an ATR in hexadecimal: " + printable(trimmed(pasted)) + ".", {}};
+    return *digits;
 }
 
 }  // namespace
@@ -34,9 +35,10 @@ Exit runAtr(ClsPkcs11& p11, const Options& options) {
     ExtPtrArraySb paths;
     if (!ClsPkcs11::CardDataLookupAtr2(cleanedAtr(pasted).c_str(), name, readOnly, paths,
                                        p11.log())) {
-        const std::string error = p11.log().lastError();
-        throw CommandError{
-            Exit::NotFound, error.empty() ? "No card with this ATR is known." : error, {}};
+        const std::string error = p11.log().firstError();
+        throw CommandError{Exit::NotFound,
+                           error.empty() ? "No card with this ATR is known." : printable(error),
+                           {}};
     }
     JsonValue list = JsonValue::array();
     for (int i = 0; i < paths.getSize(); ++i) {
@@ -66,10 +68,9 @@ Exit runAtr(ClsPkcs11& p11, const Options& options) {
 
 Exit runCardData(ClsPkcs11& p11, const Options&) {
     ClsJsonObject document;
-    if (!ClsPkcs11::GetCardDataJson(document, p11.log())) {
-        throw CommandError{Exit::Module, p11.log().lastError(), {}};
-    }
-    printJson(document.root());
+    if (!ClsPkcs11::GetCardDataJson(document, p11.log()))
+        throw CommandError{Exit::Module, p11.log().firstError(), {}};
+    std::cout << toJsonText(document.root(), true) << '\n';  // as it is, with a schema of its own
     return Exit::Done;
 }
 

@@ -1,11 +1,15 @@
-// certs, find-cert and match.
+// certs and match.
+//
+// Everything is asked of the module before the first line is printed, so that a failure leaves no
+// half-printed list. What is printed is made certificate by certificate: a hostile one makes a page
+// of text of every byte.
 
-#include <fstream>
+#include <algorithm>
+#include <array>
 #include <iostream>
+#include <span>
 
-#include <mervane/foundation/text/hex.h>
-#include <mervane/foundation/text/utf8.h>
-
+#include "certview.h"
 #include "commands.h"
 #include "output.h"
 #include "token.h"
@@ -13,223 +17,174 @@
 namespace mervane::cli {
 namespace {
 
-// Keeps the log line that explains how a key was found, or why none was.
-class HowCatcher final : public LogBase {
-  public:
-    [[nodiscard]] const std::string& how() const noexcept { return m_how; }
-
-  private:
-    void write(Kind kind, std::string_view, std::string_view text) noexcept override {
-        // The note on EC certificates and the closing line are less specific than those between.
-        const bool isNote = text == "Certificate key type is ECDSA." ||
-                            (text == "No matching private key found on the HSM." && !m_how.empty());
-        if (kind == Kind::Data || kind == Kind::Hint || isNote) return;
-        try {
-            m_how = text;
-        } catch (const std::exception&) {
-            m_how.clear();  // no memory for a line: the key counts
-        }
-    }
-    void enterContext(std::string_view) noexcept override {}
-    void leaveContext() noexcept override {}
-
-    std::string m_how;
+struct Column {
+    std::string_view heading;
+    std::string (*cell)(ClsCert& cert, int index, const KeyView& key);
 };
 
-using TextReader = bool (Certificate::*)(XString&, LogBase&) const;
+using Columns = std::span<const Column>;
 
-JsonValue textOrNull(const Certificate& cert, TextReader reader) {
-    LogNull log;
+std::string indexCell(ClsCert&, int index, const KeyView&) {
+    return std::to_string(index);
+}
+template <std::string (*text)(ClsCert&)>
+std::string certCell(ClsCert& cert, int, const KeyView&) {
+    return text(cert);
+}
+template <std::string (*text)(const KeyView&)>
+std::string keyCell(ClsCert&, int, const KeyView& key) {
+    return text(key);
+}
+template <void (ClsCert::*reader)(XString&)>
+std::string fieldCell(ClsCert& cert, int, const KeyView&) {
     XString text;
-    return (cert.*reader)(text, log) ? JsonValue(text.view()) : JsonValue();
+    (cert.*reader)(text);
+    return std::string(text.view());
 }
 
-JsonValue certToJson(const Certificate& cert, int index) {
-    LogNull log;
-    JsonValue out = JsonValue::object();
-    out.set("index", index);
-    out.set("subject", textOrNull(cert, &Certificate::getSubjectDN));
-    out.set("subjectNoTags", textOrNull(cert, &Certificate::getSubjectDN_noTags));
-    out.set("issuer", textOrNull(cert, &Certificate::getIssuerDN));
-    XString issuerCn;
-    out.set("issuerCN",
-            cert.getIssuerPart("CN", issuerCn, log) ? JsonValue(issuerCn.view()) : JsonValue());
-    out.set("serialNumber", textOrNull(cert, &Certificate::getSerialNumber));
-    out.set("sha1Thumbprint", textOrNull(cert, &Certificate::getSha1ThumbprintX));
-    std::string notBefore;
-    std::string notAfter;
-    const bool hasValidity = cert.getValidity(notBefore, notAfter);
-    out.set("notBefore", hasValidity ? JsonValue(notBefore) : JsonValue());
-    out.set("notAfter", hasValidity ? JsonValue(notAfter) : JsonValue());
-    int bits = 0;
-    const int type = cert.getCertKeyType(bits, log);
-    out.set("keyType", type == kRsaKey  ? JsonValue("RSA")
-                       : type == kEcKey ? JsonValue("EC")
-                                        : JsonValue());
-    out.set("keyBits", type == 0 ? JsonValue() : JsonValue(bits));
-    out.set("ckaId", toHex(cert.tokenInfo().ckaId.span()));
-    out.set("label", toValidUtf8(cert.tokenInfo().label));
-    return out;
-}
+constexpr std::array kWideCerts = {
+    Column{"#", indexCell},
+    Column{"SUBJECT", certCell<subjectFor>},
+    Column{"KEY", certCell<keyFor>},
+    Column{"SERIAL", fieldCell<&ClsCert::get_SerialNumber>},
+    Column{"NOT AFTER", fieldCell<&ClsCert::get_NotAfter>},
+    Column{"ID", fieldCell<&ClsCert::get_CkaId>},
+    Column{"LABEL", fieldCell<&ClsCert::get_Label>},
+};
+constexpr std::array kWideMatch = {
+    Column{"#", indexCell},
+    Column{"SUBJECT", certCell<subjectFor>},
+    Column{"KEY", certCell<keyFor>},
+    Column{"ID", fieldCell<&ClsCert::get_CkaId>},
+    Column{"PRIVATE KEY", keyCell<privateKeyFor>},
+    Column{"FOUND BY", keyCell<foundByFor>},
+    Column{"SIGNS", keyCell<signsFor>},
+};
+// What a person asks first, within the width of a terminal.
+constexpr std::array kNarrow = {
+    Column{"WHO", certCell<whoFor>},     Column{"ISSUER", fieldCell<&ClsCert::get_IssuerCN>},
+    Column{"USE", certCell<useFor>},     Column{"KEY", certCell<keyFor>},
+    Column{"UNTIL", certCell<untilFor>}, Column{"SIGNS", keyCell<signsFor>},
+};
 
-JsonValue keyToJson(const Certificate& cert) {
-    const auto link = cert.pkcs11Link();
-    if (!link) return {};
-    JsonValue out = JsonValue::object();
-    out.set("handle", link->keyHandle);
-    out.set("keyType", link->keyType == kEcKey ? "EC" : "RSA");
-    out.set("expectedSignatureSize", link->expectedSignatureSize);
-    return out;
-}
+// The certificates of the token, and the key of each if they are matched.
+class Listing {
+  public:
+    Listing(ClsPkcs11& p11, const Options& options, bool isMatched)
+        : m_p11(p11), m_options(options), m_isMatched(isMatched) {}
 
-// Links the certificate to its key, and returns the line that explains how it was found, or why
-// none was. A key that could not be looked for is no answer.
-std::string linkToKey(ClsPkcs11& p11, Certificate& cert, int& numLeftOut) {
-    HowCatcher how;
-    const bool isLinked = p11.linkCertToPkcs11Session(&cert, true, how);
-    if (!isLinked && p11.lastFailure().kind != FailureKind::NotFound) throwLastError(p11);
-    numLeftOut += p11.get_NumLeftOut();
-    return how.how();
-}
-
-std::shared_ptr<Certificate> certAt(ClsPkcs11& p11, int index) {
-    ClsCert cert;
-    if (!p11.GetCert(index, cert)) throwLastError(p11);
-    return cert.getCert();
-}
-
-std::string keyText(const JsonValue& cert) {
-    return textOf(cert, "keyType") + " " + textOf(cert, "keyBits");
-}
-
-void saveCert(ClsCert& cert, const std::string& path) {
-    const auto der = cert.getCert()->der();
-    std::ofstream file(path, std::ios::binary | std::ios::trunc);
-    if (path.ends_with(".der")) {
-        file.write(reinterpret_cast<const char*>(der.data()),
-                   static_cast<std::streamsize>(der.size()));
-    } else {
-        file << cert.ExportPem();
+    Exit run() {
+        m_opened = openToken(m_p11, m_options, m_isMatched ? LoginIf::Needed : LoginIf::Told);
+        if (!m_p11.FindAllCerts()) throwLastFailure(m_p11);
+        m_numLeftOut = m_p11.get_NumLeftOut();
+        for (int i = 0; m_isMatched && i < m_p11.get_NumCerts(); ++i) match(i);
+        m_options.json ? printJson() : printTable();
+        sayLeftOut(m_numLeftOut);
+        sayWhatIsUncertain();
+        return Exit::Done;
     }
-    file.close();  // flushes: a full disk shows here
-    if (!file)
-        throw CommandError{Exit::Module, "The file " + printable(path) + " cannot be written.", {}};
-}
 
-int indexOf(ClsPkcs11& p11, const Certificate& wanted) {
-    for (int i = 0; i < p11.get_NumCerts(); ++i) {
-        if (certAt(p11, i).get() == &wanted) return i;
+  private:
+    void take(int index, ClsCert& cert) {
+        if (!m_p11.GetCert(index, cert)) throwLastFailure(m_p11);
     }
-    return -1;
-}
 
-// The line of p11's log that explains how the chosen certificate's key was found.
-std::string howFound(const ClsPkcs11& p11) {
-    std::string how;
-    p11.log().forEach([&how](const _mvLogger::Entry& entry) {
-        // "Found matching ..., but it ..." is a key that was found and passed over.
-        const bool isFind = entry.text.starts_with("Found matching") &&
-                            entry.text.find("but it") == std::string::npos;
-        if (entry.what == _mvLogger::Entry::What::Info &&
-            (isFind || entry.text.starts_with("Using ")))
-            how = entry.text;
-    });
-    return how;
-}
+    void match(int index) {
+        ClsCert cert;
+        take(index, cert);
+        LogNull log;
+        const bool isLinked = m_p11.linkCertToPkcs11Session(cert.getCert().get(), true, log);
+        if (!isLinked && m_p11.lastFailure().kind != FailureKind::NotFound) throwLastFailure(m_p11);
+        m_numLeftOut += m_p11.get_NumLeftOut();
+        m_keys.push_back(
+            keyViewOf(m_p11, cert, m_opened.token, m_opened.isLoggedIn, m_options.explain));
+    }
 
-// Reads the certificates and prints what `describe` makes of each, as JSON or, through `toRow`, as
-// a table.
-template <class Describe, class ToRow>
-Exit listCerts(ClsPkcs11& p11, const Options& options, std::vector<std::string> heading,
-               Describe describe, ToRow toRow) {
-    openToken(p11, options, false);
-    if (!p11.FindAllCerts()) throwLastError(p11);
-    int numLeftOut = p11.get_NumLeftOut();
-    JsonList list("certs");
-    Table table(std::move(heading));
-    const int numCerts = p11.get_NumCerts();
-    for (int i = 0; i < numCerts; ++i) {
-        const JsonValue record = describe(*certAt(p11, i), i, numLeftOut);
-        if (options.json) {
-            list.add(record);
-        } else {
-            table.add(toRow(record));
+    [[nodiscard]] const KeyView* keyAt(int index) const {
+        return m_isMatched ? &m_keys.at(static_cast<std::size_t>(index)) : nullptr;
+    }
+
+    void printJson() {
+        JsonPrinter document;
+        document.member("loggedIn", JsonValue(m_opened.isLoggedIn));
+        document.beginList("certs");
+        for (int i = 0; i < m_p11.get_NumCerts(); ++i) {
+            ClsCert cert;
+            take(i, cert);
+            document.beginItem();
+            printCert(document, cert, {i, m_opened.token, m_options.pem}, keyAt(i));
+            document.endItem();
+        }
+        document.endList();
+        if (m_numLeftOut != 0) document.member("leftOut", JsonValue(m_numLeftOut));
+        document.finish();
+    }
+
+    void printTable() {
+        const std::size_t width = m_options.wide ? 0 : terminalWidth();
+        const auto columns = width == 0
+                                 ? (m_isMatched ? Columns(kWideMatch) : Columns(kWideCerts))
+                                 : Columns(kNarrow).first(kNarrow.size() - (m_isMatched ? 0 : 1));
+        std::vector<std::string> heading;
+        for (const Column& column : columns) heading.emplace_back(column.heading);
+        Table table(std::move(heading));
+        for (int i = 0; i < m_p11.get_NumCerts(); ++i) {
+            ClsCert cert;
+            take(i, cert);
+            const KeyView* const key = keyAt(i);
+            std::vector<std::string> cells;
+            for (const Column& column : columns)
+                cells.push_back(column.cell(cert, i, key == nullptr ? KeyView() : *key));
+            table.add(std::move(cells));
+        }
+        table.print(width);
+        for (const KeyView& key : m_keys) {
+            if (key.explanation) printExplanation(key);
         }
     }
-    options.json ? list.print(numLeftOut) : table.print();
-    sayLeftOut(numLeftOut);
-    return Exit::Done;
-}
+
+    void printExplanation(const KeyView& key) const {
+        const auto number = static_cast<std::size_t>(&key - m_keys.data());
+        for (const PassedOverKey& other : key.explanation->passedOver) {
+            std::string why;
+            for (const KeyObjection objection : other.objections)
+                why.append(why.empty() ? "" : ", ").append(wordsFor(objection));
+            std::cout << "certificate " << number << ", key " << other.handle << " (ID "
+                      << other.ckaId
+                      << "): " << (why.empty() ? "fits as well, and comes later" : why) << '\n';
+        }
+        if (key.explanation->numMore != 0)
+            std::cout << "certificate " << number << ": " << key.explanation->numMore
+                      << " more keys\n";
+    }
+
+    void sayWhatIsUncertain() const {
+        const auto number = [this](auto isOne) { return std::ranges::count_if(m_keys, isOne); };
+        if (number([](const KeyView& key) { return key.state == KeyView::State::Unknown; }) != 0)
+            std::cerr << "mervane-p11: Nobody is logged in: private keys may be hidden. --login "
+                         "shows them.\n";
+        if (number([](const KeyView& key) { return key.isGuess(); }) != 0)
+            std::cerr
+                << "mervane-p11: A key marked GUESS is there, and nothing says that it is the "
+                   "certificate's.\n";
+    }
+
+    ClsPkcs11& m_p11;
+    const Options& m_options;
+    bool m_isMatched;
+    OpenedToken m_opened;
+    std::vector<KeyView> m_keys;
+    int m_numLeftOut = 0;
+};
 
 }  // namespace
 
 Exit runCerts(ClsPkcs11& p11, const Options& options) {
-    return listCerts(
-        p11, options, {"#", "SUBJECT", "KEY", "SERIAL", "NOT AFTER", "ID", "LABEL"},
-        [](Certificate& cert, int index, int&) { return certToJson(cert, index); },
-        [](const JsonValue& record) {
-            return std::vector{
-                textOf(record, "index"),        textOf(record, "subject"),  keyText(record),
-                textOf(record, "serialNumber"), textOf(record, "notAfter"), textOf(record, "ckaId"),
-                textOf(record, "label")};
-        });
-}
-
-Exit runFindCert(ClsPkcs11& p11, const Options& options) {
-    openToken(p11, options, false);
-    const XString part(options.arguments[0]);
-    const XString value(options.arguments.size() > 1 ? options.arguments[1] : "");
-    ClsCert cert;
-    if (!p11.FindCert(part, value, cert)) {
-        throwLastError(p11);
-    }
-    const auto chosen = cert.getCert();
-    int numLeftOut = p11.get_NumLeftOut();
-    std::string how = cert.HasPrivateKey() ? howFound(p11) : std::string();
-    if (how.empty()) how = linkToKey(p11, *chosen, numLeftOut);
-    JsonValue record = certToJson(*chosen, indexOf(p11, *chosen));
-    record.set("privateKey", keyToJson(*chosen));
-    if (options.out) saveCert(cert, *options.out);
-    sayLeftOut(numLeftOut);
-    if (options.json) {
-        printJson(record);
-        return Exit::Done;
-    }
-    const JsonValue& key = *record.find("privateKey");
-    printFields({{"Certificate", textOf(record, "subject")},
-                 {"Issuer", textOf(record, "issuer")},
-                 {"Serial number", textOf(record, "serialNumber")},
-                 {"SHA-1 thumbprint", textOf(record, "sha1Thumbprint")},
-                 {"Valid", textOf(record, "notBefore") + " to " + textOf(record, "notAfter")},
-                 {"Key", keyText(record)},
-                 {"ID, label", textOf(record, "ckaId") + ", " + textOf(record, "label")},
-                 {"Private key", key.isNull() ? "none"
-                                              : "handle " + textOf(key, "handle") + ", " +
-                                                    textOf(key, "expectedSignatureSize") +
-                                                    "-byte signatures"},
-                 {"Found by", how}});
-    return Exit::Done;
+    return Listing(p11, options, false).run();
 }
 
 Exit runMatch(ClsPkcs11& p11, const Options& options) {
-    return listCerts(
-        p11, options, {"#", "SUBJECT", "KEY", "ID", "PRIVATE KEY", "HOW"},
-        [&p11](Certificate& cert, int index, int& numLeftOut) {
-            const std::string how = linkToKey(p11, cert, numLeftOut);
-            JsonValue record = certToJson(cert, index);
-            record.set("privateKey", keyToJson(cert));
-            record.set("how", how);
-            return record;
-        },
-        [](const JsonValue& record) {
-            const JsonValue& key = *record.find("privateKey");
-            return std::vector{textOf(record, "index"),
-                               textOf(record, "subject"),
-                               keyText(record),
-                               textOf(record, "ckaId"),
-                               key.isNull() ? std::string("none") : textOf(key, "handle"),
-                               textOf(record, "how")};
-        });
+    return Listing(p11, options, true).run();
 }
 
 }  // namespace mervane::cli

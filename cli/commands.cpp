@@ -7,6 +7,7 @@
 #include <limits>
 
 #include "output.h"
+#include "words.h"
 
 namespace mervane::cli {
 namespace {
@@ -14,18 +15,19 @@ namespace {
 constexpr std::size_t kAny = std::numeric_limits<std::size_t>::max();
 
 constexpr std::uint32_t kForms = kJson | kLog;
-constexpr std::uint32_t kToken = kModule | kSlot | kTokenLabel | kForms;
+constexpr std::uint32_t kToken = kModule | kSlot | kTokenLabel | kTokenSerial | kForms;
 constexpr std::uint32_t kReading = kToken | kLogin | kUser | kPin | kSoPin;
 
 constexpr std::array kCommands = {
-    CommandSpec{"discover", "", 0, 0, kModule | kForms | kTokensOnly | kSkipMechanisms,
+    CommandSpec{"discover", "", 0, 0,
+                kModule | kForms | kTokensOnly | kSkipMechanisms | kMechanisms | kWide,
                 "describe the module, its slots and tokens", runDiscover},
-    CommandSpec{"certs", "", 0, 0, kReading, "list the certificates", runCerts},
-    CommandSpec{"find-cert", "PART [VALUE]", 1, 2, kReading | kOut,
+    CommandSpec{"certs", "", 0, 0, kReading | kPem | kWide, "list the certificates", runCerts},
+    CommandSpec{"find-cert", "PART [VALUE]", 1, 2, kReading | kOut | kNoLogin | kExplain | kPem,
                 "choose a certificate; PART is privateKey, subjectDN, CN, serial, ...",
                 runFindCert},
-    CommandSpec{"match", "", 0, 0, kReading, "list the certificates, each with its private key",
-                runMatch},
+    CommandSpec{"match", "", 0, 0, kReading | kNoLogin | kExplain | kPem | kWide,
+                "list the certificates, each with its private key", runMatch},
     CommandSpec{"keys", "[SELECTOR]", 0, kAny, kReading,
                 "list the keys; SELECTOR: any of private public secret rsa ec all", runKeys},
     CommandSpec{"find-object", "JSON", 1, 1, kReading,
@@ -35,7 +37,7 @@ constexpr std::array kCommands = {
                 "change the PIN from --pin to --new-pin", runSetPin},
     CommandSpec{"init-pin", "", 0, 0, kToken | kSoPin | kNewPin,
                 "set the user PIN to --new-pin, as the security officer (--so-pin)", runInitPin},
-    CommandSpec{"init-token", "LABEL", 1, 1, kToken | kSoPin,
+    CommandSpec{"init-token", "LABEL", 1, 1, kToken | kSoPin | kYes | kIfUninitialised,
                 "initialise a token with --so-pin; destroys everything on it", runInitToken},
     CommandSpec{"atr", "ATR", 1, kAny, kForms, "name the card with this ATR, and its module",
                 runAtr},
@@ -64,13 +66,20 @@ std::span<const CommandSpec> commandSpecs() noexcept {
     return kCommands;
 }
 
+const CommandSpec& commandNamed(std::string_view name) {
+    const auto* const command = std::ranges::find(kCommands, name, &CommandSpec::name);
+    if (command != kCommands.end()) return *command;
+    std::vector<std::string_view> names;
+    for (const CommandSpec& spec : kCommands) names.push_back(spec.name);
+    usageError("Unknown command: " + printable(name) + nearestHint(name, names));
+}
+
 const CommandSpec& commandOf(const CommandLine& line) {
     if (line.command.empty()) usageError("No command given.");
-    const auto* const command = std::ranges::find(kCommands, line.command, &CommandSpec::name);
-    if (command == kCommands.end()) usageError("Unknown command: " + printable(line.command));
-    checkOptions(*command, line.given);
-    checkArguments(*command, line.options.arguments.size());
-    return *command;
+    const CommandSpec& command = commandNamed(line.command);
+    checkOptions(command, line.given);
+    checkArguments(command, line.options.arguments.size());
+    return command;
 }
 
 }  // namespace mervane::cli

@@ -23,14 +23,17 @@ struct CommandSpec {
 /// All commands, in the order of the help.
 std::span<const CommandSpec> commandSpecs() noexcept;
 
+/// The command of that name. Throws a CommandError if there is none.
+const CommandSpec& commandNamed(std::string_view name);
+
 /// The command named by the line. Throws a CommandError if there is none or it does not accept the
 /// arguments and options given.
 const CommandSpec& commandOf(const CommandLine& line);
 
-// certs.cpp
+// certs.cpp, findcert.cpp
 Exit runCerts(ClsPkcs11& p11, const Options& options);
-Exit runFindCert(ClsPkcs11& p11, const Options& options);
 Exit runMatch(ClsPkcs11& p11, const Options& options);
+Exit runFindCert(ClsPkcs11& p11, const Options& options);
 
 // objects.cpp
 Exit runDiscover(ClsPkcs11& p11, const Options& options);

@@ -27,22 +27,37 @@ void printHelpRow(std::string left, std::string_view help) {
     std::cout << "  " << left << help << '\n';
 }
 
+void printOptions(std::uint32_t bits) {
+    std::cout << "\noptions:\n";
+    for (const OptionSpec& option : optionSpecs()) {
+        if ((option.bit & bits) == 0) continue;
+        const std::string shortName(option.shortName);
+        printHelpRow((shortName.empty() ? "" : shortName + ", ") + std::string(option.name) + " " +
+                         std::string(option.value),
+                     option.help);
+    }
+}
+
 void printHelp() {
     std::cout << "usage: mervane-p11 COMMAND [options]\n\ncommands:\n";
     for (const CommandSpec& command : commandSpecs())
         printHelpRow(std::string(command.name) + " " + std::string(command.arguments),
                      command.help);
-    std::cout << "\noptions:\n";
-    for (const OptionSpec& option : optionSpecs())
-        printHelpRow(std::string(option.name) + " " + std::string(option.value), option.help);
-    std::cout
-        << "\nexit status: 0 done, 1 module or token failure, 2 usage, 3 nothing found, 4 PIN "
-           "missing, wrong or locked\n";
+    printOptions(~0U);
+    std::cout << "\nexit status: 0 done, 1 module or token failed, 2 usage, 3 nothing found,\n"
+                 "4 PIN missing, wrong or locked, 5 no reader, card or such token\n";
+}
+
+void printHelpOf(const CommandSpec& command) {
+    std::cout << "usage: mervane-p11 " << command.name << (command.arguments.empty() ? "" : " ")
+              << command.arguments << " [options]\n"
+              << command.help << '\n';
+    printOptions(command.options | kHelp);
 }
 
 Exit run(const CommandLine& line, ClsPkcs11& p11) {
     if (line.options.help) {
-        printHelp();
+        line.command.empty() ? printHelp() : printHelpOf(commandNamed(line.command));
     } else if (line.options.version) {
         std::cout << "mervane-p11 " MERVANE_VERSION "\n";
     } else {
@@ -62,9 +77,9 @@ void takeStandardDescriptors() {
     }
 }
 
-void printLog(const ClsPkcs11& p11) {
+void printLog(const ClsPkcs11& p11, bool asJson) {
     try {
-        std::cerr << p11.log().text();
+        std::cerr << (asJson ? p11.log().json() + "\n" : p11.log().text());
     } catch (const std::exception&) {
         std::cerr << "mervane-p11: There is not enough memory to print the log.\n";
     }
@@ -85,9 +100,8 @@ int main(std::span<const char* const> words) {
     } catch (const std::exception& error) {
         failure = {Exit::Module, error.what(), {}};
     }
-    if (line.options.log) printLog(p11);
-    if (!failure.message.empty()) std::cerr << "mervane-p11: " << failure.message << '\n';
-    if (!failure.hint.empty()) std::cerr << failure.hint << '\n';
+    if (line.options.log) printLog(p11, line.options.json);
+    if (!failure.message.empty()) printError(failure, line.options.json);
     return static_cast<int>(failure.status);
 }
 

@@ -1,10 +1,15 @@
 // discover, keys and find-object.
 
+#include <algorithm>
+#include <array>
 #include <iostream>
+
+#include <mervane/foundation/text/ascii.h>
 
 #include "commands.h"
 #include "output.h"
 #include "token.h"
+#include "words.h"
 
 namespace mervane::cli {
 namespace {
@@ -16,19 +21,41 @@ void printModule(const JsonValue& report) {
          {"Cryptoki", textOf(report, "cryptokiVersion")}});
 }
 
-void printSlots(const JsonArray& slots) {
-    Table table({"SLOT", "DESCRIPTION", "TOKEN", "MODEL", "SERIAL", "FLAGS"});
+// The report's flags as ListTokens would have them, for the words of a token's state.
+TokenInfo tokenOf(const JsonValue& token) {
+    const std::string flags = " " + joined(token, "flags") + " ";
+    const auto has = [&](std::string_view flag) {
+        return flags.find(" " + std::string(flag) + " ") != std::string::npos;
+    };
+    TokenInfo info;
+    info.isReadable = true;
+    info.isInitialised = has("token-initialized");
+    info.isUserPinSet = has("user-pin-initialized");
+    info.needsLogin = has("login-required");
+    info.userPin = {has("user-pin-count-low"), has("user-pin-final-try"), has("user-pin-locked"),
+                    has("user-pin-to-be-changed")};
+    return info;
+}
+
+void printSlots(const JsonArray& slots, std::size_t width) {
+    Table table(width == 0 ? std::vector<std::string>{"SLOT", "STATE", "DESCRIPTION", "TOKEN",
+                                                      "MODEL", "SERIAL", "FLAGS"}
+                           : std::vector<std::string>{"SLOT", "STATE", "TOKEN", "MODEL", "SERIAL"});
     for (const JsonValue& slot : slots) {
         const JsonValue* const token = slot.find("token");
-        const JsonValue& described = token == nullptr ? slot : *token;
-        table.add({textOf(slot, "slotId"), textOf(slot, "description"),
-                   token == nullptr ? "-" : textOf(*token, "label"),
-                   token == nullptr ? "" : textOf(*token, "model"),
-                   token == nullptr ? "" : textOf(*token, "serialNumber"),
-                   joined(described, "flags")});
+        const bool isEmpty = joined(slot, "flags").find("token-present") == std::string::npos;
+        const std::string state = token != nullptr ? stateFor(tokenOf(*token))
+                                  : isEmpty        ? "empty"
+                                                   : "cannot be read";
+        std::vector<std::string> cells = {textOf(slot, "slotId"), state};
+        if (width == 0) cells.push_back(textOf(slot, "description"));
+        for (const std::string_view member : {"label", "model", "serialNumber"})
+            cells.push_back(token == nullptr ? "-" : textOf(*token, member));
+        if (width == 0) cells.push_back(joined(token == nullptr ? slot : *token, "flags"));
+        table.add(std::move(cells));
     }
     std::cout << '\n';
-    table.print();
+    table.print(width);
 }
 
 void printMechanisms(const JsonValue& slot) {
@@ -54,30 +81,45 @@ std::string usageOf(const JsonValue& key) {
     return out;
 }
 
+void checkSelector(const std::string& selector) {
+    constexpr std::array<std::string_view, 6> kWords = {"private", "public", "secret",
+                                                        "rsa",     "ec",     "all"};
+    for (const std::string& word : wordsOf(selector)) {
+        const auto isWord = [&](std::string_view known) { return equalsIgnoreCase(word, known); };
+        if (std::ranges::any_of(kWords, isWord)) continue;
+        throw CommandError{Exit::Usage,
+                           "The selector has an unknown word: \"" + printable(word) + "\"." +
+                               nearestHint(word, kWords),
+                           "The words are private, public, secret, rsa, ec and all."};
+    }
+}
+
 }  // namespace
 
 Exit runDiscover(ClsPkcs11& p11, const Options& options) {
     useModule(p11, options);
-    if (options.skipMechanisms) p11.put_Options("Pkcs11DiscoverSkipMechanisms");
+    const bool skipMechanisms = options.skipMechanisms || (!options.json && !options.mechanisms);
+    if (skipMechanisms) p11.put_Options("Pkcs11DiscoverSkipMechanisms");
     ClsJsonObject report;
-    if (!p11.Discover(options.tokensOnly, report)) throwLastError(p11);
+    if (!p11.Discover(options.tokensOnly, report)) throwLastFailure(p11);
     if (options.json) {
         printJson(report.root());
         return Exit::Done;
     }
     printModule(report.root());
     const JsonArray& slots = *report.valueAt("slots")->asArray();
-    printSlots(slots);
+    printSlots(slots, options.wide ? 0 : terminalWidth());
     for (const JsonValue& slot : slots) printMechanisms(slot);
     return Exit::Done;
 }
 
 Exit runKeys(ClsPkcs11& p11, const Options& options) {
-    openToken(p11, options, false);
     std::string selector;
     for (const std::string& word : options.arguments) selector.append(word).push_back(' ');
+    checkSelector(selector);
+    openToken(p11, options);
     ClsJsonObject keys;
-    if (!p11.FindAllKeys(XString(selector), keys)) throwLastError(p11);
+    if (!p11.FindAllKeys(XString(selector), keys)) throwLastFailure(p11);
     sayLeftOut(p11.get_NumLeftOut());
     if (options.json) {
         printJson(keys.root());
@@ -95,14 +137,13 @@ Exit runKeys(ClsPkcs11& p11, const Options& options) {
 Exit runFindObject(ClsPkcs11& p11, const Options& options) {
     ClsJsonObject description;
     if (!description.loadJson(options.arguments[0], p11.log())) {
-        throw CommandError{Exit::Usage, p11.log().lastError(), {}};
+        throw CommandError{Exit::Usage, printable(p11.log().firstError()), {}};
     }
-    openToken(p11, options, false);
+    openToken(p11, options);
     const int handle = p11.FindObject(description);
     const JsonValue* const whole = description.valueAt("handle");
     if (handle == 0) {
-        if (p11.lastFailure().kind != FailureKind::NotFound) throwLastError(p11);
-        if (options.json) std::cout << "{\"handle\": 0}\n";
+        if (p11.lastFailure().kind != FailureKind::NotFound) throwLastFailure(p11);
         throw CommandError{Exit::NotFound, "No object matches the description.", {}};
     }
     if (options.json) {

@@ -4,25 +4,35 @@
 #include <array>
 #include <charconv>
 #include <cstdlib>
+#include <filesystem>
 
 #include "failure.h"
 #include "output.h"
+#include "words.h"
 
 namespace mervane::cli {
 namespace {
 
-// A slot ID in decimal or, with 0x, in hexadecimal. The library takes 32 bits as an int.
-int parseSlot(const std::string& text) {
+// A slot ID in decimal or, with 0x, in hexadecimal.
+unsigned long parseSlot(const std::string& text) {
     const bool isHex = text.starts_with("0x") || text.starts_with("0X");
     const char* const begin = text.data() + (isHex ? 2 : 0);
     const char* const end = text.data() + text.size();
-    std::uint32_t value = 0;
+    unsigned long value = 0;
     const auto [stop, error] = std::from_chars(begin, end, value, isHex ? 16 : 10);
-    // 0xFFFFFFFF would become -1, which means any slot.
-    if (error != std::errc() || stop != end || value == UINT32_MAX) {
-        usageError("--slot takes a slot ID below 0xFFFFFFFF.");
-    }
-    return static_cast<int>(value);
+    if (error != std::errc() || stop != end)
+        usageError("--slot takes a slot ID, a number in decimal or with 0x in hexadecimal.");
+    return value;
+}
+
+// Where the module may go does not matter: a relative path means the directory at the start.
+std::string outputPath(const std::string& path) {
+    if (path == "-") return path;
+    std::error_code error;
+    const auto absolute = std::filesystem::absolute(path, error);
+    if (error || path.empty())
+        usageError("--out takes the name of a file, or - for standard output.");
+    return absolute.string();
 }
 
 bool isOfficer(const std::string& user) {
@@ -41,46 +51,86 @@ std::string pinSource(const std::string& option, const std::string& text) {
 using Value = const std::string&;
 
 constexpr std::array kOptions = {
-    OptionSpec{kModule, "--module", "PATH",
+    OptionSpec{kModule, "--module", "", "PATH",
                "the PKCS#11 module (default: the environment variable MERVANE_P11_MODULE)",
                [](Options& o, Value v) { o.module = v; }},
-    OptionSpec{kSlot, "--slot", "ID", "use the token in this slot",
+    OptionSpec{kSlot, "--slot", "", "ID", "use the token in this slot",
                [](Options& o, Value v) { o.slot = parseSlot(v); }},
-    OptionSpec{kTokenLabel, "--token-label", "TEXT", "use the token with exactly this label",
+    OptionSpec{kTokenLabel, "--token-label", "", "TEXT", "use the token with exactly this label",
                [](Options& o, Value v) { o.tokenLabel = v; }},
-    OptionSpec{kLogin, "--login", "", "log in; --pin implies it",
+    OptionSpec{kTokenSerial, "--token-serial", "", "TEXT",
+               "use the token with exactly this serial number",
+               [](Options& o, Value v) { o.tokenSerial = v; }},
+    OptionSpec{kLogin, "--login", "-l", "", "log in; --pin implies it",
                [](Options& o, Value) { o.login = true; }},
-    OptionSpec{kUser, "--user", "user|so", "log in as the user (default) or the security officer",
+    OptionSpec{kUser, "--user", "", "user|so",
+               "log in as the user (default) or the security officer",
                [](Options& o, Value v) { o.asOfficer = isOfficer(v); }},
-    OptionSpec{kPin, "--pin", "SOURCE",
+    OptionSpec{kPin, "--pin", "", "SOURCE",
                "where the PIN comes from: env:NAME, file:PATH or - (prompt)",
                [](Options& o, Value v) {
                    o.pin = pinSource("--pin", v);
                    o.login = true;
                }},
-    OptionSpec{kSoPin, "--so-pin", "SOURCE", "where the security officer's PIN comes from",
+    OptionSpec{kSoPin, "--so-pin", "", "SOURCE", "where the security officer's PIN comes from",
                [](Options& o, Value v) { o.soPin = pinSource("--so-pin", v); }},
-    OptionSpec{kNewPin, "--new-pin", "SOURCE", "where the new PIN comes from",
+    OptionSpec{kNewPin, "--new-pin", "", "SOURCE", "where the new PIN comes from",
                [](Options& o, Value v) { o.newPin = pinSource("--new-pin", v); }},
-    OptionSpec{kTokensOnly, "--tokens-only", "", "only slots with a token",
+    OptionSpec{kNoLogin, "--no-login", "", "", "do not ask for a PIN, even on a terminal",
+               [](Options& o, Value) { o.noLogin = true; }},
+    OptionSpec{kTokensOnly, "--tokens-only", "", "", "only slots with a token",
                [](Options& o, Value) { o.tokensOnly = true; }},
-    OptionSpec{kSkipMechanisms, "--skip-mechanisms", "", "leave out the mechanisms",
+    OptionSpec{kSkipMechanisms, "--skip-mechanisms", "", "", "leave out the mechanisms",
                [](Options& o, Value) { o.skipMechanisms = true; }},
-    OptionSpec{kOut, "--out", "FILE",
-               "write the certificate: DER if the name ends in .der, otherwise PEM",
-               [](Options& o, Value v) { o.out = v; }},
-    OptionSpec{kJson, "--json", "", "print JSON", [](Options& o, Value) { o.json = true; }},
-    OptionSpec{kLog, "--log", "", "print the log of all calls on standard error",
+    OptionSpec{kMechanisms, "--mechanisms", "", "", "list the mechanisms, too",
+               [](Options& o, Value) { o.mechanisms = true; }},
+    OptionSpec{kExplain, "--explain", "", "", "say what speaks against the other keys",
+               [](Options& o, Value) { o.explain = true; }},
+    OptionSpec{kPem, "--pem", "", "", "with the certificate itself in JSON",
+               [](Options& o, Value) { o.pem = true; }},
+    OptionSpec{kWide, "--wide", "", "", "all columns, also on a terminal",
+               [](Options& o, Value) { o.wide = true; }},
+    OptionSpec{kYes, "--yes", "", "", "destroy what is on the token without asking",
+               [](Options& o, Value) { o.yes = true; }},
+    OptionSpec{kIfUninitialised, "--if-uninitialised", "", "",
+               "change nothing where a token with that label is initialised already",
+               [](Options& o, Value) { o.ifUninitialised = true; }},
+    OptionSpec{
+        kOut, "--out", "", "FILE",
+        "write the certificate: DER if the name ends in .der, else PEM; - is standard output",
+        [](Options& o, Value v) { o.out = outputPath(v); }},
+    OptionSpec{kJson, "--json", "", "", "print JSON", [](Options& o, Value) { o.json = true; }},
+    OptionSpec{kLog, "--log", "", "", "print the log of all calls on standard error",
                [](Options& o, Value) { o.log = true; }},
-    OptionSpec{kHelp, "--help", "", "print this help", [](Options& o, Value) { o.help = true; }},
-    OptionSpec{kVersion, "--version", "", "print the version",
+    OptionSpec{kHelp, "--help", "-h", "", "print this help",
+               [](Options& o, Value) { o.help = true; }},
+    OptionSpec{kVersion, "--version", "", "", "print the version",
                [](Options& o, Value) { o.version = true; }},
 };
 
 const OptionSpec& findOption(std::string_view name) {
-    const auto* const option = std::ranges::find(kOptions, name, &OptionSpec::name);
-    if (option == kOptions.end()) usageError("Unknown option: " + printable(name));
-    return *option;
+    const auto* const option = std::ranges::find_if(kOptions, [name](const OptionSpec& spec) {
+        return spec.name == name || (!name.empty() && spec.shortName == name);
+    });
+    if (option != kOptions.end()) return *option;
+    std::vector<std::string_view> names;
+    for (const OptionSpec& spec : kOptions) names.push_back(spec.name);
+    usageError("Unknown option: " + printable(name) + nearestHint(name, names));
+}
+
+// What other tools of the field have taught people's fingers.
+constexpr std::array<std::pair<std::string_view, std::string_view>, 2> kShortCommands = {
+    {{"-L", "discover"}, {"-O", "match"}}};
+
+std::string commandFor(const std::string& word) {
+    for (const auto& [shortName, command] : kShortCommands) {
+        if (word == shortName) return std::string(command);
+    }
+    return word;
+}
+
+bool isOption(const std::string& word) {
+    return word.size() > 1 && word.front() == '-' && commandFor(word) == word;
 }
 
 }  // namespace
@@ -92,11 +142,18 @@ std::span<const OptionSpec> optionSpecs() noexcept {
 void parseCommandLine(std::span<const char* const> words, CommandLine& out) {
     // The default; --module replaces it.
     if (const char* const module = std::getenv("MERVANE_P11_MODULE")) out.options.module = module;
+    // How a failure is told does not depend on where in the line it is.
+    const auto end = std::ranges::find(words, std::string_view("--"));
+    out.options.json = std::find(words.begin(), end, std::string_view("--json")) != end;
     bool onlyArguments = false;  // after "--"
     for (std::size_t i = 0; i < words.size(); ++i) {
         const std::string word = words[i];
-        if (onlyArguments || !word.starts_with("--")) {
-            (out.command.empty() ? out.command : out.options.arguments.emplace_back()) = word;
+        if (onlyArguments || !isOption(word)) {
+            if (out.command.empty()) {
+                out.command = commandFor(word);
+            } else {
+                out.options.arguments.push_back(word);
+            }
             continue;
         }
         if (word == "--") {

@@ -15,16 +15,24 @@ struct Options {
     std::vector<std::string> arguments;  // after the command
 
     std::string module;  // --module, or the environment variable MERVANE_P11_MODULE
-    std::optional<int> slot;
+    std::optional<unsigned long> slot;
     std::optional<std::string> tokenLabel;
+    std::optional<std::string> tokenSerial;
     bool login = false;
     bool asOfficer = false;  // --user so
     std::optional<std::string> pin, soPin, newPin;
-    std::optional<std::string> out;
+    std::optional<std::string> out;  // absolute, or "-"
     bool json = false;
     bool log = false;
     bool tokensOnly = false;
     bool skipMechanisms = false;
+    bool mechanisms = false;
+    bool noLogin = false;
+    bool explain = false;
+    bool pem = false;
+    bool wide = false;
+    bool yes = false;
+    bool ifUninitialised = false;
     bool help = false;
     bool version = false;
 };
@@ -46,13 +54,22 @@ enum OptionBit : std::uint32_t {
     kLog = 1U << 12,
     kHelp = 1U << 13,
     kVersion = 1U << 14,
+    kMechanisms = 1U << 15,
+    kNoLogin = 1U << 16,
+    kExplain = 1U << 17,
+    kPem = 1U << 18,
+    kWide = 1U << 19,
+    kYes = 1U << 20,
+    kIfUninitialised = 1U << 21,
+    kTokenSerial = 1U << 22,
 };
 
 /// One option, for parsing and help.
 struct OptionSpec {
     OptionBit bit;
     std::string_view name;
-    std::string_view value;  // its placeholder in the help; empty for a switch
+    std::string_view shortName;  // such as "-l"; empty if there is none
+    std::string_view value;      // its placeholder in the help; empty for a switch
     std::string_view help;
     void (*set)(Options& options, const std::string& value);
 };
@@ -68,7 +85,7 @@ struct CommandLine {
 };
 
 /// Parses the words after the program's name. Throws a CommandError that names the offending word;
-/// `out` then has everything before it, so --log still works.
+/// `out` then has everything before it, so --log still works, and --json wherever it stands.
 void parseCommandLine(std::span<const char* const> words, CommandLine& out);
 
 }  // namespace mervane::cli

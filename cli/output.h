@@ -23,39 +23,59 @@ class Table {
     explicit Table(std::vector<std::string> heading) { m_rows.push_back(std::move(heading)); }
     /// Adds a row of as many cells as the heading has; each is made printable.
     void add(std::vector<std::string> cells);
-    void print() const;
+    /// With `width` columns at most: the widest cells are cut, which "…" shows. 0: no bound.
+    void print(std::size_t width = 0) const;
 
   private:
     std::vector<std::vector<std::string>> m_rows;
 };
 
+/// Columns of the terminal that standard output is; 0 if it is none.
+std::size_t terminalWidth() noexcept;
+
 /// Prints "name: value" lines with the values aligned and made printable.
 void printFields(const std::vector<std::pair<std::string, std::string>>& fields);
 
-/// Prints the value as indented JSON.
-void printJson(const JsonValue& value);
+/// Prints the members of a JSON object, and before them "schema", as a document.
+void printJson(const JsonValue& object);
 
 /// Says on standard error that a listing lacks objects; nothing if it lacks none.
 void sayLeftOut(int number);
 
-/// A JSON document with one list, {"name":[..]}, printed when it is complete. Records are kept as
-/// text, which takes a third of the memory of values.
-class JsonList {
+/// A JSON document, {"schema":1,..}, printed as it is made. One value is in memory at a time, so
+/// that what a hostile certificate makes of a page of text does not add up.
+class JsonPrinter {
   public:
-    explicit JsonList(std::string_view name);
-    void add(const JsonValue& record);
-    /// With a member "leftOut" if objects are missing from the list.
-    void print(int numLeftOut);
+    JsonPrinter();
+    JsonPrinter(const JsonPrinter&) = delete;
+    JsonPrinter& operator=(const JsonPrinter&) = delete;
+    ~JsonPrinter() = default;
+
+    /// Ends the document. One that is not ended stays no JSON, so nobody takes it for the whole.
+    void finish();
+    void member(std::string_view name, const JsonValue& value);
+    /// A string; printed in pieces, whatever its length.
+    void text(std::string_view name, std::string_view value);
+    void beginList(std::string_view name) { begin(name, '['); }
+    void endList() { end(']'); }
+    /// An object in a list.
+    void beginItem() { begin({}, '{'); }
+    void endItem() { end('}'); }
 
   private:
-    std::string m_text;
-    bool m_isEmpty = true;
+    void begin(std::string_view name, char bracket);
+    void end(char bracket);
+    void startValue(std::string_view name);
+
+    std::size_t m_depth = 1;
+    bool m_isFirst = true;  // of the object or list that is open
 };
 
 /// A member for printing: the string itself, anything else as JSON; empty if absent or null.
 std::string textOf(const JsonValue& object, std::string_view member);
 /// The strings of an array member, joined by spaces; empty if it is not an array.
 std::string joined(const JsonValue& object, std::string_view member);
+std::string joined(const std::vector<std::string>& words);
 
 }  // namespace mervane::cli
 

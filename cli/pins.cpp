@@ -49,35 +49,21 @@ void checkLine(const SecretLine& line, const std::string& from) {
 
 // --- The terminal
 
-struct State {
-    std::string_view flag;  // behind "user-" or "so-"
-    std::string_view meaning;
-};
-
-// What a token says of earlier tries, the gravest first.
-constexpr std::array kStates = {
-    State{"pin-locked", "it is locked"},
-    State{"pin-final-try", "one more wrong PIN locks it"},
-    State{"pin-count-low", "a wrong PIN has been entered since the last right one"},
-};
-
-std::string stateOf(const TokenChoice& token, bool isOfficers) {
-    for (const State& state : kStates) {
-        const std::string flag = (isOfficers ? " so-" : " user-") + std::string(state.flag) + " ";
-        if (token.flags.find(flag) != std::string::npos)
-            return " (" + std::string(state.meaning) + ")";
-    }
-    return {};
+// What the token says of earlier tries, the gravest alone.
+std::string stateOf(const PinStatus& pin) {
+    if (pin.isLocked) return " (it is locked)";
+    if (pin.isLastTry) return " (one more wrong PIN locks it)";
+    return pin.isLow ? " (a wrong PIN has been entered since the last right one)" : "";
 }
 
-std::string promptFor(WantedPin wanted, const TokenChoice& token) {
+std::string promptFor(WantedPin wanted, const TokenInfo& token) {
     std::string prompt = nameOf(wanted);
     prompt.front() = wanted.isNew ? 'N' : (wanted.isOfficers ? 'S' : 'U');
     const std::string label = printable(token.label);
-    prompt += label.empty()
-                  ? " of the token in slot " + std::to_string(static_cast<unsigned>(token.slot))
-                  : " of \"" + label + "\"";
-    return wanted.isNew ? prompt : prompt + stateOf(token, wanted.isOfficers);
+    prompt += label.empty() ? " of the token in slot " + std::to_string(token.slotId)
+                            : " of \"" + label + "\"";
+    return wanted.isNew ? prompt
+                        : prompt + stateOf(wanted.isOfficers ? token.officerPin : token.userPin);
 }
 
 void askOnce(const std::string& prompt, WantedPin wanted, XString& pin) {
@@ -88,7 +74,7 @@ void askOnce(const std::string& prompt, WantedPin wanted, XString& pin) {
     pin.setFromUtf8(line.text());
 }
 
-void ask(WantedPin wanted, const TokenChoice& token, XString& pin) {
+void ask(WantedPin wanted, const TokenInfo& token, XString& pin) {
     const std::string prompt = promptFor(wanted, token);
     askOnce(prompt + ": ", wanted, pin);
     if (!wanted.isNew || pin.isEmpty()) return;
@@ -184,8 +170,8 @@ void Pins::take(const std::string& source) {
     ::unsetenv(name.c_str());
 }
 
-void Pins::read(const std::optional<std::string>& source, WantedPin wanted,
-                const TokenChoice& token, XString& pin) const {
+void Pins::read(const std::optional<std::string>& source, WantedPin wanted, const TokenInfo& token,
+                XString& pin) const {
     if (!source && token.hasPinPad) return;
     if (isAsked(source)) {
         ask(wanted, token, pin);

@@ -41,7 +41,7 @@ class Pins {
     /// no option, the terminal, where a new one has to be typed twice. Without an option it stays
     /// empty where the reader has keys of its own and asks there. Throws a CommandError with
     /// Exit::Pin when it cannot be had, is empty, or is no text, and Interrupted.
-    void read(const std::optional<std::string>& source, WantedPin wanted, const TokenChoice& token,
+    void read(const std::optional<std::string>& source, WantedPin wanted, const TokenInfo& token,
               XString& pin) const;
 
   private:

@@ -11,27 +11,31 @@ namespace mervane::cli {
 /// Sets the module's path; a usage error when there is none.
 void useModule(ClsPkcs11& p11, const Options& options);
 
-/// Throws how the object's last call failed: the cause, the summary, and what usually helps. The
-/// status follows from the kind of the failure.
-[[noreturn]] void throwLastError(ClsPkcs11& p11);
-
-/// Which tokens a command may take when none is named.
-enum class Takes : unsigned char { Initialized, Uninitialized };
-
-/// A token that was chosen.
-struct TokenChoice {
-    int slot;
-    bool hasPinPad;     ///< the reader asks for PINs on keys of its own
-    std::string label;  ///< empty when the module was not asked, like the flags
-    std::string flags;  ///< between blanks, as in discover
+/// A session that was opened.
+struct OpenedToken {
+    TokenInfo token;
+    bool isLoggedIn = false;
 };
 
-/// The token that the options name, or the only one that the command may take. Throws when there is
-/// none, and with the list when there are several: a PIN is never tried on the wrong token.
-TokenChoice chooseToken(ClsPkcs11& p11, const Options& options, Takes takes);
+/// When somebody logs in who was not told to.
+enum class LoginIf : unsigned char {
+    Told,    ///< the options ask for it
+    Needed,  ///< or there is a terminal to ask on, and the token hides private keys until then
+};
 
-/// Opens a session with the token chosen and logs in when the options ask for it.
-TokenChoice openToken(ClsPkcs11& p11, const Options& options, bool readWrite);
+/// Opens a session with the token that the options name, or with the only one that is ready for
+/// use, and logs in. Throws when there is none, and with the list when there are several: a PIN is
+/// never tried on the wrong token.
+OpenedToken openToken(ClsPkcs11& p11, const Options& options, LoginIf when = LoginIf::Told);
+
+/// The same for reading and writing; nobody is logged in.
+TokenInfo openForWriting(ClsPkcs11& p11, const Options& options);
+
+/// Opens no session: the token that the options name, or the only one that is not initialised yet.
+TokenInfo tokenToInitialise(ClsPkcs11& p11, const Options& options);
+
+/// The token in a few words: "PIN LOCKED", "last try", "not initialised", "ready".
+std::string stateFor(const TokenInfo& token);
 
 }  // namespace mervane::cli
 

@@ -12,12 +12,12 @@ import shlex
 import subprocess
 import sys
 
-from softhsm import SO_PIN, USER_PIN, Token, check_schema, equal, expect, failures, openssl
+from softhsm import SO_PIN, USER_PIN, Token, check_schema, equal, expect, failures, openssl, run
 
-COMMANDS = pathlib.Path(__file__).parents[1] / "data/commands.txt"
+DATA = pathlib.Path(__file__).parents[1] / "data"
 
 
-def main(tool, module):
+def main(tool, module, fake_module):
     token = Token(tool, module)
     folder = token.folder
     pins = {"USER": USER_PIN, "SO": SO_PIN, "OTHER": "another-pin", "SHORT": "12", "WRONG": "no such pin"}
@@ -29,13 +29,15 @@ def main(tool, module):
             return
         status, text, command = [column.strip() for column in line.split("|", 2)]
         words = [word.replace("{folder}", str(folder)).replace("{byte}", os.fsdecode(b"\xff")) for word in shlex.split(command)]
-        done = token.p11(*words, check=False)
+        output = open(words.pop(0), "w") if words[0] == "/dev/full" else subprocess.PIPE
+        done = subprocess.run([tool, *words], stdout=output, stderr=subprocess.PIPE, text=True, env=token.env)
+        done.stdout = done.stdout or ""
         printed = done.stdout + done.stderr
         equal(done.returncode, int(status), f"status of {command}: {printed}")
         expect(text in printed, f"{command} says {text!r}: {printed}")
         expect(all(pin not in printed for pin in pins.values() if pin != "12"), f"{command} shows a PIN")
 
-    before, after = COMMANDS.read_text().split("# When keys and a certificate are on it")
+    before, after = (DATA / "commands.txt").read_text().split("# When keys and a certificate are on it")
     for line in before.splitlines():
         run_line(line)
     if not os.path.exists("/dev/tty") or os.system("true </dev/tty 2>/dev/null") != 0:
@@ -47,15 +49,45 @@ def main(tool, module):
     near = subprocess.run([os.path.abspath(tool), "certs", "--module", os.path.basename(module)], cwd=os.path.dirname(module), env=token.env)
     equal(near.returncode, 0, "bare file name")
     use(token, folder)
+    fail(token, fake_module)
     for line in after.splitlines()[1:]:
         run_line(line)
+
+
+def fail(token, fake_module):
+    """Each failure says why, in text and in JSON."""
+    libz = next(path.split()[-1] for path in pathlib.Path("/proc/self/maps").read_text().splitlines() if "/libz.so" in path)
+    build = pathlib.Path(fake_module).parent
+    names = {"text": token.folder / "text.so", "cut": token.folder / "cut.so", "folder": token.folder, "libz": libz,
+             "unresolved": next(build.rglob("libunresolved_library.so"))}
+    names["text"].write_text("/* no library */")
+    whole = pathlib.Path(libz).read_bytes()
+    names["cut"].write_bytes(whole[:len(whole) // 2])
+    for line in (DATA / "failures.txt").read_text().splitlines():
+        if not line or line.startswith("#"):
+            continue
+        status, kind, cause, hint, command = [column.strip() for column in line.split(" | ", 4)]
+        for name, path in names.items():
+            cause, command = (text.replace("{" + name + "}", str(path)) for text in (cause, command))
+        words, env = shlex.split(command), dict(token.env)
+        if "=" in words[0]:
+            env |= {"MERVANE_P11_MODULE": fake_module, "MERVANE_FAKE_FAILING": words.pop(0).replace("=", " ")}
+        done = run(token.tool, *words, check=False, env=env)
+        first = done.stderr.partition("\n")[0]
+        equal((done.returncode, done.stdout), (int(status), ""), command)
+        expect(cause in first and (hint == "-" or hint in done.stderr), f"{command} says {cause!r}, {hint!r}: {done.stderr}")
+        document = json.loads(run(token.tool, *words, "--json", check=False, env=env).stdout)
+        check_schema(document, "error")
+        error = document["error"]
+        equal((error["kind"], cause in error["message"], error["hint"] is None), (kind, True, hint == "-"), f"{command} --json {error}")
+        equal((error["rvName"] or "") in error["message"], True, command)
 
 
 def use(token, folder):
     """Keys and certificates on it, as another tool sees them"""
     openssl("genpkey", "-algorithm", "RSA", "-pkeyopt", "rsa_keygen_bits:2048", "-out", folder / "rsa.key")
     openssl("genpkey", "-algorithm", "EC", "-pkeyopt", "ec_paramgen_curve:P-384", "-out", folder / "ec.key")
-    openssl("req", "-x509", "-key", folder / "rsa.key", "-subj", "/CN=Signer", "-set_serial", "0xBEEF", "-outform", "DER", "-out", folder / "cert.der")
+    openssl("req", "-x509", "-key", folder / "rsa.key", "-subj", "/CN=Signer", "-set_serial", "0xBEEF", "-addext", "keyUsage=digitalSignature", "-outform", "DER", "-out", folder / "cert.der")
     token.put_key(folder / "rsa.key", "01", "schlüssel", "from nothing")
     token.put_key(folder / "ec.key", "02", "鍵", "from nothing")
     token.put_cert(folder / "cert.der", "01", "signer")
@@ -85,5 +117,5 @@ def use(token, folder):
 
 
 if __name__ == "__main__":
-    main(*sys.argv[1:3])
+    main(*sys.argv[1:4])
     sys.exit(1 if failures else 0)

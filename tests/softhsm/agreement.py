@@ -48,14 +48,13 @@ def main(tool, module):
         equal((name_parts(got["subject"]), got["keyType"]), (facts["subject"], {1: "RSA", 3: "EC"}[facts["keyType"]]), name)
         equal(got["subjectNoTags"], re.sub(r"(^|, |(?<!\\)\+)[A-Z0-9.]+=", r"\1", got["subject"]), f"{name} subjectNoTags")
         # Handles differ from run to run; the key's size and type tell which it is.
-        equal((found["privateKey"] or {}).get("expectedSignatureSize"), sizes[key], f"{name} signature size ({found['how']})")
-        expect(found["how"].startswith("Found matching"), f"{name}: {found['how']}")
+        equal((found["privateKey"] or {}).get("expectedSignatureSize"), sizes[key], f"{name} signature size")
+        expect((found["privateKey"] or {}).get("keyBy") in ("id", "modulus", "point"), f"{name}: {found['privateKey']}")
         by_serial = token.p11_json("find-cert", "serial", facts["serialNumber"].lower())
         equal((by_serial["label"], by_serial["privateKey"]), (name, None), "find-cert serial, without a login")
 
     for word in USAGES.values():
         equal(token.p11("find-cert", "keyUsage", word, check=False).returncode, 0, f"find-cert keyUsage {word}")
-    expect(token.p11_json("find-cert", "privateKey", *login)["privateKey"] is not None, "find-cert privateKey has a key")
     policy = token.p11_json("find-cert", "policyoid", "1.2.3.5", "--out", folder / "out.pem")
     equal(policy["label"], "cert5", "find-cert policyoid")
     equal(openssl("x509", "-in", folder / "out.pem", "-outform", "DER", text=False).stdout, (folder / "cert5.der").read_bytes(), "--out")

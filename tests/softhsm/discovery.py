@@ -67,12 +67,13 @@ def main(tool, module, fake_module):
     token.init("zweites Wort 鍵")
     slots = {s["token"]["label"]: s["slotId"] for s in compare(tool, module, token.env)["slots"] if "token" in s}
     expect({"first", "zweites Wort 鍵"} <= set(slots), f"labels {slots}")
-    for status, says, choice in [(2, "--slot", ()), (0, "", ("--token-label", "first")),
-                                 (1, "", ("--slot", slots["first"], "--token-label", "zweites Wort 鍵"))]:
+    for status, says, choice in [(2, "--slot", ()), (2, "zweites Wort 鍵", ()), (0, "", ("--token-label", "first")),
+                                 (5, "", ("--slot", slots["first"], "--token-label", "zweites Wort 鍵"))]:
         done = token.p11("certs", *choice, check=False)
         equal((done.returncode, says in done.stderr), (status, True), f"choice of a token {choice}: {done.stderr}")
     text = token.p11("discover").stdout
-    expect("zweites Wort 鍵" in text and "CKM_RSA_PKCS" in text, "text form")
+    expect("zweites Wort 鍵" in text and "CKM_" not in text and " ready " in text, "text form")
+    expect("CKM_RSA_PKCS" in token.p11("discover", "--mechanisms").stdout, "--mechanisms")
     short = token.p11_json("discover", "--skip-mechanisms")
     expect(all("mechanisms" not in s["token"] for s in short["slots"]), "--skip-mechanisms")
     fake = dict(token.env, MERVANE_P11_MODULE=fake_module, MERVANE_FAKE_EMPTY_SLOT="1")

@@ -29,6 +29,7 @@ TOKEN_FLAGS = struct.pack(">QQ", 0x8000534B, 2)  # SoftHSM's attribute of them, 
 
 OLD, NEW, AGAIN = 'User PIN of "test": ', 'New user PIN of "test": ', 'New user PIN of "test", again: '
 OFFICER = 'Security officer PIN of "test": '
+OFFICER_TRIED = OFFICER[:-2] + " (a wrong PIN has been entered since the last right one): "
 TRIED = 'User PIN of "test" (a wrong PIN has been entered since the last right one): '
 
 DIALOGUES = [  # command, prompts and what is typed, status, what is printed
@@ -37,8 +38,12 @@ DIALOGUES = [  # command, prompts and what is typed, status, what is printed
     ("set-pin --pin -", [(TRIED, USER_PIN), (NEW, "new-pin-1"), (AGAIN, "new-pin-1")], 0, "was changed"),
     ("init-pin --new-pin -", [(OFFICER, SO_PIN), (NEW, USER_PIN), (AGAIN, USER_PIN)], 0, "was set"),
     ("certs --slot {slot} --pin -", [(OLD, USER_PIN)], 0, "SUBJECT"),
+    ("tty match", [(OLD, USER_PIN)], 0, "WHO"),
+    ("tty match --no-login", [], 0, "WHO"),
     ("certs --login --user so", [(OFFICER, "x" * 300)], 4, "too long"),
-    ("init-token x --token-label test", [(OFFICER, "no such pin")], 4, "CKR_PIN_INCORRECT"),
+    ("init-token x --yes --token-label test", [(OFFICER, "no such pin")], 4, "CKR_PIN_INCORRECT"),
+    ("init-token x --token-label test", [("Type its label to go on: ", "tset")], 2, "not its label"),
+    ("init-token x --token-label test", [("Type its label to go on: ", "test"), (OFFICER_TRIED, "no such pin")], 4, "CKR_PIN_INCORRECT"),
     ("init-token x", [("New security officer PIN of the token in slot ", "new-pin-1"), (", again: ", "new-pin-2")], 4, "not typed the same"),
 ]
 FLAGS = {0x10000: TRIED, 0x20000: OLD[:-2] + " (one more wrong PIN locks it): ", 0x60000: OLD[:-2] + " (it is locked): ", 0x400000: OLD}
@@ -74,7 +79,10 @@ class Terminal:
 class Tool:
     def __init__(self, token, terminal, command, stderr=subprocess.PIPE, weak=()):
         self.terminal, self.command = terminal, command
-        self.process = subprocess.Popen([*weak, token.tool, *shlex.split(command)], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+        words = shlex.split(command)
+        at_terminal = words[0] == "tty" and bool(words.pop(0))
+        self.process = subprocess.Popen([*weak, token.tool, *words], stdin=terminal.slave if at_terminal else subprocess.DEVNULL,
+                                        stdout=terminal.slave if at_terminal else subprocess.PIPE,
                                         stderr=stderr, env=token.env, cwd=token.folder, text=True)
 
     def asks(self, prompt, answer=None):
@@ -99,8 +107,11 @@ def converse(token, terminal):
         for prompt, answer in prompts:
             tool.asks(prompt, answer)
         printed = tool.ends(status)
-        expect(text in printed, f"{command} prints {text}: {printed}")
-        expect(not any(answer in terminal.shown + printed for _, answer in prompts), f"{command} shows no PIN")
+        if command.startswith("tty"):
+            terminal.await_(text)
+        else:
+            expect(text in printed, f"{command} prints {text}: {printed}")
+        expect(not any(answer in terminal.shown + printed for prompt, answer in prompts if "PIN" in prompt), f"{command} shows no PIN")
     for file in token.folder.glob("tokens/*/token.object"):
         stored = file.read_bytes()
         at = stored.find(TOKEN_FLAGS) + len(TOKEN_FLAGS)

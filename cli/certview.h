@@ -1,0 +1,64 @@
+#ifndef MERVANE_CLI_CERTVIEW_H
+#define MERVANE_CLI_CERTVIEW_H
+
+#include <optional>
+
+#include <mervane/pkcs11/clspkcs11.h>
+
+#include "output.h"
+
+namespace mervane::cli {
+
+/// What is known of a certificate's private key. A guess that the token disproves is no key.
+struct KeyView {
+    enum class State : unsigned char {
+        Found,
+        None,     ///< everything could be looked at
+        Unknown,  ///< nobody is logged in, and the token may be hiding it
+    } state = State::None;
+    std::optional<Certificate::Pkcs11Link> link;  ///< if Found
+    std::optional<KeyExplanation> explanation;    ///< on request
+
+    [[nodiscard]] bool isGuess() const noexcept {
+        return link && mervane::isGuess(link->facts.rule);
+    }
+};
+
+/// The key of a certificate that was linked, or could not be.
+KeyView keyViewOf(ClsPkcs11& p11, ClsCert& cert, const TokenInfo& token, bool isLoggedIn,
+                  bool isExplained);
+
+/// What JSON says of a certificate besides its fields.
+struct CertContext {
+    int index;
+    const TokenInfo& token;
+    bool withPem;
+};
+
+/// Prints the members of a certificate, and of its key if there is one to tell of.
+void printCert(JsonPrinter& document, ClsCert& cert, const CertContext& context,
+               const KeyView* key);
+
+// Texts for people. OIDs of names that X.520 knows stand by their names there.
+
+std::string subjectFor(ClsCert& cert);
+std::string issuerFor(ClsCert& cert);
+/// Common name and e-mail address; the whole subject if it has neither.
+std::string whoFor(ClsCert& cert);
+/// What the certificate may be used for, in a few words.
+std::string useFor(ClsCert& cert);
+std::string keyFor(ClsCert& cert);
+/// The day of expiry, or that it is over.
+std::string untilFor(ClsCert& cert);
+/// The key's handle or what is known instead.
+std::string privateKeyFor(const KeyView& key);
+/// What speaks against a key.
+std::string_view wordsFor(KeyObjection objection) noexcept;
+/// By what rule the key was found; empty without one.
+std::string foundByFor(const KeyView& key);
+/// Whether the key signs, or what stands in the way.
+std::string signsFor(const KeyView& key);
+
+}  // namespace mervane::cli
+
+#endif

@@ -1,0 +1,284 @@
+// find-cert: one certificate, with its private key.
+//
+// "privateKey" asks for the certificate to sign with, which the library chooses by its merits; any
+// other part is compared as FindCert does. What people type is brought into the form that the
+// library compares first, and what means nothing is refused before the module is asked.
+
+#include <algorithm>
+#include <array>
+#include <iostream>
+
+#include <mervane/foundation/text/ascii.h>
+
+#include "certview.h"
+#include "commands.h"
+#include "output.h"
+#include "savefile.h"
+#include "token.h"
+#include "words.h"
+
+namespace mervane::cli {
+namespace {
+
+enum class Form : unsigned char { Text, Name, Hex, SerialAndIssuer, Usages };
+
+struct Part {
+    std::string_view name;
+    Form form;
+    bool takesValue = true;
+};
+
+constexpr std::array kParts = {
+    Part{"privateKey", Form::Text, false},
+    Part{"subjectDN_withTags", Form::Name},
+    Part{"subjectDN", Form::Name},
+    Part{"issuerCN", Form::SerialAndIssuer},
+    Part{"issuerSerial", Form::SerialAndIssuer},
+    Part{"serialIssuer", Form::SerialAndIssuer},
+    Part{"serial", Form::Hex},
+    Part{"thumbprint", Form::Hex},
+    Part{"sha256", Form::Hex},
+    Part{"id", Form::Hex},
+    Part{"label", Form::Text},
+    Part{"policyOid", Form::Text},
+    Part{"keyUsage", Form::Usages},
+    Part{"organization", Form::Text},
+    Part{"email", Form::Text},
+};
+
+// Attribute types that a subject can be asked for by name.
+constexpr std::array<std::string_view, 26> kSubjectParts = {
+    "CN",          "O",           "OU",           "C",
+    "L",           "ST",          "STREET",       "DC",
+    "UID",         "E",           "EMAILADDRESS", "S",
+    "SN",          "SURNAME",     "SERIALNUMBER", "T",
+    "TITLE",       "DESCRIPTION", "POSTALCODE",   "NAME",
+    "G",           "GN",          "GIVENNAME",    "INITIALS",
+    "DNQUALIFIER", "PSEUDONYM"};
+
+constexpr std::array<std::string_view, 9> kUsages = {
+    "nonRepudiation",   "digitalSignature",   "keyEncipherment",
+    "dataEncipherment", "certificateSigning", "crlSigning",
+    "keyAgreement",     "encipherOnly",       "offlineCrlSign"};
+
+bool isSame(std::string_view a, std::string_view b) {
+    return equalsIgnoreCase(a, b);
+}
+
+bool isOid(std::string_view text) {
+    return text.find('.') != std::string_view::npos &&
+           text.find_first_not_of("0123456789.") == std::string_view::npos;
+}
+
+template <class Names>
+std::string listed(const Names& names) {
+    std::string out;
+    for (const std::string_view name : names) out.append(out.empty() ? "" : " ").append(name);
+    return out;
+}
+
+const Part& partOf(const std::string& word) {
+    static constexpr Part kAny{"", Form::Text, false};
+    static constexpr Part kSubject{"CN", Form::Text};
+    if (trimmed(word).empty()) return kAny;
+    for (const Part& part : kParts) {
+        if (isSame(trimmed(word), part.name)) return part;
+    }
+    const auto isWord = [&](std::string_view name) { return isSame(trimmed(word), name); };
+    if (std::ranges::any_of(kSubjectParts, isWord) || isOid(trimmed(word))) return kSubject;
+    std::vector<std::string_view> names(kSubjectParts.begin(), kSubjectParts.end());
+    for (const Part& part : kParts) names.push_back(part.name);
+    throw CommandError{Exit::Usage,
+                       "Unknown PART: " + printable(word) + "." + nearestHint(word, names),
+                       "PART is one of " + listed(names) + ", or an OID."};
+}
+
+std::string hexValue(const std::string& value) {
+    const auto digits = hexDigits(value);
+    if (!digits) throw CommandError{Exit::Usage, "Not hexadecimal: " + printable(value) + ".", {}};
+    return digits->size() % 2 == 0 ? *digits : "0" + *digits;
+}
+
+// As the library writes it: without leading zero octets.
+std::string serialValue(const std::string& value) {
+    std::string digits = hexValue(value);
+    while (digits.size() > 2 && digits.starts_with("00")) digits.erase(0, 2);
+    return digits;
+}
+
+std::string usageValue(const std::string& value) {
+    std::string out;
+    for (const std::string& word : wordsOf(value)) {
+        // RFC 5280's names for two of them.
+        const std::string_view name = isSame(word, "keyCertSign") ? "certificateSigning"
+                                      : isSame(word, "cRLSign")   ? "crlSigning"
+                                                                  : std::string_view(word);
+        const auto isName = [&](std::string_view usage) { return isSame(name, usage); };
+        if (std::ranges::none_of(kUsages, isName))
+            throw CommandError{
+                Exit::Usage, "Unknown usage: " + printable(word) + "." + nearestHint(word, kUsages),
+                "Usages are " + listed(kUsages) + "."};
+        out.append(name).push_back(' ');
+    }
+    return out;
+}
+
+// The value in the form that the library compares.
+std::string comparable(const Part& part, const std::string& value) {
+    if (value.empty() && part.takesValue)
+        usageError("find-cert " + std::string(part.name) + " needs a VALUE.");
+    switch (part.form) {
+        case Form::Name:
+            return spacedName(value);
+        case Form::Hex:
+            return part.name == "serial" ? serialValue(value) : hexValue(value);
+        case Form::Usages:
+            return usageValue(value);
+        case Form::SerialAndIssuer: {
+            const auto colon = value.find(':');
+            if (colon == std::string::npos)
+                usageError("The value is SERIAL:ISSUER, such as 0A1B:Test CA.");
+            return serialValue(value.substr(0, colon)) + value.substr(colon);
+        }
+        default:
+            return value;
+    }
+}
+
+std::string read(ClsCert& cert, void (ClsCert::*reader)(XString&)) {
+    XString text;
+    (cert.*reader)(text);
+    return std::string(text.view());
+}
+
+// The first certificate whose field is the value: for the fields that FindCert does not know.
+bool findByField(ClsPkcs11& p11, void (ClsCert::*reader)(XString&), const std::string& value,
+                 ClsCert& cert) {
+    if (!p11.FindAllCerts()) throwLastFailure(p11);
+    for (int i = 0; i < p11.get_NumCerts(); ++i) {
+        if (!p11.GetCert(i, cert)) throwLastFailure(p11);
+        if (read(cert, reader) == value) return true;
+    }
+    return false;
+}
+
+void choose(ClsPkcs11& p11, const Part& part, const Options& options, const std::string& value,
+            ClsCert& cert) {
+    const auto reader = part.name == "label"    ? &ClsCert::get_Label
+                        : part.name == "id"     ? &ClsCert::get_CkaId
+                        : part.name == "sha256" ? &ClsCert::get_Sha256Thumbprint
+                                                : nullptr;
+    if (reader != nullptr) {
+        if (!findByField(p11, reader, value, cert))
+            throw CommandError{Exit::NotFound, "Not found.", {}};
+        return;
+    }
+    const bool isFound = part.name == "privateKey"
+                             ? p11.FindSigner({}, cert)
+                             : p11.FindCert(options.arguments[0], value, cert);
+    if (!isFound) throwLastFailure(p11);
+}
+
+// A remark on a certificate that would have fitted but for its letter case.
+std::string nearMiss(ClsPkcs11& p11, const std::string& part, const std::string& value) {
+    std::string name(trimmed(part));
+    std::ranges::transform(name, name.begin(), toUpperAscii);
+    if (name == "ORGANIZATION") name = "O";
+    if (name == "EMAIL") name = "E";
+    LogNull log;
+    for (int i = 0; i < p11.get_NumCerts(); ++i) {
+        ClsCert cert;
+        if (!p11.GetCert(i, cert)) return {};
+        const auto fields = cert.getCert();
+        XString text;
+        const bool isRead = name == "SUBJECTDN" ? fields->getSubjectDN_noTags(text, log)
+                            : name == "SUBJECTDN_WITHTAGS"
+                                ? fields->getSubjectDN(text, log)
+                                : fields->getSubjectPart(name.c_str(), text, log);
+        if (isRead && isSame(text.view(), value))
+            return "Certificate " + std::to_string(i) +
+                   " differs only in letter case: " + printable(text.view());
+    }
+    return {};
+}
+
+int indexOf(ClsPkcs11& p11, ClsCert& wanted) {
+    for (int i = 0; i < p11.get_NumCerts(); ++i) {
+        ClsCert cert;
+        if (p11.GetCert(i, cert) && cert.getCert() == wanted.getCert()) return i;
+    }
+    return -1;
+}
+
+void save(ClsCert& cert, const std::string& path) {
+    const auto der = cert.ExportDer();
+    const std::string text =
+        path.ends_with(".der") ? std::string(der.begin(), der.end()) : cert.ExportPem();
+    saveFile(path, text);
+}
+
+void printFound(ClsCert& cert, const KeyView& key) {
+    std::string privateKey = privateKeyFor(key);
+    if (key.link)
+        privateKey = "handle " + privateKey + ", " +
+                     std::to_string(key.link->expectedSignatureSize) + "-byte signatures";
+    printFields(
+        {{"Certificate", subjectFor(cert)},
+         {"Issuer", issuerFor(cert)},
+         {"Serial number", read(cert, &ClsCert::get_SerialNumber)},
+         {"SHA-1 thumbprint", read(cert, &ClsCert::get_Sha1Thumbprint)},
+         {"SHA-256 thumbprint", read(cert, &ClsCert::get_Sha256Thumbprint)},
+         {"Valid",
+          read(cert, &ClsCert::get_NotBefore) + " to " + read(cert, &ClsCert::get_NotAfter)},
+         {"Use", useFor(cert)},
+         {"Key", keyFor(cert)},
+         {"ID, label", read(cert, &ClsCert::get_CkaId) + ", " + read(cert, &ClsCert::get_Label)},
+         {"Private key", privateKey},
+         {"Found by", foundByFor(key)},
+         {"Signs", signsFor(key)}});
+}
+
+}  // namespace
+
+Exit runFindCert(ClsPkcs11& p11, const Options& options) {
+    const Part& part = partOf(options.arguments[0]);
+    const std::string given = options.arguments.size() > 1 ? options.arguments[1] : "";
+    const std::string value = comparable(part, given);
+    const bool isToOutput = options.out == "-";
+    if (isToOutput && options.json) usageError("Of --out - and --json only one can be printed.");
+    const OpenedToken opened =
+        openToken(p11, options, part.name == "privateKey" ? LoginIf::Needed : LoginIf::Told);
+    ClsCert cert;
+    try {
+        choose(p11, part, options, value, cert);
+    } catch (CommandError& error) {
+        if (error.status == Exit::NotFound && part.takesValue && error.hint.empty())
+            error.hint = nearMiss(p11, options.arguments[0], value);
+        throw;
+    }
+    int numLeftOut = p11.get_NumLeftOut();
+    if (!cert.HasPrivateKey()) {
+        LogNull log;
+        const bool isLinked = p11.linkCertToPkcs11Session(cert.getCert().get(), true, log);
+        if (!isLinked && p11.lastFailure().kind != FailureKind::NotFound) throwLastFailure(p11);
+        numLeftOut += p11.get_NumLeftOut();
+    }
+    const KeyView key = keyViewOf(p11, cert, opened.token, opened.isLoggedIn, options.explain);
+    if (options.out) save(cert, *options.out);
+    sayLeftOut(numLeftOut);
+    if (key.isGuess())
+        std::cerr
+            << "mervane-p11: The key is a GUESS: it is there, and nothing says that it is the "
+               "certificate's.\n";
+    if (options.json) {
+        JsonPrinter document;
+        document.member("loggedIn", JsonValue(opened.isLoggedIn));
+        printCert(document, cert, {indexOf(p11, cert), opened.token, options.pem}, &key);
+        document.finish();
+    } else if (!isToOutput) {
+        printFound(cert, key);
+    }
+    return Exit::Done;
+}
+
+}  // namespace mervane::cli
