@@ -21,18 +21,25 @@ std::string read(ClsCert& cert, Reader reader) {
     return std::string(text.view());
 }
 
-using TextReader = bool (Certificate::*)(XString&, LogBase&) const;
-
 // Null where the certificate has no such text, or a malformed one.
-void printText(JsonPrinter& document, std::string_view name, const Certificate& cert,
-               TextReader reader) {
-    LogNull log;
+template <class Read>
+void printText(JsonPrinter& document, std::string_view name, const Certificate& cert, Read read) {
     XString text;
-    if ((cert.*reader)(text, log)) {
+    if (read(cert, text)) {
         document.text(name, text.view());
     } else {
         document.member(name, JsonValue());
     }
+}
+
+using TextReader = bool (Certificate::*)(XString&, LogBase&) const;
+
+void printText(JsonPrinter& document, std::string_view name, const Certificate& cert,
+               TextReader reader) {
+    printText(document, name, cert, [reader](const Certificate& from, XString& text) {
+        LogNull log;
+        return (from.*reader)(text, log);
+    });
 }
 
 void printValidity(JsonPrinter& document, const Certificate& cert) {
@@ -161,11 +168,10 @@ void printCert(JsonPrinter& document, ClsCert& cert, const CertContext& context,
     printText(document, "subject", fields, &Certificate::getSubjectDN);
     printText(document, "subjectNoTags", fields, &Certificate::getSubjectDN_noTags);
     printText(document, "issuer", fields, &Certificate::getIssuerDN);
-    XString issuerCn;
-    LogNull log;
-    const bool hasCn = fields.getIssuerPart("CN", issuerCn, log);
-    document.member("issuerCN", hasCn ? JsonValue(issuerCn.view()) : JsonValue());
-    issuerCn.clear();
+    printText(document, "issuerCN", fields, [](const Certificate& from, XString& text) {
+        LogNull log;
+        return from.getIssuerPart("CN", text, log);
+    });
     printText(document, "serialNumber", fields, &Certificate::getSerialNumber);
     printText(document, "sha1Thumbprint", fields, &Certificate::getSha1ThumbprintX);
     printText(document, "sha256Thumbprint", fields, &Certificate::getSha256Thumbprint);

@@ -70,7 +70,7 @@ void throwLastFailure(ClsPkcs11& p11) {
 }
 
 void printError(const CommandError& error, bool asJson) {
-    if (!asJson) {
+    if (!asJson || JsonPrinter::wasBegun()) {
         std::cerr << "mervane-p11: " << error.message << '\n';
         if (!error.hint.empty()) std::cerr << error.hint << '\n';
         return;

@@ -39,7 +39,8 @@ struct CommandError {
 /// status follows from the kind of the failure.
 [[noreturn]] void throwLastFailure(ClsPkcs11& p11);
 
-/// Prints the error: lines on standard error; with `asJson` a document on standard output instead.
+/// Prints the error: lines on standard error; with `asJson` a document on standard output instead,
+/// unless one was begun there.
 void printError(const CommandError& error, bool asJson);
 
 }  // namespace mervane::cli

@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <exception>
 #include <iostream>
+#include <memory>
 #include <utility>
 
 #include "commands.h"
@@ -88,20 +89,28 @@ void printLog(const ClsPkcs11& p11, bool asJson) {
 int main(std::span<const char* const> words) {
     takeStandardDescriptors();
     CommandLine line;
-    ClsPkcs11 p11;
     CommandError failure{Exit::Done, {}, {}};
+    const std::unique_ptr<ClsPkcs11> p11(ClsPkcs11::createNewCls());
     try {
+        if (!p11) throw std::bad_alloc();
         parseCommandLine(words, line);
-        failure.status = run(line, p11);
+        failure.status = run(line, *p11);
         std::cout.flush();
         if (!std::cout) failure = {Exit::Module, "Standard output cannot be written.", {}};
     } catch (CommandError& f) {
         failure = std::move(f);  // cannot fail, as a copy may
+    } catch (const std::bad_alloc&) {
+        failure = {Exit::Module, "No memory left.", {}};  // short enough to need none
+        failure.failure.kind = FailureKind::NoMemory;
     } catch (const std::exception& error) {
         failure = {Exit::Module, error.what(), {}};
     }
-    if (line.options.log) printLog(p11, line.options.json);
-    if (!failure.message.empty()) printError(failure, line.options.json);
+    if (line.options.log && p11) printLog(*p11, line.options.json);
+    try {
+        if (!failure.message.empty()) printError(failure, line.options.json);
+    } catch (const std::exception&) {
+        std::cerr << "mervane-p11: There is not enough memory.\n";
+    }
     return static_cast<int>(failure.status);
 }
 

@@ -17,8 +17,9 @@ namespace {
 
 // Columns. A wider cell pushes the rest of its own row to the right instead of widening every row.
 constexpr std::size_t kMaxWidth = 200;
-constexpr std::size_t kGap = 2;        // between two columns
-constexpr std::size_t kMinWidth = 40;  // of a terminal; one that says less gets broken lines
+constexpr std::size_t kMaxCell = 4096;  // bytes, before it is made printable
+constexpr std::size_t kGap = 2;         // between two columns
+constexpr std::size_t kMinWidth = 40;   // of a terminal; one that says less gets broken lines
 constexpr std::size_t kMinColumn = 6;
 
 using Rows = std::vector<std::vector<std::string>>;
@@ -74,7 +75,11 @@ std::string printable(std::string_view text) {
 }
 
 void Table::add(std::vector<std::string> cells) {
-    for (std::string& cell : cells) cell = printable(cell);
+    for (std::string& cell : cells) {
+        const bool isLong = cell.size() > kMaxCell;
+        if (isLong) cell.resize(kMaxCell);
+        cell = printable(cell) + (isLong ? "…" : "");
+    }
     m_rows.push_back(std::move(cells));
 }
 
@@ -124,6 +129,7 @@ void printJson(const JsonValue& object) {
 }
 
 JsonPrinter::JsonPrinter() {
+    s_wasBegun = true;
     std::cout << '{';
     member("schema", JsonValue(1));
 }

@@ -21,7 +21,7 @@ std::string printable(std::string_view text);
 class Table {
   public:
     explicit Table(std::vector<std::string> heading) { m_rows.push_back(std::move(heading)); }
-    /// Adds a row of as many cells as the heading has; each is made printable.
+    /// Adds a row of as many cells as the heading has; each is made printable, and cut after 4 KiB.
     void add(std::vector<std::string> cells);
     /// With `width` columns at most: the widest cells are cut, which "…" shows. 0: no bound.
     void print(std::size_t width = 0) const;
@@ -51,6 +51,9 @@ class JsonPrinter {
     JsonPrinter& operator=(const JsonPrinter&) = delete;
     ~JsonPrinter() = default;
 
+    /// Whether a document was begun in this process: what is printed then is part of it.
+    static bool wasBegun() noexcept { return s_wasBegun; }
+
     /// Ends the document. One that is not ended stays no JSON, so nobody takes it for the whole.
     void finish();
     void member(std::string_view name, const JsonValue& value);
@@ -66,6 +69,8 @@ class JsonPrinter {
     void begin(std::string_view name, char bracket);
     void end(char bracket);
     void startValue(std::string_view name);
+
+    static inline bool s_wasBegun = false;
 
     std::size_t m_depth = 1;
     bool m_isFirst = true;  // of the object or list that is open
