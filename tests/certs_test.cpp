@@ -36,6 +36,21 @@ TEST_F(CertsTest, HolderOfNoCertificateGivesNone) {
     EXPECT_EQ(find("CN", "nobody"), "Not found.");
 }
 
+TEST_F(CertsTest, ObjectListedTwiceIsOne) {
+    objects() = {certObject(30, "alice", "a"), certObject(20, "bob", "b"), certObject(10, "p256", "c"), certObject(40, "p521", "d")};
+    world.lie = [](fake::Outputs& out) {
+        if (out.function == "C_FindObjects" && *out.count == 4) out.ids[3] = 20;
+    };
+    ASSERT_TRUE(quick() && p11->FindAllCerts());
+    EXPECT_EQ(p11->get_NumCerts(), 3);
+    world.lie = [](fake::Outputs& out) {  // and never comes to an end
+        if (out.function == "C_FindObjects") *out.count = 1, out.ids[0] = 20;
+    };
+    EXPECT_TRUE(p11->FindAllCerts());
+    EXPECT_EQ(p11->get_NumCerts() * 10 + p11->get_NumLeftOut(), 11);
+    EXPECT_EQ(world.count("C_FindObjects"), 2U + 1 + 4);  // four batches without news
+}
+
 TEST_F(CertsTest, ClearedCacheEndsTheLinksOfWhatWasHandedOut) {
     tokenOf({"alice"});
     ClsCert cert;

@@ -83,7 +83,7 @@ TEST_F(LifetimesTest, ForkedChildDropsTheSessionAndBeginsAnew) {
         const bool said = p11->log().text().find("The process has forked") != std::string::npos;
         world.initialized = false;  // as a module does that notices forks
         world.sessions.clear();
-        return dropped && said && !cert.HasPrivateKey() && p11->Initialize() && quick(*p11) && p11->FindAllCerts();
+        return dropped && said && !cert.HasPrivateKey() && p11->Initialize() && quick(*p11) && p11->FindAllCerts() && linkCert() && cert.HasPrivateKey();
     }));
     EXPECT_TRUE(inChild([&] {
         p11.reset();  // untouched in the child: calls nothing

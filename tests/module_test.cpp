@@ -40,6 +40,16 @@ TEST_F(ModuleTest, SessionGivenAgainUnderItsHandleIsNotClosed) {
     EXPECT_TRUE(p11->FindAllCerts());
 }
 
+TEST_F(ModuleTest, OpenSessionIsClosedWhereTheTokenTakesOneAlone) {
+    ASSERT_TRUE(quick());
+    world.maxSessions = 1;
+    EXPECT_TRUE(p11->OpenSession(1, true));
+    EXPECT_THAT(p11->infos(), Contains("The token takes no second session: the open one is closed first."));
+    world.slots.push_back({.id = 2});
+    EXPECT_FALSE(p11->OpenSession(2, true));  // that one is in nobody's way there
+    EXPECT_TRUE(p11->hasOpenSession());
+}
+
 TEST_F(ModuleTest, NobodyIsLoggedInWithoutASession) {
     p11->m_userLoggedIn = p11->m_soLoggedIn = true;
     EXPECT_FALSE(p11->alreadyLoggedIn(1, p11->log()) || p11->alreadyLoggedIn(0, p11->log()));

@@ -157,6 +157,21 @@ fake::Object ecPublicObject(CK_OBJECT_HANDLE handle, const std::string& cert, co
     return object;
 }
 
+// The traits fromYY and untilYY. A year is two digits in front of a UTCTime.
+static void setValidity(fake::Bytes& der, const std::string& traits) {
+    const fake::Bytes time = {0x17, 13};
+    auto at = der.begin();
+    for (const char* const trait : {":from", ":until"}) {
+        at = std::search(at, der.end(), time.begin(), time.end());
+        if (at == der.end()) return;
+        const auto found = traits.find(trait);
+        const std::string year = found == std::string::npos ? "" : traits.substr(found + std::strlen(trait), 2);
+        const std::string text = year + "0203040506Z";
+        if (!year.empty()) std::ranges::copy(text, at + 2);
+        at += 2;
+    }
+}
+
 std::vector<fake::Object> objectsOf(const std::string& text) {
     std::vector<fake::Object> out;
     std::istringstream words(text);
@@ -182,6 +197,7 @@ std::vector<fake::Object> objectsOf(const std::string& text) {
         if (has("sensitive")) object.sensitive.insert(CKA_VALUE);
         if (has("padded")) value.resize(value.size() + 100);
         if (has("large")) value.resize(20000);
+        setValidity(value, word);
         if (value.empty()) object.attributes.erase(CKA_VALUE);
     }
     return out;

@@ -131,7 +131,7 @@ bool readTokens(Calls& calls, std::optional<CK_SLOT_ID> wanted, std::vector<Toke
 bool chooseToken(Calls& calls, const TokenChoice& choice, TokenInfo& chosen, LogBase& log) {
     std::vector<TokenInfo> tokens;
     if (!readTokens(calls, choice.slotId, tokens, log)) return false;
-    const auto first = std::ranges::partition(
+    const auto first = std::ranges::stable_partition(
         tokens, [&](const TokenInfo& token) { return !fits(token, choice); });
     if (first.empty()) return noneFits(calls, tokens, choice, log);
     if (first.size() > 1) {

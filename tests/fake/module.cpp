@@ -166,7 +166,7 @@ CK_RV getTokenInfo(CK_SLOT_ID id, CK_TOKEN_INFO* info) {
         pad(info->label, slot.label);
         pad(info->manufacturerID, "Fake maker");
         pad(info->model, "Model F");
-        pad(info->serialNumber, "0001");
+        pad(info->serialNumber, slot.id < 10 ? ("000" + std::to_string(slot.id)).c_str() : "0001");
         info->flags = slot.flags;
         info->ulMinPinLen = 4;
         info->ulMaxPinLen = 64;
