@@ -13,6 +13,7 @@
 #include "pkcs11/certmatch.h"
 #include "pkcs11/clspkcs11.h"
 #include "pkcs11/frame.h"
+#include "pkcs11/privkeys.h"
 
 namespace mervane {
 namespace {
@@ -138,7 +139,7 @@ bool ClsPkcs11::linkForSelection(Certificate& cert, LogBase& log) {
     const auto link = cert.pkcs11Link();
     if (link && link->keyHandle != 0) return true;
     FoundKey found;
-    if (!searchKey(cert, {}, found, log)) return false;
+    if (!searchKey(*m_calls, cert, {}, found, log)) return false;
     log.LogDataBool("hasPrivateKey", found.handle != 0);
     if (found.handle != 0) {
         log.LogDataLong("expectedSignatureSize", found.signatureSize);

@@ -22,8 +22,6 @@ class Calls;
 /// A PKCS#11 module in use: loads it, opens a session with a token, logs in, lists and chooses
 /// certificates, and finds the private key that belongs to one.
 ///
-///     ClsPkcs11 token;
-///     token.put_SharedLibPath("/usr/lib/softhsm/libsofthsm2.so");
 ///     ClsCert cert;
 ///     if (!token.OpenToken({.label = "Alice"}, false) || !token.Login(1, pin) ||
 ///         !token.FindSigner({}, cert))
@@ -259,12 +257,6 @@ class ClsPkcs11 : public ClsBase, public Pkcs11SessionOwner, protected Pkcs11Sta
     bool beInUse(LogBase& log);
     std::shared_ptr<Certificate> bestSigner(const SignerQuery& query, LogBase& log);
     bool linkForSelection(Certificate& cert, LogBase& log);
-    // False if the key could not be looked for; true with a handle of 0 if there is none.
-    bool searchKey(Certificate& cert, KeySearch how, FoundKey& found, LogBase& log);
-    bool findRsaKey(Certificate& cert, KeySearch how, FoundKey& found, LogBase& log);
-    bool findEcKey(Certificate& cert, KeySearch how, FoundKey& found, LogBase& log);
-    bool checkGuess(Certificate& cert, FoundKey& found, LogBase& log);
-    bool explain(Certificate& cert, KeyExplanation& out, LogBase& log);
 
     std::unique_ptr<Calls> m_calls;
 };

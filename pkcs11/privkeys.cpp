@@ -42,9 +42,11 @@
 #include "foundation/text/hex.h"
 #include "foundation/x509/curves.h"
 #include "foundation/x509/publickey.h"
+#include "pkcs11/calls/operations.h"
 #include "pkcs11/clspkcs11.h"
 #include "pkcs11/frame.h"
 #include "pkcs11/keyindex.h"
+#include "pkcs11/privkeys.h"
 
 namespace mervane {
 namespace {
@@ -176,7 +178,133 @@ std::vector<KeyObjection> objectionsTo(const Pkcs11_PrivateKey& key, const KeyQu
     return out;
 }
 
+bool findRsaKey(Calls& calls, Certificate& cert, KeySearch how, FoundKey& found, LogBase& log) {
+    const Pkcs11State& state = calls.state;
+    log.LogInfo("Looking for a matching RSA private key...");
+    if (!operation::cacheRsaKeys(calls, !how.quick, log)) return false;
+    const int numRsaKeys = state.m_rsaPrivKeys.getSize();
+    log.LogDataLong("numRsaKeys", numRsaKeys);
+    const auto bySubjectOrModulus = [&] {
+        return (state.m_rsaKeysHaveSubject &&
+                take(rsaKeyBySubject(state, cert, true, log), KeyRule::Subject, found)) ||
+               (state.m_rsaKeysHaveModulus &&
+                take(rsaKeyByModulus(state, cert, true, log), KeyRule::Modulus, found));
+    };
+    if (take(rsaKeyById(state, cert, true, log), KeyRule::Id, found) || bySubjectOrModulus())
+        return true;
+    if (numRsaKeys == 1 && state.m_certs.getSize() == 1 &&
+        keyAt(state.m_rsaPrivKeys, 0) != nullptr) {
+        // Whether it may sign does not matter here: there is no other.
+        log.LogInfo("Using only possible private key");
+        return take(keyAt(state.m_rsaPrivKeys, 0), KeyRule::OnlyKey, found);
+    }
+    bool couldLook = true;
+    if (numRsaKeys >= 1 && !(state.m_rsaKeysHaveSubject && state.m_rsaKeysHaveModulus)) {
+        const LogContextExitor retry(log, "retry_subjectDer_modulus");
+        couldLook = operation::cacheRsaKeys(calls, true, log);
+        if (couldLook && bySubjectOrModulus()) return true;
+    }
+    log.LogInfo("No matching RSA private key found.");
+    return couldLook;
+}
+
+bool findEcKey(Calls& calls, Certificate& cert, KeySearch how, FoundKey& found, LogBase& log) {
+    const Pkcs11State& state = calls.state;
+    // A note, not a failure; callers look for it on the error channel.
+    log.LogError("Certificate key type is ECDSA.");
+    const auto points = pointsOf(cert);
+    const bool hasPoint = !points[0].isEmpty();
+    if (!operation::cacheEcKeys(calls, hasPoint && !how.quick, log)) return false;
+    log.LogDataLong("numEcdsaKeys", state.m_ecdsaPrivKeys.getSize());
+
+    const auto among = how.mustSign ? KeyIndex::Among::Signing : KeyIndex::Among::All;
+    const auto find = [&](KeyRule rule, KeyIndex::Field field,
+                          std::initializer_list<const DataBuffer*> values) {
+        const int at = firstOf(state.m_ecdsaPrivKeys, *state.m_ecdsaIndex, field, values, among, 0);
+        if (at < 0) return false;
+        log.LogInfo("Found matching PKCS11 ECDSA private key.");
+        return take(keyAt(state.m_ecdsaPrivKeys, at), rule, found);
+    };
+    if (find(KeyRule::Id, &Pkcs11_PrivateKey::m_keyId, {&cert.tokenInfo().ckaId})) return true;
+    // The token knows better than the guess below, at the price of reading its points.
+    if (hasPoint && !operation::cacheEcKeys(calls, true, log)) return false;
+    if (find(KeyRule::Point, &Pkcs11_PrivateKey::m_ecPoint, {&points[0], &points[1]})) return true;
+    if (keyAt(state.m_ecdsaPrivKeys, 0) == nullptr) return true;
+    log.LogInfo("Using first PKCS11 ECDSA private key");
+    take(keyAt(state.m_ecdsaPrivKeys, 0), KeyRule::FirstKey, found);
+    // No point of the token is the certificate's.
+    found.facts.isDisproved = hasPoint && !keyAt(state.m_ecdsaPrivKeys, 0)->m_ecPoint.isEmpty();
+    return true;
+}
+
 }  // namespace
+
+bool searchKey(Calls& calls, Certificate& cert, KeySearch how, FoundKey& found, LogBase& log) {
+    const LogContextExitor context(log, "findPrivKeyHandle");
+    int bits = 0;
+    if (calls.state.m_certHandleIsKeyHandle) {
+        log.LogInfo("Using certificate's PKCS11 handle as the private key handle...");
+        found.keyType = cert.getCertKeyType(bits, log);
+        log.LogDataLong("certKeyType", found.keyType);
+        found.signatureSize = cert.expectedSignatureSize(log);
+        log.LogDataLong("expectedSignatureSize", found.signatureSize);
+        if (!calls.hasOpenSession()) return calls.noSession(log);  // the handle belongs to one
+        found.handle = cert.tokenInfo().handle;
+        found.facts.rule = KeyRule::CertHandle;
+        return true;
+    }
+    log.LogDataBool("userLoggedIn", calls.state.m_userLoggedIn);
+    found.keyType = cert.getCertKeyType(bits, log);
+    found.signatureSize = cert.expectedSignatureSize(log);
+    if (found.keyType == kEcKey) return findEcKey(calls, cert, how, found, log);
+    if (found.keyType == kRsaKey) return findRsaKey(calls, cert, how, found, log);
+    log.LogError("Only EC and RSA keys are supported on PKCS11.");
+    log.LogDataLong("certKeyType", found.keyType);
+    XString algorithm;
+    if (cert.getKeyAlgorithm(algorithm, log)) log.LogDataX("keyAlgorithm", algorithm);
+    return true;
+}
+
+// Asks the token whether the only RSA key can be the certificate's; an EC guess comes checked.
+// False if that could not be asked.
+bool checkGuess(Calls& calls, Certificate& cert, FoundKey& found, LogBase& log) {
+    if (found.facts.rule != KeyRule::OnlyKey) return true;
+    if (!operation::cacheRsaKeys(calls, true, log)) return false;
+    const Pkcs11_PrivateKey* const key = keyAt(calls.state.m_rsaPrivKeys, 0);
+    found.facts.isDisproved = key != nullptr && differs(key->m_modulus, moduliOf(cert, log));
+    // A modulus that is known and does not differ is the certificate's own.
+    if (key != nullptr && !key->m_modulus.isEmpty() && !found.facts.isDisproved)
+        found.facts.rule = KeyRule::Modulus;
+    return true;
+}
+
+bool explainSearch(Calls& calls, Certificate& cert, KeyExplanation& out, LogBase& log) {
+    constexpr std::size_t kMaxExplained = 100;
+    FoundKey found;
+    if (!searchKey(calls, cert, {}, found, log) || !checkGuess(calls, cert, found, log))
+        return false;
+    out.keyHandle = found.handle;
+    out.facts = found.facts;
+    const bool isEc = found.keyType == kEcKey;
+    if (calls.state.m_certHandleIsKeyHandle || (!isEc && found.keyType != kRsaKey)) return true;
+    if (isEc ? !operation::cacheEcKeys(calls, true, log)
+             : !operation::cacheRsaKeys(calls, true, log))
+        return false;
+    KeyQuestion wanted{cert.tokenInfo().ckaId, {}, moduliOf(cert, log), pointsOf(cert), isEc};
+    cert.getPartDer(1, wanted.subject, log);
+    const ExtPtrArray& keys = isEc ? calls.state.m_ecdsaPrivKeys : calls.state.m_rsaPrivKeys;
+    for (int i = 0; i < keys.getSize(); ++i) {
+        const Pkcs11_PrivateKey* const key = keyAt(keys, i);
+        if (key->m_handle == found.handle) continue;
+        if (out.passedOver.size() == kMaxExplained) {
+            ++out.numMore;
+        } else {
+            out.passedOver.push_back(
+                {key->m_handle, toHex(key->m_keyId.span()), objectionsTo(*key, wanted)});
+        }
+    }
+    return true;
+}
 
 bool ClsPkcs11::cardRequiresPss(LogBase&) {
     return false;
@@ -185,92 +313,10 @@ bool ClsPkcs11::cardRequiresPss(LogBase&) {
 CK_OBJECT_HANDLE ClsPkcs11::findPrivKeyHandle(Certificate& cert, bool quick, int& keyType,
                                               int& expectedSignatureSize, LogBase& log) {
     FoundKey found;
-    static_cast<void>(searchKey(cert, {.quick = quick}, found, log));
+    static_cast<void>(searchKey(*m_calls, cert, {.quick = quick}, found, log));
     keyType = found.keyType;
     expectedSignatureSize = found.signatureSize;
     return found.handle;
-}
-
-bool ClsPkcs11::searchKey(Certificate& cert, KeySearch how, FoundKey& found, LogBase& log) {
-    const LogContextExitor context(log, "findPrivKeyHandle");
-    int bits = 0;
-    if (m_certHandleIsKeyHandle) {
-        log.LogInfo("Using certificate's PKCS11 handle as the private key handle...");
-        found.keyType = cert.getCertKeyType(bits, log);
-        log.LogDataLong("certKeyType", found.keyType);
-        found.signatureSize = cert.expectedSignatureSize(log);
-        log.LogDataLong("expectedSignatureSize", found.signatureSize);
-        if (!hasOpenSession()) return noSession(log);  // the handle belongs to one
-        found.handle = cert.tokenInfo().handle;
-        found.facts.rule = KeyRule::CertHandle;
-        return true;
-    }
-    log.LogDataBool("userLoggedIn", m_userLoggedIn);
-    found.keyType = cert.getCertKeyType(bits, log);
-    found.signatureSize = cert.expectedSignatureSize(log);
-    if (found.keyType == kEcKey) return findEcKey(cert, how, found, log);
-    if (found.keyType == kRsaKey) return findRsaKey(cert, how, found, log);
-    log.LogError("Only EC and RSA keys are supported on PKCS11.");
-    log.LogDataLong("certKeyType", found.keyType);
-    XString algorithm;
-    if (cert.getKeyAlgorithm(algorithm, log)) log.LogDataX("keyAlgorithm", algorithm);
-    return true;
-}
-
-bool ClsPkcs11::findRsaKey(Certificate& cert, KeySearch how, FoundKey& found, LogBase& log) {
-    log.LogInfo("Looking for a matching RSA private key...");
-    if (!cacheRsaPrivateKeys(false, !how.quick, log)) return false;
-    const int numRsaKeys = m_rsaPrivKeys.getSize();
-    log.LogDataLong("numRsaKeys", numRsaKeys);
-    const auto bySubjectOrModulus = [&] {
-        return (m_rsaKeysHaveSubject &&
-                take(rsaKeyBySubject(*this, cert, true, log), KeyRule::Subject, found)) ||
-               (m_rsaKeysHaveModulus &&
-                take(rsaKeyByModulus(*this, cert, true, log), KeyRule::Modulus, found));
-    };
-    if (take(rsaKeyById(*this, cert, true, log), KeyRule::Id, found) || bySubjectOrModulus())
-        return true;
-    if (numRsaKeys == 1 && m_certs.getSize() == 1 && keyAt(m_rsaPrivKeys, 0) != nullptr) {
-        // Whether it may sign does not matter here: there is no other.
-        log.LogInfo("Using only possible private key");
-        return take(keyAt(m_rsaPrivKeys, 0), KeyRule::OnlyKey, found);
-    }
-    bool couldLook = true;
-    if (numRsaKeys >= 1 && !(m_rsaKeysHaveSubject && m_rsaKeysHaveModulus)) {
-        const LogContextExitor retry(log, "retry_subjectDer_modulus");
-        couldLook = cacheRsaPrivateKeys(true, true, log);
-        if (couldLook && bySubjectOrModulus()) return true;
-    }
-    log.LogInfo("No matching RSA private key found.");
-    return couldLook;
-}
-
-bool ClsPkcs11::findEcKey(Certificate& cert, KeySearch how, FoundKey& found, LogBase& log) {
-    // A note, not a failure; callers look for it on the error channel.
-    log.LogError("Certificate key type is ECDSA.");
-    const auto points = pointsOf(cert);
-    const bool hasPoint = !points[0].isEmpty();
-    if (!cacheEcdsaPrivateKeys(hasPoint && !how.quick, log)) return false;
-    log.LogDataLong("numEcdsaKeys", m_ecdsaPrivKeys.getSize());
-
-    const auto among = how.mustSign ? KeyIndex::Among::Signing : KeyIndex::Among::All;
-    const auto find = [&](KeyRule rule, KeyIndex::Field field,
-                          std::initializer_list<const DataBuffer*> values) {
-        const int at = firstOf(m_ecdsaPrivKeys, *m_ecdsaIndex, field, values, among, 0);
-        if (at < 0) return false;
-        log.LogInfo("Found matching PKCS11 ECDSA private key.");
-        return take(keyAt(m_ecdsaPrivKeys, at), rule, found);
-    };
-    if (find(KeyRule::Id, &Pkcs11_PrivateKey::m_keyId, {&cert.tokenInfo().ckaId})) return true;
-    // The token knows better than the guess below, at the price of reading its points.
-    if (hasPoint && !cacheEcdsaPrivateKeys(true, log)) return false;
-    if (find(KeyRule::Point, &Pkcs11_PrivateKey::m_ecPoint, {&points[0], &points[1]})) return true;
-    if (keyAt(m_ecdsaPrivKeys, 0) == nullptr) return true;
-    log.LogInfo("Using first PKCS11 ECDSA private key");
-    take(keyAt(m_ecdsaPrivKeys, 0), KeyRule::FirstKey, found);
-    // No point of the token is the certificate's.
-    found.facts.isDisproved = hasPoint && !keyAt(m_ecdsaPrivKeys, 0)->m_ecPoint.isEmpty();
-    return true;
 }
 
 CK_OBJECT_HANDLE ClsPkcs11::findRsaKeyById(Certificate& cert, bool requireSign, LogBase& log) {
@@ -286,55 +332,16 @@ CK_OBJECT_HANDLE ClsPkcs11::findRsaKeyByModulus(Certificate& cert, bool requireS
     return handleOf(rsaKeyByModulus(*this, cert, requireSign, log));
 }
 
-// Asks the token whether the only RSA key can be the certificate's; an EC guess comes checked.
-// False if that could not be asked.
-bool ClsPkcs11::checkGuess(Certificate& cert, FoundKey& found, LogBase& log) {
-    if (found.facts.rule != KeyRule::OnlyKey) return true;
-    if (!cacheRsaPrivateKeys(true, true, log)) return false;
-    const Pkcs11_PrivateKey* const key = keyAt(m_rsaPrivKeys, 0);
-    found.facts.isDisproved = key != nullptr && differs(key->m_modulus, moduliOf(cert, log));
-    // A modulus that is known and does not differ is the certificate's own.
-    if (key != nullptr && !key->m_modulus.isEmpty() && !found.facts.isDisproved)
-        found.facts.rule = KeyRule::Modulus;
-    return true;
-}
-
 bool ClsPkcs11::ExplainPrivateKey(ClsCert& cert, KeyExplanation& out) {
     return publicCall(*this, *m_calls, "ExplainPrivateKey", Record::Yes, [&](LogBase& log) {
         const auto shared = cert.getCert();
         if (!shared)
             return m_calls->fail(log, FailureKind::Argument, "The certificate object is empty.");
         KeyExplanation explanation;
-        if (!explain(*shared, explanation, log)) return false;
+        if (!explainSearch(*m_calls, *shared, explanation, log)) return false;
         out = std::move(explanation);
         return true;
     });
-}
-
-bool ClsPkcs11::explain(Certificate& cert, KeyExplanation& out, LogBase& log) {
-    constexpr std::size_t kMaxExplained = 100;
-    FoundKey found;
-    if (!searchKey(cert, {}, found, log) || !checkGuess(cert, found, log)) return false;
-    out.keyHandle = found.handle;
-    out.facts = found.facts;
-    const bool isEc = found.keyType == kEcKey;
-    if (m_certHandleIsKeyHandle || (!isEc && found.keyType != kRsaKey)) return true;
-    if (isEc ? !cacheEcdsaPrivateKeys(true, log) : !cacheRsaPrivateKeys(true, true, log))
-        return false;
-    KeyQuestion wanted{cert.tokenInfo().ckaId, {}, moduliOf(cert, log), pointsOf(cert), isEc};
-    cert.getPartDer(1, wanted.subject, log);
-    const ExtPtrArray& keys = isEc ? m_ecdsaPrivKeys : m_rsaPrivKeys;
-    for (int i = 0; i < keys.getSize(); ++i) {
-        const Pkcs11_PrivateKey* const key = keyAt(keys, i);
-        if (key->m_handle == found.handle) continue;
-        if (out.passedOver.size() == kMaxExplained) {
-            ++out.numMore;
-        } else {
-            out.passedOver.push_back(
-                {key->m_handle, toHex(key->m_keyId.span()), objectionsTo(*key, wanted)});
-        }
-    }
-    return true;
 }
 
 bool ClsPkcs11::linkCertToPkcs11Session(Certificate* cert, bool quick, LogBase& log) {
@@ -346,7 +353,7 @@ bool ClsPkcs11::linkCertToPkcs11Session(Certificate* cert, bool quick, LogBase& 
     if (cert == nullptr) return false;
     return guardedCall(*m_calls, log, [&](LogBase&) {
         FoundKey found;
-        const bool couldLook = searchKey(*cert, {.quick = quick}, found, log);
+        const bool couldLook = searchKey(*m_calls, *cert, {.quick = quick}, found, log);
         log.LogDataBool("hasPrivateKey", found.handle != 0);
         log.LogDataLong("expectedSignatureSize", found.signatureSize);
         if (found.handle == 0) {

@@ -15,6 +15,7 @@
 #include "pkcs11/certmatch.h"
 #include "pkcs11/clspkcs11.h"
 #include "pkcs11/frame.h"
+#include "pkcs11/privkeys.h"
 
 namespace mervane {
 namespace {
@@ -168,7 +169,8 @@ std::shared_ptr<Certificate> ClsPkcs11::bestSigner(const SignerQuery& query, Log
         const auto checked = holder == nullptr ? nullptr : holder->share();
         if (!checked || !demands.areMet(*checked, log)) continue;
         FoundKey key;
-        if (!searchKey(*checked, {.mustSign = true}, key, log) || !checkGuess(*checked, key, log))
+        if (!searchKey(*m_calls, *checked, {.mustSign = true}, key, log) ||
+            !checkGuess(*m_calls, *checked, key, log))
             return nullptr;
         if (key.handle == 0 || key.facts.isDisproved) {
             ++misfits.numWithoutKey;
