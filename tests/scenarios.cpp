@@ -37,6 +37,18 @@ bool findEc(Pkcs11& p, ScenarioArgs& a) {
     return found && isLinked;
 }
 
+bool findSigner(Pkcs11& p, ScenarioArgs& a) {
+    std::vector<TokenInfo> tokens;
+    bool isExplained = false;
+    const bool found = p.OpenToken({.slotId = 1}, false) && p.Login(1, a.userPin) && p.ListTokens(tokens) && givesCert([&](ClsCert& c) {
+                           KeyExplanation explanation;
+                           const bool ok = p.FindSigner(a.signer, c);
+                           isExplained = ok && p.ExplainPrivateKey(c, explanation);
+                           return ok;
+                       });
+    return found && isExplained;
+}
+
 bool discoverAll(Pkcs11& p, ScenarioArgs& a) { return p.Discover(false, a.report); }
 
 bool askForObjects(Pkcs11& p, ScenarioArgs& a) {
@@ -85,11 +97,15 @@ void expectNothingLeft(const fake::World& world) {
 
 }  // namespace
 
-ScenarioArgs::ScenarioArgs() { description.root().set("id", "65"); }
+ScenarioArgs::ScenarioArgs() {
+    description.root().set("id", "65");
+    signer.parts = {{"CN", "Alice"}};
+}
 
-const std::array<Scenario, 6> kScenarios = {{{"whole session", wholeSession, 1},
+const std::array<Scenario, 7> kScenarios = {{{"whole session", wholeSession, 1},
                                              {"RSA certificate", findRsa, 1},
                                              {"EC certificate", findEc, 1},
+                                             {"signer", findSigner, 1},
                                              {"discovery", discoverAll, 0},
                                              {"objects and keys", askForObjects, 1},
                                              {"PINs and token", administer, 1}}};

@@ -14,6 +14,7 @@ struct ScenarioArgs {
     XString userPin{fake::Slot().userPin}, soPin{fake::Slot().soPin}, newPin{"a-new-user-pin-000000001"}, empty;
     XString privateKey{"privateKey"}, commonName{"CN"}, curve{"Curve 256"}, privateWord{"private"}, label{"renewed"};
     ClsJsonObject description, keys, report;
+    SignerQuery signer;
 };
 
 /// What an application does from start to finish while faults are injected. Each is a few public
@@ -23,7 +24,7 @@ struct Scenario {
     bool (*run)(Pkcs11& p11, ScenarioArgs& args);
     int numLogins;  // requested
 };
-extern const std::array<Scenario, 6> kScenarios;
+extern const std::array<Scenario, 7> kScenarios;
 
 /// What the scenarios run on: a token with all attributes; one whose keys have few, on a module that
 /// others have initialised; one of many objects and slots, on a module that takes no arguments when
