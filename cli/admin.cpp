@@ -69,6 +69,8 @@ bool isThereAlready(ClsPkcs11& p11, const Options& options) {
     });
 }
 
+constexpr const char* kNothingChanged = "The token is initialised already; nothing is changed.";
+
 int slotArgument(const TokenInfo& token) {
     if (token.slotId >= UINT32_MAX)
         throw CommandError{
@@ -112,10 +114,14 @@ Exit runInitToken(ClsPkcs11& p11, const Options& options) {
     const Pins pins(options);
     useModule(p11, options);
     if (options.ifUninitialised && isThereAlready(p11, options)) {
-        sayDone(options, "changed", false, "The token is initialised already; nothing is changed.");
+        sayDone(options, "changed", false, kNothingChanged);
         return Exit::Done;
     }
     const TokenInfo token = tokenToInitialise(p11, options);
+    if (options.ifUninitialised && token.isInitialised) {
+        sayDone(options, "changed", false, kNothingChanged);
+        return Exit::Done;
+    }
     const int slot = slotArgument(token);
     confirm(p11, token, options);
     XString soPin;
