@@ -48,6 +48,11 @@ std::string whatDies(ClsPkcs11& p11, const TokenInfo& token) {
 void confirm(ClsPkcs11& p11, const TokenInfo& token, const Options& options) {
     if (options.yes || !token.isInitialised) return;
     const std::string victim = whatDies(p11, token);
+    // An empty label would be typed by the Enter key alone.
+    if (token.label.empty())
+        throw CommandError{Exit::Usage,
+                           "Everything would be destroyed on the token " + victim + ".",
+                           "Its label is blank and cannot be typed; --yes goes on without asking."};
     SecretLine answer;
     const bool isAsked = askUnseen(
         "Everything is destroyed on the token " + victim + ".\nType its label to go on: ", answer);
