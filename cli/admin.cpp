@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 
+#include <csignal>
 #include <iostream>
 
 #include "commands.h"
@@ -16,6 +17,8 @@ namespace {
 // What has happened is said even if it cannot be printed where it was asked for.
 void sayDone(const Options& options, std::string_view member, bool value,
              const std::string& sentence) {
+    // A reader that has gone would end the program before it has said so.
+    std::signal(SIGPIPE, SIG_IGN);
     if (options.json) {
         JsonPrinter document;
         document.member(member, JsonValue(value));
