@@ -14,7 +14,7 @@ struct KeyView {
     enum class State : unsigned char {
         Found,
         None,     ///< everything could be looked at
-        Unknown,  ///< nobody is logged in, and the token may be hiding it
+        Unknown,  ///< the user is not logged in, and the token may be hiding it
     } state = State::None;
     std::optional<Certificate::Pkcs11Link> link;  ///< if Found
     std::optional<KeyExplanation> explanation;    ///< on request

@@ -53,16 +53,18 @@ OpenedToken openToken(ClsPkcs11& p11, const Options& options, LoginIf when) {
     const Pins pins(options);
     useModule(p11, options);
     const bool isTold = options.login || (options.asOfficer && options.soPin);
+    if (options.asOfficer && !isTold) usageError("--user so needs --login or --so-pin.");
+    if (options.soPin && !options.asOfficer) usageError("--so-pin needs --user so.");
     TokenChoice choice = choiceOf(options);
     choice.withUserPin = isTold && !options.asOfficer;
     OpenedToken opened;
     // The security officer does not log in beside read-only sessions.
     if (!p11.OpenToken(choice, isTold && options.asOfficer) || !p11.GetToken(opened.token))
         throwLastFailure(p11);
-    const bool isNeeded = when == LoginIf::Needed && !options.noLogin && opened.token.needsLogin &&
-                          opened.token.isUserPinSet && canAsk();
-    opened.isLoggedIn = isTold || isNeeded;
-    if (opened.isLoggedIn) logIn(p11, options, opened.token, pins);
+    const bool isNeeded = when == LoginIf::Needed && !isTold && !options.noLogin &&
+                          opened.token.needsLogin && opened.token.isUserPinSet && canAsk();
+    if (isTold || isNeeded) logIn(p11, options, opened.token, pins);
+    opened.isLoggedIn = (isTold && !options.asOfficer) || isNeeded;
     return opened;
 }
 

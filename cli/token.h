@@ -14,7 +14,7 @@ void useModule(ClsPkcs11& p11, const Options& options);
 /// A session that was opened.
 struct OpenedToken {
     TokenInfo token;
-    bool isLoggedIn = false;
+    bool isLoggedIn = false;  ///< the user, who sees the private objects; an officer does not
 };
 
 /// When somebody logs in who was not told to.

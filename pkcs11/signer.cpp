@@ -117,7 +117,8 @@ struct Misfits {
             calls.fail(log, FailureKind::NotFound,
                        "No private key was found for the certificates that fit.");
             if (!calls.state.m_userLoggedIn)
-                calls.hint(log, "Nobody is logged in, and private keys may be hidden until then.");
+                calls.hint(log,
+                           "The user is not logged in, and private keys may be hidden until then.");
         }
     }
 };
