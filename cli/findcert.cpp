@@ -20,7 +20,7 @@
 namespace mervane::cli {
 namespace {
 
-enum class Form : unsigned char { Text, Name, Hex, SerialAndIssuer, Usages };
+enum class Form : unsigned char { Text, Name, Hex, SerialAndIssuer, Usages, Oid };
 
 struct Part {
     std::string_view name;
@@ -40,7 +40,7 @@ constexpr std::array kParts = {
     Part{"sha256", Form::Hex},
     Part{"id", Form::Hex},
     Part{"label", Form::Text},
-    Part{"policyOid", Form::Text},
+    Part{"policyOid", Form::Oid},
     Part{"keyUsage", Form::Usages},
     Part{"organization", Form::Text},
     Part{"email", Form::Text},
@@ -66,7 +66,8 @@ bool isSame(std::string_view a, std::string_view b) {
 }
 
 bool isOid(std::string_view text) {
-    return text.find('.') != std::string_view::npos &&
+    return text.find('.') != std::string_view::npos && text.front() != '.' && text.back() != '.' &&
+           text.find("..") == std::string_view::npos &&
            text.find_first_not_of("0123456789.") == std::string_view::npos;
 }
 
@@ -78,7 +79,7 @@ std::string listed(const Names& names) {
 }
 
 const Part& partOf(const std::string& word) {
-    static constexpr Part kAny{"", Form::Text, false};
+    static constexpr Part kAny{"\"\"", Form::Text, false};
     static constexpr Part kSubject{"CN", Form::Text};
     if (trimmed(word).empty()) return kAny;
     for (const Part& part : kParts) {
@@ -120,11 +121,16 @@ std::string usageValue(const std::string& value) {
                 "Usages are " + listed(kUsages) + "."};
         out.append(name).push_back(' ');
     }
+    if (out.empty())
+        throw CommandError{Exit::Usage, "No usage is named.",
+                           "Usages are " + listed(kUsages) + "."};
     return out;
 }
 
 // The value in the form that the library compares.
 std::string comparable(const Part& part, const std::string& value) {
+    if (!value.empty() && !part.takesValue)
+        usageError("find-cert " + std::string(part.name) + " takes no VALUE.");
     if (value.empty() && part.takesValue)
         usageError("find-cert " + std::string(part.name) + " needs a VALUE.");
     switch (part.form) {
@@ -134,6 +140,9 @@ std::string comparable(const Part& part, const std::string& value) {
             return part.name == "serial" ? serialValue(value) : hexValue(value);
         case Form::Usages:
             return usageValue(value);
+        case Form::Oid:
+            if (!isOid(trimmed(value))) usageError("Not an OID: " + printable(value) + ".");
+            return value;
         case Form::SerialAndIssuer: {
             const auto colon = value.find(':');
             if (colon == std::string::npos)
