@@ -138,24 +138,10 @@ class Listing {
             table.add(std::move(cells));
         }
         table.print(width);
-        for (const KeyView& key : m_keys) {
-            if (key.explanation) printExplanation(key);
+        for (std::size_t i = 0; i < m_keys.size(); ++i) {
+            for (const std::string& line : explanationFor(m_keys[i]))
+                std::cout << "certificate " << i << ", " << line << '\n';
         }
-    }
-
-    void printExplanation(const KeyView& key) const {
-        const auto number = static_cast<std::size_t>(&key - m_keys.data());
-        for (const PassedOverKey& other : key.explanation->passedOver) {
-            std::string why;
-            for (const KeyObjection objection : other.objections)
-                why.append(why.empty() ? "" : ", ").append(wordsFor(objection));
-            std::cout << "certificate " << number << ", key " << other.handle << " (ID "
-                      << other.ckaId
-                      << "): " << (why.empty() ? "fits as well, and comes later" : why) << '\n';
-        }
-        if (key.explanation->numMore != 0)
-            std::cout << "certificate " << number << ": " << key.explanation->numMore
-                      << " more keys\n";
     }
 
     void sayWhatIsUncertain() const {

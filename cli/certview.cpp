@@ -243,12 +243,31 @@ std::string privateKeyFor(const KeyView& key) {
     return key.state == KeyView::State::Unknown ? "unknown (not logged in)" : "none";
 }
 
+namespace {
+
 std::string_view wordsFor(KeyObjection objection) noexcept {
     // In the order of the values.
     constexpr std::array<std::string_view, 7> kWords = {
         "cannot be read", "another ID",          "another subject", "another modulus",
         "another point",  "its point is hidden", "may not sign"};
     return kWords.at(static_cast<std::size_t>(objection));
+}
+
+}  // namespace
+
+std::vector<std::string> explanationFor(const KeyView& key) {
+    if (!key.explanation) return {};
+    std::vector<std::string> lines;
+    for (const PassedOverKey& other : key.explanation->passedOver) {
+        std::string why;
+        for (const KeyObjection objection : other.objections)
+            why.append(why.empty() ? "" : ", ").append(wordsFor(objection));
+        lines.push_back("key " + std::to_string(other.handle) + " (ID " + other.ckaId +
+                        "): " + (why.empty() ? "fits as well, and comes later" : why));
+    }
+    if (key.explanation->numMore != 0)
+        lines.push_back(std::to_string(key.explanation->numMore) + " more keys");
+    return lines;
 }
 
 std::string foundByFor(const KeyView& key) {

@@ -52,8 +52,8 @@ std::string keyFor(ClsCert& cert);
 std::string untilFor(ClsCert& cert);
 /// The key's handle or what is known instead.
 std::string privateKeyFor(const KeyView& key);
-/// What speaks against a key.
-std::string_view wordsFor(KeyObjection objection) noexcept;
+/// A line for each key that was passed over, if that was asked for.
+std::vector<std::string> explanationFor(const KeyView& key);
 /// By what rule the key was found; empty without one.
 std::string foundByFor(const KeyView& key);
 /// Whether the key signs, or what stands in the way.

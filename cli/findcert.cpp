@@ -245,6 +245,7 @@ void printFound(ClsCert& cert, const KeyView& key) {
          {"Private key", privateKey},
          {"Found by", foundByFor(key)},
          {"Signs", signsFor(key)}});
+    for (const std::string& line : explanationFor(key)) std::cout << line << '\n';
 }
 
 }  // namespace
