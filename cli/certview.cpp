@@ -149,7 +149,9 @@ KeyView keyViewOf(ClsPkcs11& p11, ClsCert& cert, const TokenInfo& token, bool is
     if (key.isGuess() || isExplained) {
         KeyExplanation explanation;
         if (!p11.ExplainPrivateKey(cert, explanation)) throwLastFailure(p11);
-        if (key.link) key.link->facts = explanation.facts;
+        // FindSigner passes over keys that this search may have ended at.
+        if (key.link && key.link->keyHandle == explanation.keyHandle)
+            key.link->facts = explanation.facts;
         if (isExplained) key.explanation = std::move(explanation);
     }
     if (key.link && key.link->facts.isDisproved) key.link.reset();
