@@ -171,6 +171,11 @@ bool findByField(ClsPkcs11& p11, void (ClsCert::*reader)(XString&), const std::s
     return false;
 }
 
+// FindCert takes any name with "serial" in it for the certificate's serial number.
+std::string nameFor(const std::string& part) {
+    return isSame(trimmed(part), "SERIALNUMBER") ? "2.5.4.5" : part;
+}
+
 void choose(ClsPkcs11& p11, const Part& part, const Options& options, const std::string& value,
             ClsCert& cert) {
     const auto reader = part.name == "label"    ? &ClsCert::get_Label
@@ -184,7 +189,7 @@ void choose(ClsPkcs11& p11, const Part& part, const Options& options, const std:
     }
     const bool isFound = part.name == "privateKey"
                              ? p11.FindSigner({}, cert)
-                             : p11.FindCert(options.arguments[0], value, cert);
+                             : p11.FindCert(nameFor(options.arguments[0]), value, cert);
     if (!isFound) throwLastFailure(p11);
 }
 
