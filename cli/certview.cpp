@@ -8,6 +8,7 @@
 #include <array>
 #include <ctime>
 
+#include <mervane/foundation/text/ascii.h>
 #include <mervane/foundation/text/utf8.h>
 
 namespace mervane::cli {
@@ -111,25 +112,35 @@ constexpr std::array kTypeNames = {
     TypeName{"2.5.4.97=", "organizationIdentifier="},
 };
 
-// A distinguished name with names for the OIDs that stand before an equals sign.
-std::string namedTypes(const std::string& dn) {
+// Whether an attribute of a distinguished name begins there.
+bool isStart(std::string_view dn, std::size_t at) {
+    while (at > 0 && dn[at - 1] == ' ') --at;
+    return at == 0 || ((dn[at - 1] == '+' || dn[at - 1] == ',') && (at == 1 || dn[at - 2] != '\\'));
+}
+
+// A distinguished name with the types of the table in their other form.
+std::string rewritten(std::string_view dn, std::string_view TypeName::*from,
+                      std::string_view TypeName::*to) {
     std::string out;
     for (std::size_t at = 0; at < dn.size();) {
-        const bool isStart = at == 0 || dn[at - 1] == '+' || (at > 1 && dn[at - 2] == ',');
-        const std::string_view rest = std::string_view(dn).substr(at);
-        const auto* const known =
-            isStart
-                ? std::ranges::find_if(
-                      kTypeNames, [&](const TypeName& type) { return rest.starts_with(type.oid); })
-                : kTypeNames.end();
-        if (known != kTypeNames.end()) {
-            out.append(known->name);
-            at += known->oid.size();
-        } else {
+        const std::string_view rest = dn.substr(at);
+        const auto isHere = [&](const TypeName& type) {
+            const std::string_view word = type.*from;
+            return equalsIgnoreCase(rest.substr(0, word.size()), word) && isStart(dn, at);
+        };
+        const auto* const known = std::ranges::find_if(kTypeNames, isHere);
+        if (known == kTypeNames.end()) {
             out.push_back(dn[at++]);
+        } else {
+            out.append(known->*to);
+            at += (known->*from).size();
         }
     }
     return out;
+}
+
+std::string namedTypes(const std::string& dn) {
+    return rewritten(dn, &TypeName::oid, &TypeName::name);
 }
 
 std::string today() {
@@ -194,6 +205,10 @@ void printCert(JsonPrinter& document, ClsCert& cert, const CertContext& context,
 
 std::string subjectFor(ClsCert& cert) {
     return namedTypes(read(cert, &ClsCert::get_SubjectDN));
+}
+
+std::string withOids(const std::string& dn) {
+    return rewritten(dn, &TypeName::name, &TypeName::oid);
 }
 
 std::string issuerFor(ClsCert& cert) {

@@ -42,6 +42,8 @@ void printCert(JsonPrinter& document, ClsCert& cert, const CertContext& context,
 // Texts for people. OIDs of names that X.520 knows stand by their names there.
 
 std::string subjectFor(ClsCert& cert);
+/// A name as people see it, with those types as OIDs again.
+std::string withOids(const std::string& dn);
 std::string issuerFor(ClsCert& cert);
 /// Common name and e-mail address; the whole subject if it has neither.
 std::string whoFor(ClsCert& cert);

@@ -135,7 +135,7 @@ std::string comparable(const Part& part, const std::string& value) {
         usageError("find-cert " + std::string(part.name) + " needs a VALUE.");
     switch (part.form) {
         case Form::Name:
-            return spacedName(value);
+            return spacedName(part.name == "subjectDN" ? value : withOids(value));
         case Form::Hex:
             return part.name == "serial" ? serialValue(value) : hexValue(value);
         case Form::Usages:
