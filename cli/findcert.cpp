@@ -205,7 +205,8 @@ std::string nearMiss(ClsPkcs11& p11, const std::string& part, const std::string&
         if (!p11.GetCert(i, cert)) return {};
         const auto fields = cert.getCert();
         XString text;
-        const bool isRead = name == "SUBJECTDN" ? fields->getSubjectDN_noTags(text, log)
+        const bool isRead = name == "LABEL"       ? (cert.get_Label(text), true)
+                            : name == "SUBJECTDN" ? fields->getSubjectDN_noTags(text, log)
                             : name == "SUBJECTDN_WITHTAGS"
                                 ? fields->getSubjectDN(text, log)
                                 : fields->getSubjectPart(name.c_str(), text, log);
