@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <array>
+#include <filesystem>
 #include <initializer_list>
 #include <memory>
 
@@ -48,6 +49,15 @@ void noteOtherModule(const Pkcs11State& state, LogBase& log) {
         return;
     log.LogInfo("The module in use is " + std::string(loaded) + "; SharedLibPath names " +
                 std::string(state.m_sharedLibPath.view()) + ", which is loaded by Discover.");
+}
+
+std::string whyMissing(const XString& path) {
+    std::error_code error;
+    const auto status = std::filesystem::status(path.view(), error);
+    const std::string name(path.view());
+    if (std::filesystem::exists(status)) return name + " is no regular file.";
+    if (status.type() == std::filesystem::file_type::not_found) return name + " does not exist.";
+    return name + " cannot be looked at (" + error.message() + ").";
 }
 
 }  // namespace
@@ -188,9 +198,7 @@ bool ClsPkcs11::isLoadedByBareName() const {
 bool ClsPkcs11::loadPkcs11Dll_2(LogBase& log) {
     const bool isLoaded =
         isLoadedByBareName() || loadPkcs11Dll(false, log) || loadPkcs11Dll(true, log);
-    if (!isLoaded)
-        m_calls->noteFailure(FailureKind::ModuleMissing,
-                             std::string(m_sharedLibPath.view()) + " does not exist.");
+    if (!isLoaded) m_calls->noteFailure(FailureKind::ModuleMissing, whyMissing(m_sharedLibPath));
     return isLoaded && getPkcs11Functions(log);
 }
 
