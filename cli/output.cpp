@@ -20,6 +20,7 @@ constexpr std::size_t kMaxWidth = 200;
 constexpr std::size_t kMaxCell = 4096;  // bytes, before it is made printable
 constexpr std::size_t kGap = 2;         // between two columns
 constexpr std::size_t kMinWidth = 40;   // of a terminal; one that says less gets broken lines
+constexpr std::size_t kUsualWidth = 80;
 constexpr std::size_t kMinColumn = 6;
 
 using Rows = std::vector<std::vector<std::string>>;
@@ -102,7 +103,9 @@ void Table::print(std::size_t width) const {
 std::size_t terminalWidth() noexcept {
     winsize size{};
     const bool isTerminal = ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0;
-    return isTerminal ? std::max<std::size_t>(size.ws_col, kMinWidth) : 0;
+    // A serial line, and some containers, know no width.
+    const std::size_t width = size.ws_col == 0 ? kUsualWidth : size.ws_col;
+    return isTerminal ? std::max(width, kMinWidth) : 0;
 }
 
 void printFields(const std::vector<std::pair<std::string, std::string>>& fields) {
