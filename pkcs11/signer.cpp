@@ -159,6 +159,16 @@ bool ClsPkcs11::FindSigner(const SignerQuery& query, ClsCert& cert) {
     });
 }
 
+// Of a certificate for which searchKey has found none: it passes over RSA keys that may not sign.
+bool ClsPkcs11::hasKeyThatMayNotSign(Certificate& cert) {
+    LogNull log;
+    int bits = 0;
+    return cert.getCertKeyType(bits, log) == kRsaKey &&
+           (findRsaKeyById(cert, false, log) != 0 ||
+            findRsaKeyBySubjectDER(cert, false, log) != 0 ||
+            findRsaKeyByModulus(cert, false, log) != 0);
+}
+
 std::shared_ptr<Certificate> ClsPkcs11::bestSigner(const SignerQuery& query, LogBase& log) {
     if (!m_certsLoaded && !findAllCerts(log)) return nullptr;
     const Demands demands(query);
@@ -173,7 +183,9 @@ std::shared_ptr<Certificate> ClsPkcs11::bestSigner(const SignerQuery& query, Log
         if (!searchKey(*m_calls, *checked, {.mustSign = true}, key, log) ||
             !checkGuess(*m_calls, *checked, key, log))
             return nullptr;
-        if (key.handle == 0 || key.facts.isDisproved) {
+        if (key.handle == 0 && hasKeyThatMayNotSign(*checked)) {
+            ++misfits.numThatMayNotSign;
+        } else if (key.handle == 0 || key.facts.isDisproved) {
             ++misfits.numWithoutKey;
         } else if (!key.facts.maySign.value_or(true)) {
             ++misfits.numThatMayNotSign;
