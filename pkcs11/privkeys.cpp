@@ -350,8 +350,11 @@ bool ClsPkcs11::linkCertToPkcs11Session(Certificate* cert, bool quick, LogBase& 
         settleAfterFork(*this, *m_calls);
     }
     const LogContextExitor context(log, "linkCertToPkcs11Session");
-    if (cert == nullptr) return false;
     return guardedCall(*m_calls, log, [&](LogBase&) {
+        if (cert == nullptr) {
+            m_calls->noteFailure(FailureKind::Argument, "There is no certificate to link.");
+            return false;
+        }
         FoundKey found;
         const bool couldLook = searchKey(*m_calls, *cert, {.quick = quick}, found, log);
         log.LogDataBool("hasPrivateKey", found.handle != 0);
