@@ -71,7 +71,7 @@ const CommandSpec& commandNamed(std::string_view name) {
     if (command != kCommands.end()) return *command;
     std::vector<std::string_view> names;
     for (const CommandSpec& spec : kCommands) names.push_back(spec.name);
-    usageError("Unknown command: " + printable(name) + nearestHint(name, names));
+    usageError("Unknown command: " + printable(name) + "." + nearestHint(name, names));
 }
 
 const CommandSpec& commandOf(const CommandLine& line) {

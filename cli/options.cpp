@@ -115,7 +115,7 @@ const OptionSpec& findOption(std::string_view name) {
     if (option != kOptions.end()) return *option;
     std::vector<std::string_view> names;
     for (const OptionSpec& spec : kOptions) names.push_back(spec.name);
-    usageError("Unknown option: " + printable(name) + nearestHint(name, names));
+    usageError("Unknown option: " + printable(name) + "." + nearestHint(name, names));
 }
 
 // What other tools of the field have taught people's fingers.
