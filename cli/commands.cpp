@@ -28,7 +28,7 @@ constexpr std::array kCommands = {
                 runFindCert},
     CommandSpec{"match", "", 0, 0, kReading | kNoLogin | kExplain | kPem | kWide,
                 "list the certificates, each with its private key", runMatch},
-    CommandSpec{"keys", "[SELECTOR]", 0, kAny, kReading,
+    CommandSpec{"keys", "[SELECTOR]", 0, kAny, kReading | kWide,
                 "list the keys; SELECTOR: any of private public secret rsa ec all", runKeys},
     CommandSpec{"find-object", "JSON", 1, 1, kReading,
                 R"(find one object, such as '{"class":"privateKey","label":"sign"}')",

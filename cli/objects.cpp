@@ -58,7 +58,7 @@ void printSlots(const JsonArray& slots, std::size_t width) {
     table.print(width);
 }
 
-void printMechanisms(const JsonValue& slot) {
+void printMechanisms(const JsonValue& slot, std::size_t width) {
     const JsonValue* const token = slot.find("token");
     const JsonValue* const mechanisms = token == nullptr ? nullptr : token->find("mechanisms");
     if (mechanisms == nullptr) return;
@@ -68,7 +68,7 @@ void printMechanisms(const JsonValue& slot) {
         table.add({textOf(mechanism, "name"), textOf(mechanism, "minKeySize"),
                    textOf(mechanism, "maxKeySize"), joined(mechanism, "flags")});
     }
-    table.print();
+    table.print(width);
 }
 
 // The names of the key's attributes that are true.
@@ -108,8 +108,9 @@ Exit runDiscover(ClsPkcs11& p11, const Options& options) {
     }
     printModule(report.root());
     const JsonArray& slots = *report.valueAt("slots")->asArray();
-    printSlots(slots, options.wide ? 0 : terminalWidth());
-    for (const JsonValue& slot : slots) printMechanisms(slot);
+    const std::size_t width = options.wide ? 0 : terminalWidth();
+    printSlots(slots, width);
+    for (const JsonValue& slot : slots) printMechanisms(slot, width);
     return Exit::Done;
 }
 
@@ -130,7 +131,7 @@ Exit runKeys(ClsPkcs11& p11, const Options& options) {
         table.add({textOf(key, "handle"), textOf(key, "class"), textOf(key, "keyType"),
                    textOf(key, "keySize"), textOf(key, "id"), textOf(key, "label"), usageOf(key)});
     }
-    table.print();
+    table.print(options.wide ? 0 : terminalWidth());
     return Exit::Done;
 }
 
