@@ -58,6 +58,8 @@ void checkOptions(const CommandSpec& command, std::uint32_t given) {
     const auto stray = std::ranges::find_if(optionSpecs(), isStray);
     if (stray != optionSpecs().end())
         usageError(std::string(command.name) + " does not take " + std::string(stray->name) + ".");
+    if ((given & kPem) != 0 && (given & kJson) == 0)
+        usageError("--pem needs --json; find-cert --out - prints a certificate.");
 }
 
 }  // namespace
