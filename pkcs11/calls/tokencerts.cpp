@@ -88,7 +88,10 @@ bool cacheCerts(Calls& calls, LogBase& log) {
         certs.appendObject(std::make_unique<CertificateHolder>(std::move(cert)));
     }
     log.LogDataLong("numCerts", certs.getSize());
-    if (numUnreadable != 0 && numUnreadable == handles.size()) return false;
+    if (numUnreadable != 0 && numUnreadable == handles.size()) {
+        calls.noteFailure(FailureKind::ModuleFailed, "None of the certificates can be read.");
+        return false;
+    }
     if (calls.use.session() != session) return calls.sessionChanged(log);
     calls.state.m_certs.swap(certs);
     calls.state.m_certsLoaded = true;
