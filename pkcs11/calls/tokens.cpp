@@ -86,6 +86,10 @@ bool noneFits(Calls& calls, const std::vector<TokenInfo>& tokens, const TokenCho
         std::ranges::find_if(tokens, [&](const TokenInfo& token) { return mayBe(token, choice); });
     if (unread != tokens.end()) {
         const auto slot = std::to_string(unread->slotId);
+        // Asked again for the cause: so far it was a loss that the list could do without.
+        CK_TOKEN_INFO info{};
+        calls.invoke(log, function::kGetTokenInfo, unread->slotId, &info);
+        calls.concerns(unread->slotId);
         return calls.fail(log, FailureKind::ModuleFailed,
                           "The token in slot " + slot + " cannot be read.");
     }
