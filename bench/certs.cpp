@@ -101,9 +101,9 @@ class Filled final : public ClsPkcs11 {
 
     Filled(int count, By by) {
         m_hSession = 1;
-        setSession(1);
+        sessionAnchor()->setSession(1);
         m_userLoggedIn = m_certsLoaded = m_rsaKeysLoaded = m_ecdsaKeysLoaded = true;
-        m_rsaKeysHaveSubject = m_rsaKeysHaveModulus = true;
+        m_rsaKeysHaveSubject = m_rsaKeysHaveModulus = m_ecdsaKeysHavePoints = true;
         LogNull log;
         for (int i = 0; i < count; ++i) {
             TokenCertInfo token;

@@ -51,7 +51,7 @@ def programs(build, module):
         "floor loop, certificates and keys": ("match", [floor, module, LABEL, PIN]),
         "mervane-p11 match": ("match", [tool, "match", "--module", module, "--token-label", LABEL, "--pin", "env:PIN", "--json"]),
         "libp11, key of each": ("match", [libp11, module, LABEL, PIN, "match"]),
-        "mervane-p11 find-cert id": ("find", [tool, "find-cert", "id", "01", "--module", module, "--token-label", LABEL, "--pin", "env:PIN"]),
+        "mervane-p11 find-cert id": ("find", [tool, "find-cert", "id", "000007", "--module", module, "--token-label", LABEL, "--pin", "env:PIN"]),
     }
 
 
