@@ -147,13 +147,9 @@ class Listing {
     void sayWhatIsUncertain() const {
         const auto number = [this](auto isOne) { return std::ranges::count_if(m_keys, isOne); };
         if (number([](const KeyView& key) { return key.state == KeyView::State::Unknown; }) != 0)
-            std::cerr
-                << "mervane-p11: The user is not logged in: private keys may be hidden. --login "
-                   "shows them.\n";
+            remark("The user is not logged in: private keys may be hidden. --login shows them.");
         if (number([](const KeyView& key) { return key.isGuess(); }) != 0)
-            std::cerr
-                << "mervane-p11: A key marked GUESS is there, and nothing says that it is the "
-                   "certificate's.\n";
+            remark("A key marked GUESS is there, and nothing says that it is the certificate's.");
     }
 
     ClsPkcs11& m_p11;

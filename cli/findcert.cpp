@@ -160,15 +160,29 @@ std::string read(ClsCert& cert, void (ClsCert::*reader)(XString&)) {
     return std::string(text.view());
 }
 
-// The first certificate whose field is the value: for the fields that FindCert does not know.
-bool findByField(ClsPkcs11& p11, void (ClsCert::*reader)(XString&), const std::string& value,
+// The certificate whose field is the value: for the fields that FindCert does not know.
+void findByField(ClsPkcs11& p11, void (ClsCert::*reader)(XString&), const std::string& value,
                  ClsCert& cert) {
     if (!p11.FindAllCerts()) throwLastFailure(p11);
+    std::vector<int> fitting;
+    std::vector<std::uint8_t> first;
     for (int i = 0; i < p11.get_NumCerts(); ++i) {
-        if (!p11.GetCert(i, cert)) throwLastFailure(p11);
-        if (read(cert, reader) == value) return true;
+        ClsCert checked;
+        if (!p11.GetCert(i, checked)) throwLastFailure(p11);
+        if (read(checked, reader) == value) fitting.push_back(i);
     }
-    return false;
+    if (fitting.empty())
+        throw CommandError{Exit::NotFound, "No certificate on the token has that value.", {}};
+    for (const int i : fitting) {
+        if (!p11.GetCert(i, cert)) throwLastFailure(p11);
+        if (i == fitting.front()) first = cert.ExportDer();
+        if (cert.ExportDer() != first)
+            throw CommandError{Exit::Usage,
+                               "Several certificates have that value, such as " +
+                                   std::to_string(fitting.front()) + " and " + std::to_string(i) +
+                                   ".",
+                               "mervane-p11 certs lists them."};
+    }
 }
 
 // FindCert takes any name with "serial" in it for the certificate's serial number.
@@ -183,8 +197,7 @@ void choose(ClsPkcs11& p11, const Part& part, const Options& options, const std:
                         : part.name == "sha256" ? &ClsCert::get_Sha256Thumbprint
                                                 : nullptr;
     if (reader != nullptr) {
-        if (!findByField(p11, reader, value, cert))
-            throw CommandError{Exit::NotFound, "Not found.", {}};
+        findByField(p11, reader, value, cert);
         return;
     }
     const bool isFound = part.name == "privateKey"
@@ -283,9 +296,7 @@ Exit runFindCert(ClsPkcs11& p11, const Options& options) {
     if (options.out) save(cert, *options.out);
     sayLeftOut(numLeftOut);
     if (key.isGuess())
-        std::cerr
-            << "mervane-p11: The key is a GUESS: it is there, and nothing says that it is the "
-               "certificate's.\n";
+        remark("The key is a GUESS: it is there, and nothing says that it is the certificate's.");
     if (options.json) {
         JsonPrinter document;
         document.member("loggedIn", JsonValue(opened.isLoggedIn));

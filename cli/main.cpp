@@ -17,6 +17,7 @@
 #include <utility>
 
 #include "commands.h"
+#include "output.h"
 #include "pins.h"
 
 namespace mervane::cli {
@@ -82,7 +83,7 @@ void printLog(const ClsPkcs11& p11, bool asJson) {
     try {
         std::cerr << (asJson ? p11.log().json() + "\n" : p11.log().text());
     } catch (const std::exception&) {
-        std::cerr << "mervane-p11: There is not enough memory to print the log.\n";
+        std::cerr << "mervane-p11: No memory left to print the log.\n";
     }
 }
 
@@ -94,6 +95,7 @@ int main(std::span<const char* const> words) {
     try {
         if (!p11) throw std::bad_alloc();
         parseCommandLine(words, line);
+        if (line.options.json && line.options.log) silenceRemarks();
         failure.status = run(line, *p11);
         std::cout.flush();
         if (!std::cout) failure = {Exit::Module, "Standard output cannot be written.", {}};
@@ -109,7 +111,7 @@ int main(std::span<const char* const> words) {
     try {
         if (!failure.message.empty()) printError(failure, line.options.json);
     } catch (const std::exception&) {
-        std::cerr << "mervane-p11: There is not enough memory.\n";
+        std::cerr << "mervane-p11: No memory left.\n";
     }
     return static_cast<int>(failure.status);
 }

@@ -102,16 +102,19 @@ Exit runDiscover(ClsPkcs11& p11, const Options& options) {
     if (skipMechanisms) p11.put_Options("Pkcs11DiscoverSkipMechanisms");
     ClsJsonObject report;
     if (!p11.Discover(options.tokensOnly, report)) throwLastFailure(p11);
+    const JsonArray& slots = *report.valueAt("slots")->asArray();
+    const Exit status = slots.empty() ? Exit::NoToken : Exit::Done;
+    if (slots.empty())
+        remark("The module sees no reader. Smart cards need the daemon pcscd to be running.");
     if (options.json) {
         printJson(report.root());
-        return Exit::Done;
+        return status;
     }
     printModule(report.root());
-    const JsonArray& slots = *report.valueAt("slots")->asArray();
     const std::size_t width = options.wide ? 0 : terminalWidth();
     printSlots(slots, width);
     for (const JsonValue& slot : slots) printMechanisms(slot, width);
-    return Exit::Done;
+    return status;
 }
 
 Exit runKeys(ClsPkcs11& p11, const Options& options) {

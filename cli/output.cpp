@@ -23,6 +23,8 @@ constexpr std::size_t kMinWidth = 40;   // of a terminal; one that says less get
 constexpr std::size_t kUsualWidth = 80;
 constexpr std::size_t kMinColumn = 6;
 
+bool isSilent = false;  // see silenceRemarks()
+
 using Rows = std::vector<std::vector<std::string>>;
 
 // The width of each column; with a bound, the widest give way until all fit into it.
@@ -117,11 +119,19 @@ void printFields(const std::vector<std::pair<std::string, std::string>>& fields)
     }
 }
 
+void remark(const std::string& sentence) {
+    if (!isSilent) std::cerr << "mervane-p11: " << sentence << '\n';
+}
+
+void silenceRemarks() noexcept {
+    isSilent = true;
+}
+
 void sayLeftOut(int number) {
     if (number == 0) return;
-    std::cerr << "mervane-p11: " << number << (number == 1 ? " object" : " objects")
-              << " could not be read and " << (number == 1 ? "is" : "are")
-              << " missing here; --log names them.\n";
+    const bool isOne = number == 1;
+    remark(std::to_string(number) + (isOne ? " object" : " objects") + " could not be read and " +
+           (isOne ? "is" : "are") + " missing here; --log names them.");
 }
 
 void printJson(const JsonValue& object) {

@@ -39,7 +39,12 @@ void printFields(const std::vector<std::pair<std::string, std::string>>& fields)
 /// Prints the members of a JSON object, and before them "schema", as a document.
 void printJson(const JsonValue& object);
 
-/// Says on standard error that a listing lacks objects; nothing if it lacks none.
+/// A line on standard error about what was done. None are printed after silenceRemarks(), where
+/// standard error is to be one document; what they say is in the JSON as well.
+void remark(const std::string& sentence);
+void silenceRemarks() noexcept;
+
+/// Remarks that a listing lacks objects; nothing if it lacks none.
 void sayLeftOut(int number);
 
 /// A JSON document, {"schema":1,..}, printed as it is made. One value is in memory at a time, so

@@ -116,7 +116,7 @@ void readFile(const std::string& name, WantedPin wanted, XString& pin) {
     ::fstat(file.descriptor(), &status);
     if (S_ISDIR(status.st_mode)) noPin(missing + path + " is a directory.");
     if (S_ISREG(status.st_mode) && (status.st_mode & (S_IRGRP | S_IROTH)) != 0)
-        std::cerr << "mervane-p11: Other users may read the PIN in " << path << ".\n";
+        remark("Other users may read the PIN in " + path + ".");
     SecretLine line;
     line.read([&](char& byte) {
         return readByte(file.descriptor(), S_ISFIFO(status.st_mode), path, byte);

@@ -46,6 +46,8 @@ class Pins {
 
   private:
     void take(const std::string& source);
+    void readFrom(const std::optional<std::string>& source, WantedPin wanted,
+                  const TokenInfo& token, XString& pin) const;
 
     std::map<std::string, XString> m_taken;  // by source, env:NAME
 };

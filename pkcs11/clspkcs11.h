@@ -256,7 +256,6 @@ class ClsPkcs11 : public ClsBase, public Pkcs11SessionOwner, protected Pkcs11Sta
     void unload(LogBase& log);
     bool beInUse(LogBase& log);
     std::shared_ptr<Certificate> bestSigner(const SignerQuery& query, LogBase& log);
-    bool hasKeyThatMayNotSign(Certificate& cert);
     bool linkForSelection(Certificate& cert, LogBase& log);
 
     std::unique_ptr<Calls> m_calls;

@@ -278,6 +278,15 @@ bool checkGuess(Calls& calls, Certificate& cert, FoundKey& found, LogBase& log) 
     return true;
 }
 
+bool hasKeyThatMayNotSign(Calls& calls, const Certificate& cert) {
+    LogNull log;
+    int bits = 0;
+    return cert.getCertKeyType(bits, log) == kRsaKey &&
+           (rsaKeyById(calls.state, cert, false, log) != nullptr ||
+            rsaKeyBySubject(calls.state, cert, false, log) != nullptr ||
+            rsaKeyByModulus(calls.state, cert, false, log) != nullptr);
+}
+
 bool explainSearch(Calls& calls, Certificate& cert, KeyExplanation& out, LogBase& log) {
     constexpr std::size_t kMaxExplained = 100;
     FoundKey found;

@@ -17,6 +17,10 @@ bool searchKey(Calls& calls, Certificate& cert, KeySearch how, FoundKey& found, 
 /// Asks the token whether a guess can be right.
 bool checkGuess(Calls& calls, Certificate& cert, FoundKey& found, LogBase& log);
 
+/// Whether a certificate for which the search has found no key has one that may not sign: RSA keys
+/// that may not are passed over. Looks at what the search has read.
+bool hasKeyThatMayNotSign(Calls& calls, const Certificate& cert);
+
 /// Says how the search ends, and what speaks against the keys that it does not take.
 bool explainSearch(Calls& calls, Certificate& cert, KeyExplanation& out, LogBase& log);
 

@@ -28,6 +28,13 @@ std::string timeNow() {
     return {text.data(), std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &utc)};
 }
 
+bool isTime(std::string_view text) {
+    constexpr std::string_view kForm = "0000-00-00T00:00:00Z";
+    return std::ranges::equal(text, kForm, [](char c, char form) {
+        return form == '0' ? c >= '0' && c <= '9' : c == form;
+    });
+}
+
 // A certificate that fits the query and has a key that may sign.
 struct Candidate {
     std::shared_ptr<Certificate> cert;
@@ -82,7 +89,10 @@ bool isSame(const Candidate& a, const Candidate& b) {
 class Demands {
   public:
     explicit Demands(const SignerQuery& query) : m_query(query) {
-        for (const auto& [part, value] : query.parts) m_parts.emplace_back(part, value);
+        for (const auto& [part, value] : query.parts) {
+            // A key is wanted in any case.
+            if (!equalsIgnoreCase(trimmed(part), "privateKey")) m_parts.emplace_back(part, value);
+        }
     }
 
     [[nodiscard]] bool areMet(const Certificate& cert, LogBase& log) const {
@@ -159,20 +169,15 @@ bool ClsPkcs11::FindSigner(const SignerQuery& query, ClsCert& cert) {
     });
 }
 
-// Of a certificate for which searchKey has found none: it passes over RSA keys that may not sign.
-bool ClsPkcs11::hasKeyThatMayNotSign(Certificate& cert) {
-    LogNull log;
-    int bits = 0;
-    return cert.getCertKeyType(bits, log) == kRsaKey &&
-           (findRsaKeyById(cert, false, log) != 0 ||
-            findRsaKeyBySubjectDER(cert, false, log) != 0 ||
-            findRsaKeyByModulus(cert, false, log) != 0);
-}
-
 std::shared_ptr<Certificate> ClsPkcs11::bestSigner(const SignerQuery& query, LogBase& log) {
+    const std::string at = query.at.empty() ? timeNow() : query.at;
+    if (!isTime(at)) {
+        m_calls->fail(log, FailureKind::Argument,
+                      "The time is not of the form YYYY-MM-DDThh:mm:ssZ.");
+        return nullptr;
+    }
     if (!m_certsLoaded && !findAllCerts(log)) return nullptr;
     const Demands demands(query);
-    const std::string at = query.at.empty() ? timeNow() : query.at;
     std::vector<Candidate> candidates;
     Misfits misfits;
     for (int i = 0; i < m_certs.getSize(); ++i) {
@@ -183,7 +188,7 @@ std::shared_ptr<Certificate> ClsPkcs11::bestSigner(const SignerQuery& query, Log
         if (!searchKey(*m_calls, *checked, {.mustSign = true}, key, log) ||
             !checkGuess(*m_calls, *checked, key, log))
             return nullptr;
-        if (key.handle == 0 && hasKeyThatMayNotSign(*checked)) {
+        if (key.handle == 0 && hasKeyThatMayNotSign(*m_calls, *checked)) {
             ++misfits.numThatMayNotSign;
         } else if (key.handle == 0 || key.facts.isDisproved) {
             ++misfits.numWithoutKey;

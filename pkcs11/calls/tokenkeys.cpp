@@ -116,7 +116,8 @@ bool readPublicPoints(Calls& calls, ObjectReader& reader, PublicPoints& points, 
 }
 
 // The point of each key, in their order: that of the public key with the same ID; its own, which
-// some modules show on the private key, where there is no such public key or more than one. Read
+// some modules show on the private key, where there is no such public key or more than one; else
+// none. Read
 // into a list of its own: a module may call back into the object, and the cache change meanwhile.
 bool readEcPoints(Calls& calls, const ExtPtrArray& keys, std::vector<DataBuffer>& points,
                   LogBase& log) {
@@ -133,8 +134,10 @@ bool readEcPoints(Calls& calls, const ExtPtrArray& keys, std::vector<DataBuffer>
     for (const Key& key : wanted) {
         DataBuffer& point = points.emplace_back();
         const PublicPoints::Entry* const known = publicPoints.find(key.id.span());
-        if (known != nullptr) point = known->point;
-        if (known != nullptr && !known->isAmbiguous) continue;
+        if (known != nullptr && !known->isAmbiguous) {
+            point = known->point;
+            continue;
+        }
         if (reader.read(key.handle, log)) {
             if (DataBuffer own = pointOf(reader); !own.isEmpty()) point = std::move(own);
         } else if (!calls.hasOpenSession()) {
