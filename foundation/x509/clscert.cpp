@@ -27,7 +27,7 @@ std::pair<std::string, std::string> validityOf(const Certificate& cert) {
     return times;
 }
 
-// What `read` makes of the certificate; a value of nothing without one, or without memory.
+// What `read` returns for the certificate; an empty value if there is none, or no memory.
 template <class Read>
 auto valueOf(ClsCert& object, Read read) {
     const CritSecExitor lock(object);
@@ -36,7 +36,8 @@ auto valueOf(ClsCert& object, Read read) {
     return guarded(object.log(), [&] { return cert ? read(*cert) : Value(); });
 }
 
-// The same for a text; where there is none the caller's old text would look like the answer.
+// The same for a text, which is cleared if there is none: the caller's old text would look like the
+// answer.
 template <class Read>
 void readText(ClsCert& object, XString& out, Read read) {
     const bool isKnown = valueOf(object, [&](const Certificate& cert) { return read(cert, out); });

@@ -12,9 +12,9 @@
 
 namespace mervane {
 
-/// The public certificate object, filled in by ClsPkcs11. It outlives the ClsPkcs11 and loses only
-/// the private key with it. Text properties are empty if there is no certificate. Thread rule: any
-/// thread may call any method; each holds the object's lock.
+/// The public certificate object, filled in by ClsPkcs11. It may outlive the ClsPkcs11; it
+/// then loses only its link to the private key. Text properties are empty if there is no
+/// certificate. Thread rule: any thread may call any method; each holds the object's lock.
 class ClsCert final : public ClsBase {
   public:
     /// Shares `cert`, which must come from Certificate::createFromDer() and must not be null.
@@ -36,11 +36,11 @@ class ClsCert final : public ClsBase {
     void get_SerialNumber(XString& out);
     void get_Sha1Thumbprint(XString& out);
     void get_Sha256Thumbprint(XString& out);
-    /// Begin and end of validity, "YYYY-MM-DDThh:mm:ssZ"; another form of time is given as it is.
+    /// Start and end of validity, "YYYY-MM-DDThh:mm:ssZ"; a time in another form is left as it is.
     void get_NotBefore(XString& out);
     void get_NotAfter(XString& out);
 
-    // --- What it is for. Names as in RFC 5280, others as dotted OIDs; at most 1,000 each.
+    // --- What it is for. Names as in RFC 5280, others as dotted OIDs; at most 1,000 of each.
 
     [[nodiscard]] std::vector<std::string> KeyUsages();
     [[nodiscard]] std::vector<std::string> ExtendedKeyUsages();
@@ -54,11 +54,11 @@ class ClsCert final : public ClsBase {
     [[nodiscard]] int get_KeyBits();
     /// Whether the certificate is linked to its private key in an open PKCS#11 session.
     [[nodiscard]] bool HasPrivateKey();
-    /// The link: the key's handle, by what rule it was found, whether it may sign; nullopt if there
-    /// is none.
+    /// The link: the key's handle, the rule that found it, whether it may sign; nullopt if there is
+    /// no link.
     [[nodiscard]] std::optional<Certificate::Pkcs11Link> PrivateKeyLink();
 
-    // --- The object of the token that it was read from
+    // --- The token's object that it was read from
 
     /// CKA_LABEL; ill-formed bytes become U+FFFD.
     void get_Label(XString& out);
@@ -71,7 +71,7 @@ class ClsCert final : public ClsBase {
     [[nodiscard]] std::string ExportPem();
     [[nodiscard]] std::vector<std::uint8_t> ExportDer();
 
-    /// The share in a store of certificates used with this one; it has a lock of its own.
+    /// The store of certificates used with this one, which objects may share. It has its own lock.
     [[nodiscard]] SystemCertsHolder& systemCerts() noexcept { return m_systemCerts; }
 
   private:

@@ -61,7 +61,7 @@ std::array<std::uint8_t, 32> sha256(std::span<const std::uint8_t> data) noexcept
     const std::uint64_t numBits = data.size() * 8;
     for (; data.size() >= kBlockSize; data = data.subspan(kBlockSize)) addBlock(state, data.data());
 
-    // FIPS 180-4 5.1.1: a one bit, zeros, and the length in bits; takes one block or two.
+    // FIPS 180-4 5.1.1: a one bit, zeros, and the length in bits, in one block or two.
     std::array<std::uint8_t, 2 * kBlockSize> tail{};
     std::ranges::copy(data, tail.begin());
     tail[data.size()] = 0x80;

@@ -7,7 +7,7 @@
 
 namespace mervane {
 
-/// SHA-256 (FIPS 180-4) of all of `data`.
+/// SHA-256 (FIPS 180-4) of `data`.
 std::array<std::uint8_t, 32> sha256(std::span<const std::uint8_t> data) noexcept;
 
 }  // namespace mervane

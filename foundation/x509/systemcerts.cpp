@@ -24,11 +24,11 @@ SystemCertsHolder::Ptr SystemCertsHolder::getSystemCertsPtr() {
 
 void SystemCertsHolder::setSystemCerts(Ptr store) {
     const CritSecExitor lock(m_section);
-    m_store.swap(store);  // the former store is released without the lock
+    m_store.swap(store);  // the former store is released after the lock
 }
 
 void SystemCertsHolder::mergeSysCerts(SystemCertsHolder& other, LogBase&) {
-    // Each step takes and leaves one lock, so opposite merges cannot deadlock.
+    // Each step takes and releases one lock, so opposite merges cannot deadlock.
     const Ptr theirs = other.getSystemCertsPtr();
     const Ptr ours = getSystemCertsPtr();
     if (ours == theirs) return;

@@ -22,7 +22,7 @@ class SystemCerts {
     std::vector<std::shared_ptr<Certificate>> m_certs;
 };
 
-/// An object's share of a store, which is created on first use. Any thread may call any method.
+/// An object's reference to a store, which is created on first use. Any thread may call any method.
 class SystemCertsHolder {
   public:
     using Ptr = std::shared_ptr<SystemCerts>;

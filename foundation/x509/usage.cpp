@@ -10,7 +10,7 @@
 namespace mervane {
 namespace {
 
-// The content of a KeyUsage without its unused bits, two octets.
+// The first two octets of a KeyUsage, with unused bits cleared.
 std::array<unsigned, 2> keyUsageOctets(der::Bytes value) noexcept {
     // KeyUsage ::= BIT STRING
     const auto bits = der::Cursor(value).read(der::kBitString);
@@ -44,7 +44,7 @@ constexpr std::array kPurposes = {
     Purpose{"1.3.6.1.4.1.311.20.2.2", "smartcardLogon"},  // [MS-WCCE] szOID_KP_SMARTCARD_LOGON
 };
 
-// The OID that each element of a SEQUENCE gives, until one gives none.
+// The OIDs that `oidOf` reads from the elements of a SEQUENCE, up to the first that has none.
 template <class OidOf>
 std::vector<std::string> oidsOf(der::Bytes value, OidOf oidOf) {
     std::vector<std::string> out;
