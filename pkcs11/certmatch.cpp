@@ -1,5 +1,5 @@
-// The parts of a certificate that can be asked for. Rules are rows of a table: a new one is a row
-// at its place in the order.
+// The parts of a certificate that can be asked for. Each has a rule, a row of one table in which
+// the order matters.
 
 #include "pkcs11/certmatch.h"
 
@@ -65,7 +65,7 @@ struct Usage {
 };
 
 // Bits of the first octet of KeyUsage (RFC 5280 4.2.1.3). "offlinecrlsign" is an older name for the
-// bit of "crlsigning".
+// "crlsigning" bit.
 constexpr std::array kUsages = {
     Usage{"nonrepudiation", 0x40},     Usage{"digitalsignature", 0x80},
     Usage{"keyencipherment", 0x20},    Usage{"dataencipherment", 0x10},
@@ -133,9 +133,8 @@ StringBuffer normalizedPart(const StringBuffer& certPart) {
 
 CertMatch::CertMatch(std::string_view part, std::string_view value)
     : m_part(normalizedPart(StringBuffer(part))), m_value(value) {
-    // Usage names are compared in lower case. Only the exact word asks for it: the rule also
-    // answers to longer words that contain "keyusage", and callers of those give lower case
-    // themselves.
+    // Usage names are compared in lower case. Only the exact word lowers the value: the rule also
+    // applies to longer words that contain "keyusage", whose callers pass lower case themselves.
     if (m_part.equals("keyusage")) m_value.toLowerCase();
     // The last row applies to everything.
     m_rule = std::ranges::find_if(

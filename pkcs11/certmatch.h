@@ -8,15 +8,15 @@ namespace mervane {
 
 struct MatchRule;
 
-/// One demand on a certificate: a part of it, and the value that the part has to have.
+/// One thing asked of a certificate: a part of it, and the value that this part must have.
 class CertMatch {
   public:
-    /// `part` as FindCert takes it; letter case and blanks around it do not count.
+    /// `part` is as FindCert takes it; its letter case and surrounding blanks do not count.
     CertMatch(std::string_view part, std::string_view value);
 
     /// Whether a part is named; without one every certificate matches.
     [[nodiscard]] bool hasPart() const noexcept { return !m_part.isEmpty(); }
-    /// Logs what is compared under "checking". Only if a part is named.
+    /// Logs what is compared under "checking". To be called only if a part is named.
     [[nodiscard]] bool matches(const Certificate& cert, LogBase& log) const;
 
   private:

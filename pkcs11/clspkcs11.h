@@ -87,7 +87,7 @@ class ClsPkcs11 : public ClsBase, public Pkcs11SessionOwner, protected Pkcs11Sta
     bool ListTokens(std::vector<TokenInfo>& tokens);
 
     /// Opens a session with the one token that fits `choice`, initialising the module as needed.
-    /// Several that fit are a failure that names them, so no PIN reaches a token by chance.
+    /// If several fit, the call fails and names them, so no PIN reaches a token by chance.
     bool OpenToken(const TokenChoice& choice, bool readWrite);
     /// The token of the open session, as it was described when OpenToken opened it.
     bool GetToken(TokenInfo& token);
@@ -142,7 +142,7 @@ class ClsPkcs11 : public ClsBase, public Pkcs11SessionOwner, protected Pkcs11Sta
     bool GetCert(int index, ClsCert& cert);
 
     /// Chooses a certificate, reading the cache first when it is not filled. `certPart` says what
-    /// to match on, letter case and blanks around it do not count:
+    /// to match on; its letter case and surrounding blanks do not count:
     ///
     ///     "privateKey"                          the first with a private key on the token
     ///     ""                                    the first of all
@@ -157,14 +157,14 @@ class ClsPkcs11 : public ClsBase, public Pkcs11SessionOwner, protected Pkcs11Sta
     ///
     /// The first certificate that matches is given to `cert`, which is untouched on failure.
     /// The certificate to sign with is better chosen by FindSigner: "privateKey" takes the first
-    /// that has a key, be it a guess, an expired one or a CA's.
+    /// that has a key, even a guessed one, and even if it is expired or a CA certificate.
     bool FindCert(const XString& certPart, const XString& partValue, ClsCert& cert);
 
     /// Chooses the certificate to sign with, and links it to its private key; see SignerQuery.
     bool FindSigner(const SignerQuery& query, ClsCert& cert);
 
-    /// Says by what rule the certificate's private key is found, and what speaks against the other
-    /// keys of its type. Reads all that the token shows of them; links nothing.
+    /// Says which rule finds the certificate's private key, and why the other keys of its type are
+    /// not taken. Reads all that the token shows of them; links nothing.
     bool ExplainPrivateKey(ClsCert& cert, KeyExplanation& out);
 
     // --- Entry points for the rest of the library. These take no lock.

@@ -12,25 +12,25 @@
 
 namespace mervane {
 
-/// What speaks against a key.
+/// A reason not to take a key.
 enum class KeyObjection : std::uint8_t {
-    AttributesUnreadable,  ///< nothing is known of it but its handle
-    IdDiffers,             ///< CKA_ID is another, or one of the two has none
-    SubjectDiffers,        ///< RSA; CKA_SUBJECT is known and another
-    ModulusDiffers,        ///< RSA; CKA_MODULUS is known and another
-    PointDiffers,          ///< EC; the public point is known and another
+    AttributesUnreadable,  ///< nothing but its handle is known
+    IdDiffers,             ///< CKA_ID differs, or one of the two has none
+    SubjectDiffers,        ///< RSA; CKA_SUBJECT is known and differs
+    ModulusDiffers,        ///< RSA; CKA_MODULUS is known and differs
+    PointDiffers,          ///< EC; the public point is known and differs
     PointUnknown,          ///< EC; neither the key nor a public key with its ID shows a point
     MayNotSign,            ///< CKA_SIGN is false or missing
 };
 
-/// The objection in JSON: attributesUnreadable, idDiffers, ...
+/// The objection's name in JSON: attributesUnreadable, idDiffers, ...
 std::string_view nameOf(KeyObjection objection) noexcept;
 
 /// A key of the certificate's type that was not taken.
 struct PassedOverKey {
     CK_OBJECT_HANDLE handle = 0;
     std::string ckaId;                     ///< upper-case hexadecimal
-    std::vector<KeyObjection> objections;  ///< none: it fits as well, and comes later
+    std::vector<KeyObjection> objections;  ///< none: it fits too, but comes later
 };
 
 /// How the search for a certificate's private key ended, and why.

@@ -10,16 +10,16 @@
 
 namespace mervane {
 
-/// What kind of thing went wrong: what a program decides by.
+/// What kind of thing went wrong, for a program to act on.
 enum class FailureKind : std::uint8_t {
     None,               ///< the last call succeeded
-    Argument,           ///< an argument is out of form
-    ModuleMissing,      ///< no path is set, or no file stands there
-    ModuleNotLoadable,  ///< the file is no shared library, or the loader refused it
+    Argument,           ///< an argument is malformed
+    ModuleMissing,      ///< no path is set, or there is no file there
+    ModuleNotLoadable,  ///< the file is not a shared library, or the loader refused it
     NotAModule,         ///< the library offers no PKCS#11 function list
-    ModuleFailed,       ///< a function of the module failed, in a way that has no kind of its own
+    ModuleFailed,       ///< a function of the module failed in a way that has no kind of its own
     NoToken,            ///< no slot holds a token, or not the one asked for
-    TokenGone,          ///< session or token ended during the call, or no session is open
+    TokenGone,          ///< session or token went away during the call, or no session is open
     SeveralTokens,      ///< more than one token fits
     SeveralCerts,       ///< more than one certificate fits equally well
     NotLoggedIn,        ///< somebody has to log in first
@@ -28,13 +28,13 @@ enum class FailureKind : std::uint8_t {
     PinLocked,
     PinExpired,
     PinLength,  ///< too short, too long, or with characters that the token refuses
-    NotFound,   ///< everything could be looked at, and nothing fits
+    NotFound,   ///< everything could be searched, and nothing fits
     KeyMayNotSign,
     NotSupported,  ///< the module or the token does not offer it
     NoMemory,
 };
 
-/// The kind in JSON: argument, moduleMissing, ...; none for None.
+/// The kind's name in JSON: argument, moduleMissing, ...; "none" for None.
 std::string_view nameOf(FailureKind kind) noexcept;
 
 /// How the last public call failed. Every public method sets it anew.

@@ -11,8 +11,7 @@
 //         5. 2 and 3 again, after subjects and moduli have been read (the "retry")
 //   EC    1. CKA_ID
 //         2. the public point
-//         3. first key        the first EC key of the token, whatever it is: a guess, made only
-//         when
+//         3. first key        the token's first EC key, whatever it is: a guess, made only when
 //                             no key's point is the certificate's
 //
 // A module that uses one handle for a certificate and its key (known by its file name) settles it
@@ -25,14 +24,14 @@
 // What is read when: the first search fills the cache with IDs and CKA_SIGN alone, since on most
 // tokens the ID settles it; the retry refills it with subjects and moduli, once for all
 // certificates that follow. EC points are read when the search is not quick, from the public keys.
-// The caches live until the session changes, somebody logs in or out.
+// The caches live until the session changes or somebody logs in or out.
 //
-// What the next reader would get wrong: rules 2 and 3 run before the retry only if an earlier
-// search has read those values; the order of log lines depends on it.
+// A trap: rules 2 and 3 run before the retry only if an earlier search has read those values; the
+// order of the log lines depends on it.
 //
-// A link keeps the rule that found the key. A guess may be refuted by the token itself: checkGuess
-// compares the key's own modulus or point. What speaks against the keys that were not taken is
-// worked out on request (explain), from everything that the token shows of them.
+// A link keeps the rule that found the key. The token itself may refute a guess: checkGuess
+// compares the key's own modulus or point. Why the other keys were not taken is worked out on
+// request (explain), from everything that the token shows of them.
 
 #include <algorithm>
 #include <array>
@@ -51,8 +50,8 @@
 namespace mervane {
 namespace {
 
-// Keys that fit a certificate and may not sign are named in the log up to that many; a token that
-// lists thousands under one ID is not real.
+// At most this many keys that fit a certificate but may not sign are named in the log; no real
+// token lists thousands under one ID.
 constexpr int kMaxNamed = 100;
 
 const Pkcs11_PrivateKey* keyAt(const ExtPtrArray& keys, int position) noexcept {
@@ -98,7 +97,7 @@ std::array<DataBuffer, 2> pointsOf(const Certificate& cert) {
     return isEc ? publicKey.getEccKey()->comparablePoints() : std::array<DataBuffer, 2>();
 }
 
-// The forms in which tokens keep the certificate's modulus: with or without the sign's zero byte.
+// The forms in which tokens keep the certificate's modulus: with or without a leading zero byte.
 // Empty if it has none that can be read.
 std::array<DataBuffer, 2> moduliOf(const Certificate& cert, LogBase& log) {
     std::array<DataBuffer, 2> forms;
@@ -226,7 +225,7 @@ bool findEcKey(Calls& calls, Certificate& cert, KeySearch how, FoundKey& found, 
         return take(keyAt(state.m_ecdsaPrivKeys, at), rule, found);
     };
     if (find(KeyRule::Id, &Pkcs11_PrivateKey::m_keyId, {&cert.tokenInfo().ckaId})) return true;
-    // The token knows better than the guess below, at the price of reading its points.
+    // The token's points are better evidence than the guess below, at the price of reading them.
     if (hasPoint && !operation::cacheEcKeys(calls, true, log)) return false;
     if (find(KeyRule::Point, &Pkcs11_PrivateKey::m_ecPoint, {&points[0], &points[1]})) return true;
     if (keyAt(state.m_ecdsaPrivKeys, 0) == nullptr) return true;
@@ -265,8 +264,8 @@ bool searchKey(Calls& calls, Certificate& cert, KeySearch how, FoundKey& found, 
     return true;
 }
 
-// Asks the token whether the only RSA key can be the certificate's; an EC guess comes checked.
-// False if that could not be asked.
+// Asks the token whether the only RSA key can be the certificate's; an EC guess is checked when
+// it is made.
 bool checkGuess(Calls& calls, Certificate& cert, FoundKey& found, LogBase& log) {
     if (found.facts.rule != KeyRule::OnlyKey) return true;
     if (!operation::cacheRsaKeys(calls, true, log)) return false;

@@ -1,8 +1,8 @@
 // The certificate to sign with: the best of those that fit, by the order that SignerQuery gives.
 //
-// What the next reader would get wrong: a key that could not be looked for ends the choice, since
-// the best certificate may be the one it belongs to. And "equal" is asked of the merits alone:
-// which of two certificates the token lists first says nothing.
+// Two traps. A key that could not be looked for ends the choice, since it may belong to the best
+// certificate. And only the merits count: which of two certificates the token lists first means
+// nothing.
 
 #include "pkcs11/signer.h"
 
@@ -45,7 +45,7 @@ struct Candidate {
     Candidate(std::shared_ptr<Certificate> certificate, FoundKey found, std::string_view at)
         : cert(std::move(certificate)), key(found) {
         std::string notAfter;
-        // Times of this form compare as texts; another form is not within anything.
+        // Times in this form compare as text; a time in any other form counts as outside.
         isValid = cert->getValidity(notBefore, notAfter) && at.size() == notBefore.size() &&
                   at.size() == notAfter.size() && notBefore <= at && at <= notAfter;
     }
@@ -56,7 +56,7 @@ struct Candidate {
         return cert->getKeyUsages().empty() || (cert->getIntendedKeyUsage(log) & kSignatures) != 0;
     }
 
-    // Better is greater.
+    // The better candidate compares greater.
     [[nodiscard]] auto merits() const {
         return std::tuple(!isGuess(key.facts.rule), isValid, !cert->isCa(), isForSignatures(),
                           notBefore);
@@ -85,7 +85,7 @@ bool isSame(const Candidate& a, const Candidate& b) {
     return std::ranges::equal(a.cert->der(), b.cert->der());
 }
 
-// The demands of a query, made ready for comparing.
+// What a query demands, prepared for comparison.
 class Demands {
   public:
     explicit Demands(const SignerQuery& query) : m_query(query) {
@@ -112,7 +112,7 @@ class Demands {
     std::vector<CertMatch> m_parts;
 };
 
-// Certificates that fit and have no key to sign with.
+// Certificates that fit but have no key to sign with.
 struct Misfits {
     int numWithoutKey = 0;
     int numThatMayNotSign = 0;
@@ -127,13 +127,12 @@ struct Misfits {
             calls.fail(log, FailureKind::NotFound,
                        "No private key was found for the certificates that fit.");
             if (!calls.state.m_userLoggedIn)
-                calls.hint(log,
-                           "The user is not logged in, and private keys may be hidden until then.");
+                calls.hint(log, "The user is not logged in, so private keys may be hidden.");
         }
     }
 };
 
-// Names those that were passed over. False if another is as good as the best.
+// Logs those that were passed over. False if another is as good as the best.
 bool isClear(Calls& calls, const std::vector<Candidate>& candidates, const Candidate& best,
              LogBase& log) {
     constexpr int kMaxNamed = 10;
@@ -153,7 +152,7 @@ bool isClear(Calls& calls, const std::vector<Candidate>& candidates, const Candi
         equals.append("; " + std::to_string(numEquals - kMaxNamed) + " more");
     calls.fail(log, FailureKind::SeveralCerts,
                "Several certificates fit equally well: " + best.described() + equals + ".");
-    calls.hint(log, "Choose one by another part, such as its label, ID or SHA-256.");
+    calls.hint(log, "Choose one by label, ID or SHA-256.");
     return false;
 }
 

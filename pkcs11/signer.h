@@ -8,19 +8,19 @@
 
 namespace mervane {
 
-/// Which certificate is to sign; all that is given has to fit. The default fits every certificate.
+/// Which certificate is to sign: everything given has to fit. The default fits every certificate.
 ///
-/// Of the certificates that fit, only those with a private key that may sign are considered, and of
-/// these the best is taken, by the first difference in:
+/// Of the certificates that fit, only those with a private key that may sign are considered. They
+/// are compared in this order, and the best is taken:
 ///
-///   1. its key was found by ID, subject, modulus or point, and is no guess
+///   1. its key was found by ID, subject, modulus or point, not guessed
 ///   2. it is within its validity
-///   3. it is no CA certificate
+///   3. it is not a CA certificate
 ///   4. it may be used for signatures (digitalSignature, nonRepudiation, or no key usage at all)
-///   5. the latest beginning of validity
+///   5. its validity begins latest
 ///
-/// Two that are equal in all of this are a failure (SeveralCerts) that names them. Certificates
-/// passed over are named in the log. A guess that the token itself disproves is never taken.
+/// If two are equal in all of this, the call fails (SeveralCerts) and names them. The log names the
+/// certificates passed over. A guess that the token itself disproves is never taken.
 struct SignerQuery {
     /// Part and value as FindCert takes them: {"CN", "Alice"}.
     std::vector<std::pair<std::string, std::string>> parts{};

@@ -8,12 +8,12 @@
 
 namespace mervane {
 
-/// What a token's flags say of one user's PIN.
+/// What a token's flags say about one user's PIN.
 struct PinStatus {
-    bool isLow = false;      ///< it was given wrongly since the last login
+    bool isLow = false;      ///< a wrong one was entered since the last login
     bool isLastTry = false;  ///< one more wrong PIN locks it
     bool isLocked = false;
-    bool mustChange = false;  ///< it is expired or the maker's
+    bool mustChange = false;  ///< it has expired, or is the maker's default
 };
 
 /// A token in a slot, as C_GetTokenInfo describes it. Texts are valid UTF-8 without padding.
@@ -24,11 +24,11 @@ struct TokenInfo {
     std::string serialNumber;
     std::string manufacturer;
     std::string model;
-    CK_ULONG flags = 0;  ///< CKF_ bits of CK_TOKEN_INFO; the next members say the common ones
+    CK_ULONG flags = 0;  ///< CKF_ bits of CK_TOKEN_INFO; the members below give the common ones
     bool isInitialised = false;
     bool isUserPinSet = false;
     bool needsLogin = false;
-    bool hasPinPad = false;  ///< the reader asks for PINs on keys of its own
+    bool hasPinPad = false;  ///< the reader takes PINs on keys of its own
     bool isWriteProtected = false;
     PinStatus userPin;
     PinStatus officerPin;                  ///< the security officer's
@@ -36,7 +36,7 @@ struct TokenInfo {
     std::optional<CK_ULONG> maxPinLength;
 };
 
-/// Which token is meant. All members that are given have to fit exactly; with none given, the only
+/// Which token is meant. Every member given has to match exactly; with none given, it is the only
 /// initialised token.
 struct TokenChoice {
     std::optional<CK_SLOT_ID> slotId{};
@@ -44,7 +44,7 @@ struct TokenChoice {
     std::optional<std::string> serialNumber{};
     std::optional<std::string> manufacturer{};
     std::optional<std::string> model{};
-    /// With none of these given, only a token whose user PIN is set.
+    /// If none of these is given, only a token whose user PIN is set will do.
     bool withUserPin = false;
 };
 

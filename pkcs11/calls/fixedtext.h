@@ -11,7 +11,7 @@
 namespace mervane {
 
 /// A fixed-size text of the standard's structures: padded with blanks, not terminated. Some modules
-/// terminate it all the same, so a NUL ends it. Valid UTF-8.
+/// terminate it anyway, so a NUL ends it. The result is valid UTF-8.
 template <std::size_t N>
 std::string textOf(const CK_UTF8CHAR (&field)[N]) {
     const std::string_view whole(reinterpret_cast<const char*>(field), N);

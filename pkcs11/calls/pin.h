@@ -6,7 +6,7 @@
 
 namespace mervane {
 
-/// A PIN as an argument of a module's function. The functions take non-const pointers, and some
+/// A PIN as an argument to a module's function. The functions take non-const pointers, and some
 /// write through them, so this is a copy, wiped at the end.
 ///
 /// An empty PIN is left to a reader with a PIN pad (CKF_PROTECTED_AUTHENTICATION_PATH) by passing a
@@ -27,8 +27,8 @@ class PinArgument {
     bool m_isLeftToReader = false;
 };
 
-/// Logs what the token says about the user's PIN, or the security officer's: the lengths it takes
-/// if that was the failure, and its flags.
+/// Logs what the token says about the user's PIN, or the security officer's: the lengths it
+/// accepts, if that was the failure, and its flags.
 void explainPinFailure(Calls& calls, CK_RV rv, CK_SLOT_ID slotId, bool isOfficer, LogBase& log);
 
 /// Calls::report(), followed by explainPinFailure() if the failure is about a PIN.

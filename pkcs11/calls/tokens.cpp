@@ -1,7 +1,7 @@
 // Which tokens there are, and the one that is meant.
 //
 // A token that cannot be described stays in the list, since it may be the one that is meant: it is
-// told when no other fits, so that "cannot be read" is never taken for "is not there".
+// reported when no other fits, so that "cannot be read" is never taken for "is not there".
 
 #include "pkcs11/tokens.h"
 
@@ -65,7 +65,7 @@ std::string described(const TokenInfo& token) {
            std::to_string(token.slotId) + ")";
 }
 
-// What was asked for, as words of a message.
+// What was asked for, worded for a message.
 std::string described(const TokenChoice& choice) {
     std::string out;
     const auto add = [&](std::string_view name, const std::optional<std::string>& value) {
@@ -104,12 +104,12 @@ bool noneFits(Calls& calls, const std::vector<TokenInfo>& tokens, const TokenCho
         what.empty() ? "No token is ready for use." : "There is no token" + what + ".");
 }
 
-// Adds what the module says of the token in a slot. False if no more can be asked.
+// Adds what the module says about the token in a slot. False if nothing more can be asked.
 bool addToken(Calls& calls, CK_SLOT_ID slot, std::vector<TokenInfo>& tokens, LogBase& log) {
     CK_TOKEN_INFO info{};
     const auto rv = calls.ask(log, function::kGetTokenInfo, slot, &info);
     if (!rv) return false;
-    if (rv == CKR_TOKEN_NOT_PRESENT) return true;  // the slot is empty by now
+    if (rv == CKR_TOKEN_NOT_PRESENT) return true;  // the slot has become empty
     if (rv == CKR_OK) {
         tokens.push_back(toTokenInfo(slot, info));
         return true;
@@ -155,7 +155,7 @@ bool isStillThere(Calls& calls, const TokenInfo& chosen, LogBase& log) {
     if (!calls.invoke(log, function::kGetTokenInfo, chosen.slotId, &info)) return false;
     const TokenInfo now = toTokenInfo(chosen.slotId, info);
     return (now.label == chosen.label && now.serialNumber == chosen.serialNumber) ||
-           calls.fail(log, FailureKind::TokenGone, "The token was exchanged for another.");
+           calls.fail(log, FailureKind::TokenGone, "The token was replaced by another.");
 }
 
 }  // namespace mervane::operation
