@@ -14,7 +14,7 @@
 namespace mervane::cli {
 namespace {
 
-// What has happened is said even if it cannot be printed where it was asked for.
+// Says what was done, even if standard output cannot be written.
 void sayDone(const Options& options, std::string_view member, bool value,
              const std::string& sentence) {
     // A reader that has gone would end the program before it has said so.
@@ -31,7 +31,7 @@ void sayDone(const Options& options, std::string_view member, bool value,
         throw CommandError{Exit::Module, sentence + " Standard output cannot be written.", {}};
 }
 
-// What a new label costs: the objects that can be seen without a login.
+// What would be lost: the token, and its objects as far as they can be seen without a login.
 std::string whatDies(ClsPkcs11& p11, const TokenInfo& token) {
     std::string out = "\"" + printable(token.label) + "\" (serial number " +
                       printable(token.serialNumber) + ", slot " + std::to_string(token.slotId) +
@@ -43,11 +43,11 @@ std::string whatDies(ClsPkcs11& p11, const TokenInfo& token) {
         out += ", on which " + std::to_string(p11.get_NumCerts()) + " certificates and " +
                std::to_string(numKeys) + " keys can be seen without a login";
     }
-    if (isOpen) p11.CloseSession();  // InitToken wants no session
+    if (isOpen) p11.CloseSession();  // C_InitToken fails while one is open
     return out;
 }
 
-// Nothing is destroyed by a slip of the fingers.
+// A slip of the fingers must destroy nothing.
 void confirm(ClsPkcs11& p11, const TokenInfo& token, const Options& options) {
     if (options.yes || !token.isInitialised) return;
     const std::string victim = whatDies(p11, token);
@@ -58,13 +58,14 @@ void confirm(ClsPkcs11& p11, const TokenInfo& token, const Options& options) {
                            "Its label is blank and cannot be typed; --yes goes on without asking."};
     SecretLine answer;
     const bool isAsked = askUnseen(
-        "Everything is destroyed on the token " + victim + ".\nType its label to go on: ", answer);
+        "Everything will be destroyed on the token " + victim + ".\nType its label to go on: ",
+        answer);
     if (isAsked && answer.text() == token.label) return;
     throw CommandError{Exit::Usage,
-                       (isAsked ? "That is not its label; nothing is changed on the token "
+                       (isAsked ? "That is not its label; nothing was changed on the token "
                                 : "Everything would be destroyed on the token ") +
                            victim + ".",
-                       isAsked ? "" : "--yes goes on without asking."};
+                       isAsked ? "" : "--yes skips the question."};
 }
 
 bool isThereAlready(ClsPkcs11& p11, const Options& options) {
@@ -77,7 +78,7 @@ bool isThereAlready(ClsPkcs11& p11, const Options& options) {
     });
 }
 
-constexpr const char* kNothingChanged = "The token is initialised already; nothing is changed.";
+constexpr const char* kNothingChanged = "The token is initialised already; nothing was changed.";
 
 int slotArgument(const TokenInfo& token) {
     if (token.slotId >= UINT32_MAX)

@@ -1,8 +1,8 @@
 // certs and match.
 //
 // Everything is asked of the module before the first line is printed, so that a failure leaves no
-// half-printed list. What is printed is made certificate by certificate: a hostile one makes a page
-// of text of every byte.
+// half-printed list. The output is made one certificate at a time: a hostile one can turn every
+// byte into a page of text.
 
 #include <algorithm>
 #include <array>
@@ -60,7 +60,7 @@ constexpr std::array kWideMatch = {
     Column{"FOUND BY", keyCell<foundByFor>},
     Column{"SIGNS", keyCell<signsFor>},
 };
-// What a person asks first, within the width of a terminal.
+// What people want to know first, within the width of a terminal.
 constexpr std::array kNarrow = {
     Column{"WHO", certCell<whoFor>},     Column{"ISSUER", fieldCell<&ClsCert::get_IssuerCN>},
     Column{"USE", certCell<useFor>},     Column{"KEY", certCell<keyFor>},
@@ -147,9 +147,9 @@ class Listing {
     void sayWhatIsUncertain() const {
         const auto number = [this](auto isOne) { return std::ranges::count_if(m_keys, isOne); };
         if (number([](const KeyView& key) { return key.state == KeyView::State::Unknown; }) != 0)
-            remark("The user is not logged in: private keys may be hidden. --login shows them.");
+            remark("The user is not logged in, so private keys may be hidden; --login shows them.");
         if (number([](const KeyView& key) { return key.isGuess(); }) != 0)
-            remark("A key marked GUESS is there, and nothing says that it is the certificate's.");
+            remark("Nothing shows that a key marked GUESS belongs to its certificate.");
     }
 
     ClsPkcs11& m_p11;

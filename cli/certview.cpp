@@ -1,4 +1,4 @@
-// What is shown of a certificate and its key: members of JSON documents, and words for people.
+// What is shown of a certificate and its key: members of JSON documents, and texts for people.
 
 #include "certview.h"
 

@@ -9,11 +9,11 @@
 
 namespace mervane::cli {
 
-/// What is known of a certificate's private key. A guess that the token disproves is no key.
+/// What is known about a certificate's private key. A guess that the token disproves is no key.
 struct KeyView {
     enum class State : unsigned char {
         Found,
-        None,     ///< everything could be looked at
+        None,     ///< everything could be searched
         Unknown,  ///< the user is not logged in, and the token may be hiding it
     } state = State::None;
     std::optional<Certificate::Pkcs11Link> link;  ///< if Found
@@ -24,22 +24,22 @@ struct KeyView {
     }
 };
 
-/// The key of a certificate that was linked, or could not be.
+/// The key of a certificate for which linking has been tried.
 KeyView keyViewOf(ClsPkcs11& p11, ClsCert& cert, const TokenInfo& token, bool isLoggedIn,
                   bool isExplained);
 
-/// What JSON says of a certificate besides its fields.
+/// What JSON says about a certificate besides its fields.
 struct CertContext {
     int index;
     const TokenInfo& token;
     bool withPem;
 };
 
-/// Prints the members of a certificate, and of its key if there is one to tell of.
+/// Prints the members of a certificate, and those of its key unless `key` is null.
 void printCert(JsonPrinter& document, ClsCert& cert, const CertContext& context,
                const KeyView* key);
 
-// Texts for people. OIDs of names that X.520 knows stand by their names there.
+// Texts for people. Attribute types of X.520 appear by name, not by OID.
 
 std::string subjectFor(ClsCert& cert);
 /// A name as people see it, with those types as OIDs again.
@@ -50,7 +50,7 @@ std::string whoFor(ClsCert& cert);
 /// What the certificate may be used for, in a few words.
 std::string useFor(ClsCert& cert);
 std::string keyFor(ClsCert& cert);
-/// The day of expiry, or that it is over.
+/// The day of expiry, and whether it is past; or that the validity has not begun.
 std::string untilFor(ClsCert& cert);
 /// The key's handle or what is known instead.
 std::string privateKeyFor(const KeyView& key);

@@ -24,9 +24,10 @@ struct CommandError {
     Exit status;
     std::string message;  ///< lines: the cause first
     std::string hint;
-    mervane::Failure failure{};  ///< of the library, if it was its own
+    mervane::Failure failure{};  ///< the library's, if it was the library that failed
 
-    /// The failure's kind; what the status says where the library did not decide it.
+    /// The kind of the library's failure; if it was not the library's, the one that the status
+    /// implies.
     [[nodiscard]] FailureKind kind() const noexcept;
 };
 
@@ -40,7 +41,7 @@ struct CommandError {
 [[noreturn]] void throwLastFailure(ClsPkcs11& p11);
 
 /// Prints the error: lines on standard error; with `asJson` a document on standard output instead,
-/// unless one was begun there.
+/// unless a document was begun there already.
 void printError(const CommandError& error, bool asJson);
 
 }  // namespace mervane::cli

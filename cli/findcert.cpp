@@ -1,8 +1,8 @@
 // find-cert: one certificate, with its private key.
 //
 // "privateKey" asks for the certificate to sign with, which the library chooses by its merits; any
-// other part is compared as FindCert does. What people type is brought into the form that the
-// library compares first, and what means nothing is refused before the module is asked.
+// other part is compared as FindCert does. What people type is first brought into the form that the
+// library compares; what means nothing is refused before the module is asked.
 
 #include <algorithm>
 #include <array>
@@ -274,7 +274,7 @@ Exit runFindCert(ClsPkcs11& p11, const Options& options) {
     const std::string given = options.arguments.size() > 1 ? options.arguments[1] : "";
     const std::string value = comparable(part, given);
     const bool isToOutput = options.out == "-";
-    if (isToOutput && options.json) usageError("Of --out - and --json only one can be printed.");
+    if (isToOutput && options.json) usageError("--out - and --json cannot both be printed.");
     const OpenedToken opened =
         openToken(p11, options, part.name == "privateKey" ? LoginIf::Needed : LoginIf::Told);
     ClsCert cert;
@@ -296,7 +296,7 @@ Exit runFindCert(ClsPkcs11& p11, const Options& options) {
     if (options.out) save(cert, *options.out);
     sayLeftOut(numLeftOut);
     if (key.isGuess())
-        remark("The key is a GUESS: it is there, and nothing says that it is the certificate's.");
+        remark("The key is a GUESS: nothing shows that it belongs to the certificate.");
     if (options.json) {
         JsonPrinter document;
         document.member("loggedIn", JsonValue(opened.isLoggedIn));

@@ -21,7 +21,7 @@ void printModule(const JsonValue& report) {
          {"Cryptoki", textOf(report, "cryptokiVersion")}});
 }
 
-// The report's flags as ListTokens would have them, for the words of a token's state.
+// A token of the report as ListTokens would give it, to describe its state in the same words.
 TokenInfo tokenOf(const JsonValue& token) {
     const std::string flags = " " + joined(token, "flags") + " ";
     const auto has = [&](std::string_view flag) {

@@ -25,7 +25,7 @@ unsigned long parseSlot(const std::string& text) {
     return value;
 }
 
-// Where the module may go does not matter: a relative path means the directory at the start.
+// A module may change the working directory; a relative path means the one at the start.
 std::string outputPath(const std::string& path) {
     if (path == "-") return path;
     std::error_code error;
@@ -82,18 +82,18 @@ constexpr std::array kOptions = {
                [](Options& o, Value) { o.tokensOnly = true; }},
     OptionSpec{kSkipMechanisms, "--skip-mechanisms", "", "", "leave out the mechanisms",
                [](Options& o, Value) { o.skipMechanisms = true; }},
-    OptionSpec{kMechanisms, "--mechanisms", "", "", "list the mechanisms, too",
+    OptionSpec{kMechanisms, "--mechanisms", "", "", "list the mechanisms too",
                [](Options& o, Value) { o.mechanisms = true; }},
-    OptionSpec{kExplain, "--explain", "", "", "say what speaks against the other keys",
+    OptionSpec{kExplain, "--explain", "", "", "say why the other keys were not taken",
                [](Options& o, Value) { o.explain = true; }},
-    OptionSpec{kPem, "--pem", "", "", "with the certificate itself in JSON",
+    OptionSpec{kPem, "--pem", "", "", "add the certificate itself to the JSON",
                [](Options& o, Value) { o.pem = true; }},
-    OptionSpec{kWide, "--wide", "", "", "all columns, also on a terminal",
+    OptionSpec{kWide, "--wide", "", "", "all columns, even on a terminal",
                [](Options& o, Value) { o.wide = true; }},
     OptionSpec{kYes, "--yes", "", "", "destroy what is on the token without asking",
                [](Options& o, Value) { o.yes = true; }},
     OptionSpec{kIfUninitialised, "--if-uninitialised", "", "",
-               "change nothing where a token with that label is initialised already",
+               "change nothing if a token with that label is initialised already",
                [](Options& o, Value) { o.ifUninitialised = true; }},
     OptionSpec{
         kOut, "--out", "", "FILE",
@@ -118,7 +118,7 @@ const OptionSpec& findOption(std::string_view name) {
     usageError("Unknown option: " + printable(name) + "." + nearestHint(name, names));
 }
 
-// What other tools of the field have taught people's fingers.
+// What people know from other tools of the field.
 constexpr std::array<std::pair<std::string_view, std::string_view>, 2> kShortCommands = {
     {{"-L", "discover"}, {"-O", "match"}}};
 
@@ -142,7 +142,7 @@ std::span<const OptionSpec> optionSpecs() noexcept {
 void parseCommandLine(std::span<const char* const> words, CommandLine& out) {
     // The default; --module replaces it.
     if (const char* const module = std::getenv("MERVANE_P11_MODULE")) out.options.module = module;
-    // How a failure is told does not depend on where in the line it is.
+    // How a failure is reported does not depend on where in the line it is.
     const auto end = std::ranges::find(words, std::string_view("--"));
     out.options.json = std::find(words.begin(), end, std::string_view("--json")) != end;
     bool onlyArguments = false;  // after "--"

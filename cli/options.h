@@ -85,7 +85,7 @@ struct CommandLine {
 };
 
 /// Parses the words after the program's name. Throws a CommandError that names the offending word;
-/// `out` then has everything before it, so --log still works, and --json wherever it stands.
+/// `out` then has everything before it, so --log still works; --json works wherever it stands.
 void parseCommandLine(std::span<const char* const> words, CommandLine& out);
 
 }  // namespace mervane::cli

@@ -44,7 +44,7 @@ std::vector<std::size_t> columnWidths(const Rows& rows, std::size_t bound) {
     }
 }
 
-// The front of a printable text, ended by an ellipsis where something is missing.
+// The front of a printable text, ended by an ellipsis if anything was cut.
 std::string cutTo(const std::string& text, std::size_t width) {
     std::size_t used = 0;
     std::size_t end = 0;  // of what leaves a column for the ellipsis

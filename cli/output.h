@@ -30,7 +30,7 @@ class Table {
     std::vector<std::vector<std::string>> m_rows;
 };
 
-/// Columns of the terminal that standard output is; 0 if it is none.
+/// Columns of the terminal on standard output; 0 if that is not a terminal.
 std::size_t terminalWidth() noexcept;
 
 /// Prints "name: value" lines with the values aligned and made printable.
@@ -48,7 +48,7 @@ void silenceRemarks() noexcept;
 void sayLeftOut(int number);
 
 /// A JSON document, {"schema":1,..}, printed as it is made. One value is in memory at a time, so
-/// that what a hostile certificate makes of a page of text does not add up.
+/// that the texts into which hostile certificates expand do not add up.
 class JsonPrinter {
   public:
     JsonPrinter();
@@ -56,10 +56,10 @@ class JsonPrinter {
     JsonPrinter& operator=(const JsonPrinter&) = delete;
     ~JsonPrinter() = default;
 
-    /// Whether a document was begun in this process: what is printed then is part of it.
+    /// Whether a document was begun in this process: anything printed after that is part of it.
     static bool wasBegun() noexcept { return s_wasBegun; }
 
-    /// Ends the document. One that is not ended stays no JSON, so nobody takes it for the whole.
+    /// Ends the document. One that is not ended is invalid JSON, so nobody takes it for the whole.
     void finish();
     void member(std::string_view name, const JsonValue& value);
     /// A string; printed in pieces, whatever its length.

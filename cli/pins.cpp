@@ -22,7 +22,7 @@
 namespace mervane::cli {
 namespace {
 
-constexpr int kWriterPatience = 3000;  // milliseconds, for the writer of a FIFO to come
+constexpr int kWriterPatience = 3000;  // milliseconds to wait for the writer of a FIFO
 
 [[noreturn]] void noPin(const std::string& reason) {
     throw CommandError{Exit::Pin, reason, {}};
@@ -49,7 +49,7 @@ void checkLine(const SecretLine& line, const std::string& from) {
 
 // --- The terminal
 
-// What the token says of earlier tries, the gravest alone.
+// What the token says about earlier tries; only the gravest.
 std::string stateOf(const PinStatus& pin) {
     if (pin.isLocked) return " (it is locked)";
     if (pin.isLastTry) return " (one more wrong PIN locks it)";
@@ -81,7 +81,7 @@ void ask(WantedPin wanted, const TokenInfo& token, XString& pin) {
     XString again;
     askOnce(prompt + ", again: ", wanted, again);
     if (pin.view() != again.view())
-        noPin("The " + nameOf(wanted) + " was not typed the same twice; nothing is changed.");
+        noPin("The " + nameOf(wanted) + " was not typed the same twice; nothing was changed.");
 }
 
 // --- Files
@@ -92,8 +92,8 @@ std::string whyNotOpened(int error, const std::string& path) {
     return path + " cannot be opened (" + std::system_category().message(error) + ")";
 }
 
-// One byte of a file opened with O_NONBLOCK. Of a FIFO, the end is that somebody has written, and
-// nobody does any more.
+// One byte of a file opened with O_NONBLOCK. A FIFO is at its end when somebody has written to it
+// and nobody has it open for writing any more.
 ssize_t readByte(int descriptor, bool isFifo, const std::string& path, char& byte) {
     for (;;) {
         const ssize_t count = ::read(descriptor, &byte, 1);
@@ -138,7 +138,7 @@ int guardPins(const std::function<int()>& program) {
     } catch (const Interrupted& interrupted) {
         wipeDeadStack();
         static_cast<void>(::raise(interrupted.signal));
-        return 128 + interrupted.signal;  // as a shell has it; blocked meanwhile
+        return 128 + interrupted.signal;  // as a shell reports it; the signal is blocked
     }
 }
 
@@ -159,7 +159,7 @@ Pins::Pins(const Options& options) {
 void Pins::take(const std::string& source) {
     const std::string name = source.substr(4);
     const char* const value = std::getenv(name.c_str());
-    if (value == nullptr) return;  // for another option, or never there: said when it is needed
+    if (value == nullptr) return;  // taken already, or never set: reported when it is needed
     m_taken[source].setFromUtf8(value);
     // Whoever starts a program may give it a variable more than once.
     for (char** entry = environ; *entry != nullptr; ++entry) {

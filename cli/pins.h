@@ -13,24 +13,25 @@
 
 namespace mervane::cli {
 
-/// Runs the program so that nobody else sees a PIN of it: neither a core dump nor a debugger of the
-/// same user. A signal that came at a prompt ends it only here, where every PIN has been wiped.
+/// Runs the program so that nobody else sees its PINs, neither in a core dump nor with a debugger
+/// of the same user. A signal that came at a prompt ends it only here, where every PIN has been
+/// wiped.
 int guardPins(const std::function<int()>& program);
 
 /// Where the PIN of a login comes from.
 const std::optional<std::string>& loginSource(const Options& options);
 
-/// Whether somebody is asked for the PIN, who has to be told of which token.
+/// Whether a person is asked for the PIN, and so has to be told of which token.
 bool isAsked(const std::optional<std::string>& source);
 
 /// Which PIN of a token is wanted.
 struct WantedPin {
     bool isOfficers;
-    bool isNew;  ///< set with it and not tried
+    bool isNew;  ///< it is set, not tried
 };
 
-/// The PINs of a command. Made before the module is loaded: what env:NAME names is taken at once
-/// and out of the environment, so that neither the module nor what it starts inherits it.
+/// The PINs of a command. Made before the module is loaded: what env:NAME names is read at once
+/// and removed from the environment, so that neither the module nor what it starts inherits it.
 class Pins {
   public:
     explicit Pins(const Options& options);
@@ -40,7 +41,7 @@ class Pins {
     /// Gets a PIN from where the option says: env:NAME, file:PATH (its first line), or, with "-" or
     /// no option, the terminal, where a new one has to be typed twice. Without an option it stays
     /// empty where the reader has keys of its own and asks there. Throws a CommandError with
-    /// Exit::Pin when it cannot be had, is empty, or is no text, and Interrupted.
+    /// Exit::Pin when it cannot be had, is empty or is not text; throws Interrupted.
     void read(const std::optional<std::string>& source, WantedPin wanted, const TokenInfo& token,
               XString& pin) const;
 

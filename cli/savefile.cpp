@@ -22,7 +22,7 @@ namespace {
                        {}};
 }
 
-// 0, or why it could not be written.
+// 0, or the errno.
 int writeAll(int descriptor, std::string_view content) {
     while (!content.empty()) {
         const ssize_t count = ::write(descriptor, content.data(), content.size());
@@ -38,7 +38,7 @@ int writeAndClose(int descriptor, std::string_view content) {
     return ::close(descriptor) != 0 && error == 0 ? errno : error;
 }
 
-// Beside the file, so that it can take its place in one step.
+// Writes beside the file, so that the new one takes its place in one step.
 void replace(const std::string& path, mode_t mode, std::string_view content) {
     std::string fresh = path + ".XXXXXX";
     const int descriptor = ::mkostemp(fresh.data(), O_CLOEXEC);
@@ -58,7 +58,7 @@ void saveFile(const std::string& named, std::string_view content) {
         std::cout << content;  // checked at the end of the program
         return;
     }
-    // Of a link, what it leads to is replaced.
+    // A symbolic link stays; what it leads to is replaced.
     std::error_code notThere;
     const auto target = std::filesystem::canonical(named, notThere).string();
     const std::string& path = notThere ? named : target;

@@ -7,7 +7,7 @@
 namespace mervane::cli {
 
 /// Writes a file whole or not at all: an existing one is replaced once the new one is complete.
-/// What is no regular file (a pipe, a device) is written to; "-" is standard output. Throws a
+/// Anything but a regular file (a pipe, a device) is written to; "-" is standard output. Throws a
 /// CommandError with the reason.
 void saveFile(const std::string& path, std::string_view content);
 

@@ -8,13 +8,13 @@
 namespace mervane::cli {
 
 /// A signal that came at a prompt and would have ended the program. It is thrown through the whole
-/// of it, so that whatever holds a PIN is wiped on the way, and raised again at the end: guardPins.
+/// program, so that whatever holds a PIN is wiped on the way; guardPins raises the signal again.
 struct Interrupted {
     int signal;
 };
 
-/// Asks on the terminal, wherever standard error goes, with the echo off. False when there is none.
-/// However it ends, the terminal is as it was.
+/// Asks on the terminal, wherever standard error goes, with the echo off. False when there is no
+/// terminal. However it ends, the terminal is as it was.
 bool askUnseen(const std::string& prompt, SecretLine& answer);
 
 }  // namespace mervane::cli

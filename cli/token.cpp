@@ -41,7 +41,7 @@ bool canAsk() {
 void useModule(ClsPkcs11& p11, const Options& options) {
     if (options.module.empty())
         usageError("No module is named: use --module PATH or set MERVANE_P11_MODULE.");
-    // A file of that name here is meant, not one on the loader's search path.
+    // If there is a file of that name here, it is meant, not one on the loader's search path.
     std::error_code error;
     const bool isHere = std::filesystem::is_regular_file(options.module, error);
     const auto path =
@@ -58,7 +58,7 @@ OpenedToken openToken(ClsPkcs11& p11, const Options& options, LoginIf when) {
     TokenChoice choice = choiceOf(options);
     choice.withUserPin = isTold && !options.asOfficer;
     OpenedToken opened;
-    // The security officer does not log in beside read-only sessions.
+    // The security officer cannot log in while a read-only session is open.
     if (!p11.OpenToken(choice, isTold && options.asOfficer) || !p11.GetToken(opened.token))
         throwLastFailure(p11);
     const bool isNeeded = when == LoginIf::Needed && !isTold && !options.noLogin &&
@@ -88,7 +88,7 @@ TokenInfo tokenToInitialise(ClsPkcs11& p11, const Options& options) {
         throw CommandError{Exit::NoToken, "There is no such token.",
                            "mervane-p11 discover lists the tokens."};
     if (tokens.empty())
-        throw CommandError{Exit::NoToken, "No token is there that is not initialised.",
+        throw CommandError{Exit::NoToken, "There is no uninitialised token.",
                            "Name one with --slot or --token-label."};
     if (tokens.size() == 1) return tokens.front();
     std::string list;

@@ -17,7 +17,7 @@ struct OpenedToken {
     bool isLoggedIn = false;  ///< the user, who sees the private objects; an officer does not
 };
 
-/// When somebody logs in who was not told to.
+/// When the tool logs in.
 enum class LoginIf : unsigned char {
     Told,    ///< the options ask for it
     Needed,  ///< or there is a terminal to ask on, and the token hides private keys until then
@@ -34,7 +34,7 @@ TokenInfo openForWriting(ClsPkcs11& p11, const Options& options);
 /// Opens no session: the token that the options name, or the only one that is not initialised yet.
 TokenInfo tokenToInitialise(ClsPkcs11& p11, const Options& options);
 
-/// The token in a few words: "PIN LOCKED", "last try", "not initialised", "ready".
+/// The token's state in a few words: "PIN LOCKED", "last try", "not initialised", "ready".
 std::string stateFor(const TokenInfo& token);
 
 }  // namespace mervane::cli
