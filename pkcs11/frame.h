@@ -29,8 +29,7 @@ inline void settleAfterFork(ClsBase& object, Calls& calls) {
 /// cause of its own: the memory ran out.
 template <class Work>
 auto guardedCall(Calls& calls, LogBase& log, Work&& work) {
-    calls.failure = Failure();
-    calls.numLeftOut = 0;
+    calls.forgetOutcome();
     bool hasEnded = false;
     const auto result = guarded(log, [&] {
         calls.use.dropAfterFork(log);
@@ -39,7 +38,7 @@ auto guardedCall(Calls& calls, LogBase& log, Work&& work) {
         return value;
     });
     if (!hasEnded) calls.noteFailure(FailureKind::NoMemory, "There is not enough memory.");
-    if (hasEnded && result) calls.failure = Failure();
+    if (hasEnded && result) calls.forgetFailure();
     return result;
 }
 

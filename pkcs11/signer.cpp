@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <array>
 #include <ctime>
-#include <tuple>
 
 #include "foundation/text/hex.h"
 #include "pkcs11/certmatch.h"
@@ -35,40 +34,49 @@ bool isTime(std::string_view text) {
     });
 }
 
+// What speaks for a certificate, in the order in which it counts. Better is greater.
+struct Merits {
+    bool isSure = false;  // its key is no guess
+    bool isValid = false;
+    bool isPersons = false;  // not a CA's
+    bool isForSignatures = false;
+    std::string notBefore;
+
+    Merits(const Certificate& cert, const FoundKey& key, std::string_view at) {
+        LogNull log;
+        constexpr int kSignatures = 0x80 | 0x40;  // digitalSignature, nonRepudiation
+        std::string notAfter;
+        isSure = !isGuess(key.facts.rule);
+        // Times of this form compare as texts; another form is not within anything.
+        isValid = cert.getValidity(notBefore, notAfter) && at.size() == notBefore.size() &&
+                  at.size() == notAfter.size() && notBefore <= at && at <= notAfter;
+        isPersons = !cert.isCa();
+        isForSignatures =
+            cert.getKeyUsages().empty() || (cert.getIntendedKeyUsage(log) & kSignatures) != 0;
+    }
+
+    [[nodiscard]] int compare(const Merits& other) const noexcept {
+        const auto rank = [](const Merits& m) {
+            return m.isSure * 8 + m.isValid * 4 + m.isPersons * 2 + m.isForSignatures * 1;
+        };
+        const int difference = rank(*this) - rank(other);
+        return difference != 0 ? difference : notBefore.compare(other.notBefore);
+    }
+
+    [[nodiscard]] std::string_view whyWorse(const Merits& best) const noexcept {
+        if (isSure != best.isSure) return "its key is a guess";
+        if (isValid != best.isValid) return "it is outside its validity";
+        if (isPersons != best.isPersons) return "it is a CA certificate";
+        if (isForSignatures != best.isForSignatures) return "it is not for signatures";
+        return "its validity begins earlier";
+    }
+};
+
 // A certificate that fits the query and has a key that may sign.
 struct Candidate {
     std::shared_ptr<Certificate> cert;
     FoundKey key;
-    bool isValid;
-    std::string notBefore;
-
-    Candidate(std::shared_ptr<Certificate> certificate, FoundKey found, std::string_view at)
-        : cert(std::move(certificate)), key(found) {
-        std::string notAfter;
-        // Times in this form compare as text; a time in any other form counts as outside.
-        isValid = cert->getValidity(notBefore, notAfter) && at.size() == notBefore.size() &&
-                  at.size() == notAfter.size() && notBefore <= at && at <= notAfter;
-    }
-
-    [[nodiscard]] bool isForSignatures() const {
-        LogNull log;
-        constexpr int kSignatures = 0x80 | 0x40;  // digitalSignature, nonRepudiation
-        return cert->getKeyUsages().empty() || (cert->getIntendedKeyUsage(log) & kSignatures) != 0;
-    }
-
-    // The better candidate compares greater.
-    [[nodiscard]] auto merits() const {
-        return std::tuple(!isGuess(key.facts.rule), isValid, !cert->isCa(), isForSignatures(),
-                          notBefore);
-    }
-
-    [[nodiscard]] std::string_view whyWorse(const Candidate& best) const {
-        if (isGuess(key.facts.rule) != isGuess(best.key.facts.rule)) return "its key is a guess";
-        if (isValid != best.isValid) return "it is outside its validity";
-        if (cert->isCa() != best.cert->isCa()) return "it is a CA certificate";
-        if (isForSignatures() != best.isForSignatures()) return "it is not for signatures";
-        return "its validity begins earlier";
-    }
+    Merits merits;
 
     [[nodiscard]] std::string described() const {
         LogNull log;
@@ -140,11 +148,11 @@ bool isClear(Calls& calls, const std::vector<Candidate>& candidates, const Candi
     int numEquals = 0;
     for (const Candidate& other : candidates) {
         if (&other == &best || isSame(other, best)) continue;
-        if (other.merits() == best.merits()) {
+        if (other.merits.compare(best.merits) == 0) {
             if (++numEquals <= kMaxNamed) equals.append("; ").append(other.described());
         } else {
             log.LogInfo("Passed over " + other.described() + ": " +
-                        std::string(other.whyWorse(best)) + ".");
+                        std::string(other.merits.whyWorse(best.merits)) + ".");
         }
     }
     if (numEquals == 0) return true;
@@ -194,14 +202,15 @@ std::shared_ptr<Certificate> ClsPkcs11::bestSigner(const SignerQuery& query, Log
         } else if (!key.facts.maySign.value_or(true)) {
             ++misfits.numThatMayNotSign;
         } else {
-            candidates.emplace_back(checked, key, at);
+            candidates.push_back({checked, key, Merits(*checked, key, at)});
         }
     }
     if (candidates.empty()) {
         misfits.report(*m_calls, log);
         return nullptr;
     }
-    const auto best = std::ranges::max_element(candidates, {}, &Candidate::merits);
+    const auto best = std::ranges::max_element(
+        candidates, [](const auto& a, const auto& b) { return a.merits.compare(b.merits) < 0; });
     if (!isClear(*m_calls, candidates, *best, log)) return nullptr;
     best->cert->linkToPkcs11Session(this, best->key.keyType, best->key.signatureSize,
                                     best->key.handle, log, best->key.facts);

@@ -18,6 +18,14 @@ struct PinStatus {
 
 /// A token in a slot, as C_GetTokenInfo describes it. Texts are valid UTF-8 without padding.
 struct TokenInfo {
+    // Not inline: expanded at every use, its texts would add 20 KiB to the library.
+    TokenInfo() noexcept;
+    TokenInfo(const TokenInfo& other);
+    TokenInfo(TokenInfo&& other) noexcept;
+    TokenInfo& operator=(const TokenInfo& other);
+    TokenInfo& operator=(TokenInfo&& other) noexcept;
+    ~TokenInfo();
+
     CK_SLOT_ID slotId = 0;
     bool isReadable = false;  ///< false: the module could not describe it; all below is empty
     std::string label;

@@ -9,6 +9,15 @@
 
 namespace mervane {
 
+void Calls::forgetOutcome() noexcept {
+    forgetFailure();
+    numLeftOut = 0;
+}
+
+void Calls::forgetFailure() noexcept {
+    failure = Failure();
+}
+
 void Calls::noteFailure(FailureKind kind, std::string_view cause) noexcept {
     if (failure.kind != FailureKind::None) return;
     failure.kind = kind;

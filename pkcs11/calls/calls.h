@@ -42,6 +42,11 @@ class Calls {
     Failure failure;     // of the public call that runs, or ran last
     int numLeftOut = 0;  // objects that it could not read, or did not look at
 
+    /// At the start of a public call.
+    void forgetOutcome() noexcept;
+    /// At the end of one that succeeded.
+    void forgetFailure() noexcept;
+
     /// Reports a failure of the public call: one error line. The first one is the cause, the last
     /// the summary. False, so that a check can report and fail in one step.
     bool fail(LogBase& log, FailureKind kind, std::string_view sentence) noexcept;

@@ -135,18 +135,20 @@ bool readTokens(Calls& calls, std::optional<CK_SLOT_ID> wanted, std::vector<Toke
 bool chooseToken(Calls& calls, const TokenChoice& choice, TokenInfo& chosen, LogBase& log) {
     std::vector<TokenInfo> tokens;
     if (!readTokens(calls, choice.slotId, tokens, log)) return false;
-    const auto first = std::ranges::stable_partition(
-        tokens, [&](const TokenInfo& token) { return !fits(token, choice); });
-    if (first.empty()) return noneFits(calls, tokens, choice, log);
-    if (first.size() > 1) {
+    std::vector<const TokenInfo*> fitting;
+    for (const TokenInfo& token : tokens) {
+        if (fits(token, choice)) fitting.push_back(&token);
+    }
+    if (fitting.empty()) return noneFits(calls, tokens, choice, log);
+    if (fitting.size() > 1) {
         std::string list;
-        for (const TokenInfo& token : first)
-            list.append(list.empty() ? "" : ", ").append(described(token));
+        for (const TokenInfo* const token : fitting)
+            list.append(list.empty() ? "" : ", ").append(described(*token));
         calls.fail(log, FailureKind::SeveralTokens, "Several tokens fit: " + list + ".");
         calls.hint(log, "Choose one by label, serial number or slot.");
         return false;
     }
-    chosen = std::move(first.front());
+    chosen = *fitting.front();
     return true;
 }
 
