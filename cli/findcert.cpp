@@ -47,14 +47,33 @@ constexpr std::array kParts = {
 };
 
 // Attribute types that a subject can be asked for by name.
-constexpr std::array<std::string_view, 26> kSubjectParts = {
-    "CN",          "O",           "OU",           "C",
-    "L",           "ST",          "STREET",       "DC",
-    "UID",         "E",           "EMAILADDRESS", "S",
-    "SN",          "SURNAME",     "SERIALNUMBER", "T",
-    "TITLE",       "DESCRIPTION", "POSTALCODE",   "NAME",
-    "G",           "GN",          "GIVENNAME",    "INITIALS",
-    "DNQUALIFIER", "PSEUDONYM"};
+constexpr std::array<std::string_view, 27> kSubjectParts = {"CN",
+                                                            "O",
+                                                            "OU",
+                                                            "C",
+                                                            "L",
+                                                            "ST",
+                                                            "STREET",
+                                                            "DC",
+                                                            "UID",
+                                                            "E",
+                                                            "EMAILADDRESS",
+                                                            "S",
+                                                            "SN",
+                                                            "SURNAME",
+                                                            "SERIALNUMBER",
+                                                            "T",
+                                                            "TITLE",
+                                                            "DESCRIPTION",
+                                                            "POSTALCODE",
+                                                            "NAME",
+                                                            "G",
+                                                            "GN",
+                                                            "GIVENNAME",
+                                                            "INITIALS",
+                                                            "DNQUALIFIER",
+                                                            "PSEUDONYM",
+                                                            "ORGANIZATIONIDENTIFIER"};
 
 constexpr std::array<std::string_view, 9> kUsages = {
     "nonRepudiation",   "digitalSignature",   "keyEncipherment",

@@ -33,6 +33,8 @@ def main(tool, module, fake_module):
         done = subprocess.run([tool, *words], stdout=output, stderr=subprocess.PIPE, text=True, env=token.env)
         done.stdout = done.stdout or ""
         printed = done.stdout + done.stderr
+        if status == "0" and words[0] == "init-token" and "--json" in words:
+            check_schema(json.loads(done.stdout), "admin")
         equal(done.returncode, int(status), f"status of {command}: {printed}")
         expect(text in printed, f"{command} says {text!r}: {printed}")
         expect(all(pin not in printed for pin in pins.values() if pin != "12"), f"{command} shows a PIN")
