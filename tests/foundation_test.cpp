@@ -17,6 +17,7 @@ TEST(TextTest, Utf8IsMadeValidAndFitForOneLine) {
         appendOneLine(line, row[0]);
         EXPECT_EQ(line, row[2]);
         EXPECT_EQ(displayWidth(row[0]), std::stoul(row[3])) << row[0];
+        if (row.size() > 4) { EXPECT_EQ(toJsonText(JsonValue(row[0]), false), row[4]); }
     }
 }
 
