@@ -115,6 +115,7 @@ TEST_F(SignerTest, OnlyTheTokenThatWasChosenIsOpened) {
     EXPECT_EQ(p11->lastFailure().cause,
               "Several tokens fit: \"one\" (serial number 0001, slot 1), \"two\" (serial number 0002, slot 2), "
               "\"two\" (serial number 0003, slot 3).");
+    EXPECT_EQ(p11->lastFailure().hint, "Choose one by label, serial number or slot.");
 }
 
 TEST_F(SignerTest, TokenThatCannotBeReadIsNoTokenThatIsNotThere) {
