@@ -18,7 +18,7 @@ namespace {
 void sayDone(const Options& options, std::string_view member, bool value,
              const std::string& sentence) {
     // A reader that has gone would end the program before it has said so.
-    std::signal(SIGPIPE, SIG_IGN);
+    static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
     if (options.json) {
         JsonPrinter document;
         document.member(member, JsonValue(value));

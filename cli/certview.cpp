@@ -249,7 +249,7 @@ std::string keyFor(ClsCert& cert) {
 std::string untilFor(ClsCert& cert) {
     const std::string now = today();
     const std::string end = read(cert, &ClsCert::get_NotAfter);
-    const std::string day = end.substr(0, end.find('T'));
+    std::string day = end.substr(0, end.find('T'));
     if (end.size() != now.size()) return day;
     if (end < now) return "EXPIRED " + day;
     return read(cert, &ClsCert::get_NotBefore) > now ? "NOT YET VALID" : day;

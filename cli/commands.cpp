@@ -71,8 +71,8 @@ std::span<const CommandSpec> commandSpecs() noexcept {
 const CommandSpec& commandNamed(std::string_view name) {
     const auto* const command = std::ranges::find(kCommands, name, &CommandSpec::name);
     if (command != kCommands.end()) return *command;
-    std::vector<std::string_view> names;
-    for (const CommandSpec& spec : kCommands) names.push_back(spec.name);
+    std::array<std::string_view, kCommands.size()> names;
+    std::ranges::transform(kCommands, names.begin(), &CommandSpec::name);
     usageError("Unknown command: " + printable(name) + "." + nearestHint(name, names));
 }
 

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <iostream>
+#include <iterator>
 
 #include <mervane/foundation/text/ascii.h>
 
@@ -107,7 +108,7 @@ const Part& partOf(const std::string& word) {
     const auto isWord = [&](std::string_view name) { return isSame(trimmed(word), name); };
     if (std::ranges::any_of(kSubjectParts, isWord) || isOid(trimmed(word))) return kSubject;
     std::vector<std::string_view> names(kSubjectParts.begin(), kSubjectParts.end());
-    for (const Part& part : kParts) names.push_back(part.name);
+    std::ranges::transform(kParts, std::back_inserter(names), &Part::name);
     throw CommandError{Exit::Usage,
                        "Unknown PART: " + printable(word) + "." + nearestHint(word, names),
                        "PART is one of " + listed(names) + ", or an OID."};

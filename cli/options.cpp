@@ -113,8 +113,8 @@ const OptionSpec& findOption(std::string_view name) {
         return spec.name == name || (!name.empty() && spec.shortName == name);
     });
     if (option != kOptions.end()) return *option;
-    std::vector<std::string_view> names;
-    for (const OptionSpec& spec : kOptions) names.push_back(spec.name);
+    std::array<std::string_view, kOptions.size()> names;
+    std::ranges::transform(kOptions, names.begin(), &OptionSpec::name);
     usageError("Unknown option: " + printable(name) + "." + nearestHint(name, names));
 }
 

@@ -53,27 +53,27 @@ void replace(const std::string& path, mode_t mode, std::string_view content) {
 
 }  // namespace
 
-void saveFile(const std::string& named, std::string_view content) {
-    if (named == "-") {
+void saveFile(const std::string& path, std::string_view content) {
+    if (path == "-") {
         std::cout << content;  // checked at the end of the program
         return;
     }
     // A symbolic link stays; what it leads to is replaced.
     std::error_code notThere;
-    const auto target = std::filesystem::canonical(named, notThere).string();
-    const std::string& path = notThere ? named : target;
+    const auto canonical = std::filesystem::canonical(path, notThere).string();
+    const std::string& target = notThere ? path : canonical;
     struct stat status {};
-    const bool exists = ::stat(path.c_str(), &status) == 0;
-    if (exists && S_ISDIR(status.st_mode)) cannotWrite(path, EISDIR);
+    const bool exists = ::stat(target.c_str(), &status) == 0;
+    if (exists && S_ISDIR(status.st_mode)) cannotWrite(target, EISDIR);
     if (exists && !S_ISREG(status.st_mode)) {
-        const int descriptor = ::open(path.c_str(), O_WRONLY | O_CLOEXEC);
+        const int descriptor = ::open(target.c_str(), O_WRONLY | O_CLOEXEC);
         const int error = descriptor < 0 ? errno : writeAndClose(descriptor, content);
-        if (error != 0) cannotWrite(path, error);
+        if (error != 0) cannotWrite(target, error);
         return;
     }
     const mode_t mask = ::umask(0);
     ::umask(mask);
-    replace(path, exists ? status.st_mode & 0777U : 0666U & ~mask, content);
+    replace(target, exists ? status.st_mode & 0777U : 0666U & ~mask, content);
 }
 
 }  // namespace mervane::cli
