@@ -52,8 +52,29 @@ def main(tool, module, fake_module):
     equal(near.returncode, 0, "bare file name")
     use(token, folder)
     fail(token, fake_module)
+    guess(tool, module)
     for line in after.splitlines()[1:]:
         run_line(line)
+
+
+def guess(tool, module):
+    """A key of which nothing but its being there is known is shown as a guess, and one that is known to be another's is none."""
+    token, login = Token(tool, module), ("--pin", "env:USER_PIN")
+    token.init()
+    folder = token.folder
+    for name in ("mine", "other"):
+        openssl("genpkey", "-algorithm", "EC", "-pkeyopt", "ec_paramgen_curve:P-256", "-out", folder / name)
+    openssl("req", "-x509", "-key", folder / "mine", "-subj", "/CN=Guess", "-outform", "DER", "-out", folder / "der")
+    openssl("ec", "-in", folder / "other", "-outform", "DER", "-out", folder / "other.der")
+    openssl("ec", "-in", folder / "other", "-pubout", "-outform", "DER", "-out", folder / "public.der")
+    token.put_cert(folder / "der", "01", "guess")
+    write = ("--login", "--pin", USER_PIN, "--usage-sign", "--id", "02", "--write-object")
+    token.pkcs11_tool(*write, folder / "other.der", "--type", "privkey")
+    done = token.p11("match", "--json", *login)
+    equal((json.loads(done.stdout)["certs"][0]["privateKey"] or {}).get("keyBy"), "guess", "a guess")
+    expect("GUESS" in done.stderr, f"a guess is told: {done.stderr}")
+    token.pkcs11_tool(*write, folder / "public.der", "--type", "pubkey")
+    equal(token.p11_json("match", *login)["certs"][0]["privateKey"], None, "a guess that the token disproves")
 
 
 def fail(token, fake_module):
@@ -61,6 +82,7 @@ def fail(token, fake_module):
     libz = next(path.split()[-1] for path in pathlib.Path("/proc/self/maps").read_text().splitlines() if "/libz.so" in path)
     build = pathlib.Path(fake_module).parent
     names = {"text": token.folder / "text.so", "cut": token.folder / "cut.so", "folder": token.folder, "libz": libz,
+             "opensc": next(pathlib.Path("/usr/lib").glob("*/opensc-pkcs11.so")),
              "unresolved": next(build.rglob("libunresolved_library.so"))}
     names["text"].write_text("/* no library */")
     whole = pathlib.Path(libz).read_bytes()
@@ -71,7 +93,7 @@ def fail(token, fake_module):
         status, kind, cause, hint, command = [column.strip() for column in line.split(" | ", 4)]
         for name, path in names.items():
             cause, command = (text.replace("{" + name + "}", str(path)) for text in (cause, command))
-        words, env = shlex.split(command), dict(token.env)
+        words, env = shlex.split(command), dict(token.env, PCSCLITE_CSOCK_NAME="/nonexistent")
         if "=" in words[0]:
             env |= {"MERVANE_P11_MODULE": fake_module, "MERVANE_FAKE_FAILING": words.pop(0).replace("=", " ")}
         done = run(token.tool, *words, check=False, env=env)
