@@ -31,7 +31,7 @@ class KeyIndex {
     struct Place {
         std::uint64_t hash;
         int position;
-        auto operator<=>(const Place&) const noexcept = default;
+        auto operator<=>(const Place&) const noexcept = default;  // NOLINT(modernize-use-nullptr)
     };
     struct FieldIndex {
         Field field = nullptr;

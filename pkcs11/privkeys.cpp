@@ -128,9 +128,10 @@ const Pkcs11_PrivateKey* rsaKeyBySubject(const Pkcs11State& state, const Certifi
 const Pkcs11_PrivateKey* rsaKeyByModulus(const Pkcs11State& state, const Certificate& cert,
                                          bool requireSign, LogBase& log) {
     const auto moduli = moduliOf(cert, log);
-    if (moduli[0].isEmpty()) return nullptr;
+    const auto& [plain, withZero] = moduli;
+    if (plain.isEmpty()) return nullptr;
     return firstRsaKey(state.m_rsaPrivKeys, *state.m_rsaIndex, &Pkcs11_PrivateKey::m_modulus,
-                       {&moduli[0], &moduli[1]}, requireSign, "modulus", log);
+                       {&plain, &withZero}, requireSign, "modulus", log);
 }
 
 CK_OBJECT_HANDLE handleOf(const Pkcs11_PrivateKey* key) noexcept {
@@ -211,8 +212,8 @@ bool findEcKey(Calls& calls, Certificate& cert, KeySearch how, FoundKey& found, 
     const Pkcs11State& state = calls.state;
     // A note, not a failure; callers look for it on the error channel.
     log.LogError("Certificate key type is ECDSA.");
-    const auto points = pointsOf(cert);
-    const bool hasPoint = !points[0].isEmpty();
+    const auto [point, otherForm] = pointsOf(cert);
+    const bool hasPoint = !point.isEmpty();
     if (!operation::cacheEcKeys(calls, hasPoint && !how.quick, log)) return false;
     log.LogDataLong("numEcdsaKeys", state.m_ecdsaPrivKeys.getSize());
 
@@ -227,7 +228,7 @@ bool findEcKey(Calls& calls, Certificate& cert, KeySearch how, FoundKey& found, 
     if (find(KeyRule::Id, &Pkcs11_PrivateKey::m_keyId, {&cert.tokenInfo().ckaId})) return true;
     // The token's points are better evidence than the guess below, at the price of reading them.
     if (hasPoint && !operation::cacheEcKeys(calls, true, log)) return false;
-    if (find(KeyRule::Point, &Pkcs11_PrivateKey::m_ecPoint, {&points[0], &points[1]})) return true;
+    if (find(KeyRule::Point, &Pkcs11_PrivateKey::m_ecPoint, {&point, &otherForm})) return true;
     if (keyAt(state.m_ecdsaPrivKeys, 0) == nullptr) return true;
     log.LogInfo("Using first PKCS11 ECDSA private key");
     take(keyAt(state.m_ecdsaPrivKeys, 0), KeyRule::FirstKey, found);

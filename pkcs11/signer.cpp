@@ -195,12 +195,14 @@ std::shared_ptr<Certificate> ClsPkcs11::bestSigner(const SignerQuery& query, Log
         if (!searchKey(*m_calls, *checked, {.mustSign = true}, key, log) ||
             !checkGuess(*m_calls, *checked, key, log))
             return nullptr;
-        if (key.handle == 0 && hasKeyThatMayNotSign(*m_calls, *checked)) {
+        const bool isThere = key.handle != 0 && !key.facts.isDisproved;
+        const bool mayNotSign = isThere
+                                    ? !key.facts.maySign.value_or(true)
+                                    : key.handle == 0 && hasKeyThatMayNotSign(*m_calls, *checked);
+        if (mayNotSign) {
             ++misfits.numThatMayNotSign;
-        } else if (key.handle == 0 || key.facts.isDisproved) {
+        } else if (!isThere) {
             ++misfits.numWithoutKey;
-        } else if (!key.facts.maySign.value_or(true)) {
-            ++misfits.numThatMayNotSign;
         } else {
             candidates.push_back({checked, key, Merits(*checked, key, at)});
         }

@@ -126,6 +126,7 @@ bool readEcPoints(Calls& calls, const ExtPtrArray& keys, std::vector<DataBuffer>
         DataBuffer id;
     };
     std::vector<Key> wanted;
+    wanted.reserve(static_cast<std::size_t>(keys.getSize()));
     for (int i = 0; i < keys.getSize(); ++i)
         wanted.push_back({keyAt(keys, i)->m_handle, keyAt(keys, i)->m_keyId});
     PublicPoints publicPoints;

@@ -123,12 +123,12 @@ bool addToken(Calls& calls, CK_SLOT_ID slot, std::vector<TokenInfo>& tokens, Log
 
 }  // namespace
 
-bool readTokens(Calls& calls, std::optional<CK_SLOT_ID> wanted, std::vector<TokenInfo>& tokens,
+bool readTokens(Calls& calls, std::optional<CK_SLOT_ID> slotId, std::vector<TokenInfo>& tokens,
                 LogBase& log) {
     std::vector<CK_SLOT_ID> slots;
     if (!getSlots(calls, true, slots, log)) return false;
     return std::ranges::all_of(slots, [&](CK_SLOT_ID slot) {
-        return !isOrAny(wanted, slot) || addToken(calls, slot, tokens, log);
+        return !isOrAny(slotId, slot) || addToken(calls, slot, tokens, log);
     });
 }
 
