@@ -35,6 +35,9 @@ class FaultsTest : public testing::TestWithParam<std::tuple<std::size_t, Token>>
         EXPECT_GT(length, 0U);
         return length;
     }
+    void SetUp() override {
+        if (isUnderValgrind() && m_token == Token::Crowded) GTEST_SKIP();  // the other two take its ways, in less time
+    }
     void TearDown() override { RecordProperty("runs", static_cast<int>(numRuns)); }
 
     const Scenario& m_scenario = kScenarios.at(std::get<0>(GetParam()));

@@ -50,6 +50,17 @@ TEST_F(ModuleTest, OpenSessionIsClosedWhereTheTokenTakesOneAlone) {
     EXPECT_TRUE(p11->hasOpenSession());
 }
 
+TEST_F(ModuleTest, LoginStaysWithItsSlot) {
+    world.slots.push_back({.id = 2});
+    for (const int user : {0, 1}) {
+        ASSERT_TRUE(p11->QuickSession(user, user == 0 ? world.slots[0].soPin : world.slots[0].userPin));
+        ASSERT_TRUE(p11->OpenSession(1, true));
+        EXPECT_TRUE(p11->alreadyLoggedIn(user, p11->log()));
+        ASSERT_TRUE(p11->OpenSession(2, true));
+        EXPECT_FALSE(p11->m_userLoggedIn || p11->m_soLoggedIn);
+    }
+}
+
 TEST_F(ModuleTest, NobodyIsLoggedInWithoutASession) {
     p11->m_userLoggedIn = p11->m_soLoggedIn = true;
     EXPECT_FALSE(p11->alreadyLoggedIn(1, p11->log()) || p11->alreadyLoggedIn(0, p11->log()));

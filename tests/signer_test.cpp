@@ -89,12 +89,14 @@ TEST_F(SignerTest, KeysThatWereNotTakenAreExplained) {
 
 TEST_F(SignerTest, OnlyTheTokenThatWasChosenIsOpened) {
     world.slots = {{.id = 1, .label = "one"}, {.id = 2, .label = "two"}, {.id = 3, .label = "two"}, {.id = 4, .label = "new", .flags = 5}};
+    world.slots[3].label.append("\0padding", 8);
     p11->put_SharedLibPath(module.path());
     std::vector<TokenInfo> tokens;
     ASSERT_TRUE(p11->ListTokens(tokens));
     ASSERT_EQ(tokens.size(), 4U);
     EXPECT_TRUE(tokens[0].isReadable && tokens[0].isInitialised && tokens[0].isUserPinSet && tokens[0].needsLogin && !tokens[3].isInitialised);
     EXPECT_EQ(tokens[1].label + tokens[1].model + tokens[1].manufacturer + tokens[1].serialNumber, "twoModel FFake maker0002");
+    EXPECT_EQ(tokens[3].label, "new");  // some modules end their texts by a NUL
     const std::tuple<TokenChoice, CK_SLOT_ID, FailureKind> rows[] = {
         {{.label = "one"}, 1, FailureKind::None},
         {{.slotId = 4}, 4, FailureKind::None},
