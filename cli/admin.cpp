@@ -93,6 +93,7 @@ int slotArgument(const TokenInfo& token) {
 
 Exit runSetPin(ClsPkcs11& p11, const Options& options) {
     const Pins pins(options);
+    if (options.soPin && !options.asOfficer) usageError("--so-pin needs --user so.");
     const TokenInfo token = openForWriting(p11, options);
     XString oldPin;
     XString newPin;

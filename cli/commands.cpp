@@ -51,6 +51,14 @@ void checkArguments(const CommandSpec& command, std::size_t numGiven) {
     usageError(std::string(command.name) + " takes " + takes + ".");
 }
 
+// Of these two, one would be without effect.
+constexpr std::array<std::pair<OptionBit, OptionBit>, 4> kExclusive = {
+    {{kMechanisms, kSkipMechanisms}, {kNoLogin, kLogin}, {kNoLogin, kPin}, {kWide, kJson}}};
+
+std::string nameOf(OptionBit bit) {
+    return std::string(std::ranges::find(optionSpecs(), bit, &OptionSpec::bit)->name);
+}
+
 void checkOptions(const CommandSpec& command, std::uint32_t given) {
     const auto isStray = [&](const OptionSpec& option) {
         return (given & option.bit & ~(command.options | kHelp | kVersion)) != 0;
@@ -60,6 +68,10 @@ void checkOptions(const CommandSpec& command, std::uint32_t given) {
         usageError(std::string(command.name) + " does not take " + std::string(stray->name) + ".");
     if ((given & kPem) != 0 && (given & kJson) == 0)
         usageError("--pem needs --json; find-cert --out - prints a certificate.");
+    for (const auto& [one, other] : kExclusive) {
+        if ((given & one) != 0 && (given & other) != 0)
+            usageError(nameOf(one) + " does not go with " + nameOf(other) + ".");
+    }
 }
 
 }  // namespace
