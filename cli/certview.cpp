@@ -22,6 +22,13 @@ std::string read(ClsCert& cert, Reader reader) {
     return std::string(text.view());
 }
 
+// The front of a text for people: a hostile name of a megabyte is not copied on its way to a cell.
+std::string readCell(ClsCert& cert, Reader reader) {
+    XString text;
+    (cert.*reader)(text);
+    return std::string(text.view().substr(0, Table::kMaxCell + 1));
+}
+
 // Null where the certificate has no such text, or a malformed one.
 template <class Read>
 void printText(JsonPrinter& document, std::string_view name, const Certificate& cert, Read read) {
@@ -204,7 +211,7 @@ void printCert(JsonPrinter& document, ClsCert& cert, const CertContext& context,
 }
 
 std::string subjectFor(ClsCert& cert) {
-    return namedTypes(read(cert, &ClsCert::get_SubjectDN));
+    return namedTypes(readCell(cert, &ClsCert::get_SubjectDN));
 }
 
 std::string withOids(const std::string& dn) {
@@ -212,15 +219,18 @@ std::string withOids(const std::string& dn) {
 }
 
 std::string issuerFor(ClsCert& cert) {
-    return namedTypes(read(cert, &ClsCert::get_IssuerDN));
+    return namedTypes(readCell(cert, &ClsCert::get_IssuerDN));
 }
 
 std::string whoFor(ClsCert& cert) {
     LogNull log;
     XString mail;
-    std::string who = read(cert, &ClsCert::get_SubjectCN);
+    std::string who = readCell(cert, &ClsCert::get_SubjectCN);
     if (cert.getCert()->getSubjectPart("E", mail, log))
-        who.append(who.empty() ? "" : " ").append("<").append(mail.view()).append(">");
+        who.append(who.empty() ? "" : " ")
+            .append("<")
+            .append(mail.view().substr(0, Table::kMaxCell))
+            .append(">");
     return who.empty() ? subjectFor(cert) : who;
 }
 

@@ -8,6 +8,7 @@
 // The tool uses the public headers alone, as an application would.
 
 #include <fcntl.h>
+#include <malloc.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -89,6 +90,9 @@ void printLog(const ClsPkcs11& p11, bool asJson) {
 
 int main(std::span<const char* const> words) {
     takeStandardDescriptors();
+    // Large blocks go back to the system when they are freed: what it takes to read a hostile
+    // certificate is not kept while it is printed.
+    ::mallopt(M_MMAP_THRESHOLD, 128 * 1024);
     CommandLine line;
     CommandError failure{Exit::Done, {}, {}};
     const std::unique_ptr<ClsPkcs11> p11(ClsPkcs11::createNewCls());

@@ -17,9 +17,8 @@ namespace {
 
 // Columns. A wider cell pushes the rest of its own row to the right instead of widening every row.
 constexpr std::size_t kMaxWidth = 200;
-constexpr std::size_t kMaxCell = 4096;  // bytes, before it is made printable
-constexpr std::size_t kGap = 2;         // between two columns
-constexpr std::size_t kMinWidth = 40;   // of a terminal; one that says less gets broken lines
+constexpr std::size_t kGap = 2;        // between two columns
+constexpr std::size_t kMinWidth = 40;  // of a terminal; one that says less gets broken lines
 constexpr std::size_t kUsualWidth = 80;
 constexpr std::size_t kMinColumn = 6;
 

@@ -20,8 +20,10 @@ std::string printable(std::string_view text);
 /// Rows under a heading, with columns aligned by their width on a terminal.
 class Table {
   public:
+    static constexpr std::size_t kMaxCell = 4096;  ///< bytes of a cell as given; the rest is cut
+
     explicit Table(std::vector<std::string> heading) { m_rows.push_back(std::move(heading)); }
-    /// Adds a row of as many cells as the heading has; each is made printable, and cut after 4 KiB.
+    /// Adds a row of as many cells as the heading has; each is made printable.
     void add(std::vector<std::string> cells);
     /// With `width` columns at most: the widest cells are cut, which "…" shows. 0: no bound.
     void print(std::size_t width = 0) const;

@@ -1,19 +1,20 @@
 #!/usr/bin/python3
 """The tool's memory: what a hostile certificate makes it take, and that it ends in order when an allocation fails.
 
-usage: memory.py MERVANE_P11 SOFTHSM_MODULE FAILING_NEW"""
+usage: memory.py MERVANE_P11 SOFTHSM_MODULE PRELOAD"""
 
 import ctypes
 import json
 import os
+import pathlib
+import re
 import shutil
-import subprocess
 import sys
 
 from softhsm import USER_PIN, Token, equal, expect, failures, openssl, run
 
 SIZE = 900_000  # bytes of the longest name
-BOUND = 6       # times a certificate's size
+BOUND = 6       # times a certificate's size, the module's own copies included
 CKA_CLASS, CKA_TOKEN, CKA_PRIVATE, CKA_LABEL, CKA_VALUE, CKA_TYPE, CKA_SUBJECT, CKA_ID = 0, 1, 2, 3, 0x11, 0x80, 0x101, 0x102
 # Positions in CK_FUNCTION_LIST, behind the version
 INITIALIZE, FINALIZE, GET_SLOT_LIST, OPEN_SESSION, LOGIN, CREATE_OBJECT = 0, 1, 4, 12, 18, 20
@@ -28,11 +29,12 @@ def name(text):
     return tlv(0x30, tlv(0x31, tlv(0x30, tlv(6, bytes.fromhex("550403")) + tlv(12, text))))
 
 
-def certificate(subject, issuer):
+def certificate(subject, issuer, extension=b""):
     rsa = tlv(0x30, tlv(6, bytes.fromhex("2a864886f70d010101")) + tlv(5, b""))
     key = tlv(0x30, rsa + tlv(3, b"\0" + tlv(0x30, tlv(2, b"\0" + b"\xc1" * 128) + tlv(2, b"\1\0\1"))))
     valid = tlv(0x30, tlv(0x17, b"200101000000Z") + tlv(0x17, b"300101000000Z"))
     fields = tlv(0xA0, tlv(2, b"\2")) + tlv(2, b"\1") + rsa + name(issuer) + valid + name(subject) + key
+    fields += tlv(0xA3, tlv(0x30, tlv(0x30, tlv(6, b"\x2a\x03") + tlv(4, extension))))
     return tlv(0x30, tlv(0x30, fields) + rsa + tlv(3, b"\0" * 129))
 
 
@@ -64,10 +66,9 @@ def put(module, env, der):
 
 
 def peak(tool, env, *words):
-    process = subprocess.Popen([tool, *words], stdout=subprocess.DEVNULL, env=env)
-    _, status, usage = os.wait4(process.pid, 0)
-    equal(status, 0, words)
-    return usage.ru_maxrss * 1024
+    status = pathlib.Path(env["MERVANE_MEMORY_STATUS"])
+    run(tool, *words, env=env)
+    return int(re.search(r"VmHWM:\s+(\d+) kB", status.read_text())[1]) * 1024
 
 
 def is_whole(text):
@@ -77,20 +78,22 @@ def is_whole(text):
         return False
 
 
-def main(tool, module, failing_new):
-    small = Token(tool, module)
-    small.init()
-    put(module, small.env, certificate(b"a", b"b"))
-    rows = {"control": (b"\1" * SIZE, b"b"), "ill-formed": (b"\xff" * SIZE, b"b"), "issuer": (b"a", b"\1" * SIZE)}
-    for words in (("certs", "--json"), ("match", "--json"), ("certs",)):
-        base = peak(tool, small.env, *words)
-        for row, (subject, issuer) in rows.items():
-            token = Token(tool, module)
-            token.init()
-            der = certificate(subject, issuer)
-            put(module, token.env, der)
-            times = (peak(tool, token.env, *words) - base) / len(der)
+def main(tool, module, preload):
+    def token_with(*parts):
+        token, der = Token(tool, module), certificate(*parts)
+        token.init()
+        put(module, token.env, der)
+        token.env |= {"LD_PRELOAD": preload, "MERVANE_MEMORY_STATUS": str(token.folder / "status")}
+        return token, len(der)
+
+    small, _ = token_with(b"a", b"b")
+    rows = {"nothing": (b"a", b"b", b"x" * SIZE), "control": (b"\1" * SIZE, b"b"), "ill-formed": (b"\xff" * SIZE, b"b"), "issuer": (b"a", b"\1" * SIZE)}
+    for row, parts in rows.items():
+        token, size = token_with(*parts)
+        for words in (("certs", "--json"), ("match", "--json"), ("certs",)):
+            times = (peak(tool, token.env, *words) - peak(tool, small.env, *words)) / size
             expect(times <= BOUND, f"{words} on {row}: {times:.1f} times the certificate")
+            print(f"{words} on {row}: {times:.1f}")
 
     folder = small.folder
     openssl("req", "-x509", "-newkey", "rsa:2048", "-nodes", "-keyout", folder / "key", "-subj", "/CN=One", "-outform", "DER", "-out", folder / "der")
@@ -101,7 +104,7 @@ def main(tool, module, failing_new):
     for failing in [*range(2, 3000, 7), 0]:  # the first is made before main
         shutil.rmtree(folder / "tokens")  # a module without memory may spoil its own files
         shutil.copytree(folder / "kept", folder / "tokens")
-        done = run(tool, *words, check=False, env=small.env | {"LD_PRELOAD": failing_new, "MERVANE_FAILING_NEW": str(failing)})
+        done = run(tool, *words, check=False, env=small.env | {"MERVANE_FAILING_NEW": str(failing)})
         expect(done.returncode >= 0 and done.returncode != 134, f"allocation {failing}: {done.returncode}")
         expect((done.returncode == 0) == is_whole(done.stdout), f"allocation {failing}: {done.returncode} {done.stdout[-50:]}")
     expect(done.returncode == 0 and len(json.loads(done.stdout)["certs"]) == 2, f"nothing fails: {done.stdout}")
