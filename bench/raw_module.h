@@ -35,7 +35,10 @@ struct RawModule {
         args.flags = CKF_OS_LOCKING_OK;
         check(functions->C_Initialize(&args), "C_Initialize");
         CK_SLOT_ID slots[64];
-        CK_ULONG count = 64;
+        CK_ULONG count = 0;
+        // Modules look for readers that were plugged in since only when asked with a null buffer.
+        check(functions->C_GetSlotList(CK_TRUE, nullptr, &count), "C_GetSlotList");
+        count = 64;
         check(functions->C_GetSlotList(CK_TRUE, slots, &count), "C_GetSlotList");
         for (CK_ULONG i = 0; i < count && session == 0; ++i) {
             CK_TOKEN_INFO info{};
