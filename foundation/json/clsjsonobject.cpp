@@ -5,6 +5,7 @@
 #include <new>
 #include <optional>
 
+#include "foundation/core/lasting.h"
 #include "foundation/json/parser.h"
 #include "foundation/json/writer.h"
 
@@ -50,14 +51,14 @@ const JsonValue* walk(const JsonValue* value, std::string_view path, int variabl
 
 // The document of an object that is new or was cleared, shared by all of them, so that clearing one
 // needs no memory and cannot leave its old content behind. root() copies it before a change.
-const std::shared_ptr<JsonValue>& emptyDocument() {
-    static const auto document = std::make_shared<JsonValue>(JsonValue::object());
-    return document;
-}
+struct EmptyDocument {
+    std::shared_ptr<JsonValue> root = std::make_shared<JsonValue>(JsonValue::object());
+};
+constinit Lasting<EmptyDocument> emptyDocument;
 
 }  // namespace
 
-ClsJsonObject::ClsJsonObject() : m_root(emptyDocument()) {}
+ClsJsonObject::ClsJsonObject() : m_root(emptyDocument.get().root) {}
 
 ClsJsonObject* ClsJsonObject::createNewCls() noexcept {
     try {
@@ -85,7 +86,7 @@ bool ClsJsonObject::loadJson(std::string_view utf8, LogBase& log) {
 }
 
 void ClsJsonObject::clear(LogBase&) {
-    m_root = emptyDocument();
+    m_root = emptyDocument.get().root;
 }
 
 std::string ClsJsonObject::emit(bool indented) const {

@@ -3,6 +3,7 @@
 #include <map>
 
 #include "foundation/core/forkwatch.h"
+#include "foundation/core/lasting.h"
 
 namespace mervane::ledger {
 namespace {
@@ -18,9 +19,8 @@ struct Page {
     Page* before = nullptr;  // abandoned at a fork; kept in reach, so that no tool calls it a leak
 };
 
-// Never destroyed: objects of static storage may outlive anything that is. After a fork no module
-// is initialised in this process, and another thread may have been writing on the page: a new one
-// is begun, and the old one is abandoned, not freed.
+// After a fork no module is initialised in this process, and another thread may have been writing
+// on the page: a new one is begun, and the old one is abandoned, not freed.
 class Book {
   public:
     template <class Work>
@@ -41,13 +41,10 @@ class Book {
     Page* m_page = std::make_unique<Page>().release();
 };
 
-Book& book() {
-    static Book& instance = *std::make_unique<Book>().release();
-    return instance;
-}
+constinit Lasting<Book> theBook;
 
 std::shared_ptr<MervaneCritSec> sectionOf(const void* library) {
-    return book().withPage([library](Page& page) {
+    return theBook.get().withPage([library](Page& page) {
         auto& section = page.turns[library];
         if (!section) section = std::make_shared<MervaneCritSec>();
         return section;
@@ -59,7 +56,7 @@ std::shared_ptr<MervaneCritSec> sectionOf(const void* library) {
 Turn::Turn(const void* library) : m_section(sectionOf(library)), m_lock(*m_section) {}
 
 void enter(const CK_FUNCTION_LIST* module, bool initialisedByUs) {
-    book().withPage([&](Page& page) {
+    theBook.get().withPage([&](Page& page) {
         Use& use = page.uses[module];
         ++use.numUsers;
         use.ours = use.ours || initialisedByUs;
@@ -67,7 +64,7 @@ void enter(const CK_FUNCTION_LIST* module, bool initialisedByUs) {
 }
 
 bool leave(const CK_FUNCTION_LIST* module) noexcept {
-    return book().withPage([module](Page& page) {
+    return theBook.get().withPage([module](Page& page) {
         const auto use = page.uses.find(module);
         if (use == page.uses.end() || --use->second.numUsers > 0) return false;
         const bool ours = use->second.ours;
@@ -77,7 +74,7 @@ bool leave(const CK_FUNCTION_LIST* module) noexcept {
 }
 
 void forget(const CK_FUNCTION_LIST* module) noexcept {
-    book().withPage([module](Page& page) {
+    theBook.get().withPage([module](Page& page) {
         const auto use = page.uses.find(module);
         if (use != page.uses.end() && --use->second.numUsers <= 0) page.uses.erase(use);
     });
