@@ -36,12 +36,11 @@ std::string whatDies(ClsPkcs11& p11, const TokenInfo& token) {
     std::string out = "\"" + printable(token.label) + "\" (serial number " +
                       printable(token.serialNumber) + ", slot " + std::to_string(token.slotId) +
                       ")";
-    ClsJsonObject keys;
+    int numObjects = 0;
     const bool isOpen = p11.OpenToken({.slotId = token.slotId}, false);
-    if (isOpen && p11.FindAllCerts() && p11.FindAllKeys("all", keys)) {
-        const auto numKeys = keys.valueAt("keys")->asArray()->size();
-        out += ", on which " + std::to_string(p11.get_NumCerts()) + " certificates and " +
-               std::to_string(numKeys) + " keys can be seen without a login";
+    if (isOpen && p11.CountObjects(numObjects)) {
+        out += ", on which " + std::to_string(numObjects) +
+               (numObjects == 1 ? " object" : " objects") + " can be seen without a login";
     }
     if (isOpen) p11.CloseSession();  // C_InitToken fails while one is open
     return out;

@@ -70,7 +70,7 @@ Exit runCardData(ClsPkcs11& p11, const Options&) {
     ClsJsonObject document;
     if (!ClsPkcs11::GetCardDataJson(document, p11.log()))
         throw CommandError{Exit::Module, p11.log().firstError(), {}};
-    std::cout << toJsonText(document.root(), true) << '\n';  // as it is, with a schema of its own
+    printJson(document.root());
     return Exit::Done;
 }
 

@@ -226,26 +226,34 @@ void choose(ClsPkcs11& p11, const Part& part, const Options& options, const std:
     if (!isFound) throwLastFailure(p11);
 }
 
-// A remark on a certificate that would have fitted but for its letter case.
-std::string nearMiss(ClsPkcs11& p11, const std::string& part, const std::string& value) {
-    std::string name(trimmed(part));
+// What the certificate has where the part asks for a text; nothing where it does not.
+std::optional<std::string> textIn(ClsCert& cert, const Part& part, const std::string& word) {
+    const auto fields = cert.getCert();
+    std::string name(trimmed(word));
     std::ranges::transform(name, name.begin(), toUpperAscii);
     if (name == "ORGANIZATION") name = "O";
     if (name == "EMAIL") name = "E";
     LogNull log;
+    XString text;
+    if (part.name == "label") return read(cert, &ClsCert::get_Label);
+    if (part.form == Form::SerialAndIssuer)
+        return read(cert, &ClsCert::get_SerialNumber) + ":" + read(cert, &ClsCert::get_IssuerCN);
+    const bool isRead = part.name == "subjectDN"  ? fields->getSubjectDN_noTags(text, log)
+                        : part.form == Form::Name ? fields->getSubjectDN(text, log)
+                                                  : fields->getSubjectPart(name.c_str(), text, log);
+    return isRead ? std::optional(std::string(text.view())) : std::nullopt;
+}
+
+// A remark on a certificate that would have fitted but for its letter case.
+std::string nearMiss(ClsPkcs11& p11, const Part& part, const std::string& word,
+                     const std::string& value) {
     for (int i = 0; i < p11.get_NumCerts(); ++i) {
         ClsCert cert;
         if (!p11.GetCert(i, cert)) return {};
-        const auto fields = cert.getCert();
-        XString text;
-        const bool isRead = name == "LABEL"       ? (cert.get_Label(text), true)
-                            : name == "SUBJECTDN" ? fields->getSubjectDN_noTags(text, log)
-                            : name == "SUBJECTDN_WITHTAGS"
-                                ? fields->getSubjectDN(text, log)
-                                : fields->getSubjectPart(name.c_str(), text, log);
-        if (isRead && isSame(text.view(), value))
+        const auto text = textIn(cert, part, word);
+        if (text && isSameButForCase(*text, value))
             return "Certificate " + std::to_string(i) +
-                   " differs only in letter case: " + printable(text.view());
+                   " differs only in letter case: " + printable(*text);
     }
     return {};
 }
@@ -294,15 +302,17 @@ Exit runFindCert(ClsPkcs11& p11, const Options& options) {
     const std::string given = options.arguments.size() > 1 ? options.arguments[1] : "";
     const std::string value = comparable(part, given);
     const bool isToOutput = options.out == "-";
+    const bool mayAsk = part.name == "privateKey";
+    if (options.noLogin && !mayAsk)
+        usageError("Only find-cert privateKey asks for a PIN, so --no-login is without effect.");
     if (isToOutput && options.json) usageError("--out - and --json cannot both be printed.");
-    const OpenedToken opened =
-        openToken(p11, options, part.name == "privateKey" ? LoginIf::Needed : LoginIf::Told);
+    const OpenedToken opened = openToken(p11, options, mayAsk ? LoginIf::Needed : LoginIf::Told);
     ClsCert cert;
     try {
         choose(p11, part, options, value, cert);
     } catch (CommandError& error) {
         if (error.status == Exit::NotFound && part.takesValue && error.hint.empty())
-            error.hint = nearMiss(p11, options.arguments[0], value);
+            error.hint = nearMiss(p11, part, options.arguments[0], value);
         throw;
     }
     int numLeftOut = p11.get_NumLeftOut();

@@ -1,5 +1,7 @@
 #include "token.h"
 
+#include <dlfcn.h>
+#include <link.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -32,6 +34,15 @@ void logIn(ClsPkcs11& p11, const Options& options, const TokenInfo& token, const
     if (!p11.Login(options.asOfficer ? 0 : 1, pin)) throwLastFailure(p11);
 }
 
+// Where the dynamic loader finds a library by its name, or the name if it does not.
+std::string pathOnSearchPath(const std::string& name) {
+    // Kept: it is loaded again at once.
+    void* const library = ::dlopen(name.c_str(), RTLD_NOW | RTLD_LOCAL);
+    const link_map* map = nullptr;
+    const bool isFound = library != nullptr && ::dlinfo(library, RTLD_DI_LINKMAP, &map) == 0;
+    return isFound && *map->l_name != '\0' ? map->l_name : name;
+}
+
 bool canAsk() {
     return ::isatty(STDIN_FILENO) == 1 && ::isatty(STDOUT_FILENO) == 1;
 }
@@ -44,9 +55,10 @@ void useModule(ClsPkcs11& p11, const Options& options) {
     // If there is a file of that name here, it is meant, not one on the loader's search path.
     std::error_code error;
     const bool isHere = std::filesystem::is_regular_file(options.module, error);
-    const auto path =
-        isHere ? std::filesystem::absolute(options.module, error).string() : options.module;
-    p11.put_SharedLibPath(error ? options.module : path);
+    const bool isBareName = options.module.find('/') == std::string::npos;
+    p11.put_SharedLibPath(isHere       ? std::filesystem::absolute(options.module, error).string()
+                          : isBareName ? pathOnSearchPath(options.module)
+                                       : options.module);
 }
 
 OpenedToken openToken(ClsPkcs11& p11, const Options& options, LoginIf when) {

@@ -1,7 +1,12 @@
 #include "words.h"
 
+#include <locale.h>
+#include <wctype.h>
+
 #include <algorithm>
+#include <cuchar>
 #include <limits>
+#include <memory>
 #include <numeric>
 #include <utility>
 #include <vector>
@@ -26,6 +31,28 @@ std::size_t distance(std::string_view a, std::string_view b) {
         }
     }
     return row[b.size()];
+}
+
+// A locale with the letters of all alphabets, whatever the user's own is.
+struct FreeLocale {
+    void operator()(locale_t locale) const noexcept { ::freelocale(locale); }
+};
+using Locale = std::unique_ptr<std::remove_pointer_t<locale_t>, FreeLocale>;
+
+std::u32string inLowerCase(std::string_view utf8, locale_t locale) {
+    std::u32string out;
+    const locale_t before = ::uselocale(locale);
+    std::mbstate_t state{};
+    while (!utf8.empty()) {
+        char32_t c = 0;
+        const std::size_t size = std::mbrtoc32(&c, utf8.data(), utf8.size(), &state);
+        if (size == 0 || size > utf8.size()) break;  // a NUL, or no UTF-8
+        out.push_back(static_cast<char32_t>(::towlower(static_cast<wint_t>(c))));
+        utf8.remove_prefix(size);
+    }
+    ::uselocale(before);
+    out.append(utf8.begin(), utf8.end());
+    return out;
 }
 
 bool isHexDigit(char c) noexcept {
@@ -73,6 +100,12 @@ std::string spacedName(std::string_view name) {
         out.push_back(' ');
     }
     return out;
+}
+
+bool isSameButForCase(std::string_view a, std::string_view b) {
+    const Locale letters(::newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr));
+    if (!letters) return equalsIgnoreCase(a, b);
+    return inLowerCase(a, letters.get()) == inLowerCase(b, letters.get());
 }
 
 std::vector<std::string> wordsOf(std::string_view text) {

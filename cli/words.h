@@ -22,6 +22,9 @@ std::optional<std::string> hexDigits(std::string_view text, std::string_view wil
 /// A distinguished name with one blank after each separating comma, as names are written here.
 std::string spacedName(std::string_view name);
 
+/// Whether the texts (UTF-8) differ in the case of their letters at most, in any alphabet.
+bool isSameButForCase(std::string_view a, std::string_view b);
+
 /// The words of a text, separated by blanks or commas.
 std::vector<std::string> wordsOf(std::string_view text);
 

@@ -33,4 +33,5 @@ set(MERVANE_PUBLIC_HEADERS
     pkcs11/records.h
     pkcs11/signer.h
     pkcs11/state.h
-    pkcs11/tokens.h)
+    pkcs11/tokens.h
+    pkcs11/wrappers.h)

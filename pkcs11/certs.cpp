@@ -42,6 +42,21 @@ bool isChosen(Certificate& cert, std::shared_ptr<Certificate>& candidate, LogBas
     return true;
 }
 
+bool linkForSelection(Pkcs11SessionOwner& owner, Calls& calls, Certificate& cert, LogBase& log) {
+    const auto link = cert.pkcs11Link();
+    if (link && link->keyHandle != 0) return true;
+    FoundKey found;
+    if (!searchKey(calls, cert, {}, found, log)) return false;
+    log.LogDataBool("hasPrivateKey", found.handle != 0);
+    if (found.handle != 0) {
+        log.LogDataLong("expectedSignatureSize", found.signatureSize);
+        cert.linkToPkcs11Session(&owner, found.keyType, found.signatureSize, found.handle, log,
+                                 found.facts);
+        log.LogDataBool("hasPrivateKey", cert.hasPrivateKey(false, log));
+    }
+    return true;
+}
+
 bool giveCert(Certificate& chosen, SystemCertsHolder& systemCerts, ClsCert& cert, LogBase& log) {
     const CritSecExitor lock(cert);
     cert.systemCerts().mergeSysCerts(systemCerts, log);
@@ -122,7 +137,7 @@ bool ClsPkcs11::findPkcs11Cert(const _smartcardCertSpec& spec, ClsCert& cert, Lo
             const LogContextExitor keyContext(log, "mustHavePrivateKey");
             // A key that could not be looked for ends the choice: the next certificate with a key
             // may be the wrong one.
-            if (!linkForSelection(*checked, log)) return false;
+            if (!linkForSelection(*this, *m_calls, *checked, log)) return false;
             if (checked->isLinkedToPkcs11() && isChosen(*checked, candidate, log))
                 return give(*checked);
         }
@@ -133,21 +148,6 @@ bool ClsPkcs11::findPkcs11Cert(const _smartcardCertSpec& spec, ClsCert& cert, Lo
         return give(*candidate);
     }
     return m_calls->fail(log, FailureKind::NotFound, "Not found.");
-}
-
-bool ClsPkcs11::linkForSelection(Certificate& cert, LogBase& log) {
-    const auto link = cert.pkcs11Link();
-    if (link && link->keyHandle != 0) return true;
-    FoundKey found;
-    if (!searchKey(*m_calls, cert, {}, found, log)) return false;
-    log.LogDataBool("hasPrivateKey", found.handle != 0);
-    if (found.handle != 0) {
-        log.LogDataLong("expectedSignatureSize", found.signatureSize);
-        cert.linkToPkcs11Session(this, found.keyType, found.signatureSize, found.handle, log,
-                                 found.facts);
-        log.LogDataBool("hasPrivateKey", cert.hasPrivateKey(false, log));
-    }
-    return true;
 }
 
 }  // namespace mervane

@@ -1,8 +1,6 @@
 #ifndef MERVANE_PKCS11_CLSPKCS11_H
 #define MERVANE_PKCS11_CLSPKCS11_H
 
-#include <memory>
-
 #include "../foundation/core/clsbase.h"
 #include "../foundation/json/clsjsonobject.h"
 #include "../foundation/text/xstring.h"
@@ -12,12 +10,10 @@
 #include "failure.h"
 #include "records.h"
 #include "signer.h"
-#include "state.h"
 #include "tokens.h"
+#include "wrappers.h"
 
 namespace mervane {
-
-class Calls;
 
 /// A PKCS#11 module in use: loads it, opens a session with a token, logs in, lists and chooses
 /// certificates, and finds the private key that belongs to one.
@@ -43,7 +39,7 @@ class Calls;
 /// Initialize begins anew.
 ///
 /// User types are PKCS#11's: 0 the security officer, 1 the normal user, 2 context-specific.
-class ClsPkcs11 : public ClsBase, public Pkcs11SessionOwner, protected Pkcs11State {
+class ClsPkcs11 : public ClsBase, public Pkcs11SessionOwner, protected Pkcs11Wrappers {
   public:
     ClsPkcs11();
     ~ClsPkcs11() override;
@@ -128,6 +124,10 @@ class ClsPkcs11 : public ClsBase, public Pkcs11SessionOwner, protected Pkcs11Sta
     /// than 32 bits; 0 when there is none or the search failed. docs/json.md has the members.
     int FindObject(ClsJsonObject& json);
 
+    /// Counts the certificates, keys and data objects that can be seen: no private ones unless the
+    /// user is logged in.
+    bool CountObjects(int& count);
+
     /// Fills `json` with the keys on the token: {"keys":[..]}. `selector` holds words separated by
     /// blanks or commas: private, public, secret, rsa, ec, all; empty means all.
     bool FindAllKeys(const XString& selector, ClsJsonObject& json);
@@ -194,12 +194,13 @@ class ClsPkcs11 : public ClsBase, public Pkcs11SessionOwner, protected Pkcs11Sta
                                      ExtPtrArraySb& paths, LogBase& log);
 
   protected:
-    // Internal methods and members are protected, so that a test may derive and look. They take no
-    // lock (openSession and login excepted) and expect the caller to hold the critical section.
+    // Internal methods are protected, so that a test may derive and look. They take no lock
+    // (openSession and login excepted) and expect the caller to hold the critical section.
 
     // --- Loading (module.cpp)
     bool loadPkcs11Dll(bool bareFileName, LogBase& log);
     bool loadPkcs11Dll_2(LogBase& log);
+    bool C_Initialize(LogBase& log);
     void checkSetSpecial(LogBase& log);
     bool discover(bool onlyTokensPresent, ClsJsonObject& json, LogBase& log);
 
@@ -225,40 +226,11 @@ class ClsPkcs11 : public ClsBase, public Pkcs11SessionOwner, protected Pkcs11Sta
     CK_OBJECT_HANDLE findRsaKeyBySubjectDER(Certificate& cert, bool requireSign, LogBase& log);
     CK_OBJECT_HANDLE findRsaKeyByModulus(Certificate& cert, bool requireSign, LogBase& log);
 
-    // --- The call layer under the names of the standard's functions (wrappers.cpp)
-    bool getPkcs11Functions(LogBase& log);
-    bool C_Initialize(LogBase& log);
-    bool noFunc(const char* functionName, LogBase& log);
-    bool noFuncs(LogBase& log);
-    bool noSession(LogBase& log);
-    bool getSlotIdsWithTokenPresent(unsigned long* slotIds, unsigned int& count, LogBase& log);
-    bool C_OpenSession(unsigned long slotId, bool flag, bool readWrite, LogBase& log);
-    bool C_CloseSession(LogBase& log);
-    bool C_Login(int userType, const char* pin, bool flag, LogBase& log);
-    bool C_Logout(LogBase& log);
-    bool C_SetPIN(const char* oldPin, const char* newPin, LogBase& log);
-    bool C_InitPIN(const char* pin, LogBase& log);
-    bool C_InitToken(unsigned long slotId, const char* soPin, const char* label, LogBase& log);
-    int findObject(ClsJsonObject& json, LogBase& log);
-    bool findAllKeys(const XString& selector, ClsJsonObject& json, LogBase& log);
-    bool getCryptokiInfo(ClsJsonObject& json, LogBase& log);
-    bool getSlotsInfo(bool onlyTokensPresent, bool secondFlag, bool skipMechanisms,
-                      ClsJsonObject& json, LogBase& log);
-    bool findAllCerts(LogBase& log);
-    bool cacheRsaPrivateKeys(bool withSubjectAndModulus, bool notQuick, LogBase& log);
-    bool cacheEcdsaPrivateKeys(bool withEcPoints, LogBase& log);
-
   private:
     void copyProperty(const XString& from, XString& to);
-    [[nodiscard]] bool isInUse() const noexcept;
-    [[nodiscard]] bool isLoadedByBareName() const;
     bool open(std::string_view path, LogBase& log);
     void unload(LogBase& log);
     bool beInUse(LogBase& log);
-    std::shared_ptr<Certificate> bestSigner(const SignerQuery& query, LogBase& log);
-    bool linkForSelection(Certificate& cert, LogBase& log);
-
-    std::unique_ptr<Calls> m_calls;
 };
 
 }  // namespace mervane

@@ -60,10 +60,22 @@ std::string whyMissing(const XString& path) {
     return name + " cannot be looked at (" + error.message() + ").";
 }
 
+// A path that could not be loaded has taken the module away that was initialised.
+bool isInUse(const Calls& calls) noexcept {
+    return calls.state.m_initialized && calls.use.functions() != nullptr;
+}
+
+// The module was found by its file name alone, and nothing stands at its path since.
+bool isLoadedByBareName(const Pkcs11State& state) {
+    StringBuffer bare(state.m_sharedLibPath.view());
+    return state.m_libHandle != nullptr && bare.stripDirectory() &&
+           bare.equals(state.m_loadedLibPath.view()) &&
+           !FileSys::fileExistsUtf8(state.m_sharedLibPath.getUtf8(), nullptr, nullptr);
+}
+
 }  // namespace
 
-ClsPkcs11::ClsPkcs11()
-    : m_calls(std::make_unique<Calls>(static_cast<Pkcs11State&>(*this), sessionAnchor())) {}
+ClsPkcs11::ClsPkcs11() : Pkcs11Wrappers(sessionAnchor()) {}
 
 ClsPkcs11* ClsPkcs11::createNewCls() noexcept {
     try {
@@ -115,7 +127,7 @@ void ClsPkcs11::put_SigContextPin(const XString& pin) {
 
 bool ClsPkcs11::Initialize() {
     return publicCall(*this, *m_calls, "Initialize", Record::Yes, [this](LogBase& log) {
-        if (!isInUse()) return C_Initialize(log);
+        if (!isInUse(*m_calls)) return C_Initialize(log);
         log.LogInfo("Already initialized.");
         noteOtherModule(*this, log);
         return true;
@@ -130,11 +142,6 @@ Failure ClsPkcs11::lastFailure() {
 int ClsPkcs11::get_NumLeftOut() {
     const CritSecExitor lock(*this);
     return m_calls->numLeftOut;
-}
-
-// A path that could not be loaded has taken the module away that was initialised.
-bool ClsPkcs11::isInUse() const noexcept {
-    return m_initialized && m_calls->use.functions() != nullptr;
 }
 
 bool ClsPkcs11::loadPkcs11Dll(bool bareFileName, LogBase& log) {
@@ -188,18 +195,25 @@ bool ClsPkcs11::open(std::string_view path, LogBase& log) {
     return true;
 }
 
-// The module was found by its file name alone, and nothing stands at its path since.
-bool ClsPkcs11::isLoadedByBareName() const {
-    StringBuffer bare(m_sharedLibPath.view());
-    return m_libHandle != nullptr && bare.stripDirectory() && bare.equals(m_loadedLibPath.view()) &&
-           !FileSys::fileExistsUtf8(m_sharedLibPath.getUtf8(), nullptr, nullptr);
-}
-
 bool ClsPkcs11::loadPkcs11Dll_2(LogBase& log) {
     const bool isLoaded =
-        isLoadedByBareName() || loadPkcs11Dll(false, log) || loadPkcs11Dll(true, log);
+        isLoadedByBareName(*this) || loadPkcs11Dll(false, log) || loadPkcs11Dll(true, log);
     if (!isLoaded) m_calls->noteFailure(FailureKind::ModuleMissing, whyMissing(m_sharedLibPath));
     return isLoaded && getPkcs11Functions(log);
+}
+
+bool ClsPkcs11::C_Initialize(LogBase& log) {
+    if (!loadPkcs11Dll_2(log)) {
+        // The loader is silent about a missing file, since it tries two ways.
+        const char* const path = m_sharedLibPath.getUtf8();
+        if (!m_sharedLibPath.isEmpty() && !FileSys::fileExistsUtf8(path, nullptr, nullptr)) {
+            m_calls->fail(log, FailureKind::ModuleMissing,
+                          "The PKCS11 module is missing: the SharedLibPath names no regular file.");
+            log.LogDataX("sharedLibPath", m_sharedLibPath);
+        }
+        return false;
+    }
+    return m_initialized || operation::initialise(*m_calls, log);
 }
 
 void ClsPkcs11::checkSetSpecial(LogBase& log) {
@@ -328,7 +342,7 @@ bool ClsPkcs11::GetToken(TokenInfo& token) {
 
 // Initialises the module unless that is done already.
 bool ClsPkcs11::beInUse(LogBase& log) {
-    if (isInUse()) {
+    if (isInUse(*m_calls)) {
         noteOtherModule(*this, log);
         return true;
     }
@@ -348,7 +362,7 @@ bool ClsPkcs11::QuickSession(int userType, const XString& pin) {
             return m_calls->fail(log, FailureKind::ModuleFailed, sentence);
         };
         if (!areCStrings(*m_calls, {&pin}, log)) return false;
-        if (!isInUse() && !C_Initialize(log)) return failed("Failed to initialize");
+        if (!isInUse(*m_calls) && !C_Initialize(log)) return failed("Failed to initialize");
         if (!openSession(-1, true, log)) return failed("Failed to open session.");
         if (pin.isEmpty()) {
             log.LogInfo("PIN is empty, not logging in.");
@@ -431,6 +445,11 @@ bool ClsPkcs11::InitToken(int slotId, const XString& soPin, const XString& label
 int ClsPkcs11::FindObject(ClsJsonObject& json) {
     return publicCall(*this, *m_calls, "FindObject", Record::No,
                       [&](LogBase& log) { return findObject(json, log); });
+}
+
+bool ClsPkcs11::CountObjects(int& count) {
+    return publicCall(*this, *m_calls, "CountObjects", Record::Yes,
+                      [&](LogBase& log) { return operation::countObjects(*m_calls, count, log); });
 }
 
 bool ClsPkcs11::FindAllKeys(const XString& selector, ClsJsonObject& json) {

@@ -164,41 +164,24 @@ bool isClear(Calls& calls, const std::vector<Candidate>& candidates, const Candi
     return false;
 }
 
-}  // namespace
-
-bool ClsPkcs11::FindSigner(const SignerQuery& query, ClsCert& cert) {
-    return publicCall(*this, *m_calls, "FindSigner", Record::Yes, [&](LogBase& log) {
-        const auto best = bestSigner(query, log);
-        if (!best) return false;
-        const CritSecExitor lock(cert);
-        cert.systemCerts().mergeSysCerts(m_systemCerts, log);
-        return cert.injectCert(best.get(), log);
-    });
-}
-
-std::shared_ptr<Certificate> ClsPkcs11::bestSigner(const SignerQuery& query, LogBase& log) {
-    const std::string at = query.at.empty() ? timeNow() : query.at;
-    if (!isTime(at)) {
-        m_calls->fail(log, FailureKind::Argument,
-                      "The time is not of the form YYYY-MM-DDThh:mm:ssZ.");
-        return nullptr;
-    }
-    if (!m_certsLoaded && !findAllCerts(log)) return nullptr;
+// The candidates among the cached certificates; nothing if a key could not be looked for.
+std::optional<std::vector<Candidate>> candidatesFor(Calls& calls, const SignerQuery& query,
+                                                    std::string_view at, LogBase& log) {
     const Demands demands(query);
+    const ExtPtrArray& certs = calls.state.m_certs;
     std::vector<Candidate> candidates;
     Misfits misfits;
-    for (int i = 0; i < m_certs.getSize(); ++i) {
-        const auto* const holder = static_cast<CertificateHolder*>(m_certs.elementAt(i));
+    for (int i = 0; i < certs.getSize(); ++i) {
+        const auto* const holder = static_cast<CertificateHolder*>(certs.elementAt(i));
         const auto checked = holder == nullptr ? nullptr : holder->share();
         if (!checked || !demands.areMet(*checked, log)) continue;
         FoundKey key;
-        if (!searchKey(*m_calls, *checked, {.mustSign = true}, key, log) ||
-            !checkGuess(*m_calls, *checked, key, log))
-            return nullptr;
+        if (!searchKey(calls, *checked, {.mustSign = true}, key, log) ||
+            !checkGuess(calls, *checked, key, log))
+            return std::nullopt;
         const bool isThere = key.handle != 0 && !key.facts.isDisproved;
-        const bool mayNotSign = isThere
-                                    ? !key.facts.maySign.value_or(true)
-                                    : key.handle == 0 && hasKeyThatMayNotSign(*m_calls, *checked);
+        const bool mayNotSign = isThere ? !key.facts.maySign.value_or(true)
+                                        : key.handle == 0 && hasKeyThatMayNotSign(calls, *checked);
         if (mayNotSign) {
             ++misfits.numThatMayNotSign;
         } else if (!isThere) {
@@ -207,16 +190,31 @@ std::shared_ptr<Certificate> ClsPkcs11::bestSigner(const SignerQuery& query, Log
             candidates.push_back({checked, key, Merits(*checked, key, at)});
         }
     }
-    if (candidates.empty()) {
-        misfits.report(*m_calls, log);
-        return nullptr;
-    }
-    const auto best = std::ranges::max_element(
-        candidates, [](const auto& a, const auto& b) { return a.merits.compare(b.merits) < 0; });
-    if (!isClear(*m_calls, candidates, *best, log)) return nullptr;
-    best->cert->linkToPkcs11Session(this, best->key.keyType, best->key.signatureSize,
-                                    best->key.handle, log, best->key.facts);
-    return best->cert;
+    if (candidates.empty()) misfits.report(calls, log);
+    return candidates;
+}
+
+}  // namespace
+
+bool ClsPkcs11::FindSigner(const SignerQuery& query, ClsCert& cert) {
+    return publicCall(*this, *m_calls, "FindSigner", Record::Yes, [&](LogBase& log) {
+        const std::string at = query.at.empty() ? timeNow() : query.at;
+        if (!isTime(at))
+            return m_calls->fail(log, FailureKind::Argument,
+                                 "The time is not of the form YYYY-MM-DDThh:mm:ssZ.");
+        if (!m_certsLoaded && !findAllCerts(log)) return false;
+        const auto candidates = candidatesFor(*m_calls, query, at, log);
+        if (!candidates || candidates->empty()) return false;
+        const Candidate& best = *std::ranges::max_element(
+            *candidates,
+            [](const auto& a, const auto& b) { return a.merits.compare(b.merits) < 0; });
+        if (!isClear(*m_calls, *candidates, best, log)) return false;
+        best.cert->linkToPkcs11Session(this, best.key.keyType, best.key.signatureSize,
+                                       best.key.handle, log, best.key.facts);
+        const CritSecExitor lock(cert);
+        cert.systemCerts().mergeSysCerts(m_systemCerts, log);
+        return cert.injectCert(best.cert.get(), log);
+    });
 }
 
 }  // namespace mervane

@@ -1,4 +1,5 @@
-// FindObject: one object from its description in JSON. Layout: docs/json.md.
+// FindObject: one object from its description in JSON. Layout: docs/json.md. CountObjects: how many
+// there are of the classes that a description can name.
 
 #include <algorithm>
 #include <array>
@@ -164,6 +165,18 @@ int findObject(Calls& calls, ClsJsonObject& json, LogBase& log) {
     log.LogInfo("No object fits the description.");
     calls.noteFailure(FailureKind::NotFound, "No object fits the description.");
     return 0;
+}
+
+bool countObjects(Calls& calls, int& count, LogBase& log) {
+    int numFound = 0;
+    for (const Word& word : kClassWords) {
+        ObjectQuery query(word.value);
+        std::vector<CK_OBJECT_HANDLE> handles;
+        if (!findObjects(calls, query.attributes(), kMaxObjects, handles, log)) return false;
+        numFound += static_cast<int>(handles.size());
+    }
+    count = numFound;
+    return true;
 }
 
 }  // namespace mervane::operation

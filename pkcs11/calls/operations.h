@@ -50,6 +50,7 @@ bool initToken(Calls& calls, CK_SLOT_ID slotId, const char* soPin, const char* l
 
 // --- findobject.cpp, keylist.cpp
 int findObject(Calls& calls, ClsJsonObject& json, LogBase& log);
+bool countObjects(Calls& calls, int& count, LogBase& log);
 bool findAllKeys(Calls& calls, const XString& selector, ClsJsonObject& json, LogBase& log);
 
 // --- report.cpp

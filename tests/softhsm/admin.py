@@ -111,11 +111,14 @@ def use(token, folder):
     """Keys and certificates on it, as another tool sees them"""
     openssl("genpkey", "-algorithm", "RSA", "-pkeyopt", "rsa_keygen_bits:2048", "-out", folder / "rsa.key")
     openssl("genpkey", "-algorithm", "EC", "-pkeyopt", "ec_paramgen_curve:P-384", "-out", folder / "ec.key")
-    openssl("req", "-x509", "-key", folder / "rsa.key", "-subj", "/CN=Signer", "-set_serial", "0xBEEF", "-addext", "keyUsage=digitalSignature", "-outform", "DER", "-out", folder / "cert.der")
+    openssl("req", "-x509", "-key", folder / "rsa.key", "-utf8", "-subj", "/CN=Signer/O=Zürich", "-set_serial", "0xBEEF", "-addext", "keyUsage=digitalSignature", "-outform", "DER", "-out", folder / "cert.der")
     token.put_key(folder / "rsa.key", "01", "schlüssel", "from nothing")
     token.put_key(folder / "ec.key", "02", "鍵", "from nothing")
     token.put_cert(folder / "cert.der", "01", "signer")
     token.pkcs11_tool("--login", "--pin", USER_PIN, "--keygen", "--key-type", "AES:32", "--label", "aes", "--id", "03", check=False)
+    token.pkcs11_tool("--login", "--pin", USER_PIN, "--write-object", folder / "cert.der", "--type", "data", "--label", "note")
+    victim = token.p11("init-token", "x", "--token-label", "from nothing", "--so-pin", "env:SO", check=False).stderr
+    expect(f"on which {len(re.findall('^[A-Z]', token.pkcs11_tool('-O').stdout, re.M))} objects can be seen without a login" in victim, victim)
     login = ("--pin", "env:USER")
     documents = {name: token.p11_json(name, *words) for name, words in
                  {"find-cert": ("privateKey", *login), "match": login, "certs": (), "keys": login}.items()}
