@@ -1,10 +1,9 @@
 #include "words.h"
 
-#include <locale.h>
-#include <wctype.h>
-
 #include <algorithm>
+#include <clocale>
 #include <cuchar>
+#include <cwctype>
 #include <limits>
 #include <memory>
 #include <numeric>
@@ -47,7 +46,7 @@ std::u32string inLowerCase(std::string_view utf8, locale_t locale) {
         char32_t c = 0;
         const std::size_t size = std::mbrtoc32(&c, utf8.data(), utf8.size(), &state);
         if (size == 0 || size > utf8.size()) break;  // a NUL, or no UTF-8
-        out.push_back(static_cast<char32_t>(::towlower(static_cast<wint_t>(c))));
+        out.push_back(static_cast<char32_t>(std::towlower(static_cast<wint_t>(c))));
         utf8.remove_prefix(size);
     }
     ::uselocale(before);
