@@ -5,6 +5,7 @@ set(MERVANE_PUBLIC_HEADERS
     foundation/core/critsec.h
     foundation/core/object.h
     foundation/core/ptrarray.h
+    foundation/digest/hash.h
     foundation/json/clsjsonobject.h
     foundation/json/compactlist.h
     foundation/json/value.h
@@ -34,4 +35,5 @@ set(MERVANE_PUBLIC_HEADERS
     pkcs11/signer.h
     pkcs11/state.h
     pkcs11/tokens.h
-    pkcs11/wrappers.h)
+    pkcs11/wrappers.h
+    signing/options.h)

@@ -1,11 +1,15 @@
 #ifndef MERVANE_PKCS11_CLSPKCS11_H
 #define MERVANE_PKCS11_CLSPKCS11_H
 
+#include <span>
+#include <vector>
+
 #include "../foundation/core/clsbase.h"
 #include "../foundation/json/clsjsonobject.h"
 #include "../foundation/text/xstring.h"
 #include "../foundation/x509/certificate.h"
 #include "../foundation/x509/clscert.h"
+#include "../signing/options.h"
 #include "explanation.h"
 #include "failure.h"
 #include "records.h"
@@ -166,6 +170,26 @@ class ClsPkcs11 : public ClsBase, public Pkcs11SessionOwner, protected Pkcs11Wra
     /// Says which rule finds the certificate's private key, and why the other keys of its type are
     /// not taken. Reads all that the token shows of them; links nothing.
     bool ExplainPrivateKey(ClsCert& cert, KeyExplanation& out);
+
+    // --- Signing, with the key that `cert` is linked to in the open session; see
+    // signing/options.h. A guessed key is proved first, and an RSA signature is verified before it
+    // is given out. Outputs are untouched on failure. Keys that ask for their PIN at each signature
+    // get SigContextPin; if that is refused it is not tried again until it is set anew.
+
+    /// Signs a digest, made with the options' hash. Two module calls; three with the PIN.
+    bool SignHash(ClsCert& cert, std::span<const std::uint8_t> digest, const SignOptions& options,
+                  std::vector<std::uint8_t>& signature);
+    /// Signs data, in memory or read piece by piece.
+    bool SignData(ClsCert& cert, std::span<const std::uint8_t> data, const SignOptions& options,
+                  std::vector<std::uint8_t>& signature);
+    bool SignData(ClsCert& cert, const DataReader& reader, const SignOptions& options,
+                  std::vector<std::uint8_t>& signature);
+    /// Signs a document, which is read once: CMS SignedData (RFC 5652) in DER, with the attributes
+    /// of CAdES baseline B (ETSI EN 319 122-1).
+    bool SignCms(ClsCert& cert, const DataReader& reader, const CmsOptions& options,
+                 std::vector<std::uint8_t>& document);
+    /// Proves that the linked key is the certificate's: signs a random number and verifies that.
+    bool ProveKey(ClsCert& cert, KeyProof& proof);
 
     // --- Entry points for the rest of the library. These take no lock.
 

@@ -120,7 +120,9 @@ void ClsPkcs11::get_SigContextPin(XString& out) {
     copyProperty(m_sigContextPin, out);
 }
 void ClsPkcs11::put_SigContextPin(const XString& pin) {
+    const CritSecExitor lock(*this);
     copyProperty(pin, m_sigContextPin);
+    m_contextPinWasRefused = false;
 }
 
 // --- Loading
@@ -397,6 +399,7 @@ bool ClsPkcs11::login(int userType, const char* pin, LogBase& log) {
 
 void ClsPkcs11::setContextSpecificPin(const XString& pin, LogBase& log) {
     m_sigContextPin.copyFromX(pin);
+    m_contextPinWasRefused = false;
     log.LogInfo("This is a context-specific PIN, so we're not actually logging in right now...");
     log.LogInfo(
         "The context-specific PIN is saved for the time when each signing operation occurs.");

@@ -7,9 +7,8 @@
 #include "pkcs11/signer.h"
 
 #include <algorithm>
-#include <array>
-#include <ctime>
 
+#include "foundation/system/clock.h"
 #include "foundation/text/hex.h"
 #include "pkcs11/certmatch.h"
 #include "pkcs11/clspkcs11.h"
@@ -18,21 +17,6 @@
 
 namespace mervane {
 namespace {
-
-std::string timeNow() {
-    const std::time_t now = std::time(nullptr);
-    std::tm utc{};
-    std::array<char, 32> text{};
-    if (::gmtime_r(&now, &utc) == nullptr) return {};
-    return {text.data(), std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &utc)};
-}
-
-bool isTime(std::string_view text) {
-    constexpr std::string_view kForm = "0000-00-00T00:00:00Z";
-    return std::ranges::equal(text, kForm, [](char c, char form) {
-        return form == '0' ? c >= '0' && c <= '9' : c == form;
-    });
-}
 
 // What speaks for a certificate, in the order in which it counts. Better is greater.
 struct Merits {
@@ -198,8 +182,8 @@ std::optional<std::vector<Candidate>> candidatesFor(Calls& calls, const SignerQu
 
 bool ClsPkcs11::FindSigner(const SignerQuery& query, ClsCert& cert) {
     return publicCall(*this, *m_calls, "FindSigner", Record::Yes, [&](LogBase& log) {
-        const std::string at = query.at.empty() ? timeNow() : query.at;
-        if (!isTime(at))
+        const std::string at = query.at.empty() ? utcNow() : query.at;
+        if (!isUtcTime(at))
             return m_calls->fail(log, FailureKind::Argument,
                                  "The time is not of the form YYYY-MM-DDThh:mm:ssZ.");
         if (!m_certsLoaded && !findAllCerts(log)) return false;

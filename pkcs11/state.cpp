@@ -4,6 +4,7 @@
 
 #include "foundation/x509/certificate.h"
 #include "pkcs11/keyindex.h"
+#include "pkcs11/keynotes.h"
 
 namespace mervane {
 namespace {
@@ -17,7 +18,9 @@ void renew(T& member) {
 }  // namespace
 
 Pkcs11State::Pkcs11State()
-    : m_rsaIndex(std::make_unique<KeyIndex>()), m_ecdsaIndex(std::make_unique<KeyIndex>()) {}
+    : m_rsaIndex(std::make_unique<KeyIndex>()),
+      m_ecdsaIndex(std::make_unique<KeyIndex>()),
+      m_keyNotes(std::make_unique<KeyNotebook>()) {}
 
 Pkcs11State::~Pkcs11State() = default;
 
@@ -61,6 +64,8 @@ void Pkcs11State::abandon() {
         static_cast<void>(index->release());
         *index = std::make_unique<KeyIndex>();
     }
+    static_cast<void>(m_keyNotes.release());
+    m_keyNotes = std::make_unique<KeyNotebook>();
 }
 
 }  // namespace mervane

@@ -13,6 +13,7 @@
 namespace mervane {
 
 class KeyIndex;
+class KeyNotebook;
 
 /// The members of a ClsPkcs11. All are guarded by the object's critical section; nothing here takes
 /// it. Who changes which: the loader (pkcs11/module.cpp) the library, the call layer
@@ -64,8 +65,11 @@ struct Pkcs11State {
     bool m_ecdsaKeysHavePoints = false;    // of the last fill of m_ecdsaPrivKeys
     std::unique_ptr<KeyIndex> m_rsaIndex;  // over the two caches
     std::unique_ptr<KeyIndex> m_ecdsaIndex;
-    bool m_isSettingProperty = false;  // see abandon()
-    TokenInfo m_token;                 // as it was described in the session of this number
+    std::unique_ptr<KeyNotebook> m_keyNotes;
+    bool m_sessionIsReadWrite = false;    // of the session opened last
+    bool m_contextPinWasRefused = false;  // m_sigContextPin was, so it is not tried again
+    bool m_isSettingProperty = false;     // see abandon()
+    TokenInfo m_token;                    // as it was described in the session of this number
     std::uint64_t m_tokenSession = 0;
 
     /// Unlinks every cached certificate, then forgets them all.

@@ -1,12 +1,12 @@
 // DER, names, certificates and keys. softhsm/agreement.py and softhsm/differential.py compare whole
 // certificates with the openssl tool.
 
+#include "foundation/digest/digest.h"
 #include "foundation/text/bytes.h"
 #include "foundation/text/hex.h"
 #include "foundation/x509/extensionxml.h"
 #include "foundation/x509/name.h"
 #include "foundation/x509/oid.h"
-#include "foundation/x509/sha256.h"
 #include "foundation/x509/usage.h"
 #include "tests/readers.h"
 #include "tests/support.h"
@@ -173,7 +173,7 @@ TEST(EcPointTest, FormsOfOnePointCompare) {
 
 // FIPS 180-4's examples, and one of two blocks of padding.
 TEST(DigestTest, Sha256OfTheStandardsExamples) {
-    const auto digest = [](const std::string& text) { return toHex(sha256(asBytes(text))); };
+    const auto digest = [](const std::string& text) { return toHex(digestOf(Hash::Sha256, asBytes(text))); };
     EXPECT_EQ(digest(""), "E3B0C44298FC1C149AFBF4C8996FB92427AE41E4649B934CA495991B7852B855");
     EXPECT_EQ(digest("abc"), "BA7816BF8F01CFEA414140DE5DAE2223B00361A396177A9CB410FF61F20015AD");
     EXPECT_EQ(digest("abcdbcdecdefdefgefghfghighijhijkijkljklmklmnlmnomnopnopq"), "248D6A61D20638B8E5C026930C3E6039A33CE45964FF2167F6ECEDD419DB06C1");

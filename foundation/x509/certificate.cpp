@@ -11,13 +11,13 @@
 #include <array>
 #include <utility>
 
+#include "foundation/digest/digest.h"
+#include "foundation/digest/sha1.h"
 #include "foundation/text/bytes.h"
 #include "foundation/text/hex.h"
 #include "foundation/x509/extensionxml.h"
 #include "foundation/x509/name.h"
 #include "foundation/x509/oid.h"
-#include "foundation/x509/sha1.h"
-#include "foundation/x509/sha256.h"
 #include "foundation/x509/usage.h"
 
 namespace mervane {
@@ -186,7 +186,7 @@ bool Certificate::getSha1ThumbprintX(XString& out, LogBase&) const {
 }
 
 bool Certificate::getSha256Thumbprint(XString& out, LogBase&) const {
-    out.setFromUtf8(toHex(sha256(der())));
+    out.setFromUtf8(toHex(digestOf(Hash::Sha256, der())));
     return true;
 }
 

@@ -112,6 +112,11 @@ class Certificate final : public std::enable_shared_from_this<Certificate> {
     bool getKeyAlgorithm(XString& out, LogBase& log) const;
     /// Decodes the public key; false for keys that _mvPublicKey::loadSpki() does not support.
     bool getCertPublicKey(_mvPublicKey& out, LogBase& log) const;
+    /// The whole SubjectPublicKeyInfo, the whole issuer, and the content of the serial number;
+    /// valid as long as this object.
+    [[nodiscard]] der::Bytes spki() const noexcept { return bytesOf(m_spki); }
+    [[nodiscard]] der::Bytes issuer() const noexcept { return bytesOf(m_issuer); }
+    [[nodiscard]] der::Bytes serialNumber() const noexcept { return bytesOf(m_serial); }
     /// The DER of a part. Part 1 is the subject; any other, or a malformed subject, returns false.
     bool getPartDer(int part, DataBuffer& out, LogBase& log) const;
 

@@ -21,7 +21,7 @@ constexpr int kMaxRsaBits = 16384;
 // The windows on a SubjectPublicKeyInfo that both readers below need.
 struct SpkiParts {
     std::optional<EcCurve> curve;  // of an EC key alone
-    der::Bytes point;
+    EcKeyParts ec;
     der::Bytes modulus, exponent;  // of an RSA key, without leading zeros
 };
 
@@ -44,7 +44,7 @@ std::optional<SpkiParts> splitSpki(der::Bytes spki) noexcept {
         const auto parameters = parts.readAny();
         out.curve = parameters ? findCurve(parameters->whole) : std::nullopt;
         if (!out.curve) out.curve = curveOfPoint(*key);
-        out.point = *key;
+        out.ec = {parameters ? parameters->whole : der::Bytes(), *key};
         return out.curve ? std::optional(out) : std::nullopt;
     }
     if (name != kRsaEncryption && name != kRsaPss) return std::nullopt;
@@ -102,7 +102,7 @@ bool _mvPublicKey::loadSpki(der::Bytes spki) {
     const auto parts = splitSpki(spki);
     if (!parts) return false;
     if (parts->curve) {
-        m_key.emplace<EccKey>(*parts->curve, parts->point);
+        m_key.emplace<EccKey>(*parts->curve, parts->ec.point);
     } else {
         m_key.emplace<RsaKey>(RsaKey{mp_int(parts->modulus), mp_int(parts->exponent)});
     }
@@ -122,6 +122,15 @@ der::Bytes keyAlgorithmOf(der::Bytes spki) noexcept {
     const auto algorithm = fields ? fields->read(der::kSequence) : std::nullopt;
     const auto oid = algorithm ? der::Cursor(algorithm->content).read(der::kOid) : std::nullopt;
     return oid ? oid->content : der::Bytes();
+}
+
+EcKeyParts ecKeyPartsOf(der::Bytes spki) noexcept {
+    const auto parts = splitSpki(spki);
+    return parts ? parts->ec : EcKeyParts();
+}
+
+bool isPssKey(der::Bytes spki) noexcept {
+    return asChars(keyAlgorithmOf(spki)) == kRsaPss;
 }
 
 }  // namespace mervane

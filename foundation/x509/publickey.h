@@ -91,6 +91,17 @@ KeyKind keyKindOf(der::Bytes spki) noexcept;
 /// Content octets of the key algorithm's identifier; empty when that is malformed.
 der::Bytes keyAlgorithmOf(der::Bytes spki) noexcept;
 
+/// The parameters of an EC key, EcpkParameters, and its point as it is in the SubjectPublicKeyInfo;
+/// both empty for other keys.
+struct EcKeyParts {
+    der::Bytes parameters;
+    der::Bytes point;
+};
+EcKeyParts ecKeyPartsOf(der::Bytes spki) noexcept;
+
+/// Whether the key is for RSASSA-PSS alone (RFC 4055 1.2).
+bool isPssKey(der::Bytes spki) noexcept;
+
 }  // namespace mervane
 
 #endif

@@ -74,6 +74,18 @@ struct CK_MECHANISM_INFO {
     CK_FLAGS flags;
 };
 
+struct CK_MECHANISM {
+    CK_MECHANISM_TYPE mechanism;
+    void* pParameter;
+    CK_ULONG ulParameterLen;
+};
+
+struct CK_RSA_PKCS_PSS_PARAMS {
+    CK_MECHANISM_TYPE hashAlg;
+    CK_ULONG mgf;
+    CK_ULONG sLen;  // bytes
+};
+
 struct CK_ATTRIBUTE {
     CK_ATTRIBUTE_TYPE type;
     void* pValue;
@@ -151,6 +163,19 @@ inline constexpr CK_ATTRIBUTE_TYPE CKA_EC_PARAMS = 0x180;
 inline constexpr CK_ATTRIBUTE_TYPE CKA_EC_POINT = 0x181;
 inline constexpr CK_ATTRIBUTE_TYPE CKA_ALWAYS_AUTHENTICATE = 0x202;
 
+// Mechanisms that sign (PKCS#11 2.40 mechanisms 2.1 and 2.3; the SHA-2 forms of ECDSA 3.0).
+inline constexpr CK_MECHANISM_TYPE CKM_RSA_PKCS = 0x0001;
+inline constexpr CK_MECHANISM_TYPE CKM_RSA_PKCS_PSS = 0x000D;
+inline constexpr CK_MECHANISM_TYPE CKM_SHA256_RSA_PKCS = 0x0040;  // the next two: 384, 512
+inline constexpr CK_MECHANISM_TYPE CKM_SHA256_RSA_PKCS_PSS = 0x0043;
+inline constexpr CK_MECHANISM_TYPE CKM_ECDSA = 0x1041;
+inline constexpr CK_MECHANISM_TYPE CKM_ECDSA_SHA256 = 0x1044;
+// The hash functions of PSS's parameters and their mask generation functions.
+inline constexpr CK_MECHANISM_TYPE CKM_SHA256 = 0x0250;
+inline constexpr CK_MECHANISM_TYPE CKM_SHA384 = 0x0260;
+inline constexpr CK_MECHANISM_TYPE CKM_SHA512 = 0x0270;
+inline constexpr CK_ULONG CKG_MGF1_SHA256 = 2;
+
 // A function that is never called; only its place in the list matters.
 using CK_UNCALLED = CK_RV (*)();
 
@@ -196,7 +221,13 @@ struct CK_FUNCTION_LIST {
     CK_UNCALLED C_EncryptInit, C_Encrypt, C_EncryptUpdate, C_EncryptFinal;
     CK_UNCALLED C_DecryptInit, C_Decrypt, C_DecryptUpdate, C_DecryptFinal;
     CK_UNCALLED C_DigestInit, C_Digest, C_DigestUpdate, C_DigestKey, C_DigestFinal;
-    CK_UNCALLED C_SignInit, C_Sign, C_SignUpdate, C_SignFinal, C_SignRecoverInit, C_SignRecover;
+    CK_RV (*C_SignInit)(CK_SESSION_HANDLE session, CK_MECHANISM* mechanism, CK_OBJECT_HANDLE key);
+    CK_RV(*C_Sign)
+    (CK_SESSION_HANDLE session, CK_BYTE* data, CK_ULONG dataLen, CK_BYTE* signature,
+     CK_ULONG* signatureLen);
+    CK_RV (*C_SignUpdate)(CK_SESSION_HANDLE session, CK_BYTE* part, CK_ULONG partLen);
+    CK_RV (*C_SignFinal)(CK_SESSION_HANDLE session, CK_BYTE* signature, CK_ULONG* signatureLen);
+    CK_UNCALLED C_SignRecoverInit, C_SignRecover;
     CK_UNCALLED C_VerifyInit, C_Verify, C_VerifyUpdate, C_VerifyFinal, C_VerifyRecoverInit,
         C_VerifyRecover;
     CK_UNCALLED C_DigestEncryptUpdate, C_DecryptDigestUpdate, C_SignEncryptUpdate,
@@ -229,6 +260,10 @@ static_assert(offsetof(CK_FUNCTION_LIST, C_GetAttributeValue) == 25 * sizeof(voi
 static_assert(offsetof(CK_FUNCTION_LIST, C_FindObjectsInit) == 27 * sizeof(void*));
 static_assert(offsetof(CK_FUNCTION_LIST, C_FindObjects) == 28 * sizeof(void*));
 static_assert(offsetof(CK_FUNCTION_LIST, C_FindObjectsFinal) == 29 * sizeof(void*));
+static_assert(offsetof(CK_FUNCTION_LIST, C_SignInit) == 43 * sizeof(void*));
+static_assert(offsetof(CK_FUNCTION_LIST, C_Sign) == 44 * sizeof(void*));
+static_assert(offsetof(CK_FUNCTION_LIST, C_SignUpdate) == 45 * sizeof(void*));
+static_assert(offsetof(CK_FUNCTION_LIST, C_SignFinal) == 46 * sizeof(void*));
 
 }  // namespace mervane
 

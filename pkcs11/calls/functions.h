@@ -57,6 +57,10 @@ inline constexpr auto kFindObjectsInit =
 inline constexpr auto kFindObjects = make<Needs::Session>(&List::C_FindObjects, "C_FindObjects");
 inline constexpr auto kFindObjectsFinal =
     make<Needs::Session>(&List::C_FindObjectsFinal, "C_FindObjectsFinal");
+inline constexpr auto kSignInit = make<Needs::Session>(&List::C_SignInit, "C_SignInit");
+inline constexpr auto kSign = make<Needs::Session>(&List::C_Sign, "C_Sign");
+inline constexpr auto kSignUpdate = make<Needs::Session>(&List::C_SignUpdate, "C_SignUpdate");
+inline constexpr auto kSignFinal = make<Needs::Session>(&List::C_SignFinal, "C_SignFinal");
 
 }  // namespace function
 }  // namespace mervane

@@ -69,6 +69,11 @@ void ModuleUse::replaceSession(CK_SESSION_HANDLE session, bool onSameToken, LogB
     if (old != session) closeQuietly(old, log);
 }
 
+void ModuleUse::exchangeSession(CK_SESSION_HANDLE session, LogBase& log) noexcept {
+    const CK_SESSION_HANDLE old = std::exchange(m_state.m_hSession, session);
+    if (old != session) closeQuietly(old, log);
+}
+
 void ModuleUse::restartSession(LogBase& log) {
     const CK_SESSION_HANDLE session = m_state.m_hSession;
     dropSession(log);

@@ -12,11 +12,12 @@ namespace mervane {
 
 /// One object's use of a module, and the life of its session:
 ///
-///     opened      beginSession()     the session gets a number, under which certificates are
-///     linked replaced    replaceSession()   the new one stands before the old one is closed, so
-///     that a
-///                                    failed open loses nothing; a login on the same token is kept
-///     logged out  restartSession()   goes on under another number: earlier links are void
+///     opened      beginSession()     the session gets a number; certificates are linked under it
+///     replaced    replaceSession()   the new one stands before the old one is closed: a failed
+///     open
+///                                    loses nothing, and a login on the same token is kept
+///     exchanged   exchangeSession()  for another one on the same token, with all that belongs to
+///     it logged out  restartSession()   goes on under another number: earlier links are void
 ///     closed      dropSession()      after C_CloseSession
 ///     gone        dropSession()      the module says that session or token are not there; nothing
 ///                                    is called any more
@@ -56,6 +57,8 @@ class ModuleUse {
     }
     void beginSession(CK_SESSION_HANDLE session) noexcept;
     void replaceSession(CK_SESSION_HANDLE session, bool onSameToken, LogBase& log);
+    /// Goes on with another session on the same token: logins, handles and links stay.
+    void exchangeSession(CK_SESSION_HANDLE session, LogBase& log) noexcept;
     void restartSession(LogBase& log);
     void dropSession(LogBase& log);
 

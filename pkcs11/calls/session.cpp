@@ -133,6 +133,7 @@ bool openSession(Calls& calls, CK_SLOT_ID slotId, bool readWrite, LogBase& log) 
     }
     if (session == 0)
         return calls.fail(log, FailureKind::ModuleFailed, "C_OpenSession gave no session handle.");
+    calls.state.m_sessionIsReadWrite = readWrite;
     if (calls.hasOpenSession()) {
         calls.use.replaceSession(session, slotId == calls.state.m_slotId, log);
     } else {

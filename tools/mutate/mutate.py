@@ -30,7 +30,7 @@ TREE, BUILD, UNBROKEN = WORK / "tree", WORK / "build", WORK / "unbroken"
 TESTS = BUILD / "mervane_tests"
 WORKERS = os.cpu_count()
 
-SOURCES = ("pkcs11/", "foundation/")
+SOURCES = ("pkcs11/", "signing/", "foundation/")
 EXCLUDED = {"pkcs11/carddata/constants.cpp": "generated; a test of its own compares it with its source"}
 
 SLOW = 0.3  # seconds; tests that take longer run only when the others see nothing

@@ -1,8 +1,9 @@
-#include "foundation/x509/sha1.h"
+#include "foundation/digest/sha1.h"
 
-#include <algorithm>
 #include <bit>
 #include <utility>
+
+#include "foundation/digest/padding.h"
 
 namespace mervane {
 namespace {
@@ -64,18 +65,11 @@ void addBlock(State& state, const std::uint8_t* block) noexcept {
 
 std::array<std::uint8_t, 20> sha1(std::span<const std::uint8_t> data) noexcept {
     State state = {0x67452301, 0xEFCDAB89, 0x98BADCFE, 0x10325476, 0xC3D2E1F0};
-    const std::uint64_t numBits = data.size() * 8;
+    const std::uint64_t size = data.size();
     for (; data.size() >= kBlockSize; data = data.subspan(kBlockSize)) addBlock(state, data.data());
-
-    // FIPS 180-4 5.1.1: a one bit, zeros, and the length in bits; takes one block or two.
-    std::array<std::uint8_t, 2 * kBlockSize> tail{};
-    std::ranges::copy(data, tail.begin());
-    tail[data.size()] = 0x80;
-    const std::size_t tailSize = data.size() < kBlockSize - 8 ? kBlockSize : 2 * kBlockSize;
-    for (std::size_t i = 0; i < 8; ++i) {
-        tail[tailSize - 1 - i] = static_cast<std::uint8_t>(numBits >> (8 * i));
-    }
-    for (std::size_t at = 0; at < tailSize; at += kBlockSize) addBlock(state, tail.data() + at);
+    const PaddedEnd end(data, size, kBlockSize);
+    for (auto rest = end.bytes(); !rest.empty(); rest = rest.subspan(kBlockSize))
+        addBlock(state, rest.data());
 
     std::array<std::uint8_t, 20> out{};
     for (std::size_t i = 0; i < out.size(); ++i) {
