@@ -36,7 +36,7 @@ class LinkedKey {
         if (!m_cert) return refuse(FailureKind::Argument, "The certificate object is empty.");
         const auto link = m_cert->pkcs11Link();
         if (!link || link->keyHandle == 0)
-            return m_cert->hasPrivateKey(false, m_log)
+            return m_cert->wasLinkedToPkcs11()
                        ? refuse(FailureKind::TokenGone,
                                 "The session in which the certificate was found has ended.")
                        : refuse(FailureKind::Argument,

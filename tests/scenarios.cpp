@@ -49,6 +49,18 @@ bool findSigner(Pkcs11& p, ScenarioArgs& a) {
     return found && isExplained;
 }
 
+bool signOnce(Pkcs11& p, ScenarioArgs& a) {
+    bool isSigned = false;
+    a.signature.clear();
+    const bool found = p.QuickSession(1, a.userPin) && givesCert([&](ClsCert& c) {
+                           const bool ok = p.FindCert(a.commonName, a.curve, c);
+                           isSigned = ok && p.linkCertToPkcs11Session(c.getCert().get(), false, p.log()) && p.SignData(c, a.data, {}, a.signature);
+                           EXPECT_NE(isSigned, a.signature.empty());
+                           return ok;
+                       });
+    return found && isSigned;
+}
+
 bool discoverAll(Pkcs11& p, ScenarioArgs& a) { return p.Discover(false, a.report); }
 
 bool askForObjects(Pkcs11& p, ScenarioArgs& a) {
@@ -102,10 +114,11 @@ ScenarioArgs::ScenarioArgs() {
     signer.parts = {{"CN", "Alice"}};
 }
 
-const std::array<Scenario, 7> kScenarios = {{{"whole session", wholeSession, 1},
+const std::array<Scenario, 8> kScenarios = {{{"whole session", wholeSession, 1},
                                              {"RSA certificate", findRsa, 1},
                                              {"EC certificate", findEc, 1},
                                              {"signer", findSigner, 1},
+                                             {"signature", signOnce, 1},
                                              {"discovery", discoverAll, 0},
                                              {"objects and keys", askForObjects, 1},
                                              {"PINs and token", administer, 1}}};
@@ -127,6 +140,7 @@ void furnish(fake::World& world, Token token) {
     world.needsNullArguments = token == Token::Crowded;
     world.answer = nullptr;
     world.lie = nullptr;
+    world.signer = signedByOpenSsl;
 }
 
 bool recovers(const FakeModule& module, const Scenario& scenario, Token token, const std::function<void()>& arrange,

@@ -15,6 +15,7 @@ struct ScenarioArgs {
     XString privateKey{"privateKey"}, commonName{"CN"}, curve{"Curve 256"}, privateWord{"private"}, label{"renewed"};
     ClsJsonObject description, keys, report;
     SignerQuery signer;
+    std::vector<std::uint8_t> data = std::vector<std::uint8_t>(100), signature;
 };
 
 /// What an application does from start to finish while faults are injected. Each is a few public
@@ -24,7 +25,7 @@ struct Scenario {
     bool (*run)(Pkcs11& p11, ScenarioArgs& args);
     int numLogins;  // requested
 };
-extern const std::array<Scenario, 7> kScenarios;
+extern const std::array<Scenario, 8> kScenarios;
 
 /// What the scenarios run on: a token with all attributes; one whose keys have few, on a module that
 /// others have initialised; one of many objects and slots, on a module that takes no arguments when

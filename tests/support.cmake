@@ -2,6 +2,7 @@
 # scenarios.
 
 find_package(GTest REQUIRED)
+find_package(OpenSSL REQUIRED COMPONENTS Crypto)
 
 # A real shared library that the tests load by path.
 add_library(fake_module MODULE ${PROJECT_SOURCE_DIR}/tests/fake/module.cpp)
@@ -18,7 +19,7 @@ add_custom_target(test_certs DEPENDS ${certs_folder}/done)
 add_library(test_support STATIC ${PROJECT_SOURCE_DIR}/tests/support.cpp ${PROJECT_SOURCE_DIR}/tests/scenarios.cpp)
 add_dependencies(test_support fake_module test_certs)
 target_include_directories(test_support PUBLIC ${PROJECT_SOURCE_DIR})
-target_link_libraries(test_support PUBLIC mervane_pkcs11_static GTest::gmock ${CMAKE_DL_LIBS})
+target_link_libraries(test_support PUBLIC mervane_pkcs11_static GTest::gmock OpenSSL::Crypto ${CMAKE_DL_LIBS})
 # Designated initialisers omit members on purpose.
 target_compile_options(test_support PUBLIC -Wno-missing-field-initializers)
 target_compile_options(fake_module PRIVATE -Wno-missing-field-initializers)

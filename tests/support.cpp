@@ -1,6 +1,10 @@
 #include "tests/support.h"
 
 #include <dlfcn.h>
+#include <openssl/ec.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/rsa.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -233,6 +237,54 @@ const std::map<std::string, std::string (*)(Pkcs11&, const Words&)>& publicCalls
     return calls;
 }
 
+using EvpKey = std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>;
+
+static EvpKey keyPairOf(const std::string& cert) {
+    const std::string name = cert == "alice" ? "rsa" : cert == "bob" ? "rsa2" : cert;
+    std::FILE* const file = std::fopen((std::string(MERVANE_TEST_CERTS) + "/" + name + ".key").c_str(), "r");
+    EvpKey key(file == nullptr ? nullptr : PEM_read_PrivateKey(file, nullptr, nullptr, nullptr), &EVP_PKEY_free);
+    if (file != nullptr) std::fclose(file);
+    if (!key) throw std::runtime_error("no key pair: " + name);
+    return key;
+}
+
+fake::Bytes signedByOpenSsl(const fake::Object& object, const fake::Signing& signing) {
+    const fake::Bytes& label = object.attributes.at(CKA_LABEL);
+    const EvpKey key = keyPairOf({label.begin(), label.end()});
+    // The hashing mechanisms are in rows of three: SHA-256, 384, 512.
+    const CK_MECHANISM_TYPE m = signing.mechanism;
+    const CK_MECHANISM_TYPE first = m >= CKM_ECDSA_SHA256 ? CKM_ECDSA_SHA256 : m >= CKM_SHA256_RSA_PKCS_PSS ? CKM_SHA256_RSA_PKCS_PSS : CKM_SHA256_RSA_PKCS;
+    const bool isHashing = m != CKM_ECDSA && m >= first;
+    const std::array hashes = {EVP_sha256(), EVP_sha384(), EVP_sha512()};
+    const EVP_MD* const hash = isHashing ? hashes.at(m - first) : signing.pss ? hashes.at(signing.pss->mgf - CKG_MGF1_SHA256) : nullptr;
+    fake::Bytes data = signing.data;
+    if (isHashing) {
+        unsigned size = 0;
+        data.resize(EVP_MAX_MD_SIZE);
+        EVP_Digest(signing.data.data(), signing.data.size(), data.data(), &size, hash, nullptr);
+        data.resize(size);
+    }
+    const std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)> context(EVP_PKEY_CTX_new(key.get(), nullptr), &EVP_PKEY_CTX_free);
+    EVP_PKEY_sign_init(context.get());
+    const bool isEc = EVP_PKEY_get_base_id(key.get()) == EVP_PKEY_EC;
+    if (!isEc) EVP_PKEY_CTX_set_rsa_padding(context.get(), signing.pss ? RSA_PKCS1_PSS_PADDING : RSA_PKCS1_PADDING);
+    if (!isEc && hash != nullptr) EVP_PKEY_CTX_set_signature_md(context.get(), hash);
+    if (signing.pss) EVP_PKEY_CTX_set_rsa_pss_saltlen(context.get(), static_cast<int>(signing.pss->sLen));
+    fake::Bytes out(1024);
+    std::size_t size = out.size();
+    if (EVP_PKEY_sign(context.get(), out.data(), &size, data.data(), data.size()) != 1) return {};
+    out.resize(size);
+    if (!isEc) return out;
+    const unsigned char* at = out.data();
+    ECDSA_SIG* const pair = d2i_ECDSA_SIG(nullptr, &at, static_cast<long>(size));
+    const int half = (EVP_PKEY_get_bits(key.get()) + 7) / 8;  // on the curves used here, of the order as well
+    fake::Bytes raw(2 * static_cast<std::size_t>(half));
+    BN_bn2binpad(ECDSA_SIG_get0_r(pair), raw.data(), half);
+    BN_bn2binpad(ECDSA_SIG_get0_s(pair), raw.data() + half, half);
+    ECDSA_SIG_free(pair);
+    return raw;
+}
+
 FakeTest::FakeTest() { p11->put_SharedLibPath(XString(module.path())); }
 
 void FakeTest::forget() {
@@ -252,6 +304,7 @@ void FakeTest::TearDown() {
     // Scripts may refer to the test's locals, which are gone.
     world.answer = nullptr;
     world.lie = nullptr;
+    world.signer = nullptr;
     if (p11) {
         const std::string log = p11->log().text();
         for (const fake::Slot& slot : world.slots) {

@@ -81,6 +81,10 @@ fake::Object ecPublicObject(CK_OBJECT_HANDLE handle, const std::string& cert, co
 /// Objects in the notation of data/find-key.txt, with handles from 1.
 std::vector<fake::Object> objectsOf(const std::string& text);
 
+/// What a real token makes of a signature that was begun: by OpenSSL, with the key pair of the certificate that is the
+/// key's label.
+fake::Bytes signedByOpenSsl(const fake::Object& key, const fake::Signing& signing);
+
 /// The subject CN of a certificate; empty if there is none.
 std::string cn(ClsCert& cert);
 

@@ -286,6 +286,7 @@ void Certificate::linkToPkcs11Session(const Pkcs11SessionOwner* owner, int keyTy
                                       const PrivateKeyFacts& facts) {
     const auto& anchor = owner->sessionAnchor();
     const CritSecExitor lock(m_linkSection);
+    m_wasLinked = true;
     m_link = {anchor, anchor->session(), keyType, expectedSignatureSize, keyHandle, facts};
 }
 
@@ -302,6 +303,11 @@ std::optional<Certificate::Pkcs11Link> Certificate::pkcs11Link() const {
 void Certificate::unlinkFromPkcs11Session() noexcept {
     const CritSecExitor lock(m_linkSection);
     m_link = Link();
+}
+
+bool Certificate::wasLinkedToPkcs11() const {
+    const CritSecExitor lock(m_linkSection);
+    return m_wasLinked && !pkcs11Link();
 }
 
 bool Certificate::hasPrivateKey(bool mustBeUsable, LogBase&) const {

@@ -143,6 +143,8 @@ class Certificate final : public std::enable_shared_from_this<Certificate> {
     [[nodiscard]] std::optional<Pkcs11Link> pkcs11Link() const;
     /// Whether pkcs11Link() has a value.
     [[nodiscard]] bool isLinkedToPkcs11() const { return pkcs11Link().has_value(); }
+    /// Whether there was a link whose session has ended since.
+    [[nodiscard]] bool wasLinkedToPkcs11() const;
     /// Whether there is a link with a key handle; unless `mustBeUsable`, any link will do.
     bool hasPrivateKey(bool mustBeUsable, LogBase& log) const;
 
@@ -185,8 +187,9 @@ class Certificate final : public std::enable_shared_from_this<Certificate> {
         unsigned long keyHandle = 0;
         PrivateKeyFacts facts;
     };
-    mutable MervaneCritSec m_linkSection;  // guards m_link
+    mutable MervaneCritSec m_linkSection;  // guards the two
     Link m_link;
+    bool m_wasLinked = false;
 };
 
 /// A share of one certificate, as an element of an ExtPtrArray.

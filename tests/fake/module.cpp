@@ -256,7 +256,14 @@ CK_RV closeSession(CK_SESSION_HANDLE session) {
 
 CK_RV login(CK_SESSION_HANDLE session, CK_USER_TYPE user, CK_UTF8CHAR* pin, CK_ULONG size) {
     return sessionCall("C_Login", session, {user, pin == nullptr ? 0UL : 1UL, size}, {}, [&](World&, Slot& slot) -> CK_RV {
-        if (user > 1) return 0x103;  // CKR_USER_TYPE_INVALID
+        if (user == CKU_CONTEXT_SPECIFIC) {
+            const auto signing = world().signings.find(session);
+            if (signing == world().signings.end()) return CKR_OPERATION_NOT_INITIALIZED;
+            const CK_RV rv = checkPin(slot, false, pin, size);
+            signing->second.pinGiven = rv == CKR_OK;
+            return rv;
+        }
+        if (user > 1) return CKR_USER_TYPE_INVALID;
         if (slot.loggedIn) return slot.loggedIn == user ? CKR_USER_ALREADY_LOGGED_IN : 0x104;
         const CK_RV rv = checkPin(slot, user == CKU_SO, pin, size);
         if (rv == CKR_OK) slot.loggedIn = user;
@@ -301,7 +308,7 @@ CK_RV getAttributeValue(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE handle, CK_A
 
 CK_RV findObjectsInit(CK_SESSION_HANDLE session, CK_ATTRIBUTE* attributes, CK_ULONG count) {
     return sessionCall("C_FindObjectsInit", session, {count}, {}, [&](World& w, Slot& slot) -> CK_RV {
-        if (w.searches.contains(session)) return CKR_OPERATION_ACTIVE;
+        if (w.searches.contains(session) || w.signings.contains(session)) return CKR_OPERATION_ACTIVE;
         std::vector<CK_OBJECT_HANDLE> found;
         for (const Object& object : slot.objects) {
             const bool fits = std::all_of(attributes, attributes + count, [&](const CK_ATTRIBUTE& a) {
@@ -320,7 +327,7 @@ CK_RV findObjectsInit(CK_SESSION_HANDLE session, CK_ATTRIBUTE* attributes, CK_UL
 CK_RV findObjects(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE* handles, CK_ULONG room, CK_ULONG* count) {
     return sessionCall("C_FindObjects", session, {room}, {.ids = handles, .room = room, .count = count}, [&](World& w, Slot&) -> CK_RV {
         const auto at = w.searches.find(session);
-        if (at == w.searches.end()) return 0x091;  // CKR_OPERATION_NOT_INITIALIZED
+        if (at == w.searches.end()) return CKR_OPERATION_NOT_INITIALIZED;
         for (*count = 0; *count < room && !at->second.empty(); ++*count) {
             handles[*count] = at->second.back();
             w.issued.insert(at->second.back());
@@ -331,7 +338,63 @@ CK_RV findObjects(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE* handles, CK_ULONG
 }
 
 CK_RV findObjectsFinal(CK_SESSION_HANDLE session) {
-    return sessionCall("C_FindObjectsFinal", session, {}, {}, [&](World& w, Slot&) -> CK_RV { return w.searches.erase(session) == 1 ? CKR_OK : 0x091; });
+    return sessionCall("C_FindObjectsFinal", session, {}, {},
+                       [&](World& w, Slot&) -> CK_RV { return w.searches.erase(session) == 1 ? CKR_OK : CKR_OPERATION_NOT_INITIALIZED; });
+}
+
+bool flagOf(const Object& object, CK_ATTRIBUTE_TYPE type) {
+    const auto at = object.attributes.find(type);
+    return at != object.attributes.end() && at->second == bytesOf(true);
+}
+
+CK_RV signInit(CK_SESSION_HANDLE session, CK_MECHANISM* mechanism, CK_OBJECT_HANDLE key) {
+    return sessionCall("C_SignInit", session, {mechanism == nullptr ? 0UL : mechanism->mechanism, key}, {}, [&](World& w, Slot& slot) -> CK_RV {
+        if (!w.issued.contains(key)) w.violations.emplace_back("unknown object handle");
+        if (w.searches.contains(session) || w.signings.contains(session)) return CKR_OPERATION_ACTIVE;
+        const auto at = std::ranges::find(slot.objects, key, &Object::handle);
+        if (at == slot.objects.end() || !isSeen(*at, slot)) return 0x060;  // CKR_KEY_HANDLE_INVALID
+        if (!flagOf(*at, CKA_SIGN)) return CKR_KEY_FUNCTION_NOT_PERMITTED;
+        Signing signing{.key = key, .mechanism = mechanism->mechanism};
+        if (mechanism->ulParameterLen == sizeof(CK_RSA_PKCS_PSS_PARAMS)) signing.pss = *static_cast<CK_RSA_PKCS_PSS_PARAMS*>(mechanism->pParameter);
+        w.signings[session] = signing;
+        return CKR_OK;
+    });
+}
+
+// The signature over what was handed over; ends the operation unless the room is too small.
+CK_RV finishSigning(World& w, const Slot& slot, CK_SESSION_HANDLE session, CK_BYTE* signature, CK_ULONG* size) {
+    const auto signing = w.signings.find(session);
+    const auto key = std::ranges::find(slot.objects, signing->second.key, &Object::handle);
+    const bool lacksPin = key == slot.objects.end() || (flagOf(*key, CKA_ALWAYS_AUTHENTICATE) && !signing->second.pinGiven);
+    const Bytes made = lacksPin || !w.signer ? Bytes() : w.signer(*key, signing->second);
+    const CK_RV rv = lacksPin ? CKR_USER_NOT_LOGGED_IN : made.size() > *size ? CKR_BUFFER_TOO_SMALL : CKR_OK;
+    if (rv == CKR_OK) std::ranges::copy(made, signature);
+    if (rv != CKR_USER_NOT_LOGGED_IN) *size = made.size();
+    if (rv != CKR_BUFFER_TOO_SMALL) w.signings.erase(signing);
+    return rv;
+}
+
+CK_RV sign(CK_SESSION_HANDLE session, CK_BYTE* data, CK_ULONG dataSize, CK_BYTE* signature, CK_ULONG* size) {
+    const Outputs outputs{.room = *size, .count = size, .signature = signature};
+    return sessionCall("C_Sign", session, {dataSize, *size}, outputs, [&](World& w, Slot& slot) -> CK_RV {
+        if (!w.signings.contains(session)) return CKR_OPERATION_NOT_INITIALIZED;
+        w.signings[session].data.assign(data, data + dataSize);
+        return finishSigning(w, slot, session, signature, size);
+    });
+}
+
+CK_RV signUpdate(CK_SESSION_HANDLE session, CK_BYTE* part, CK_ULONG size) {
+    return sessionCall("C_SignUpdate", session, {size}, {}, [&](World& w, Slot&) -> CK_RV {
+        if (!w.signings.contains(session)) return CKR_OPERATION_NOT_INITIALIZED;
+        w.signings[session].data.insert(w.signings[session].data.end(), part, part + size);
+        return CKR_OK;
+    });
+}
+
+CK_RV signFinal(CK_SESSION_HANDLE session, CK_BYTE* signature, CK_ULONG* size) {
+    return sessionCall("C_SignFinal", session, {*size}, {.room = *size, .count = size, .signature = signature}, [&](World& w, Slot& slot) -> CK_RV {
+        return w.signings.contains(session) ? finishSigning(w, slot, session, signature, size) : CKR_OPERATION_NOT_INITIALIZED;
+    });
 }
 
 using std::pair;
@@ -342,7 +405,9 @@ constexpr std::tuple kFunctions(pair(function::kInitialize, &initialize), pair(f
                                 pair(function::kInitPin, &initPin), pair(function::kSetPin, &setPin), pair(function::kOpenSession, &openSession),
                                 pair(function::kCloseSession, &closeSession), pair(function::kLogin, &login), pair(function::kLogout, &logout),
                                 pair(function::kGetAttributeValue, &getAttributeValue), pair(function::kFindObjectsInit, &findObjectsInit),
-                                pair(function::kFindObjects, &findObjects), pair(function::kFindObjectsFinal, &findObjectsFinal));
+                                pair(function::kFindObjects, &findObjects), pair(function::kFindObjectsFinal, &findObjectsFinal),
+                                pair(function::kSignInit, &signInit), pair(function::kSign, &sign), pair(function::kSignUpdate, &signUpdate),
+                                pair(function::kSignFinal, &signFinal));
 
 }  // namespace
 

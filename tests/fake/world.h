@@ -42,6 +42,15 @@ struct Slot {
     std::optional<CK_USER_TYPE> loggedIn;
 };
 
+// A signature that was begun.
+struct Signing {
+    CK_OBJECT_HANDLE key = 0;
+    CK_MECHANISM_TYPE mechanism = 0;
+    std::optional<CK_RSA_PKCS_PSS_PARAMS> pss;
+    Bytes data;
+    bool pinGiven = false;
+};
+
 struct Call {
     std::string function;
     std::vector<CK_ULONG> arguments;  // numbers and handles; PINs and texts never
@@ -57,6 +66,7 @@ struct Outputs {
     CK_ULONG* ids = nullptr;  // slots, mechanisms or objects
     CK_ULONG room = 0;        // for ids or attributes
     CK_ULONG* count = nullptr;
+    unsigned char* signature = nullptr;
     CK_SESSION_HANDLE* session = nullptr;
     CK_INFO* info = nullptr;
     CK_SLOT_INFO* slotInfo = nullptr;
@@ -79,6 +89,7 @@ struct State {
     // --- What is answered: a code instead of the call (it may throw), and changes to its outputs
     std::function<std::optional<CK_RV>(const std::string& function, std::size_t index)> answer;
     std::function<void(Outputs& outputs)> lie;
+    std::function<Bytes(const Object& key, const Signing& signing)> signer;
     std::function<void(std::size_t index)> callBack;  // runs within each call, as an application's event loop would
 
     // --- What happened
@@ -91,6 +102,7 @@ struct State {
     std::set<std::string> functionNames;  // all but C_GetFunctionList
     std::map<CK_SESSION_HANDLE, CK_SLOT_ID> sessions;
     std::map<CK_SESSION_HANDLE, std::vector<CK_OBJECT_HANDLE>> searches;
+    std::map<CK_SESSION_HANDLE, Signing> signings;
     std::set<CK_OBJECT_HANDLE> issued;  // object handles given out
     std::set<CK_SESSION_HANDLE> closedByCaller;
     CK_SESSION_HANDLE lastSession = 0;
@@ -129,6 +141,7 @@ struct World : State {
         const auto lost = sessions.extract(session);
         if (lost.empty()) return;
         searches.erase(session);
+        signings.erase(session);
         ++numClosed;
         const bool isLast = std::ranges::none_of(sessions, [&](const auto& s) { return s.second == lost.mapped(); });
         Slot* const of = slot(lost.mapped());
