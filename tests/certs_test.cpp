@@ -87,6 +87,7 @@ TEST_F(CertsTest, EveryRuleFindsItsCertificateAndNoOther) {
 
 TEST_F(CertsTest, SystemCertificatesAreSetByIndexAndMergedByRule) {
     tokenOf({"alice"});
+    objects().push_back(keyObject(9, "alice", {.id = "x", .withModulus = true}));
     ClsCert cert;
     const auto own = cert.systemCerts().getSystemCertsPtr();
     own->add(loadCert("bob"));
@@ -99,6 +100,9 @@ TEST_F(CertsTest, SystemCertificatesAreSetByIndexAndMergedByRule) {
     ASSERT_TRUE(p11->FindCert(XString("CN"), XString("Alice"), fresh));
     EXPECT_NE(fresh.systemCerts().getSystemCertsPtr(), cert.systemCerts().getSystemCertsPtr());
     EXPECT_EQ(fresh.systemCerts().getSystemCertsPtr()->all().size(), 1U);
+    ClsCert signer;
+    ASSERT_TRUE(p11->FindSigner({}, signer));
+    EXPECT_EQ(signer.systemCerts().getSystemCertsPtr()->all().size(), 1U);
     EXPECT_EQ(own->all().size(), 1U);
 }
 

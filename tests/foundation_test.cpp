@@ -126,6 +126,18 @@ TEST(JsonTest, ValueMayBeChangedByAPartOfItself) {
 
 class TestObject final : public ClsBase {};
 
+TEST(JsonTest, EveryCharacterIsReadAsItWasWritten) {
+    std::string all;
+    for (int c = 0; c < 0x300; ++c) {
+        if (c < 0x80) {
+            all.push_back(static_cast<char>(c));
+        } else {
+            all.append({static_cast<char>(0xC0 | c >> 6), static_cast<char>(0x80 | (c & 0x3F))});
+        }
+    }
+    EXPECT_EQ(parsed(toJsonText(JsonValue(all), false)).asString(), all);
+}
+
 TEST(LogTest, RendersAsTextAndJson) {
     TestObject object;
     {
@@ -152,7 +164,13 @@ TEST(LogTest, EarlierCallsAreKeptAsFarAsTheyFit) {
     }
     const std::string kept = object.log().text();
     EXPECT_LT(kept.size(), 300U * 1024);
-    for (const int call : {599, 500}) EXPECT_THAT(kept, HasSubstr("Call " + std::to_string(call) + ":"));
+    for (int call = 0; call < 300; ++call) {  // each is whole, or gone
+        const LogContextExitor context(object, "Again " + std::to_string(call));
+        object.log().LogInfo(std::string(static_cast<std::size_t>(call) * 17, 'y'));
+        const std::string text = object.log().text();
+        EXPECT_TRUE(text.starts_with("Call ") || text.starts_with("Again "));
+    }
+    for (const int call : {599, 598, 480}) EXPECT_THAT(kept, HasSubstr("Call " + std::to_string(call) + ":"));
 }
 
 TEST(LogTest, FloodKeepsItsErrorsAndCountsTheRest) {

@@ -1,5 +1,6 @@
 // Sessions, login and locks, where data/transcripts do not reach.
 
+#include <filesystem>
 #include <future>
 
 #include "tests/support.h"
@@ -16,6 +17,35 @@ TEST_F(ModuleTest, ObjectMadeByTheFactoryWorksAsAnyOther) {
     XString path;
     object->get_SharedLibPath(path);
     EXPECT_EQ(path.view(), module.path());
+}
+
+TEST_F(ModuleTest, LibraryIsUnmappedWhenAnotherTakesItsPlace) {
+    const std::string plain = scratchFolder() + "/libunmapped.so";
+    std::filesystem::copy_file(MERVANE_PLAIN_LIBRARY, plain);
+    ClsJsonObject json;
+    ASSERT_TRUE(quick());  // a module was called before, and has returned
+    p11->put_SharedLibPath(plain);
+    EXPECT_FALSE(p11->Discover(false, json));
+    EXPECT_THAT(readFile("/proc/self/maps"), HasSubstr(plain));
+    p11->put_SharedLibPath(module.path());
+    EXPECT_TRUE(p11->Discover(false, json));
+    EXPECT_THAT(readFile("/proc/self/maps"), Not(HasSubstr(plain)));
+}
+
+TEST_F(ModuleTest, ReportsAreFalse) {
+    LogNull log;
+    EXPECT_FALSE(p11->noFunc("C_Sign", log) || p11->noFuncs(log) || p11->noSession(log));
+}
+
+TEST_F(ModuleTest, ObjectsAreCountedAsFarAsTheyAreSeen) {
+    int count = -1;
+    EXPECT_FALSE(p11->CountObjects(count));
+    EXPECT_EQ(count, -1);
+    objects() = objectsOf("cert:alice:a key:alice:a key:p256:b point:p256:b");
+    ASSERT_TRUE(quick() && p11->CountObjects(count));
+    EXPECT_EQ(count, 4);
+    ASSERT_TRUE(p11->Logout() && p11->CountObjects(count));
+    EXPECT_EQ(count, 2);
 }
 
 TEST_F(ModuleTest, SlotsBeyondTheHundredthAreNotLookedAt) {

@@ -120,6 +120,44 @@ TEST_F(SignerTest, OnlyTheTokenThatWasChosenIsOpened) {
     EXPECT_EQ(p11->lastFailure().hint, "Choose one by label, serial number or slot.");
 }
 
+TEST_F(SignerTest, TokenOfASessionIsToldHoweverItWasOpened) {
+    world.slots = {{.id = 3, .label = "three"}};
+    TokenInfo token;
+    EXPECT_FALSE(p11->GetToken(token));
+    ASSERT_TRUE(p11->Initialize() && p11->OpenSession(-1, true));
+    ASSERT_TRUE(p11->GetToken(token));
+    EXPECT_EQ(token.label, "three");
+    forget();
+    EXPECT_TRUE(p11->GetToken(token));
+    EXPECT_EQ(world.journal.size(), 0U);  // as it was read before
+    world.slots = {{.id = 3, .label = "four"}};
+    ASSERT_TRUE(p11->OpenSession(3, true) && p11->GetToken(token));
+    EXPECT_EQ(token.label, "four");
+    world.answer = [](auto& f, auto) { return f == "C_GetTokenInfo" ? std::optional<CK_RV>(0x30) : std::nullopt; };
+    ASSERT_TRUE(p11->OpenSession(3, true));
+    EXPECT_FALSE(p11->GetToken(token));
+    EXPECT_THAT(p11->lastFailure().cause, HasSubstr("cannot be read"));
+}
+
+TEST_F(SignerTest, EqualCertificatesAreNamedAsFarAsThereIsRoom) {
+    std::string token;
+    for (int i = 0; i < 13; ++i) token += "cert:alice:a" + std::to_string(i) + ":from" + std::to_string(20) + " key:alice:a" + std::to_string(i) + " ";
+    objects() = objectsOf(token);
+    for (fake::Object& object : objects()) {
+        // Another serial number each, so that they are not one certificate.
+        fake::Bytes& der = object.attributes[CKA_VALUE];
+        const fake::Bytes serial = {2, 2, 0x0A, 0x1B};
+        const auto at = std::search(der.begin(), der.end(), serial.begin(), serial.end());
+        if (at != der.end()) at[3] = static_cast<unsigned char>(object.handle);
+    }
+    ASSERT_TRUE(quick());
+    ClsCert cert;
+    EXPECT_FALSE(p11->FindSigner({}, cert));
+    const std::string cause = p11->lastFailure().cause;
+    EXPECT_EQ(std::ranges::count(cause, ';'), 11);  // ten others, and how many more
+    EXPECT_THAT(cause, HasSubstr("; 2 more."));
+}
+
 TEST_F(SignerTest, TokenThatCannotBeReadIsNoTokenThatIsNotThere) {
     p11->put_SharedLibPath(module.path());
     world.slots = {{.id = 1, .label = "one"}, {.id = 2, .label = "two"}};
@@ -158,6 +196,8 @@ TEST_F(SignerTest, CertificateTellsWhatItIsFor) {
         return (cert.*reader)(text), std::string(text.view());
     };
     EXPECT_EQ(read(&ClsCert::get_IssuerDN) + "|" + read(&ClsCert::get_IssuerCN) + "|" + read(&ClsCert::get_SubjectCN), "C=EX, CN=Test CA|Test CA|Alice");
+    EXPECT_EQ(read(&ClsCert::get_SubjectDN) + "|" + read(&ClsCert::get_Label), "C=EX, O=Acme, OU=Sales, CN=Alice, E=alice@example.org|alice");
+    EXPECT_EQ(read(&ClsCert::get_SerialNumber) + "|" + std::to_string(read(&ClsCert::get_Sha1Thumbprint).size()), "0A1B|40");
     EXPECT_EQ(read(&ClsCert::get_NotBefore) + "|" + read(&ClsCert::get_NotAfter), "2020-02-03T04:05:06Z|2021-02-03T04:05:06Z");
     EXPECT_EQ(read(&ClsCert::get_CkaId) + "|" + read(&ClsCert::get_Sha256Thumbprint).substr(60, 0), "61|");
     EXPECT_THAT(cert.KeyUsages(), ElementsAre("digitalSignature", "nonRepudiation"));

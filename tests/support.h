@@ -24,9 +24,9 @@ using testing::Not;
 class Pkcs11 final : public ClsPkcs11 {
   public:
     using ClsPkcs11::alreadyLoggedIn, ClsPkcs11::cacheEcdsaPrivateKeys, ClsPkcs11::cacheRsaPrivateKeys, ClsPkcs11::findPkcs11Cert, ClsPkcs11::hasOpenSession,
-        ClsPkcs11::login, ClsPkcs11::openSession, ClsPkcs11::m_certs, ClsPkcs11::m_certsLoaded, ClsPkcs11::m_ecdsaKeysLoaded, ClsPkcs11::m_hSession,
-        ClsPkcs11::m_rsaKeysHaveModulus, ClsPkcs11::m_rsaKeysHaveSubject, ClsPkcs11::m_rsaKeysLoaded, ClsPkcs11::m_rsaPrivKeys, ClsPkcs11::m_soLoggedIn,
-        ClsPkcs11::m_userLoggedIn;
+        ClsPkcs11::login, ClsPkcs11::noFunc, ClsPkcs11::noFuncs, ClsPkcs11::noSession, ClsPkcs11::openSession, ClsPkcs11::m_certs, ClsPkcs11::m_certsLoaded,
+        ClsPkcs11::m_ecdsaKeysLoaded, ClsPkcs11::m_hSession, ClsPkcs11::m_rsaKeysHaveModulus, ClsPkcs11::m_rsaKeysHaveSubject, ClsPkcs11::m_rsaKeysLoaded,
+        ClsPkcs11::m_rsaPrivKeys, ClsPkcs11::m_soLoggedIn, ClsPkcs11::m_userLoggedIn;
 
     // The lines of one channel in the log of all calls kept; values as "name=value".
     [[nodiscard]] std::vector<std::string> lines(_mvLogger::Entry::What what) const;
