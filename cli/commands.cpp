@@ -33,6 +33,12 @@ constexpr std::array kCommands = {
     CommandSpec{"find-object", "JSON", 1, 1, kReading,
                 R"(find one object, such as '{"class":"privateKey","label":"sign"}')",
                 runFindObject},
+    CommandSpec{"sign", "FILE...", 1, kAny,
+                kToken | kLogin | kPin | kSignPin | kNoLogin | kOut | kOutDir | kCert | kFormat |
+                    kAttached | kChain | kHash | kPadding,
+                "sign files with the key of the signing certificate; - is standard input", runSign},
+    CommandSpec{"test", "", 0, 0, kToken | kLogin | kPin | kSignPin | kNoLogin | kWide,
+                "let every key sign, and verify that with its certificate", runTest},
     CommandSpec{"set-pin", "", 0, 0, kToken | kUser | kPin | kSoPin | kNewPin,
                 "change the PIN from --pin to --new-pin", runSetPin},
     CommandSpec{"init-pin", "", 0, 0, kToken | kSoPin | kNewPin,
@@ -52,8 +58,12 @@ void checkArguments(const CommandSpec& command, std::size_t numGiven) {
 }
 
 // Of these two, one would be without effect.
-constexpr std::array<std::pair<OptionBit, OptionBit>, 4> kExclusive = {
-    {{kMechanisms, kSkipMechanisms}, {kNoLogin, kLogin}, {kNoLogin, kPin}, {kWide, kJson}}};
+constexpr std::array<std::pair<OptionBit, OptionBit>, 5> kExclusive = {
+    {{kMechanisms, kSkipMechanisms},
+     {kNoLogin, kLogin},
+     {kNoLogin, kPin},
+     {kWide, kJson},
+     {kOut, kOutDir}}};
 
 std::string nameOf(OptionBit bit) {
     return std::string(std::ranges::find(optionSpecs(), bit, &OptionSpec::bit)->name);

@@ -35,6 +35,10 @@ Exit runCerts(ClsPkcs11& p11, const Options& options);
 Exit runMatch(ClsPkcs11& p11, const Options& options);
 Exit runFindCert(ClsPkcs11& p11, const Options& options);
 
+// sign.cpp, testkeys.cpp
+Exit runSign(ClsPkcs11& p11, const Options& options);
+Exit runTest(ClsPkcs11& p11, const Options& options);
+
 // objects.cpp
 Exit runDiscover(ClsPkcs11& p11, const Options& options);
 Exit runKeys(ClsPkcs11& p11, const Options& options);

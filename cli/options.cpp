@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <filesystem>
 
+#include <mervane/foundation/text/ascii.h>
+
 #include "failure.h"
 #include "output.h"
 #include "words.h"
@@ -26,14 +28,40 @@ unsigned long parseSlot(const std::string& text) {
 }
 
 // A module may change the working directory; a relative path means the one at the start.
-std::string outputPath(const std::string& path) {
-    if (path == "-") return path;
+std::string absolutePath(const std::string& path, const char* takes) {
     std::error_code error;
     const auto absolute = std::filesystem::absolute(path, error);
-    if (error || path.empty())
-        usageError("--out takes the name of a file, or - for standard output.");
-    return absolute.string();
+    if (error || path.empty()) usageError(takes);
+    return absolute.lexically_normal().string();
 }
+
+std::string outputPath(const std::string& path) {
+    return path == "-"
+               ? path
+               : absolutePath(path, "--out takes the name of a file, or - for standard output.");
+}
+
+std::pair<std::string, std::string> certPart(const std::string& text) {
+    const auto equals = text.find('=');
+    if (equals == std::string::npos)
+        usageError("--cert takes PART=VALUE, such as label=signature.");
+    return {text.substr(0, equals), text.substr(equals + 1)};
+}
+
+// One of a few words, in any letter case; its number.
+std::size_t oneOf(const char* option, const std::string& word,
+                  std::span<const std::string_view> words) {
+    const auto at = std::ranges::find_if(
+        words, [&](std::string_view known) { return equalsIgnoreCase(word, known); });
+    if (at != words.end()) return static_cast<std::size_t>(at - words.begin());
+    std::string list;
+    for (const std::string_view known : words) list.append(list.empty() ? "" : ", ").append(known);
+    usageError(std::string(option) + " takes one of " + list + "." + nearestHint(word, words));
+}
+
+constexpr std::array<std::string_view, 3> kHashes = {"sha256", "sha384", "sha512"};
+constexpr std::array<std::string_view, 3> kPaddings = {"auto", "pkcs1", "pss"};
+constexpr std::array<std::string_view, 3> kFormats = {"raw", "der", "cms"};
 
 bool isOfficer(const std::string& user) {
     if (user != "user" && user != "so") usageError("--user takes user or so.");
@@ -97,8 +125,34 @@ constexpr std::array kOptions = {
                [](Options& o, Value) { o.ifUninitialised = true; }},
     OptionSpec{
         kOut, "--out", "", "FILE",
-        "write the certificate: DER if the name ends in .der, else PEM; - is standard output",
+        "write to FILE; - is standard output; a certificate as DER if the name ends in .der, else "
+        "as PEM",
         [](Options& o, Value v) { o.out = outputPath(v); }},
+    OptionSpec{kOutDir, "--out-dir", "", "DIR", "write each signature beside its name in DIR",
+               [](Options& o, Value v) {
+                   o.outDir = absolutePath(v, "--out-dir takes the name of a folder.");
+               }},
+    OptionSpec{kCert, "--cert", "", "PART=VALUE",
+               "sign with the certificate that fits; may be given more than once",
+               [](Options& o, Value v) { o.certParts.push_back(certPart(v)); }},
+    OptionSpec{kFormat, "--format", "", "raw|der|cms",
+               "the form of the signature (default: cms for .p7s and --out-dir, else der)",
+               [](Options& o, Value v) { o.format = kFormats[oneOf("--format", v, kFormats)]; }},
+    OptionSpec{kAttached, "--attached", "", "", "put the document into the CMS as well",
+               [](Options& o, Value) { o.attached = true; }},
+    OptionSpec{kChain, "--chain", "", "", "add the issuers' certificates that the token has",
+               [](Options& o, Value) { o.chain = true; }},
+    OptionSpec{kHash, "--hash", "", "sha256|sha384|sha512", "the hash function (default: sha256)",
+               [](Options& o, Value v) {
+                   o.signing.hash = static_cast<Hash>(oneOf("--hash", v, kHashes));
+               }},
+    OptionSpec{kPadding, "--padding", "", "auto|pkcs1|pss", "the padding of RSA signatures",
+               [](Options& o, Value v) {
+                   o.signing.padding = static_cast<Padding>(oneOf("--padding", v, kPaddings));
+               }},
+    OptionSpec{kSignPin, "--sign-pin", "", "SOURCE",
+               "the PIN that a key asks for at each signature (default: the one of --pin)",
+               [](Options& o, Value v) { o.signPin = pinSource("--sign-pin", v); }},
     OptionSpec{kJson, "--json", "", "", "print JSON", [](Options& o, Value) { o.json = true; }},
     OptionSpec{kLog, "--log", "", "", "print the log of all calls on standard error",
                [](Options& o, Value) { o.log = true; }},

@@ -6,7 +6,10 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
+
+#include <mervane/signing/options.h>
 
 namespace mervane::cli {
 
@@ -20,8 +23,14 @@ struct Options {
     std::optional<std::string> tokenSerial;
     bool login = false;
     bool asOfficer = false;  // --user so
-    std::optional<std::string> pin, soPin, newPin;
-    std::optional<std::string> out;  // absolute, or "-"
+    std::optional<std::string> pin, soPin, newPin, signPin;
+    std::optional<std::string> out;                              // absolute, or "-"
+    std::optional<std::string> outDir;                           // absolute
+    std::vector<std::pair<std::string, std::string>> certParts;  // --cert, as PART and VALUE
+    std::optional<std::string> format;                           // raw, der or cms
+    SignOptions signing;                                         // --hash, --padding
+    bool attached = false;
+    bool chain = false;
     bool json = false;
     bool log = false;
     bool tokensOnly = false;
@@ -62,6 +71,14 @@ enum OptionBit : std::uint32_t {
     kYes = 1U << 20,
     kIfUninitialised = 1U << 21,
     kTokenSerial = 1U << 22,
+    kOutDir = 1U << 23,
+    kCert = 1U << 24,
+    kFormat = 1U << 25,
+    kAttached = 1U << 26,
+    kChain = 1U << 27,
+    kHash = 1U << 28,
+    kPadding = 1U << 29,
+    kSignPin = 1U << 30,
 };
 
 /// One option, for parsing and help.

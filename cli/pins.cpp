@@ -151,7 +151,7 @@ bool isAsked(const std::optional<std::string>& source) {
 }
 
 Pins::Pins(const Options& options) {
-    for (const auto* source : {&options.pin, &options.soPin, &options.newPin}) {
+    for (const auto* source : {&options.pin, &options.soPin, &options.newPin, &options.signPin}) {
         if (*source && (*source)->starts_with("env:")) take(**source);
     }
 }

@@ -28,8 +28,8 @@ bool fits(const TokenInfo& token, const TokenChoice& choice) {
            (!choice.serialNumber || *choice.serialNumber == token.serialNumber);
 }
 
-void logIn(ClsPkcs11& p11, const Options& options, const TokenInfo& token, const Pins& pins) {
-    XString pin;
+void logIn(ClsPkcs11& p11, const Options& options, const TokenInfo& token, const Pins& pins,
+           XString& pin) {
     pins.read(loginSource(options), {.isOfficers = options.asOfficer, .isNew = false}, token, pin);
     if (!p11.Login(options.asOfficer ? 0 : 1, pin)) throwLastFailure(p11);
 }
@@ -73,9 +73,15 @@ OpenedToken openToken(ClsPkcs11& p11, const Options& options, LoginIf when) {
     // The security officer cannot log in while a read-only session is open.
     if (!p11.OpenToken(choice, isTold && options.asOfficer) || !p11.GetToken(opened.token))
         throwLastFailure(p11);
-    const bool isNeeded = when == LoginIf::Needed && !isTold && !options.noLogin &&
+    const bool isNeeded = when != LoginIf::Told && !isTold && !options.noLogin &&
                           opened.token.needsLogin && opened.token.isUserPinSet && canAsk();
-    if (isTold || isNeeded) logIn(p11, options, opened.token, pins);
+    XString pin;
+    if (isTold || isNeeded) logIn(p11, options, opened.token, pins, pin);
+    if (when == LoginIf::ToSign) {
+        if (options.signPin)
+            pins.read(options.signPin, {.isOfficers = false, .isNew = false}, opened.token, pin);
+        p11.put_SigContextPin(pin);
+    }
     opened.isLoggedIn = (isTold && !options.asOfficer) || isNeeded;
     return opened;
 }

@@ -21,6 +21,7 @@ struct OpenedToken {
 enum class LoginIf : unsigned char {
     Told,    ///< the options ask for it
     Needed,  ///< or there is a terminal to ask on, and the token hides private keys until then
+    ToSign,  ///< as Needed; and the PIN is kept for keys that ask for it at each signature
 };
 
 /// Opens a session with the token that the options name, or with the only one that is ready for

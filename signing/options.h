@@ -38,7 +38,7 @@ struct CmsOptions {
     bool isAttached = false;  ///< the document itself; it is kept in memory then
     bool withIssuers =
         false;  ///< the issuers of the signer's certificate, as far as the token has them
-    std::string signingTime;  ///< "YYYY-MM-DDThh:mm:ssZ"; empty for now
+    std::string signingTime{};  ///< "YYYY-MM-DDThh:mm:ssZ"; empty for now
 };
 
 /// Gives the next piece of the data to sign: fills the room from its front and returns how many

@@ -1,0 +1,116 @@
+// test: every private key that belongs to a certificate signs a random number, which is verified
+// with the certificate.
+
+#include <algorithm>
+#include <iostream>
+
+#include "certview.h"
+#include "commands.h"
+#include "output.h"
+#include "token.h"
+
+namespace mervane::cli {
+namespace {
+
+// What became of one key. The words stand in the JSON as they are.
+struct Outcome {
+    // ok, failed, notTheCertificates, notVerified, mayNotSign, none, unknown
+    std::string_view result;
+    std::string message;  // of a failure
+    std::string rvName;
+};
+
+// For people.
+std::string textFor(const Outcome& outcome) {
+    if (outcome.result == "ok") return "OK";
+    if (outcome.result == "failed")
+        return "FAILED " + (outcome.rvName.empty() ? outcome.message : outcome.rvName);
+    if (outcome.result == "notTheCertificates") return "FAILED: not the certificate's key";
+    if (outcome.result == "notVerified") return "signed, not verified";
+    if (outcome.result == "unknown") return "unknown (not logged in)";
+    return outcome.result == "mayNotSign" ? "may not sign" : "no key";
+}
+
+Outcome outcomeOf(ClsPkcs11& p11, ClsCert& cert, bool isAllSeen) {
+    LogNull log;
+    const bool isLinked = p11.linkCertToPkcs11Session(cert.getCert().get(), true, log);
+    if (!isLinked && p11.lastFailure().kind == FailureKind::NotFound)
+        return {isAllSeen ? "none" : "unknown", {}, {}};
+    KeyProof proof{};
+    if (isLinked && p11.ProveKey(cert, proof)) {
+        return {proof == KeyProof::Proved      ? "ok"
+                : proof == KeyProof::Disproved ? "notTheCertificates"
+                                               : "notVerified",
+                {},
+                {}};
+    }
+    const Failure failure = p11.lastFailure();
+    if (failure.kind == FailureKind::KeyMayNotSign) return {"mayNotSign", {}, {}};
+    return {"failed", failure.cause, failure.rvName()};
+}
+
+void printJson(ClsPkcs11& p11, const std::vector<Outcome>& outcomes, bool isLoggedIn) {
+    JsonPrinter document;
+    document.member("loggedIn", JsonValue(isLoggedIn));
+    document.beginList("keys");
+    for (std::size_t i = 0; i < outcomes.size(); ++i) {
+        ClsCert cert;
+        XString subject;
+        if (!p11.GetCert(static_cast<int>(i), cert)) throwLastFailure(p11);
+        cert.get_SubjectDN(subject);
+        const auto link = cert.PrivateKeyLink();
+        document.beginItem();
+        document.member("index", JsonValue(static_cast<int>(i)));
+        document.text("subject", subject.view());
+        document.text("result", outcomes[i].result);
+        document.member("handle", link ? JsonValue(link->keyHandle) : JsonValue());
+        document.member("message",
+                        outcomes[i].message.empty() ? JsonValue() : JsonValue(outcomes[i].message));
+        document.member("rvName",
+                        outcomes[i].rvName.empty() ? JsonValue() : JsonValue(outcomes[i].rvName));
+        document.endItem();
+    }
+    document.endList();
+    document.finish();
+}
+
+void printTable(ClsPkcs11& p11, const std::vector<Outcome>& outcomes, std::size_t width) {
+    Table table({"WHO", "KEY", "RESULT"});
+    for (std::size_t i = 0; i < outcomes.size(); ++i) {
+        ClsCert cert;
+        if (!p11.GetCert(static_cast<int>(i), cert)) throwLastFailure(p11);
+        table.add({whoFor(cert), keyFor(cert), textFor(outcomes[i])});
+    }
+    table.print(width);
+}
+
+}  // namespace
+
+Exit runTest(ClsPkcs11& p11, const Options& options) {
+    const OpenedToken opened = openToken(p11, options, LoginIf::ToSign);
+    if (!p11.FindAllCerts()) throwLastFailure(p11);
+    const bool isAllSeen = opened.isLoggedIn || !opened.token.needsLogin;
+    std::vector<Outcome> outcomes;
+    for (int i = 0; i < p11.get_NumCerts(); ++i) {
+        ClsCert cert;
+        if (!p11.GetCert(i, cert)) throwLastFailure(p11);
+        outcomes.push_back(outcomeOf(p11, cert, isAllSeen));
+    }
+    // A session that broke in between has taken the list with it.
+    if (p11.get_NumCerts() != static_cast<int>(outcomes.size())) throwLastFailure(p11);
+    if (options.json) {
+        printJson(p11, outcomes, opened.isLoggedIn);
+    } else {
+        printTable(p11, outcomes, options.wide ? 0 : terminalWidth());
+    }
+    const auto number = [&](std::string_view result) {
+        return static_cast<std::size_t>(std::ranges::count(outcomes, result, &Outcome::result));
+    };
+    if (number("unknown") != 0)
+        remark("The user is not logged in, so private keys may be hidden; --login shows them.");
+    const std::size_t numUntried = number("none") + number("unknown") + number("mayNotSign");
+    if (numUntried == outcomes.size()) return Exit::NotFound;
+    return numUntried + number("ok") == outcomes.size() ? Exit::Done : Exit::Module;
+}
+
+}  // namespace mervane::cli
