@@ -25,7 +25,10 @@ struct RawModule {
         std::exit(1);
     }
 
-    RawModule(const char* path, const char* label, const char* pin, bool readWrite) {
+    /// `isInitialised`: somebody else has, and is logged in.
+    RawModule(const char* path, const char* label, const char* pin, bool readWrite,
+              bool isInitialised = false)
+        : m_isOurs(!isInitialised) {
         void* const library = ::dlopen(path, RTLD_NOW);
         if (library == nullptr) check(CKR_GENERAL_ERROR, ::dlerror());
         const auto getList =
@@ -33,7 +36,7 @@ struct RawModule {
         check(getList(&functions), "C_GetFunctionList");
         CK_C_INITIALIZE_ARGS args{};
         args.flags = CKF_OS_LOCKING_OK;
-        check(functions->C_Initialize(&args), "C_Initialize");
+        if (m_isOurs) check(functions->C_Initialize(&args), "C_Initialize");
         CK_SLOT_ID slots[64];
         CK_ULONG count = 0;
         // Modules look for readers that were plugged in since only when asked with a null buffer.
@@ -59,10 +62,13 @@ struct RawModule {
     }
     ~RawModule() {
         functions->C_CloseSession(session);
-        functions->C_Finalize(nullptr);
+        if (m_isOurs) functions->C_Finalize(nullptr);
     }
     RawModule(const RawModule&) = delete;
     RawModule& operator=(const RawModule&) = delete;
+
+  private:
+    bool m_isOurs;
 };
 
 }  // namespace mervane::bench

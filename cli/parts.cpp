@@ -161,8 +161,8 @@ std::string comparable(const Part& part, const std::string& value) {
     }
 }
 
-std::string partNameFor(const std::string& part) {
-    return isSame(trimmed(part), "SERIALNUMBER") ? "2.5.4.5" : part;
+std::string partNameFor(const std::string& word) {
+    return isSame(trimmed(word), "SERIALNUMBER") ? "2.5.4.5" : word;
 }
 
 }  // namespace mervane::cli

@@ -58,6 +58,7 @@ __attribute__((target("sha,ssse3,sse4.1"))) void addBlocks(std::array<std::uint6
         for (std::size_t i = 0; i < 4; ++i)
             w[i] = _mm_shuffle_epi8(
                 _mm_loadu_si128(reinterpret_cast<const __m128i*>(blocks + 16 * i)), bigEndian);
+#pragma GCC unroll 16  // so that the schedule stays in registers
         for (std::size_t i = 0; i < 16; ++i) {
             __m128i& next = w[i % 4];
             if (i >= 4) {
