@@ -73,12 +73,13 @@ TEST(SecretsTest, NoCopyOfAPinStaysInMemory) {
         expectCopies(1, "made");  // the search finds a copy that exists
         for (const Scenario& scenario : kScenarios) {
             furnish(world, Token::Plain);
+            for (fake::Object& object : world.slots[0].objects) object.attributes[CKA_ALWAYS_AUTHENTICATE] = fake::bytesOf(true);
             world.answer = [fails](auto& f, auto) { return fails && (f == "C_Login" || f == "C_SetPIN") ? std::optional(CKR_PIN_INCORRECT) : std::nullopt; };
             {
                 Pkcs11 p11;
                 p11.put_SharedLibPath(XString(module.path()));
+                p11.Login(2, args.userPin);  // for keys that want it at each signature
                 EXPECT_EQ(scenario.run(p11, args), !fails || scenario.numLogins == 0) << scenario.name;
-                p11.Login(2, args.userPin);
                 p11.put_SigContextPin(args.newPin);
                 XString kept;
                 p11.get_SigContextPin(kept);

@@ -208,7 +208,7 @@ TEST_F(SigningTest, WrongPinEndsTheSignatureAndIsNotTriedAgain) {
     p11->put_SigContextPin("a wrong PIN");
     forget();
     expectRefusal(FailureKind::PinWrong, "C_Login failed with CKR_PIN_INCORRECT");
-    EXPECT_EQ(called(), "SignInit:1 Login:2 GetTokenInfo OpenSession CloseSession");
+    EXPECT_EQ(called(), "SignInit:1 Login:2 GetTokenInfo OpenSession CloseSession GetSessionInfo");
     EXPECT_THAT(p11->lastFailure().hint, HasSubstr("wrong user PIN"));
     forget();
     expectRefusal(FailureKind::PinWrong, "is not tried again");
@@ -216,6 +216,16 @@ TEST_F(SigningTest, WrongPinEndsTheSignatureAndIsNotTriedAgain) {
     EXPECT_TRUE(p11->m_userLoggedIn && cert.HasPrivateKey());
     p11->put_SigContextPin(world.slots[0].userPin);
     EXPECT_TRUE(sign()) << p11->log().text();
+    // A module that logs the user out with it.
+    p11->put_SigContextPin("a wrong PIN");
+    world.answer = [this](auto& f, auto) {
+        if (f == "C_GetSessionInfo") world.slots[0].loggedIn.reset();
+        return std::optional<CK_RV>();
+    };
+    expectRefusal(FailureKind::PinWrong, "CKR_PIN_INCORRECT");
+    EXPECT_FALSE(p11->m_userLoggedIn);
+    world.answer = nullptr;
+    ASSERT_TRUE(p11->Login(1, world.slots[0].userPin) && p11->FindCert("privateKey", "", cert));
     // Without a second session the operation goes with the first.
     p11->put_SigContextPin("a wrong PIN");
     world.maxSessions = 1;

@@ -68,6 +68,13 @@ struct CK_TOKEN_INFO {
     CK_CHAR utcTime[16];
 };
 
+struct CK_SESSION_INFO {
+    CK_SLOT_ID slotID;
+    CK_ULONG state;
+    CK_FLAGS flags;
+    CK_ULONG ulDeviceError;
+};
+
 struct CK_MECHANISM_INFO {
     CK_ULONG ulMinKeySize;
     CK_ULONG ulMaxKeySize;
@@ -125,6 +132,10 @@ inline constexpr CK_FLAGS CKF_TOKEN_PRESENT = 0x1;
 inline constexpr CK_USER_TYPE CKU_SO = 0;
 inline constexpr CK_USER_TYPE CKU_USER = 1;
 inline constexpr CK_USER_TYPE CKU_CONTEXT_SPECIFIC = 2;
+
+// Session states with the user logged in.
+inline constexpr CK_ULONG CKS_RO_USER_FUNCTIONS = 1;
+inline constexpr CK_ULONG CKS_RW_USER_FUNCTIONS = 3;
 
 inline constexpr CK_ULONG CKO_DATA = 0;
 inline constexpr CK_ULONG CKO_CERTIFICATE = 1;
@@ -201,7 +212,7 @@ struct CK_FUNCTION_LIST {
      CK_SESSION_HANDLE* session);
     CK_RV (*C_CloseSession)(CK_SESSION_HANDLE session);
     CK_UNCALLED C_CloseAllSessions;
-    CK_UNCALLED C_GetSessionInfo;
+    CK_RV (*C_GetSessionInfo)(CK_SESSION_HANDLE session, CK_SESSION_INFO* info);
     CK_UNCALLED C_GetOperationState;
     CK_UNCALLED C_SetOperationState;
     CK_RV(*C_Login)
@@ -254,6 +265,7 @@ static_assert(offsetof(CK_FUNCTION_LIST, C_InitPIN) == 11 * sizeof(void*));
 static_assert(offsetof(CK_FUNCTION_LIST, C_SetPIN) == 12 * sizeof(void*));
 static_assert(offsetof(CK_FUNCTION_LIST, C_OpenSession) == 13 * sizeof(void*));
 static_assert(offsetof(CK_FUNCTION_LIST, C_CloseSession) == 14 * sizeof(void*));
+static_assert(offsetof(CK_FUNCTION_LIST, C_GetSessionInfo) == 16 * sizeof(void*));
 static_assert(offsetof(CK_FUNCTION_LIST, C_Login) == 19 * sizeof(void*));
 static_assert(offsetof(CK_FUNCTION_LIST, C_Logout) == 20 * sizeof(void*));
 static_assert(offsetof(CK_FUNCTION_LIST, C_GetAttributeValue) == 25 * sizeof(void*));

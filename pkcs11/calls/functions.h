@@ -48,6 +48,8 @@ inline constexpr auto kSetPin = make<Needs::Session>(&List::C_SetPIN, "C_SetPIN"
 inline constexpr auto kOpenSession =
     make<Needs::Initialized>(&List::C_OpenSession, "C_OpenSession");
 inline constexpr auto kCloseSession = make<Needs::Session>(&List::C_CloseSession, "C_CloseSession");
+inline constexpr auto kGetSessionInfo =
+    make<Needs::Session>(&List::C_GetSessionInfo, "C_GetSessionInfo");
 inline constexpr auto kLogin = make<Needs::Session>(&List::C_Login, "C_Login");
 inline constexpr auto kLogout = make<Needs::Session>(&List::C_Logout, "C_Logout");
 inline constexpr auto kGetAttributeValue =

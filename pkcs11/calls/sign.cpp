@@ -181,8 +181,21 @@ class Signing {
         // Whatever the token says of it: trying it again might lock it.
         state.m_contextPinWasRefused = !endsSession(*rv);
         reportPinCall(m_calls, function::kLogin, *rv, state.m_slotId, false, m_log);
-        discard();
+        if (discard()) noteLogout();
         return false;
+    }
+
+    // Some modules log the user out with a PIN that was wrong.
+    void noteLogout() {
+        CK_SESSION_INFO info{};
+        Pkcs11State& state = m_calls.state;
+        if (m_calls.use.functions()->C_GetSessionInfo == nullptr ||
+            m_calls.attempt(m_log, function::kGetSessionInfo, &info) != CKR_OK ||
+            info.state == CKS_RO_USER_FUNCTIONS || info.state == CKS_RW_USER_FUNCTIONS)
+            return;
+        state.m_userLoggedIn = false;
+        state.clearPrivateKeyCaches();
+        m_calls.hint(m_log, "The module has logged the user out.");
     }
 
     // --- Finishing

@@ -254,6 +254,13 @@ CK_RV closeSession(CK_SESSION_HANDLE session) {
     return call("C_CloseSession", {}, {}, close, session);
 }
 
+CK_RV getSessionInfo(CK_SESSION_HANDLE session, CK_SESSION_INFO* info) {
+    return sessionCall("C_GetSessionInfo", session, {}, {}, [&](World&, Slot& slot) -> CK_RV {
+        *info = {slot.id, slot.loggedIn == CKU_USER ? CKS_RW_USER_FUNCTIONS : 2, CKF_RW_SESSION | CKF_SERIAL_SESSION, 0};
+        return CKR_OK;
+    });
+}
+
 CK_RV login(CK_SESSION_HANDLE session, CK_USER_TYPE user, CK_UTF8CHAR* pin, CK_ULONG size) {
     return sessionCall("C_Login", session, {user, pin == nullptr ? 0UL : 1UL, size}, {}, [&](World&, Slot& slot) -> CK_RV {
         if (user == CKU_CONTEXT_SPECIFIC) {
@@ -406,8 +413,8 @@ constexpr std::tuple kFunctions(pair(function::kInitialize, &initialize), pair(f
                                 pair(function::kCloseSession, &closeSession), pair(function::kLogin, &login), pair(function::kLogout, &logout),
                                 pair(function::kGetAttributeValue, &getAttributeValue), pair(function::kFindObjectsInit, &findObjectsInit),
                                 pair(function::kFindObjects, &findObjects), pair(function::kFindObjectsFinal, &findObjectsFinal),
-                                pair(function::kSignInit, &signInit), pair(function::kSign, &sign), pair(function::kSignUpdate, &signUpdate),
-                                pair(function::kSignFinal, &signFinal));
+                                pair(function::kGetSessionInfo, &getSessionInfo), pair(function::kSignInit, &signInit), pair(function::kSign, &sign),
+                                pair(function::kSignUpdate, &signUpdate), pair(function::kSignFinal, &signFinal));
 
 }  // namespace
 
