@@ -67,7 +67,7 @@ def run(command):
 
 def count_calls(command, module):
     log = "/tmp/mervane-spy.%d" % os.getpid()
-    environment = dict(os.environ, PKCS11SPY=module, PKCS11SPY_OUTPUT=log)
+    environment = dict(os.environ, PKCS11SPY=module, PKCS11SPY_OUTPUT=log, PKCS11_MODULE_PATH=SPY)  # of the OpenSSL engine
     subprocess.run([SPY if c == module else c for c in command], env=environment, stdout=subprocess.DEVNULL,
                    stderr=subprocess.DEVNULL, check=True)
     calls = collections.Counter(re.findall(rb"(?m)^\d+: (C_\w+)", pathlib.Path(log).read_bytes()))

@@ -92,7 +92,7 @@ def main(build, module):
     print("\none CMS as a whole process")
     engine = ["openssl", "cms", "-sign", "-engine", "pkcs11", "-keyform", "engine", "-inkey", f"pkcs11:token=bench;id=%01;pin-value={PIN}", "-signer",
               str(folder / "rsa1.pem"), "-binary", "-in", str(data), "-outform", "DER", "-out", out]
-    gnutls = ["certtool", "--p7-detached-sign", "--load-privkey", "pkcs11:token=bench;id=%01;type=private", "--load-certificate", str(folder / "rsa1.pem"),
+    gnutls = ["certtool", "--provider", module, "--p7-detached-sign", "--load-privkey", "pkcs11:token=bench;id=%01;type=private", "--load-certificate", str(folder / "rsa1.pem"),
               "--infile", str(data), "--outder", "--outfile", out]
     compare({"mervane-p11 sign --format cms": [*ours, "--format", "cms"], "openssl cms -sign, engine of libp11": engine, "certtool --p7-detached-sign": gnutls}, module)
     large = folder / "large"

@@ -92,6 +92,7 @@ Limbs Modulus::multiply(const Limbs& a, const Limbs& b) const {
         Wide product = Wide{digit} * second[0] + t[0];
         const std::uint64_t factor = low(product) * m_negativeInverse;
         Wide reduced = Wide{factor} * n[0] + low(product);  // its lower half is zero
+#pragma GCC unroll 4
         for (std::size_t j = 1; j < size; ++j) {
             product = Wide{digit} * second[j] + t[j] + high(product);
             reduced = Wide{factor} * n[j] + low(product) + high(reduced);
