@@ -20,12 +20,7 @@
 namespace mervane {
 
 /// A PKCS#11 module in use: loads it, opens a session with a token, logs in, lists and chooses
-/// certificates, and finds the private key that belongs to one.
-///
-///     ClsCert cert;
-///     if (!token.OpenToken({.label = "Alice"}, false) || !token.Login(1, pin) ||
-///         !token.FindSigner({}, cert))
-///         std::cerr << token.lastFailure().cause << '\n';
+/// certificates, finds the private key that belongs to one, and signs with it.
 ///
 /// Failure is a false result, a handle of 0 or a null pointer, with the cause in lastFailure() and
 /// error lines in the object's log; nothing is thrown. A line about a failed function of the module

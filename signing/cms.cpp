@@ -66,6 +66,7 @@ Octets signedData(const Scheme& scheme, const Certificate& signer, der::Bytes at
                   der::Bytes signature, const Octets* content,
                   const std::vector<std::shared_ptr<Certificate>>& certs) {
     std::vector<Octets> encoded;
+    encoded.reserve(certs.size());
     for (const auto& cert : certs) encoded.push_back(copyOf(cert->der()));
     Octets encapsulated = der::oid(kData);
     if (content != nullptr) {

@@ -18,7 +18,7 @@ namespace mervane {
 class SignInput {
   public:
     /// The pieces in which data is read, and handed to a module that hashes, in bytes.
-    static constexpr std::size_t kPieceSize = 64 * 1024;
+    static constexpr std::size_t kPieceSize = 65536;
 
     static SignInput ofDigest(der::Bytes digest) { return {digest, std::nullopt, nullptr}; }
     static SignInput ofData(der::Bytes data) { return {{}, data, nullptr}; }
