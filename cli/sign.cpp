@@ -85,17 +85,15 @@ class Progress {
 
 class Input {
   public:
-    explicit Input(const std::string& name) : m_name(name) {
-        m_descriptor = name == "-" ? STDIN_FILENO : ::open(name.c_str(), O_RDONLY | O_CLOEXEC);
+    explicit Input(const std::string& name)
+        : m_descriptor(name == "-" ? STDIN_FILENO : ::open(name.c_str(), O_RDONLY | O_CLOEXEC)) {
         struct stat status {};
         if (m_descriptor < 0 || ::fstat(m_descriptor, &status) != 0) cannotRead(name, errno);
-        if (S_ISDIR(status.st_mode)) {
-            close();
-            cannotRead(name, EISDIR);
-        }
         m_size = S_ISREG(status.st_mode) ? static_cast<std::uint64_t>(status.st_size) : 0;
     }
-    ~Input() { close(); }
+    ~Input() {
+        if (m_descriptor > STDIN_FILENO) ::close(m_descriptor);
+    }
     Input(const Input&) = delete;
     Input& operator=(const Input&) = delete;
 
@@ -113,12 +111,7 @@ class Input {
     }
 
   private:
-    void close() const {
-        if (m_descriptor > STDIN_FILENO) ::close(m_descriptor);
-    }
-
-    std::string m_name;
-    int m_descriptor = -1;
+    int m_descriptor;
     std::uint64_t m_size = 0;
     int m_error = 0;
 };
@@ -137,6 +130,13 @@ void checkOptions(const Options& options) {
     if (formatOf(options) != "cms" && (options.attached || options.chain))
         usageError(std::string(options.attached ? "--attached" : "--chain") +
                    " is for --format cms.");
+}
+
+// Without opening it: that would take the place of the one reader of a FIFO.
+void checkInput(const std::string& name) {
+    std::error_code error;
+    if (std::filesystem::is_directory(name, error)) cannotRead(name, EISDIR);
+    if (::access(name.c_str(), R_OK) != 0) cannotRead(name, errno);
 }
 
 void checkOutput(const std::string& path) {
@@ -163,7 +163,7 @@ std::vector<Job> jobsOf(const Options& options) {
                         ? *options.out
                         : (std::filesystem::path(*options.outDir) / (name + suffix)).string()});
         checkOutput(jobs.back().output);
-        if (input != "-") static_cast<void>(Input(input));  // can be opened
+        if (input != "-") checkInput(input);
     }
     return jobs;
 }

@@ -77,6 +77,7 @@ TEST(DigestTest, DigestsOfEveryLengthAreOpenSsls) {
 }
 
 TEST(RsaTest, OnlyWhatVerifiesIsRight) {
+    if (isUnderValgrind()) GTEST_SKIP();
     for (const unsigned bits : {1024U, 1031U, 2047U, 2048U, 3072U}) {
         const Key pair(EVP_RSA_gen(bits), &EVP_PKEY_free);
         _mvPublicKey key;
@@ -108,6 +109,7 @@ TEST(RsaTest, OnlyWhatVerifiesIsRight) {
 }
 
 TEST(EcdsaTest, OnlyWhatVerifiesIsRight) {
+    if (isUnderValgrind()) GTEST_SKIP();
     for (const char* const name : {"P-256", "P-384", "P-521", "secp256k1", "brainpoolP256r1", "brainpoolP320r1", "brainpoolP384r1", "brainpoolP512r1"}) {
         for (const char* const form : {"uncompressed", "compressed", "hybrid"}) {
             const Key pair(EVP_EC_gen(name), &EVP_PKEY_free);

@@ -129,6 +129,7 @@ const struct Lie {
     {"repeated handles", isFind, [](auto& out) { setHandles(out, 1, 0); }},
     {"handles of zero", isFind, [](auto& out) { setHandles(out, 0, 0); }},
     {"falling handles", isFind, [](auto& out) { std::reverse(out.ids, out.ids + *out.count); }},
+    {"signature of zeros", [](auto& out) { return out.signature != nullptr; }, [](auto& out) { std::memset(out.signature, 0, *out.count); }},
     {"session of zero", [](auto& out) { return out.session != nullptr; }, [](auto& out) { *out.session = 0; }},
     {"texts of NUL", hasTexts, [](auto& out) { setTexts(out, std::string_view("\0", 1)); }},
     {"texts without padding", hasTexts, [](auto& out) { setTexts(out, "abcdefgh"); }},

@@ -239,18 +239,22 @@ const std::map<std::string, std::string (*)(Pkcs11&, const Words&)>& publicCalls
 
 using EvpKey = std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>;
 
-static EvpKey keyPairOf(const std::string& cert) {
+// Kept, since a test may ask for thousands of signatures, and not freed: OpenSSL has cleaned up by then.
+static EVP_PKEY* keyPairOf(const std::string& cert) {
+    static auto& keys = *std::make_unique<std::map<std::string, EvpKey>>().release();
+    const auto known = keys.find(cert);
+    if (known != keys.end()) return known->second.get();
     const std::string name = cert == "alice" ? "rsa" : cert == "bob" ? "rsa2" : cert;
     std::FILE* const file = std::fopen((std::string(MERVANE_TEST_CERTS) + "/" + name + ".key").c_str(), "r");
     EvpKey key(file == nullptr ? nullptr : PEM_read_PrivateKey(file, nullptr, nullptr, nullptr), &EVP_PKEY_free);
     if (file != nullptr) std::fclose(file);
     if (!key) throw std::runtime_error("no key pair: " + name);
-    return key;
+    return keys.emplace(cert, std::move(key)).first->second.get();
 }
 
 fake::Bytes signedByOpenSsl(const fake::Object& object, const fake::Signing& signing) {
     const fake::Bytes& label = object.attributes.at(CKA_LABEL);
-    const EvpKey key = keyPairOf({label.begin(), label.end()});
+    EVP_PKEY* const key = keyPairOf({label.begin(), label.end()});
     // The hashing mechanisms are in rows of three: SHA-256, 384, 512.
     const CK_MECHANISM_TYPE m = signing.mechanism;
     const CK_MECHANISM_TYPE first = m >= CKM_ECDSA_SHA256 ? CKM_ECDSA_SHA256 : m >= CKM_SHA256_RSA_PKCS_PSS ? CKM_SHA256_RSA_PKCS_PSS : CKM_SHA256_RSA_PKCS;
@@ -264,9 +268,9 @@ fake::Bytes signedByOpenSsl(const fake::Object& object, const fake::Signing& sig
         EVP_Digest(signing.data.data(), signing.data.size(), data.data(), &size, hash, nullptr);
         data.resize(size);
     }
-    const std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)> context(EVP_PKEY_CTX_new(key.get(), nullptr), &EVP_PKEY_CTX_free);
+    const std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)> context(EVP_PKEY_CTX_new(key, nullptr), &EVP_PKEY_CTX_free);
     EVP_PKEY_sign_init(context.get());
-    const bool isEc = EVP_PKEY_get_base_id(key.get()) == EVP_PKEY_EC;
+    const bool isEc = EVP_PKEY_get_base_id(key) == EVP_PKEY_EC;
     if (!isEc) EVP_PKEY_CTX_set_rsa_padding(context.get(), signing.pss ? RSA_PKCS1_PSS_PADDING : RSA_PKCS1_PADDING);
     if (!isEc && hash != nullptr) EVP_PKEY_CTX_set_signature_md(context.get(), hash);
     if (signing.pss) EVP_PKEY_CTX_set_rsa_pss_saltlen(context.get(), static_cast<int>(signing.pss->sLen));
@@ -277,7 +281,7 @@ fake::Bytes signedByOpenSsl(const fake::Object& object, const fake::Signing& sig
     if (!isEc) return out;
     const unsigned char* at = out.data();
     ECDSA_SIG* const pair = d2i_ECDSA_SIG(nullptr, &at, static_cast<long>(size));
-    const int half = (EVP_PKEY_get_bits(key.get()) + 7) / 8;  // on the curves used here, of the order as well
+    const int half = (EVP_PKEY_get_bits(key) + 7) / 8;  // on the curves used here, of the order as well
     fake::Bytes raw(2 * static_cast<std::size_t>(half));
     BN_bn2binpad(ECDSA_SIG_get0_r(pair), raw.data(), half);
     BN_bn2binpad(ECDSA_SIG_get0_s(pair), raw.data() + half, half);

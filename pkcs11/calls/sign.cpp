@@ -78,6 +78,10 @@ class Signing {
             const auto rv = finish(signature);
             if (!rv) return false;
             if (*rv == CKR_OK) return true;
+            if (isRefusal(*rv) && !m_mechanism.isHashing && m_input.hasData()) {
+                noteRefusal(*rv);  // late, but it is one
+                continue;
+            }
             const bool mayNeedPin = m_pinTime == PinTime::Never && mightHelp(*rv) &&
                                     (m_input.hasData() || !m_mechanism.isHashing);
             if (!mayNeedPin) return reportFailure(function::kSign, *rv);
@@ -127,10 +131,14 @@ class Signing {
             rv = initialiseWithPin(mechanism);
             if (!rv) return false;
             if (!isRefusal(*rv)) break;
-            m_log.LogInfo(mechanismName(mechanism.type) + " was refused with " + rvName(*rv) + ".");
-            m_notes.refused.push_back(mechanism.type);
+            noteRefusal(*rv);
         }
         return *rv == CKR_OK || reportFailure(function::kSignInit, *rv);
+    }
+
+    void noteRefusal(CK_RV rv) {
+        m_log.LogInfo(mechanismName(m_mechanism.type) + " was refused with " + rvName(rv) + ".");
+        m_notes.refused.push_back(m_mechanism.type);
     }
 
     std::optional<CK_RV> initialiseWithPin(const Mechanism& mechanism) {

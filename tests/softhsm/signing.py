@@ -17,7 +17,23 @@ KEYS = {f"rsa{bits}": ("-algorithm", "RSA", "-pkeyopt", f"rsa_keygen_bits:{bits}
 
 def verifies(folder, name, hash_, padding, data, signature):
     options = ("-sigopt", "rsa_padding_mode:pss", "-sigopt", "rsa_pss_saltlen:digest") if padding == "pss" else ()
+    if padding == "pkcs1":
+        digest = folder / "digest"
+        openssl("dgst", f"-{hash_}", "-binary", "-out", digest, data)
+        return run("openssl", "pkeyutl", "-verify", "-pubin", "-inkey", folder / f"{name}.pub", "-sigfile", signature, "-in", digest, "-pkeyopt", f"digest:{hash_}",
+                   check=False).returncode == 0
     return run("openssl", "dgst", f"-{hash_}", "-verify", folder / f"{name}.pub", *options, "-signature", signature, data, check=False).returncode == 0
+
+
+def der_of(raw):
+    """Ecdsa-Sig-Value of r || s"""
+    def integer(octets):
+        octets = octets.lstrip(b"\0") or b"\0"
+        octets = b"\0" + octets if octets[0] > 127 else octets
+        return bytes([2, len(octets)]) + octets
+
+    body = integer(raw[:len(raw) // 2]) + integer(raw[len(raw) // 2:])
+    return (bytes([0x30, len(body)]) if len(body) < 128 else bytes([0x30, 0x81, len(body)])) + body
 
 
 def sign_with_every_key(token, folder, inputs):
@@ -35,9 +51,8 @@ def sign_with_every_key(token, folder, inputs):
                     expect(verifies(folder, name, hash_, padding, data, out), f"{name} {hash_} {padding} {data}: {done.stderr}")
             if not is_rsa:
                 token.p11("sign", inputs[1], "--out", folder / "raw", "--format", "raw", "--hash", hash_, *login)
-                token.p11("sign", inputs[1], "--out", folder / "der", "--hash", hash_, *login)
-                equal(len((folder / "raw").read_bytes()) % 2, 0, f"{name}: r and s")
-                expect(verifies(folder, name, hash_, "auto", inputs[1], folder / "der"), f"{name} {hash_} DER")
+                (folder / "der").write_bytes(der_of((folder / "raw").read_bytes()))
+                expect(verifies(folder, name, hash_, "auto", inputs[1], folder / "der"), f"{name} {hash_} raw")
 
 
 def sign_documents(token, folder, inputs):
@@ -81,6 +96,28 @@ def sign_many(token, folder, inputs):
     equal((wrong.returncode, os.path.exists("never")), (4, False), "a wrong PIN")
 
 
+def sign_with_pin_each_time(token, folder, inputs):
+    """SoftHSM's own CKA_ALWAYS_AUTHENTICATE"""
+    token.pkcs11_tool("--login", "--pin", USER_PIN, "--keypairgen", "--key-type", "rsa:2048", "--always-auth", "--id", "77", "--label", "careful")
+    token.pkcs11_tool("--read-object", "--type", "pubkey", "--id", "77", "-o", folder / "careful.spki")
+    openssl("pkey", "-pubin", "-inform", "DER", "-in", folder / "careful.spki", "-out", folder / "careful.pub")
+    openssl("req", "-new", "-key", folder / "ca.key", "-subj", "/CN=careful", "-out", folder / "csr")
+    openssl("x509", "-req", "-in", folder / "csr", "-force_pubkey", folder / "careful.pub", "-CA", folder / "ca.pem", "-CAkey", folder / "ca.key", "-outform", "DER",
+            "-out", folder / "careful.der")
+    token.put_cert(folder / "careful.der", "77", "careful")
+    out = folder / "careful"
+    out.mkdir()
+    words = ("sign", *inputs, "--out-dir", out, "--format", "der", "--cert", "label=careful", "--pin", "env:USER_PIN")
+    token.p11(*words)
+    for data in inputs:
+        expect(verifies(folder, "careful", "sha256", "pkcs1", data, out / f"{data.name}.sig"), f"PIN each time, {data.name}")
+    shutil.rmtree(out)
+    out.mkdir()
+    wrong = run(token.tool, *words, "--sign-pin", "env:PIN", check=False, env=token.env | {"PIN": "no such pin"})
+    equal((wrong.returncode, "CKR_PIN_INCORRECT" in wrong.stderr, list(out.iterdir())), (4, True, []), f"a wrong PIN for signatures: {wrong.stderr}")
+    token.p11(*words)
+
+
 def prove(token):
     document = token.p11_json("test", "--pin", "env:USER_PIN") if run(token.tool, "test", "--pin", "env:USER_PIN", check=False, env=token.env).returncode == 0 \
         else json.loads(run(token.tool, "test", "--pin", "env:USER_PIN", "--json", check=False, env=token.env).stdout)
@@ -112,6 +149,7 @@ def main(tool, module):
     sign_with_every_key(token, folder, inputs)
     sign_documents(token, folder, inputs)
     sign_many(token, folder, inputs)
+    sign_with_pin_each_time(token, folder, inputs)
     prove(token)
     shutil.rmtree(folder / "many")
 
