@@ -28,8 +28,8 @@ class Book {
         const CritSecExitor lock(m_section);
         if (m_generation != forkGeneration()) {
             auto page = std::make_unique<Page>();
-            page->before = m_page;
-            m_page = page.release();
+            page->before = m_page.release();
+            m_page = std::move(page);
             m_generation = forkGeneration();
         }
         return work(*m_page);
@@ -38,7 +38,7 @@ class Book {
   private:
     MervaneCritSec m_section;  // survives a fork
     std::uint32_t m_generation = forkGeneration();
-    Page* m_page = std::make_unique<Page>().release();
+    std::unique_ptr<Page> m_page = std::make_unique<Page>();
 };
 
 constinit Lasting<Book> theBook;
