@@ -26,7 +26,7 @@ DAEMON = "/usr/sbin/pcscd"
 DRIVERS = pathlib.Path("/usr/lib/pcsc/drivers")
 DRIVER = DRIVERS / "serial" / "libifdvpcd.so"
 PRIVATE = pathlib.Path("/run")  # a file system of its own, gone with the last process
-PORT = 35963
+PORT = 25963  # below those that a connection is given: it could be given that of the reader, and meet itself
 
 
 def skip(why):
