@@ -128,7 +128,8 @@ constexpr std::array kOptions = {
         "write to FILE; - is standard output; a certificate as DER if the name ends in .der, else "
         "as PEM",
         [](Options& o, Value v) { o.out = outputPath(v); }},
-    OptionSpec{kOutDir, "--out-dir", "", "DIR", "write each signature beside its name in DIR",
+    OptionSpec{kOutDir, "--out-dir", "", "DIR",
+               "write the signatures into DIR, as NAME.p7s or NAME.sig",
                [](Options& o, Value v) {
                    o.outDir = absolutePath(v, "--out-dir takes the name of a folder.");
                }},
