@@ -34,7 +34,10 @@ TEST_F(ModuleTest, LibraryIsUnmappedWhenAnotherTakesItsPlace) {
 
 TEST_F(ModuleTest, ReportsAreFalse) {
     LogNull log;
-    EXPECT_FALSE(p11->noFunc("C_Sign", log) || p11->noFuncs(log) || p11->noSession(log));
+    EXPECT_FALSE(p11->noFunc("C_Sign", log));
+    EXPECT_EQ(p11->lastFailure().kind, FailureKind::NotSupported);
+    EXPECT_THAT(p11->lastFailure().cause, HasSubstr("does not offer C_Sign."));
+    EXPECT_FALSE(p11->noFuncs(log) || p11->noSession(log));
 }
 
 TEST_F(ModuleTest, ObjectsAreCountedAsFarAsTheyAreSeen) {
