@@ -14,14 +14,6 @@
 namespace mervane::cli {
 namespace {
 
-using Reader = void (ClsCert::*)(XString&);
-
-std::string read(ClsCert& cert, Reader reader) {
-    XString text;
-    (cert.*reader)(text);
-    return std::string(text.view());
-}
-
 // The front of a text for people: a hostile name of a megabyte is not copied on its way to a cell.
 std::string readCell(ClsCert& cert, Reader reader) {
     XString text;
@@ -159,6 +151,12 @@ std::string today() {
 }
 
 }  // namespace
+
+std::string read(ClsCert& cert, Reader reader) {
+    XString text;
+    (cert.*reader)(text);
+    return std::string(text.view());
+}
 
 KeyView keyViewOf(ClsPkcs11& p11, ClsCert& cert, const TokenInfo& token, bool isLoggedIn,
                   bool isExplained) {

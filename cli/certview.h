@@ -28,6 +28,10 @@ struct KeyView {
 KeyView keyViewOf(ClsPkcs11& p11, ClsCert& cert, const TokenInfo& token, bool isLoggedIn,
                   bool isExplained);
 
+/// The value of one of a certificate's text properties.
+using Reader = void (ClsCert::*)(XString&);
+std::string read(ClsCert& cert, Reader reader);
+
 /// What JSON says about a certificate besides its fields.
 struct CertContext {
     int index;

@@ -19,15 +19,8 @@
 namespace mervane::cli {
 namespace {
 
-std::string read(ClsCert& cert, void (ClsCert::*reader)(XString&)) {
-    XString text;
-    (cert.*reader)(text);
-    return std::string(text.view());
-}
-
 // The certificate whose field is the value: for the fields that FindCert does not know.
-void findByField(ClsPkcs11& p11, void (ClsCert::*reader)(XString&), const std::string& value,
-                 ClsCert& cert) {
+void findByField(ClsPkcs11& p11, Reader reader, const std::string& value, ClsCert& cert) {
     if (!p11.FindAllCerts()) throwLastFailure(p11);
     std::vector<int> fitting;
     std::vector<std::uint8_t> first;

@@ -211,12 +211,6 @@ std::vector<std::uint8_t> signedFile(ClsPkcs11& p11, ClsCert& cert, const Option
     return out;
 }
 
-std::string read(ClsCert& cert, void (ClsCert::*reader)(XString&)) {
-    XString text;
-    (cert.*reader)(text);
-    return std::string(text.view());
-}
-
 void printDone(const std::vector<Job>& jobs, ClsCert& cert, const Options& options) {
     if (!options.json) {
         for (const Job& job : jobs) {

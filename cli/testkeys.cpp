@@ -2,7 +2,7 @@
 // with the certificate.
 
 #include <algorithm>
-#include <iostream>
+#include <array>
 
 #include "certview.h"
 #include "commands.h"
@@ -12,41 +12,53 @@
 namespace mervane::cli {
 namespace {
 
-// What became of one key. The words stand in the JSON as they are.
-struct Outcome {
-    // ok, failed, notTheCertificates, notVerified, mayNotSign, none, unknown
-    std::string_view result;
-    std::string message;  // of a failure
-    std::string rvName;
+enum class Result : unsigned char {
+    Ok,
+    Failed,
+    NotTheCertificates,
+    NotVerified,
+    MayNotSign,
+    None,
+    Unknown,  // nobody is logged in, so it may be hidden
 };
 
-// For people.
+// In JSON, and for people.
+constexpr std::array<std::string_view, 7> kNames = {
+    "ok", "failed", "notTheCertificates", "notVerified", "mayNotSign", "none", "unknown"};
+constexpr std::array<std::string_view, 7> kTexts = {"OK",
+                                                    "FAILED",
+                                                    "FAILED: not the certificate's key",
+                                                    "signed, not verified",
+                                                    "may not sign",
+                                                    "no key",
+                                                    "unknown (not logged in)"};
+
+// What became of one key.
+struct Outcome {
+    Result result;
+    std::string message{};  // of a failure
+    std::string rvName{};
+};
+
 std::string textFor(const Outcome& outcome) {
-    if (outcome.result == "ok") return "OK";
-    if (outcome.result == "failed")
-        return "FAILED " + (outcome.rvName.empty() ? outcome.message : outcome.rvName);
-    if (outcome.result == "notTheCertificates") return "FAILED: not the certificate's key";
-    if (outcome.result == "notVerified") return "signed, not verified";
-    if (outcome.result == "unknown") return "unknown (not logged in)";
-    return outcome.result == "mayNotSign" ? "may not sign" : "no key";
+    const std::string text(kTexts[static_cast<std::size_t>(outcome.result)]);
+    if (outcome.result != Result::Failed) return text;
+    return text + " " + (outcome.rvName.empty() ? outcome.message : outcome.rvName);
 }
 
 Outcome outcomeOf(ClsPkcs11& p11, ClsCert& cert, bool isAllSeen) {
     LogNull log;
     const bool isLinked = p11.linkCertToPkcs11Session(cert.getCert().get(), true, log);
     if (!isLinked && p11.lastFailure().kind == FailureKind::NotFound)
-        return {isAllSeen ? "none" : "unknown", {}, {}};
+        return {isAllSeen ? Result::None : Result::Unknown};
     KeyProof proof{};
-    if (isLinked && p11.ProveKey(cert, proof)) {
-        return {proof == KeyProof::Proved      ? "ok"
-                : proof == KeyProof::Disproved ? "notTheCertificates"
-                                               : "notVerified",
-                {},
-                {}};
-    }
+    if (isLinked && p11.ProveKey(cert, proof))
+        return {proof == KeyProof::Proved      ? Result::Ok
+                : proof == KeyProof::Disproved ? Result::NotTheCertificates
+                                               : Result::NotVerified};
     const Failure failure = p11.lastFailure();
-    if (failure.kind == FailureKind::KeyMayNotSign) return {"mayNotSign", {}, {}};
-    return {"failed", failure.cause, failure.rvName()};
+    if (failure.kind == FailureKind::KeyMayNotSign) return {Result::MayNotSign};
+    return {Result::Failed, failure.cause, failure.rvName()};
 }
 
 void printJson(ClsPkcs11& p11, const std::vector<Outcome>& outcomes, bool isLoggedIn) {
@@ -55,14 +67,12 @@ void printJson(ClsPkcs11& p11, const std::vector<Outcome>& outcomes, bool isLogg
     document.beginList("keys");
     for (std::size_t i = 0; i < outcomes.size(); ++i) {
         ClsCert cert;
-        XString subject;
         if (!p11.GetCert(static_cast<int>(i), cert)) throwLastFailure(p11);
-        cert.get_SubjectDN(subject);
         const auto link = cert.PrivateKeyLink();
         document.beginItem();
         document.member("index", JsonValue(static_cast<int>(i)));
-        document.text("subject", subject.view());
-        document.text("result", outcomes[i].result);
+        document.text("subject", read(cert, &ClsCert::get_SubjectDN));
+        document.text("result", kNames[static_cast<std::size_t>(outcomes[i].result)]);
         document.member("handle", link ? JsonValue(link->keyHandle) : JsonValue());
         document.member("message",
                         outcomes[i].message.empty() ? JsonValue() : JsonValue(outcomes[i].message));
@@ -103,14 +113,15 @@ Exit runTest(ClsPkcs11& p11, const Options& options) {
     } else {
         printTable(p11, outcomes, options.wide ? 0 : terminalWidth());
     }
-    const auto number = [&](std::string_view result) {
+    const auto number = [&](Result result) {
         return static_cast<std::size_t>(std::ranges::count(outcomes, result, &Outcome::result));
     };
-    if (number("unknown") != 0)
+    if (number(Result::Unknown) != 0)
         remark("The user is not logged in, so private keys may be hidden; --login shows them.");
-    const std::size_t numUntried = number("none") + number("unknown") + number("mayNotSign");
+    const std::size_t numUntried =
+        number(Result::None) + number(Result::Unknown) + number(Result::MayNotSign);
     if (numUntried == outcomes.size()) return Exit::NotFound;
-    return numUntried + number("ok") == outcomes.size() ? Exit::Done : Exit::Module;
+    return numUntried + number(Result::Ok) == outcomes.size() ? Exit::Done : Exit::Module;
 }
 
 }  // namespace mervane::cli

@@ -5,7 +5,7 @@
 // before the module is asked: it is not linked, or elsewhere, or may not sign, or is too short.
 // Then the module signs (calls/sign.cpp), and nothing wrong leaves: the length has to be right, r
 // and s in range, and an RSA signature has to verify with the certificate's public key, which costs
-// a tenth of making it. ECDSA is verified only to prove a key, since that takes longer than
+// a twentieth of making it. ECDSA is verified only to prove a key, since that takes longer than
 // signing.
 
 #include <sys/random.h>
@@ -62,7 +62,7 @@ class LinkedKey {
         return true;
     }
 
-    [[nodiscard]] const Certificate& cert() const { return *m_cert; }
+    [[nodiscard]] const std::shared_ptr<Certificate>& cert() const { return m_cert; }
     [[nodiscard]] const Scheme& scheme() const { return m_scheme; }
 
     // A signature that may leave: RSA, or r || s.
@@ -166,11 +166,12 @@ std::vector<std::shared_ptr<Certificate>> chainOf(const std::shared_ptr<Certific
     return chain;
 }
 
-bool signInput(LinkedKey& key, SignInput& input, const SignOptions& options,
+// The signature in the form that is asked for.
+bool signInput(LinkedKey& key, SignInput input, EcdsaForm form,
                std::vector<std::uint8_t>& signature) {
     std::vector<std::uint8_t> made;
     if (!key.sign(input, made)) return false;
-    const bool isDer = key.scheme().keyType == kEcKey && options.ecdsaForm == EcdsaForm::Der;
+    const bool isDer = key.scheme().keyType == kEcKey && form == EcdsaForm::Der;
     signature = isDer ? ecdsa::toDer(made) : std::move(made);
     return true;
 }
@@ -183,30 +184,27 @@ bool ClsPkcs11::SignHash(ClsCert& cert, std::span<const std::uint8_t> digest,
         if (digest.size() != digestSize(options.hash))
             return m_calls->fail(log, FailureKind::Argument,
                                  "The digest is not as long as the hash function's.");
-        auto input = SignInput::ofDigest(digest);
         LinkedKey key(*m_calls, log);
         return key.take(*this, cert, options.hash, options.padding, cardRequiresPss(log)) &&
-               signInput(key, input, options, signature);
+               signInput(key, SignInput::ofDigest(digest), options.ecdsaForm, signature);
     });
 }
 
 bool ClsPkcs11::SignData(ClsCert& cert, std::span<const std::uint8_t> data,
                          const SignOptions& options, std::vector<std::uint8_t>& signature) {
     return publicCall(*this, *m_calls, "SignData", Record::Yes, [&](LogBase& log) {
-        auto input = SignInput::ofData(data);
         LinkedKey key(*m_calls, log);
         return key.take(*this, cert, options.hash, options.padding, cardRequiresPss(log)) &&
-               signInput(key, input, options, signature);
+               signInput(key, SignInput::ofData(data), options.ecdsaForm, signature);
     });
 }
 
 bool ClsPkcs11::SignData(ClsCert& cert, const DataReader& reader, const SignOptions& options,
                          std::vector<std::uint8_t>& signature) {
     return publicCall(*this, *m_calls, "SignData", Record::Yes, [&](LogBase& log) {
-        auto input = SignInput::ofReader(reader);
         LinkedKey key(*m_calls, log);
         return key.take(*this, cert, options.hash, options.padding, cardRequiresPss(log)) &&
-               signInput(key, input, options, signature);
+               signInput(key, SignInput::ofReader(reader), options.ecdsaForm, signature);
     });
 }
 
@@ -220,8 +218,6 @@ bool ClsPkcs11::SignCms(ClsCert& cert, const DataReader& reader, const CmsOption
         LinkedKey key(*m_calls, log);
         if (!key.take(*this, cert, options.hash, options.padding, cardRequiresPss(log)))
             return false;
-        const auto shared = cert.getCert();
-
         der::Octets content;
         const auto keep = [&](der::Bytes piece) {
             if (options.isAttached) content.insert(content.end(), piece.begin(), piece.end());
@@ -230,14 +226,13 @@ bool ClsPkcs11::SignCms(ClsCert& cert, const DataReader& reader, const CmsOption
         auto data = SignInput::ofReader(reader);
         if (!data.pass(options.hash, keep))
             return m_calls->fail(log, FailureKind::Argument, "The data to sign cannot be read.");
-        const auto attributes = cms::signedAttributes(*shared, *data.digest(options.hash), time);
-        auto input = SignInput::ofData(attributes);
+        const auto attributes =
+            cms::signedAttributes(*key.cert(), *data.digest(options.hash), time);
         std::vector<std::uint8_t> signature;
-        if (!key.sign(input, signature)) return false;
-        if (key.scheme().keyType == kEcKey) signature = ecdsa::toDer(signature);
-        document = cms::signedData(key.scheme(), *shared, attributes, signature,
+        if (!signInput(key, SignInput::ofData(attributes), EcdsaForm::Der, signature)) return false;
+        document = cms::signedData(key.scheme(), *key.cert(), attributes, signature,
                                    options.isAttached ? &content : nullptr,
-                                   chainOf(shared, options.withIssuers ? &m_certs : nullptr));
+                                   chainOf(key.cert(), options.withIssuers ? &m_certs : nullptr));
         return true;
     });
 }

@@ -134,15 +134,19 @@ Limbs shortened(der::Bytes digest, const Modulus& order, std::size_t orderSize, 
     return isBelow(out, order.n()) ? out : order.subtract(out, order.n());
 }
 
-struct Halves {
-    Limbs r, s;
-};
-std::optional<Halves> halvesOf(der::Bytes raw, const Modulus& order, std::size_t orderSize) {
-    if (raw.size() != 2 * orderSize) return std::nullopt;
-    Halves out{order.fromBytes(raw.first(orderSize)), order.fromBytes(raw.subspan(orderSize))};
-    const bool inRange =
-        !isZero(out.r) && !isZero(out.s) && isBelow(out.r, order.n()) && isBelow(out.s, order.n());
-    return inRange ? std::optional(std::move(out)) : std::nullopt;
+// Whether both halves are between 1 and the order less one, all in as many octets.
+bool areInRange(der::Bytes raw, der::Bytes order) {
+    const auto isInRange = [order](der::Bytes half) {
+        return half.size() == order.size() && !der::magnitude(half).empty() &&
+               std::ranges::lexicographical_compare(half, order);
+    };
+    return isInRange(raw.first(raw.size() / 2)) && isInRange(raw.subspan(raw.size() / 2));
+}
+
+std::vector<std::uint8_t> orderOf(const CurveParameters& parameters) {
+    const auto bytes = bytesOf(parameters.order);
+    const der::Bytes order = der::magnitude(bytes);
+    return {order.begin(), order.end()};
 }
 
 }  // namespace
@@ -170,8 +174,7 @@ std::optional<std::vector<std::uint8_t>> fromDer(der::Bytes der, std::size_t siz
 
 bool isInRange(der::Bytes ecParameters, der::Bytes raw) {
     const CurveParameters* const parameters = findParameters(ecParameters);
-    if (parameters != nullptr)
-        return halvesOf(raw, modulusOf(parameters->order), raw.size() / 2).has_value();
+    if (parameters != nullptr) return areInRange(raw, orderOf(*parameters));
     const auto isNull = [](der::Bytes half) { return der::magnitude(half).empty(); };
     return !isNull(raw.first(raw.size() / 2)) && !isNull(raw.subspan(raw.size() / 2));
 }
@@ -179,23 +182,22 @@ bool isInRange(der::Bytes ecParameters, der::Bytes raw) {
 Verdict verify(der::Bytes ecParameters, der::Bytes point, der::Bytes digest, der::Bytes raw) {
     const CurveParameters* const parameters = findParameters(ecParameters);
     if (parameters == nullptr) return Verdict::NotVerifiable;
+    const auto orderBytes = orderOf(*parameters);
     const Curve curve(*parameters);
-    const auto orderBytes = bytesOf(parameters->order);
-    const Modulus order(der::magnitude(orderBytes));
-    const std::size_t orderSize = der::magnitude(orderBytes).size();
     const auto q = curve.read(point, parameters->p.size() / 2);
-    const auto signature = halvesOf(raw, order, orderSize);
-    if (!q || !signature) return Verdict::Wrong;
-    const Limbs e = shortened(digest, order, orderSize, der::bitCount(orderBytes));
-    const Limbs w =
-        order.inverse(order.toForm(signature->s));  // in form, so the products are plain
+    if (!q || !areInRange(raw, orderBytes)) return Verdict::Wrong;
+    const Modulus order(orderBytes);
+    const Limbs r = order.fromBytes(raw.first(orderBytes.size()));
+    const Limbs s = order.fromBytes(raw.subspan(orderBytes.size()));
+    const Limbs e = shortened(digest, order, orderBytes.size(), der::bitCount(orderBytes));
+    const Limbs w = order.inverse(order.toForm(s));  // in form, so the products are plain
     const Limbs u1 = order.multiply(e, w);
-    const Limbs u2 = order.multiply(signature->r, w);
+    const Limbs u2 = order.multiply(r, w);
     const Point sum = curve.combined(u1, u2, *q);
     if (isZero(sum.z)) return Verdict::Wrong;
     Limbs v = curve.affineX(sum);
     while (!isBelow(v, order.n())) v = order.subtract(v, order.n());
-    return v == signature->r ? Verdict::Right : Verdict::Wrong;
+    return v == r ? Verdict::Right : Verdict::Wrong;
 }
 
 }  // namespace mervane::ecdsa

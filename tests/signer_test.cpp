@@ -118,6 +118,8 @@ TEST_F(SignerTest, OnlyTheTokenThatWasChosenIsOpened) {
               "Several tokens fit: \"one\" (serial number 0001, slot 1), \"two\" (serial number 0002, slot 2), "
               "\"two\" (serial number 0003, slot 3).");
     EXPECT_EQ(p11->lastFailure().hint, "Choose one by label, serial number or slot.");
+    ASSERT_TRUE(p11->OpenToken({.slotId = 3}, false));
+    EXPECT_THAT(p11->log().text(), AllOf(HasSubstr("label: two"), HasSubstr("serialNumber: 0003")));
 }
 
 TEST_F(SignerTest, TokenOfASessionIsToldHoweverItWasOpened) {
@@ -165,6 +167,7 @@ TEST_F(SignerTest, TokenThatCannotBeReadIsNoTokenThatIsNotThere) {
     EXPECT_FALSE(p11->OpenToken({.label = "two"}, false));
     EXPECT_EQ(p11->lastFailure().cause, "The token in slot 2 cannot be read.");
     EXPECT_EQ(p11->get_NumLeftOut(), 1);
+    EXPECT_FALSE(p11->hasOpenSession());
     // Exchanged between the choice and the session: no PIN is to reach it.
     world.answer = [this](auto& f, auto) {
         if (f == "C_OpenSession") world.slots[0].label = "another";

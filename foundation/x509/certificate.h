@@ -117,7 +117,7 @@ class Certificate final : public std::enable_shared_from_this<Certificate> {
     [[nodiscard]] der::Bytes spki() const noexcept { return bytesOf(m_spki); }
     [[nodiscard]] der::Bytes issuer() const noexcept { return bytesOf(m_issuer); }
     [[nodiscard]] der::Bytes serialNumber() const noexcept { return bytesOf(m_serial); }
-    /// The DER of a part. Part 1 is the subject; any other, or a malformed subject, returns false.
+    /// The DER of one field: 1 is the subject; any other number, or a malformed subject, is false.
     bool getPartDer(int part, DataBuffer& out, LogBase& log) const;
 
     // --- Link to the session that holds the private key. Any thread may call these.

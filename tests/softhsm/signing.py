@@ -118,13 +118,19 @@ def sign_with_pin_each_time(token, folder, inputs):
     token.p11(*words)
 
 
-def prove(token):
-    document = token.p11_json("test", "--pin", "env:USER_PIN") if run(token.tool, "test", "--pin", "env:USER_PIN", check=False, env=token.env).returncode == 0 \
-        else json.loads(run(token.tool, "test", "--pin", "env:USER_PIN", "--json", check=False, env=token.env).stdout)
+def prove(token, folder):
+    # A certificate of the CA's own key, under the ID of another key.
+    openssl("req", "-x509", "-key", folder / "ca.key", "-subj", "/CN=stranger", "-outform", "DER", "-out", folder / "stranger.der")
+    token.put_cert(folder / "stranger.der", "02", "stranger")
+    done = run(token.tool, "test", "--pin", "env:USER_PIN", "--json", check=False, env=token.env)
+    equal(done.returncode, 1, "keys that are not OK")
+    document = json.loads(done.stdout)
     check_schema(document, "test")
     for key in document["keys"]:
-        wanted = "none" if "CA" in key["subject"] else "notVerified" if "secp224k1" in key["subject"] else "ok"
-        equal(key["result"], wanted, key["subject"])
+        name = key["subject"].removeprefix("CN=")
+        equal(key["result"], {"Test CA": "none", "secp224k1": "notVerified", "stranger": "notTheCertificates"}.get(name, "ok"), name)
+    hidden = json.loads(run(token.tool, "test", "--json", check=False, env=token.env).stdout)
+    equal({key["result"] for key in hidden["keys"]}, {"unknown"}, "nobody is logged in")
 
 
 def main(tool, module):
@@ -150,7 +156,7 @@ def main(tool, module):
     sign_documents(token, folder, inputs)
     sign_many(token, folder, inputs)
     sign_with_pin_each_time(token, folder, inputs)
-    prove(token)
+    prove(token, folder)
     shutil.rmtree(folder / "many")
 
 
