@@ -6,6 +6,7 @@
 #include <iostream>
 
 #include "commands.h"
+#include "locatetoken.h"
 #include "output.h"
 #include "pins.h"
 #include "terminal.h"
@@ -67,12 +68,12 @@ void confirm(ClsPkcs11& p11, const TokenInfo& token, const Options& options) {
                        isAsked ? "" : "--yes skips the question."};
 }
 
-bool isThereAlready(ClsPkcs11& p11, const Options& options) {
+bool isThereAlready(ClsPkcs11& p11, const TokenChoice& choice, const Options& options) {
     std::vector<TokenInfo> tokens;
     if (!p11.ListTokens(tokens)) throwLastFailure(p11);
     return std::ranges::any_of(tokens, [&](const TokenInfo& token) {
         const bool isNamed =
-            options.slot ? token.slotId == *options.slot : token.label == options.arguments[0];
+            choice.slotId ? token.slotId == *choice.slotId : token.label == options.arguments[0];
         return token.isReadable && token.isInitialised && isNamed;
     });
 }
@@ -121,12 +122,12 @@ Exit runInitPin(ClsPkcs11& p11, const Options& options) {
 
 Exit runInitToken(ClsPkcs11& p11, const Options& options) {
     const Pins pins(options);
-    useModule(p11, options);
-    if (options.ifUninitialised && isThereAlready(p11, options)) {
+    const TokenChoice choice = locateToken(p11, options, Suitable::Uninitialised);
+    if (options.ifUninitialised && isThereAlready(p11, choice, options)) {
         sayDone(options, "changed", false, kNothingChanged);
         return Exit::Done;
     }
-    const TokenInfo token = tokenToInitialise(p11, options);
+    const TokenInfo token = tokenToInitialise(p11, choice);
     if (options.ifUninitialised && token.isInitialised) {
         sayDone(options, "changed", false, kNothingChanged);
         return Exit::Done;

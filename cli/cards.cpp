@@ -1,9 +1,12 @@
-// atr and card-data, which need no module.
+// readers, atr and card-data, which need no module.
 
+#include "cards.h"
+
+#include <algorithm>
 #include <filesystem>
 #include <iostream>
+#include <optional>
 
-#include <mervane/foundation/json/writer.h>
 #include <mervane/foundation/text/ascii.h>
 
 #include "commands.h"
@@ -13,6 +16,8 @@
 
 namespace mervane::cli {
 namespace {
+
+constexpr const char* kNoDriver = "no Linux module is known";
 
 // Accepts an ATR as people paste it: "3B 6D 00", "3b:6d:00", "0x3B6D00"; and X for a digit, as the
 // card database writes those that differ from card to card.
@@ -24,46 +29,205 @@ std::string cleanedAtr(const std::string& pasted) {
     return *digits;
 }
 
-}  // namespace
+std::optional<CardInfo> findInfo(ClsPkcs11& p11, const std::string& atr) {
+    CardInfo card;
+    if (findCardInfo(atr, card, p11.log())) return card;
+    const std::string error = p11.log().firstError();
+    if (!error.empty()) throw CommandError{Exit::Module, printable(error), {}};
+    return std::nullopt;
+}
 
-Exit runAtr(ClsPkcs11& p11, const Options& options) {
+std::optional<CardInfo> cardIn(ClsPkcs11& p11, const CardReader& reader) {
+    return reader.atr.empty() ? std::nullopt : findInfo(p11, reader.atr);
+}
+
+bool isInstalled(const std::string& path) {
+    std::error_code error;
+    return std::filesystem::is_regular_file(path, error);
+}
+
+std::string driverFor(const CardInfo& card) {
+    if (card.paths.empty()) return kNoDriver;
+    const bool isAny = std::ranges::any_of(card.paths, isInstalled);
+    return card.driver + (isAny ? "" : " (not installed)");
+}
+
+std::string cardFor(const CardReader& reader, const std::optional<CardInfo>& card) {
+    switch (reader.card) {
+        case CardReader::Card::None:
+            return "none";
+        case CardReader::Card::Mute:
+            return "does not answer";
+        case CardReader::Card::Present:
+            return card ? card->name : "unknown";
+        default:
+            return "the reader does not say";
+    }
+}
+
+JsonValue toJson(const CardInfo& card) {
+    JsonValue out = JsonValue::object();
+    out.set("name", card.name);
+    out.set("readOnly", card.isReadOnly);
+    out.set("driver", card.driver.empty() ? JsonValue() : JsonValue(card.driver));
+    JsonValue& paths = out.set("paths", JsonValue::array());
+    for (const std::string& path : card.paths) {
+        JsonValue& entry = paths.append(JsonValue::object());
+        entry.set("path", path);
+        entry.set("exists", isInstalled(path));
+    }
+    return out;
+}
+
+JsonValue toJson(ClsPkcs11& p11, const CardReader& reader) {
+    JsonValue out = JsonValue::object();
+    out.set("name", reader.name);
+    out.set("card", nameOf(reader.card));
+    out.set("atr", reader.atr.empty() ? JsonValue() : JsonValue(reader.atr));
+    out.set("inUse", reader.isInUse);
+    const auto card = cardIn(p11, reader);
+    out.set("known", card ? toJson(*card) : JsonValue());
+    return out;
+}
+
+ReaderList readersNow(ClsPkcs11& p11) {
+    ReaderList list;
+    if (!listReaders(list, p11.log())) throw std::bad_alloc();
+    return list;
+}
+
+// A card, and where it was seen.
+struct KnownCard {
+    std::string reader{};  // empty if the ATR was given
+    std::string atr;
+    bool isKnown = false;
+    CardInfo info{};
+};
+
+KnownCard cardWithAtr(ClsPkcs11& p11, const Options& options) {
     std::string pasted;
     // An ATR pasted without quotes arrives as one argument per byte.
     for (const std::string& word : options.arguments) pasted.append(word).push_back(' ');
-    StringBuffer name;
-    bool readOnly = false;
-    ExtPtrArraySb paths;
-    if (!ClsPkcs11::CardDataLookupAtr2(cleanedAtr(pasted).c_str(), name, readOnly, paths,
-                                       p11.log())) {
-        const std::string error = p11.log().firstError();
-        throw CommandError{Exit::NotFound,
-                           error.empty() ? "No card with this ATR is known." : printable(error),
-                           {}};
+    KnownCard card{.atr = cleanedAtr(pasted)};
+    const auto info = findInfo(p11, card.atr);
+    if (!info)
+        throw CommandError{Exit::NotFound, "No card with this ATR is known.",
+                           "OpenSC's module (opensc-pkcs11) serves many cards; try that."};
+    card.info = *info;
+    card.isKnown = true;
+    return card;
+}
+
+std::vector<KnownCard> cardsInReaders(ClsPkcs11& p11) {
+    const ReaderList list = readersNow(p11);
+    if (list.state != PcscState::Ready)
+        throw CommandError{
+            list.state == PcscState::Failed ? Exit::Module : Exit::NoToken, whyNoReaders(list), {}};
+    std::vector<KnownCard> cards;
+    for (const CardReader& reader : list.readers) {
+        if (reader.atr.empty()) continue;
+        const auto info = findInfo(p11, reader.atr);
+        cards.push_back({reader.name, reader.atr, info.has_value(), info.value_or(CardInfo())});
     }
-    JsonValue list = JsonValue::array();
-    for (int i = 0; i < paths.getSize(); ++i) {
-        JsonValue& path = list.append(JsonValue::object());
-        path.set("path", paths.sbAt(i)->view());
-        std::error_code error;
-        path.set("exists", std::filesystem::is_regular_file(paths.sbAt(i)->view(), error));
+    if (cards.empty())
+        throw CommandError{Exit::NoToken, "No reader holds a card that answers.",
+                           "mervane-p11 readers tells what each reader sees."};
+    return cards;
+}
+
+void printCard(const KnownCard& card) {
+    std::vector<std::pair<std::string, std::string>> fields;
+    if (!card.reader.empty()) {
+        fields.emplace_back("Reader", card.reader);
+        fields.emplace_back("ATR", card.atr);
     }
-    JsonValue document = JsonValue::object();
-    document.set("name", name.view());
-    document.set("readOnly", readOnly);
-    document.set("paths", std::move(list));
-    if (options.json) {
-        printJson(document);
-        return Exit::Done;
-    }
-    std::vector<std::pair<std::string, std::string>> fields = {
-        {"Card", std::string(name.view())}, {"Read-only", readOnly ? "yes" : "no"}};
-    for (const JsonValue& path : *document.find("paths")->asArray()) {
-        fields.emplace_back(
-            "Module",
-            textOf(path, "path") + (*path.find("exists")->asBool() ? "" : " (not installed)"));
+    fields.emplace_back("Card", card.isKnown ? card.info.name : "unknown");
+    if (card.isKnown) fields.emplace_back("Read-only", card.info.isReadOnly ? "yes" : "no");
+    for (const std::string& path : card.info.paths)
+        fields.emplace_back("Module", path + (isInstalled(path) ? "" : " (not installed)"));
+    if (card.info.paths.empty()) {
+        if (card.isKnown) fields.emplace_back("Module", kNoDriver);
+        fields.emplace_back("Try",
+                            "OpenSC's module (package opensc-pkcs11), which serves many cards");
     }
     printFields(fields);
-    return Exit::Done;
+}
+
+}  // namespace
+
+std::string whyNoReaders(const ReaderList& list) {
+    switch (list.state) {
+        case PcscState::NoLibrary:
+            return "The PC/SC library cannot be loaded (" + printable(list.reason) + ").";
+        case PcscState::NoDaemon:
+            return "The PC/SC daemon is not running.";
+        case PcscState::NoReader:
+            return "There is no card reader.";
+        default:
+            return "The readers cannot be listed (" + printable(list.reason) + ").";
+    }
+}
+
+std::string readersHint(const ReaderList& list) {
+    switch (list.state) {
+        case PcscState::NoLibrary:
+            return "Install the packages libpcsclite1 and pcscd.";
+        case PcscState::NoDaemon:
+            return "Install the package pcscd, or start it: systemctl start pcscd.socket.";
+        case PcscState::NoReader:
+            return "Is it plugged in? USB readers need the package libccid.";
+        default:
+            return "Restart the daemon: systemctl restart pcscd.";
+    }
+}
+
+Exit runReaders(ClsPkcs11& p11, const Options& options) {
+    const ReaderList list = readersNow(p11);
+    if (options.json) {
+        JsonValue document = JsonValue::object();
+        document.set("pcsc", nameOf(list.state));
+        document.set("reason", list.reason.empty() ? JsonValue() : JsonValue(list.reason));
+        JsonValue& readers = document.set("readers", JsonValue::array());
+        for (const CardReader& reader : list.readers) readers.append(toJson(p11, reader));
+        printJson(document);
+    } else if (!list.readers.empty()) {
+        Table table({"READER", "CARD", "ATR", "DRIVER"});
+        for (const CardReader& reader : list.readers) {
+            const auto card = cardIn(p11, reader);
+            table.add({reader.name, cardFor(reader, card), reader.atr,
+                       card ? driverFor(*card) : std::string()});
+        }
+        table.print(options.wide ? 0 : terminalWidth());
+    }
+    if (list.state == PcscState::Ready) return Exit::Done;
+    remark(whyNoReaders(list) + " " + readersHint(list));
+    return list.state == PcscState::Failed ? Exit::Module : Exit::NoToken;
+}
+
+Exit runAtr(ClsPkcs11& p11, const Options& options) {
+    std::vector<KnownCard> cards =
+        options.arguments.empty() ? cardsInReaders(p11) : std::vector{cardWithAtr(p11, options)};
+    if (options.json && !options.arguments.empty()) {
+        printJson(toJson(cards.front().info));
+        return Exit::Done;
+    }
+    if (options.json) {
+        JsonPrinter document;
+        document.beginList("cards");
+        for (const KnownCard& card : cards) {
+            JsonValue item = JsonValue::object();
+            item.set("reader", card.reader);
+            item.set("atr", card.atr);
+            item.set("known", card.isKnown ? toJson(card.info) : JsonValue());
+            document.item(item);
+        }
+        document.endList();
+        document.finish();
+    } else {
+        for (const KnownCard& card : cards) printCard(card);
+    }
+    const bool isAnyKnown = std::ranges::any_of(cards, &KnownCard::isKnown);
+    return isAnyKnown ? Exit::Done : Exit::NotFound;
 }
 
 Exit runCardData(ClsPkcs11& p11, const Options&) {

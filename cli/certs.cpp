@@ -9,6 +9,8 @@
 #include <iostream>
 #include <span>
 
+#include <mervane/locate/uri.h>
+
 #include "certview.h"
 #include "commands.h"
 #include "output.h"
@@ -17,28 +19,43 @@
 namespace mervane::cli {
 namespace {
 
+// One line of a table.
+struct Row {
+    ClsCert& cert;
+    int index;
+    const KeyView& key;
+    const TokenInfo& token;
+};
+
 struct Column {
     std::string_view heading;
-    std::string (*cell)(ClsCert& cert, int index, const KeyView& key);
+    std::string (*cell)(const Row& row);
 };
 
 using Columns = std::span<const Column>;
 
-std::string indexCell(ClsCert&, int index, const KeyView&) {
-    return std::to_string(index);
+std::string indexCell(const Row& row) {
+    return std::to_string(row.index);
+}
+std::string certUriCell(const Row& row) {
+    return uriOfCert(row.token, row.cert).text();
+}
+std::string keyUriCell(const Row& row) {
+    const auto uri = row.key.link ? uriOfKey(row.token, row.cert) : std::nullopt;
+    return uri ? uri->text() : std::string();
 }
 template <std::string (*text)(ClsCert&)>
-std::string certCell(ClsCert& cert, int, const KeyView&) {
-    return text(cert);
+std::string certCell(const Row& row) {
+    return text(row.cert);
 }
 template <std::string (*text)(const KeyView&)>
-std::string keyCell(ClsCert&, int, const KeyView& key) {
-    return text(key);
+std::string keyCell(const Row& row) {
+    return text(row.key);
 }
 template <void (ClsCert::*reader)(XString&)>
-std::string fieldCell(ClsCert& cert, int, const KeyView&) {
+std::string fieldCell(const Row& row) {
     XString text;
-    (cert.*reader)(text);
+    (row.cert.*reader)(text);
     return std::string(text.view());
 }
 
@@ -50,6 +67,7 @@ constexpr std::array kWideCerts = {
     Column{"NOT AFTER", fieldCell<&ClsCert::get_NotAfter>},
     Column{"ID", fieldCell<&ClsCert::get_CkaId>},
     Column{"LABEL", fieldCell<&ClsCert::get_Label>},
+    Column{"URI", certUriCell},
 };
 constexpr std::array kWideMatch = {
     Column{"#", indexCell},
@@ -59,6 +77,7 @@ constexpr std::array kWideMatch = {
     Column{"PRIVATE KEY", keyCell<privateKeyFor>},
     Column{"FOUND BY", keyCell<foundByFor>},
     Column{"SIGNS", keyCell<signsFor>},
+    Column{"KEY URI", keyUriCell},
 };
 // What people want to know first, within the width of a terminal.
 constexpr std::array kNarrow = {
@@ -128,13 +147,15 @@ class Listing {
         std::vector<std::string> heading;
         for (const Column& column : columns) heading.emplace_back(column.heading);
         Table table(std::move(heading));
+        const KeyView noKey;
         for (int i = 0; i < m_p11.get_NumCerts(); ++i) {
             ClsCert cert;
             take(i, cert);
             const KeyView* const key = keyAt(i);
             std::vector<std::string> cells;
             for (const Column& column : columns)
-                cells.push_back(column.cell(cert, i, key == nullptr ? KeyView() : *key));
+                cells.push_back(
+                    column.cell({cert, i, key == nullptr ? noKey : *key, m_opened.token}));
             table.add(std::move(cells));
         }
         table.print(width);

@@ -10,14 +10,15 @@
 
 #include <mervane/foundation/text/ascii.h>
 #include <mervane/foundation/text/utf8.h>
+#include <mervane/locate/uri.h>
 
 namespace mervane::cli {
 namespace {
 
 // The front of a text for people: a hostile name of a megabyte is not copied on its way to a cell.
-std::string readCell(ClsCert& cert, Reader reader) {
+std::string readCell(ClsCert& cert, TextProperty property) {
     XString text;
-    (cert.*reader)(text);
+    (cert.*property)(text);
     return std::string(text.view().substr(0, Table::kMaxCell + 1));
 }
 
@@ -77,8 +78,10 @@ JsonValue toJson(const Certificate::Pkcs11Link& link) {
     return out;
 }
 
-void printKey(JsonPrinter& document, const KeyView& key) {
-    document.member("privateKey", key.link ? toJson(*key.link) : JsonValue());
+void printKey(JsonPrinter& document, const KeyView& key, const std::optional<Pkcs11Uri>& uri) {
+    JsonValue found = key.link ? toJson(*key.link) : JsonValue();
+    if (key.link) found.set("uri", uri ? JsonValue(uri->text()) : JsonValue());
+    document.member("privateKey", found);
     if (key.state == KeyView::State::Unknown) document.member("keyBy", JsonValue("unknown"));
     if (key.explanation) document.member("explanation", mervane::toJson(*key.explanation));
 }
@@ -88,6 +91,7 @@ JsonValue toJson(const TokenInfo& token) {
     out.set("label", token.label);
     out.set("serialNumber", token.serialNumber);
     out.set("slotId", token.slotId);
+    out.set("uri", uriOf(token).text());
     return out;
 }
 
@@ -152,9 +156,9 @@ std::string today() {
 
 }  // namespace
 
-std::string read(ClsCert& cert, Reader reader) {
+std::string read(ClsCert& cert, TextProperty property) {
     XString text;
-    (cert.*reader)(text);
+    (cert.*property)(text);
     return std::string(text.view());
 }
 
@@ -203,9 +207,10 @@ void printCert(JsonPrinter& document, ClsCert& cert, const CertContext& context,
     document.member("isCa", JsonValue(cert.IsCa()));
     document.text("ckaId", read(cert, &ClsCert::get_CkaId));
     document.text("label", read(cert, &ClsCert::get_Label));
+    document.text("uri", uriOfCert(context.token, cert).text());
     document.member("token", toJson(context.token));
     if (context.withPem) document.text("pem", cert.ExportPem());
-    if (key != nullptr) printKey(document, *key);
+    if (key != nullptr) printKey(document, *key, uriOfKey(context.token, cert));
 }
 
 std::string subjectFor(ClsCert& cert) {
@@ -254,13 +259,35 @@ std::string keyFor(ClsCert& cert) {
     return (type == kRsaKey ? "RSA " : "EC ") + std::to_string(cert.get_KeyBits());
 }
 
-std::string untilFor(ClsCert& cert) {
+namespace {
+
+enum class Validity : unsigned char { Valid, NotYet, Past, Unknown };
+
+Validity validityOf(ClsCert& cert) {
     const std::string now = today();
     const std::string end = read(cert, &ClsCert::get_NotAfter);
-    std::string day = end.substr(0, end.find('T'));
-    if (end.size() != now.size()) return day;
-    if (end < now) return "EXPIRED " + day;
-    return read(cert, &ClsCert::get_NotBefore) > now ? "NOT YET VALID" : day;
+    if (end.size() != now.size()) return Validity::Unknown;
+    if (end < now) return Validity::Past;
+    return read(cert, &ClsCert::get_NotBefore) > now ? Validity::NotYet : Validity::Valid;
+}
+
+}  // namespace
+
+bool isValidToday(ClsCert& cert) {
+    return validityOf(cert) == Validity::Valid;
+}
+
+std::string untilFor(ClsCert& cert) {
+    const std::string end = read(cert, &ClsCert::get_NotAfter);
+    const std::string day = end.substr(0, end.find('T'));
+    switch (validityOf(cert)) {
+        case Validity::Past:
+            return "EXPIRED " + day;
+        case Validity::NotYet:
+            return "NOT YET VALID";
+        default:
+            return day;
+    }
 }
 
 std::string privateKeyFor(const KeyView& key) {

@@ -29,8 +29,8 @@ KeyView keyViewOf(ClsPkcs11& p11, ClsCert& cert, const TokenInfo& token, bool is
                   bool isExplained);
 
 /// The value of one of a certificate's text properties.
-using Reader = void (ClsCert::*)(XString&);
-std::string read(ClsCert& cert, Reader reader);
+using TextProperty = void (ClsCert::*)(XString&);
+std::string read(ClsCert& cert, TextProperty property);
 
 /// What JSON says about a certificate besides its fields.
 struct CertContext {
@@ -54,6 +54,7 @@ std::string whoFor(ClsCert& cert);
 /// What the certificate may be used for, in a few words.
 std::string useFor(ClsCert& cert);
 std::string keyFor(ClsCert& cert);
+bool isValidToday(ClsCert& cert);
 /// The day of expiry, and whether it is past; or that the validity has not begun.
 std::string untilFor(ClsCert& cert);
 /// The key's handle or what is known instead.

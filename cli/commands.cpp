@@ -14,13 +14,22 @@ namespace {
 
 constexpr std::size_t kAny = std::numeric_limits<std::size_t>::max();
 
-constexpr std::uint32_t kForms = kJson | kLog;
-constexpr std::uint32_t kToken = kModule | kSlot | kTokenLabel | kTokenSerial | kForms;
-constexpr std::uint32_t kReading = kToken | kLogin | kUser | kPin | kSoPin;
+constexpr std::uint64_t kForms = kJson | kLog;
+constexpr std::uint64_t kToken =
+    kModule | kInitArgs | kSlot | kTokenLabel | kTokenSerial | kUri | kTimeout | kForms;
+constexpr std::uint64_t kReading = kToken | kLogin | kUser | kPin | kSoPin;
 
 constexpr std::array kCommands = {
+    CommandSpec{"doctor", "", 0, 0, kToken | kLogin | kPin | kSignPin,
+                "check everything from the card reader to the key, and name remedies", runDoctor},
+    CommandSpec{"readers", "", 0, 0, kForms | kWide, "list the card readers and their cards",
+                runReaders},
+    CommandSpec{"modules", "", 0, 0, kForms | kWide, "list the PKCS#11 modules of this machine",
+                runModules},
+    CommandSpec{"tokens", "", 0, 0, kModule | kInitArgs | kUri | kTimeout | kForms | kWide,
+                "list the tokens of all modules", runTokens},
     CommandSpec{"discover", "", 0, 0,
-                kModule | kForms | kTokensOnly | kSkipMechanisms | kMechanisms | kWide,
+                kModule | kInitArgs | kForms | kTokensOnly | kSkipMechanisms | kMechanisms | kWide,
                 "describe the module, its slots and tokens", runDiscover},
     CommandSpec{"certs", "", 0, 0, kReading | kPem | kWide, "list the certificates", runCerts},
     CommandSpec{"find-cert", "PART [VALUE]", 1, 2, kReading | kOut | kNoLogin | kExplain | kPem,
@@ -45,9 +54,10 @@ constexpr std::array kCommands = {
                 "set the user PIN to --new-pin, as the security officer (--so-pin)", runInitPin},
     CommandSpec{"init-token", "LABEL", 1, 1, kToken | kSoPin | kYes | kIfUninitialised,
                 "initialise a token with --so-pin; destroys everything on it", runInitToken},
-    CommandSpec{"atr", "ATR", 1, kAny, kForms, "name the card with this ATR, and its module",
-                runAtr},
+    CommandSpec{"atr", "[ATR]", 0, kAny, kForms,
+                "name the card with this ATR, or the cards in the readers, and its module", runAtr},
     CommandSpec{"card-data", "", 0, 0, kForms, "print the card database", runCardData},
+    CommandSpec{"ask-module", "PATH INIT-ARGS PARENT", 3, 3, kForms, "", runAskModule},
 };
 
 void checkArguments(const CommandSpec& command, std::size_t numGiven) {
@@ -58,18 +68,21 @@ void checkArguments(const CommandSpec& command, std::size_t numGiven) {
 }
 
 // Of these two, one would be without effect.
-constexpr std::array<std::pair<OptionBit, OptionBit>, 5> kExclusive = {
+constexpr std::array<std::pair<OptionBit, OptionBit>, 8> kExclusive = {
     {{kMechanisms, kSkipMechanisms},
      {kNoLogin, kLogin},
      {kNoLogin, kPin},
      {kWide, kJson},
-     {kOut, kOutDir}}};
+     {kOut, kOutDir},
+     {kUri, kSlot},
+     {kUri, kTokenLabel},
+     {kUri, kTokenSerial}}};
 
 std::string nameOf(OptionBit bit) {
     return std::string(std::ranges::find(optionSpecs(), bit, &OptionSpec::bit)->name);
 }
 
-void checkOptions(const CommandSpec& command, std::uint32_t given) {
+void checkOptions(const CommandSpec& command, std::uint64_t given) {
     const auto isStray = [&](const OptionSpec& option) {
         return (given & option.bit & ~(command.options | kHelp | kVersion)) != 0;
     };

@@ -14,8 +14,8 @@ struct CommandSpec {
     std::string_view arguments;  // as shown in the help
     std::size_t minArguments;
     std::size_t maxArguments;
-    std::uint32_t options;  // OptionBits it accepts, besides --help and --version
-    std::string_view help;
+    std::uint64_t options;  // OptionBits it accepts, besides --help and --version
+    std::string_view help;  // empty for a command that the tool gives itself
     /// Prints data on standard output and returns the exit status, or throws a CommandError.
     Exit (*run)(ClsPkcs11& p11, const Options& options);
 };
@@ -44,12 +44,23 @@ Exit runDiscover(ClsPkcs11& p11, const Options& options);
 Exit runKeys(ClsPkcs11& p11, const Options& options);
 Exit runFindObject(ClsPkcs11& p11, const Options& options);
 
+// machine.cpp
+Exit runModules(ClsPkcs11& p11, const Options& options);
+Exit runTokens(ClsPkcs11& p11, const Options& options);
+
+// doctor.cpp
+Exit runDoctor(ClsPkcs11& p11, const Options& options);
+
+// askmodules.cpp
+Exit runAskModule(ClsPkcs11& p11, const Options& options);
+
 // admin.cpp
 Exit runSetPin(ClsPkcs11& p11, const Options& options);
 Exit runInitPin(ClsPkcs11& p11, const Options& options);
 Exit runInitToken(ClsPkcs11& p11, const Options& options);
 
 // cards.cpp
+Exit runReaders(ClsPkcs11& p11, const Options& options);
 Exit runAtr(ClsPkcs11& p11, const Options& options);
 Exit runCardData(ClsPkcs11& p11, const Options& options);
 

@@ -20,14 +20,14 @@ namespace mervane::cli {
 namespace {
 
 // The certificate whose field is the value: for the fields that FindCert does not know.
-void findByField(ClsPkcs11& p11, Reader reader, const std::string& value, ClsCert& cert) {
+void findByField(ClsPkcs11& p11, TextProperty property, const std::string& value, ClsCert& cert) {
     if (!p11.FindAllCerts()) throwLastFailure(p11);
     std::vector<int> fitting;
     std::vector<std::uint8_t> first;
     for (int i = 0; i < p11.get_NumCerts(); ++i) {
         ClsCert checked;
         if (!p11.GetCert(i, checked)) throwLastFailure(p11);
-        if (read(checked, reader) == value) fitting.push_back(i);
+        if (read(checked, property) == value) fitting.push_back(i);
     }
     if (fitting.empty())
         throw CommandError{Exit::NotFound, "No certificate on the token has that value.", {}};

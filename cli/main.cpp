@@ -30,7 +30,7 @@ void printHelpRow(std::string left, std::string_view help) {
     std::cout << "  " << left << help << '\n';
 }
 
-void printOptions(std::uint32_t bits) {
+void printOptions(std::uint64_t bits) {
     std::cout << "\noptions:\n";
     for (const OptionSpec& option : optionSpecs()) {
         if ((option.bit & bits) == 0) continue;
@@ -43,10 +43,12 @@ void printOptions(std::uint32_t bits) {
 
 void printHelp() {
     std::cout << "usage: mervane-p11 COMMAND [options]\n\ncommands:\n";
-    for (const CommandSpec& command : commandSpecs())
+    for (const CommandSpec& command : commandSpecs()) {
+        if (command.help.empty()) continue;
         printHelpRow(std::string(command.name) + " " + std::string(command.arguments),
                      command.help);
-    printOptions(~0U);
+    }
+    printOptions(~0ULL);
     std::cout << "\nexit status: 0 done, 1 module or token failed, 2 usage, 3 nothing found,\n"
                  "4 PIN missing, wrong or locked, 5 no reader, card or such token\n";
 }

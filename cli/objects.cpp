@@ -3,10 +3,14 @@
 #include <algorithm>
 #include <array>
 #include <iostream>
+#include <map>
 
 #include <mervane/foundation/text/ascii.h>
+#include <mervane/foundation/text/hex.h>
+#include <mervane/locate/tokens.h>
 
 #include "commands.h"
+#include "locatetoken.h"
 #include "output.h"
 #include "token.h"
 #include "words.h"
@@ -21,37 +25,68 @@ void printModule(const JsonValue& report) {
          {"Cryptoki", textOf(report, "cryptokiVersion")}});
 }
 
-// A token of the report as ListTokens would give it, to describe its state in the same words.
-TokenInfo tokenOf(const JsonValue& token) {
-    const std::string flags = " " + joined(token, "flags") + " ";
-    const auto has = [&](std::string_view flag) {
-        return flags.find(" " + std::string(flag) + " ") != std::string::npos;
-    };
-    TokenInfo info;
-    info.isReadable = true;
-    info.isInitialised = has("token-initialized");
-    info.isUserPinSet = has("user-pin-initialized");
-    info.needsLogin = has("login-required");
-    info.userPin = {has("user-pin-count-low"), has("user-pin-final-try"), has("user-pin-locked"),
-                    has("user-pin-to-be-changed")};
-    return info;
+// The tokens of the report, by slot.
+std::map<std::string, TokenInfo> tokensOf(const JsonValue& report) {
+    std::vector<LocatedToken> located;
+    addTokens(report, ModuleInfo(), located);
+    std::map<std::string, TokenInfo> tokens;
+    for (const LocatedToken& one : located)
+        tokens.emplace(std::to_string(one.token.slotId), one.token);
+    return tokens;
 }
 
-void printSlots(const JsonArray& slots, std::size_t width) {
-    Table table(width == 0 ? std::vector<std::string>{"SLOT", "STATE", "DESCRIPTION", "TOKEN",
-                                                      "MODEL", "SERIAL", "FLAGS"}
-                           : std::vector<std::string>{"SLOT", "STATE", "TOKEN", "MODEL", "SERIAL"});
-    for (const JsonValue& slot : slots) {
+// Gives each token of the report its URI.
+void addUris(ClsJsonObject& report) {
+    const auto tokens = tokensOf(report.root());
+    JsonValue slots = JsonValue::array();
+    for (const JsonValue& slot : *report.valueAt("slots")->asArray()) {
+        JsonValue& copy = slots.append(slot);
         const JsonValue* const token = slot.find("token");
-        const bool isEmpty = joined(slot, "flags").find("token-present") == std::string::npos;
-        const std::string state = token != nullptr ? stateFor(tokenOf(*token))
-                                  : isEmpty        ? "empty"
-                                                   : "cannot be read";
+        const auto described = tokens.find(textOf(slot, "slotId"));
+        if (token == nullptr || described == tokens.end()) continue;
+        copy.set("token", *token).set("uri", uriOf(described->second).text());
+    }
+    report.root().set("slots", std::move(slots));
+}
+
+// The URI of a key in the list of FindAllKeys, by its ID and label; nothing if it has neither.
+std::optional<std::string> uriOfKey(const TokenInfo& token, const JsonValue& key) {
+    Pkcs11Uri uri = uriOf(token);
+    const auto id = fromHex(textOf(key, "id"));
+    const std::string label = textOf(key, "label");
+    const std::string type = textOf(key, "class");
+    if (id && !id->empty()) uri.id.emplace(id->begin(), id->end());
+    if (!label.empty()) uri.object = label;
+    uri.type = type == "secret" ? "secret-key" : type;
+    return uri.id || uri.object ? std::optional(uri.text()) : std::nullopt;
+}
+
+void addUris(ClsJsonObject& list, const TokenInfo& token) {
+    JsonValue keys = JsonValue::array();
+    for (const JsonValue& key : *list.valueAt("keys")->asArray()) {
+        const auto uri = uriOfKey(token, key);
+        keys.append(key).set("uri", uri ? JsonValue(*uri) : JsonValue());
+    }
+    list.root().set("keys", std::move(keys));
+}
+
+void printSlots(const JsonValue& report, std::size_t width) {
+    Table table(width == 0 ? std::vector<std::string>{"SLOT", "STATE", "DESCRIPTION", "TOKEN",
+                                                      "MODEL", "SERIAL", "FLAGS", "URI"}
+                           : std::vector<std::string>{"SLOT", "STATE", "TOKEN", "MODEL", "SERIAL"});
+    const auto tokens = tokensOf(report);
+    for (const JsonValue& slot : *report.find("slots")->asArray()) {
+        const JsonValue* const token = slot.find("token");
+        const auto described = tokens.find(textOf(slot, "slotId"));
+        const std::string state = described == tokens.end() ? "empty" : stateFor(described->second);
         std::vector<std::string> cells = {textOf(slot, "slotId"), state};
         if (width == 0) cells.push_back(textOf(slot, "description"));
         for (const std::string_view member : {"label", "model", "serialNumber"})
             cells.push_back(token == nullptr ? "-" : textOf(*token, member));
-        if (width == 0) cells.push_back(joined(token == nullptr ? slot : *token, "flags"));
+        if (width == 0) {
+            cells.push_back(joined(token == nullptr ? slot : *token, "flags"));
+            cells.push_back(token == nullptr ? std::string() : textOf(*token, "uri"));
+        }
         table.add(std::move(cells));
     }
     std::cout << '\n';
@@ -102,6 +137,7 @@ Exit runDiscover(ClsPkcs11& p11, const Options& options) {
     if (skipMechanisms) p11.put_Options("Pkcs11DiscoverSkipMechanisms");
     ClsJsonObject report;
     if (!p11.Discover(options.tokensOnly, report)) throwLastFailure(p11);
+    addUris(report);
     const JsonArray& slots = *report.valueAt("slots")->asArray();
     const Exit status = slots.empty() ? Exit::NoToken : Exit::Done;
     if (slots.empty())
@@ -112,7 +148,7 @@ Exit runDiscover(ClsPkcs11& p11, const Options& options) {
     }
     printModule(report.root());
     const std::size_t width = options.wide ? 0 : terminalWidth();
-    printSlots(slots, width);
+    printSlots(report.root(), width);
     for (const JsonValue& slot : slots) printMechanisms(slot, width);
     return status;
 }
@@ -121,20 +157,30 @@ Exit runKeys(ClsPkcs11& p11, const Options& options) {
     std::string selector;
     for (const std::string& word : options.arguments) selector.append(word).push_back(' ');
     checkSelector(selector);
-    openToken(p11, options);
+    const OpenedToken opened = openToken(p11, options);
     ClsJsonObject keys;
     if (!p11.FindAllKeys(XString(selector), keys)) throwLastFailure(p11);
+    addUris(keys, opened.token);
     sayLeftOut(p11.get_NumLeftOut());
     if (options.json) {
         printJson(keys.root());
         return Exit::Done;
     }
-    Table table({"HANDLE", "CLASS", "TYPE", "SIZE", "ID", "LABEL", "ATTRIBUTES"});
+    const std::size_t width = options.wide ? 0 : terminalWidth();
+    std::vector<std::string> heading = {"HANDLE", "CLASS", "TYPE",      "SIZE",
+                                        "ID",     "LABEL", "ATTRIBUTES"};
+    if (width == 0) heading.emplace_back("URI");
+    Table table(std::move(heading));
     for (const JsonValue& key : *keys.valueAt("keys")->asArray()) {
-        table.add({textOf(key, "handle"), textOf(key, "class"), textOf(key, "keyType"),
-                   textOf(key, "keySize"), textOf(key, "id"), textOf(key, "label"), usageOf(key)});
+        std::vector<std::string> cells;
+        for (const std::string_view member :
+             {"handle", "class", "keyType", "keySize", "id", "label"})
+            cells.push_back(textOf(key, member));
+        cells.push_back(usageOf(key));
+        if (width == 0) cells.push_back(textOf(key, "uri"));
+        table.add(std::move(cells));
     }
-    table.print(options.wide ? 0 : terminalWidth());
+    table.print(width);
     return Exit::Done;
 }
 

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <filesystem>
 
+#include <mervane/foundation/log/logger.h>
 #include <mervane/foundation/text/ascii.h>
 
 #include "failure.h"
@@ -25,6 +26,28 @@ unsigned long parseSlot(const std::string& text) {
     if (error != std::errc() || stop != end)
         usageError("--slot takes a slot ID, a number in decimal or with 0x in hexadecimal.");
     return value;
+}
+
+// Its pin-source counts like --pin, which comes before it.
+void useUri(Options& options, const std::string& text) {
+    Pkcs11Uri uri;
+    _mvLogger log;
+    if (!uri.parse(text, log)) usageError(printable(log.firstError()));
+    if (uri.pinSource && !options.pin) {
+        options.pin = "file:" + *uri.pinSource;
+        options.login = true;
+    }
+    options.uri = std::move(uri);
+}
+
+std::chrono::seconds parseTimeout(const std::string& text) {
+    constexpr int kLongest = 3600;
+    int seconds = 0;
+    const char* const end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(text.data(), end, seconds);
+    if (error != std::errc() || stop != end || seconds < 1 || seconds > kLongest)
+        usageError("--timeout takes a number of seconds, 1 to 3600.");
+    return std::chrono::seconds(seconds);
 }
 
 // A module may change the working directory; a relative path means the one at the start.
@@ -79,9 +102,14 @@ std::string pinSource(const std::string& option, const std::string& text) {
 using Value = const std::string&;
 
 constexpr std::array kOptions = {
-    OptionSpec{kModule, "--module", "", "PATH",
-               "the PKCS#11 module (default: the environment variable MERVANE_P11_MODULE)",
+    OptionSpec{kModule, "--module", "", "NAME|PATH",
+               "the PKCS#11 module (default: MERVANE_P11_MODULE, else the one that has the token)",
                [](Options& o, Value v) { o.module = v; }},
+    OptionSpec{kInitArgs, "--init-args", "", "TEXT",
+               "what C_Initialize gets, such as \"configdir='sql:/home/alice/.pki/nssdb'\"",
+               [](Options& o, Value v) { o.initArgs = v; }},
+    OptionSpec{kUri, "--uri", "", "URI", "use the token of this PKCS #11 URI (RFC 7512)",
+               [](Options& o, Value v) { useUri(o, v); }},
     OptionSpec{kSlot, "--slot", "", "ID", "use the token in this slot",
                [](Options& o, Value v) { o.slot = parseSlot(v); }},
     OptionSpec{kTokenLabel, "--token-label", "", "TEXT", "use the token with exactly this label",
@@ -89,6 +117,9 @@ constexpr std::array kOptions = {
     OptionSpec{kTokenSerial, "--token-serial", "", "TEXT",
                "use the token with exactly this serial number",
                [](Options& o, Value v) { o.tokenSerial = v; }},
+    OptionSpec{kTimeout, "--timeout", "", "SECONDS",
+               "how long each module may take to list its tokens (default: 10)",
+               [](Options& o, Value v) { o.timeout = parseTimeout(v); }},
     OptionSpec{kLogin, "--login", "-l", "", "log in; --pin implies it",
                [](Options& o, Value) { o.login = true; }},
     OptionSpec{kUser, "--user", "", "user|so",
@@ -128,11 +159,11 @@ constexpr std::array kOptions = {
         "write to FILE; - is standard output; a certificate as DER if the name ends in .der, else "
         "as PEM",
         [](Options& o, Value v) { o.out = outputPath(v); }},
-    OptionSpec{kOutDir, "--out-dir", "", "DIR",
-               "write the signatures into DIR, as NAME.p7s or NAME.sig",
-               [](Options& o, Value v) {
-                   o.outDir = absolutePath(v, "--out-dir takes the name of a folder.");
-               }},
+    OptionSpec{
+        kOutDir, "--out-dir", "", "DIR", "write the signatures into DIR, as NAME.p7s or NAME.sig",
+        [](Options& o, Value v) {
+            o.outDir = absolutePath(v, "--out-dir takes the name of a folder.");
+        }},
     OptionSpec{kCert, "--cert", "", "PART=VALUE",
                "sign with the certificate that fits; may be given more than once",
                [](Options& o, Value v) { o.certParts.push_back(certPart(v)); }},
@@ -195,8 +226,8 @@ std::span<const OptionSpec> optionSpecs() noexcept {
 }
 
 void parseCommandLine(std::span<const char* const> words, CommandLine& out) {
-    // The default; --module replaces it.
-    if (const char* const module = std::getenv("MERVANE_P11_MODULE")) out.options.module = module;
+    if (const char* const module = std::getenv("MERVANE_P11_MODULE"))
+        out.options.defaultModule = module;
     // How a failure is reported does not depend on where in the line it is.
     const auto end = std::ranges::find(words, std::string_view("--"));
     out.options.json = std::find(words.begin(), end, std::string_view("--json")) != end;

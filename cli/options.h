@@ -1,6 +1,7 @@
 #ifndef MERVANE_CLI_OPTIONS_H
 #define MERVANE_CLI_OPTIONS_H
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <span>
@@ -9,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include <mervane/locate/uri.h>
 #include <mervane/signing/options.h>
 
 namespace mervane::cli {
@@ -17,7 +19,11 @@ namespace mervane::cli {
 struct Options {
     std::vector<std::string> arguments;  // after the command
 
-    std::string module;  // --module, or the environment variable MERVANE_P11_MODULE
+    std::string module;         // --module: a path or a name
+    std::string defaultModule;  // the environment variable MERVANE_P11_MODULE
+    std::string initArgs;
+    std::optional<Pkcs11Uri> uri;
+    std::chrono::seconds timeout{10};
     std::optional<unsigned long> slot;
     std::optional<std::string> tokenLabel;
     std::optional<std::string> tokenSerial;
@@ -47,7 +53,7 @@ struct Options {
 };
 
 /// One bit per option, for the set that a command accepts.
-enum OptionBit : std::uint32_t {
+enum OptionBit : std::uint64_t {
     kModule = 1U << 0,
     kSlot = 1U << 1,
     kTokenLabel = 1U << 2,
@@ -79,6 +85,9 @@ enum OptionBit : std::uint32_t {
     kHash = 1U << 28,
     kPadding = 1U << 29,
     kSignPin = 1U << 30,
+    kUri = 1ULL << 31,
+    kInitArgs = 1ULL << 32,
+    kTimeout = 1ULL << 33,
 };
 
 /// One option, for parsing and help.
@@ -98,7 +107,7 @@ std::span<const OptionSpec> optionSpecs() noexcept;
 struct CommandLine {
     std::string command;
     Options options;
-    std::uint32_t given = 0;  // OptionBits seen
+    std::uint64_t given = 0;  // OptionBits seen
 };
 
 /// Parses the words after the program's name. Throws a CommandError that names the offending word;

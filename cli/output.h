@@ -68,6 +68,8 @@ class JsonPrinter {
     void text(std::string_view name, std::string_view value);
     void beginList(std::string_view name) { begin(name, '['); }
     void endList() { end(']'); }
+    /// A value in a list.
+    void item(const JsonValue& value) { member({}, value); }
     /// An object in a list.
     void beginItem() { begin({}, '{'); }
     void endItem() { end('}'); }

@@ -1,31 +1,23 @@
 #include "token.h"
 
-#include <dlfcn.h>
-#include <link.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <filesystem>
-#include <optional>
 
+#include "locatetoken.h"
 #include "output.h"
 #include "pins.h"
 
 namespace mervane::cli {
 namespace {
 
-TokenChoice choiceOf(const Options& options) {
-    TokenChoice choice;
-    if (options.slot) choice.slotId = static_cast<CK_SLOT_ID>(*options.slot);
-    choice.label = options.tokenLabel;
-    choice.serialNumber = options.tokenSerial;
-    return choice;
-}
-
 bool fits(const TokenInfo& token, const TokenChoice& choice) {
-    return token.isReadable && (!choice.slotId || *choice.slotId == token.slotId) &&
-           (!choice.label || *choice.label == token.label) &&
-           (!choice.serialNumber || *choice.serialNumber == token.serialNumber);
+    const auto isOrAny = [](const auto& wanted, const auto& value) {
+        return !wanted || *wanted == value;
+    };
+    return token.isReadable && isOrAny(choice.slotId, token.slotId) &&
+           isOrAny(choice.label, token.label) && isOrAny(choice.serialNumber, token.serialNumber) &&
+           isOrAny(choice.manufacturer, token.manufacturer) && isOrAny(choice.model, token.model);
 }
 
 void logIn(ClsPkcs11& p11, const Options& options, const TokenInfo& token, const Pins& pins,
@@ -34,41 +26,20 @@ void logIn(ClsPkcs11& p11, const Options& options, const TokenInfo& token, const
     if (!p11.Login(options.asOfficer ? 0 : 1, pin)) throwLastFailure(p11);
 }
 
-// Where the dynamic loader finds a library by its name, or the name if it does not.
-std::string pathOnSearchPath(const std::string& name) {
-    // Kept: it is loaded again at once.
-    void* const library = ::dlopen(name.c_str(), RTLD_NOW | RTLD_LOCAL);
-    const link_map* map = nullptr;
-    const bool isFound = library != nullptr && ::dlinfo(library, RTLD_DI_LINKMAP, &map) == 0;
-    return isFound && *map->l_name != '\0' ? map->l_name : name;
-}
-
 bool canAsk() {
     return ::isatty(STDIN_FILENO) == 1 && ::isatty(STDOUT_FILENO) == 1;
 }
 
 }  // namespace
 
-void useModule(ClsPkcs11& p11, const Options& options) {
-    if (options.module.empty())
-        usageError("No module is named: use --module PATH or set MERVANE_P11_MODULE.");
-    // If there is a file of that name here, it is meant, not one on the loader's search path.
-    std::error_code error;
-    const bool isHere = std::filesystem::is_regular_file(options.module, error);
-    const bool isBareName = options.module.find('/') == std::string::npos;
-    p11.put_SharedLibPath(isHere       ? std::filesystem::absolute(options.module, error).string()
-                          : isBareName ? pathOnSearchPath(options.module)
-                                       : options.module);
-}
-
 OpenedToken openToken(ClsPkcs11& p11, const Options& options, LoginIf when) {
     const Pins pins(options);
-    useModule(p11, options);
-    const bool isTold = options.login || (options.asOfficer && options.soPin);
+    const bool isTold = !options.noLogin && (options.login || (options.asOfficer && options.soPin));
     if (options.asOfficer && !isTold) usageError("--user so needs --login or --so-pin.");
     if (options.soPin && !options.asOfficer) usageError("--so-pin needs --user so.");
-    TokenChoice choice = choiceOf(options);
-    choice.withUserPin = isTold && !options.asOfficer;
+    const bool needsUserPin = isTold && !options.asOfficer;
+    const TokenChoice choice =
+        locateToken(p11, options, needsUserPin ? Suitable::WithUserPin : Suitable::Initialised);
     OpenedToken opened;
     // The security officer cannot log in while a read-only session is open.
     if (!p11.OpenToken(choice, isTold && options.asOfficer) || !p11.GetToken(opened.token))
@@ -87,18 +58,17 @@ OpenedToken openToken(ClsPkcs11& p11, const Options& options, LoginIf when) {
 }
 
 TokenInfo openForWriting(ClsPkcs11& p11, const Options& options) {
-    useModule(p11, options);
+    const TokenChoice choice = locateToken(p11, options, Suitable::Initialised);
     TokenInfo token;
-    if (!p11.OpenToken(choiceOf(options), true) || !p11.GetToken(token)) throwLastFailure(p11);
+    if (!p11.OpenToken(choice, true) || !p11.GetToken(token)) throwLastFailure(p11);
     return token;
 }
 
-TokenInfo tokenToInitialise(ClsPkcs11& p11, const Options& options) {
-    useModule(p11, options);
+TokenInfo tokenToInitialise(ClsPkcs11& p11, const TokenChoice& choice) {
     std::vector<TokenInfo> tokens;
     if (!p11.ListTokens(tokens)) throwLastFailure(p11);
-    const TokenChoice choice = choiceOf(options);
-    const bool isNamed = choice.slotId || choice.label || choice.serialNumber;
+    const bool isNamed =
+        choice.slotId || choice.label || choice.serialNumber || choice.manufacturer || choice.model;
     std::erase_if(tokens, [&](const TokenInfo& token) {
         return !fits(token, choice) || (!isNamed && token.isInitialised);
     });

@@ -8,9 +8,6 @@
 
 namespace mervane::cli {
 
-/// Sets the module's path; a usage error when there is none.
-void useModule(ClsPkcs11& p11, const Options& options);
-
 /// A session that was opened.
 struct OpenedToken {
     TokenInfo token;
@@ -32,8 +29,8 @@ OpenedToken openToken(ClsPkcs11& p11, const Options& options, LoginIf when = Log
 /// The same for reading and writing; nobody is logged in.
 TokenInfo openForWriting(ClsPkcs11& p11, const Options& options);
 
-/// Opens no session: the token that the options name, or the only one that is not initialised yet.
-TokenInfo tokenToInitialise(ClsPkcs11& p11, const Options& options);
+/// Opens no session: the token that the choice names, or the only one that is not initialised yet.
+TokenInfo tokenToInitialise(ClsPkcs11& p11, const TokenChoice& choice);
 
 /// The token's state in a few words: "PIN LOCKED", "last try", "not initialised", "ready".
 std::string stateFor(const TokenInfo& token);

@@ -27,6 +27,10 @@ set(MERVANE_PUBLIC_HEADERS
     foundation/x509/publickey.h
     foundation/x509/sessionanchor.h
     foundation/x509/systemcerts.h
+    locate/modules.h
+    locate/readers.h
+    locate/tokens.h
+    locate/uri.h
     pkcs11/calls/cktypes.h
     pkcs11/clspkcs11.h
     pkcs11/explanation.h

@@ -10,6 +10,7 @@
 #include <memory>
 
 #include "foundation/core/guarded.h"
+#include "pkcs11/carddata/atr.h"
 #include "pkcs11/carddata/carddata.h"
 #include "pkcs11/clspkcs11.h"
 
@@ -126,9 +127,7 @@ bool lookUpCard(ClsJsonObject& cardData, const char* atr, StringBuffer& outName,
         log.LogError(sentence);
         return false;
     };
-    StringBuffer normalized(atr == nullptr ? "" : atr);
-    normalizeAtr(normalized);
-    ClsJsonObject* const card = cardData.FindRecord("cards", "atr", normalized.view(), false);
+    ClsJsonObject* const card = findCardRecord(cardData, atr == nullptr ? "" : atr);
     const _clsBaseHolder cardHolder(card);
     if (card == nullptr) return false;
 
@@ -147,6 +146,12 @@ bool lookUpCard(ClsJsonObject& cardData, const char* atr, StringBuffer& outName,
 }
 
 }  // namespace
+
+ClsJsonObject* findCardRecord(ClsJsonObject& cardData, std::string_view atr) {
+    StringBuffer normalized(atr);
+    normalizeAtr(normalized);
+    return cardData.FindRecord("cards", "atr", normalized.view(), false);
+}
 
 bool ClsPkcs11::GetCardDataJson(ClsJsonObject& json, LogBase& log) {
     return guarded(log, [&] {

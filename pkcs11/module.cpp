@@ -116,6 +116,12 @@ void ClsPkcs11::get_SharedLibPath(XString& out) {
 void ClsPkcs11::put_SharedLibPath(const XString& path) {
     copyProperty(path, m_sharedLibPath);
 }
+void ClsPkcs11::get_InitArgs(XString& out) {
+    copyProperty(m_initArgs, out);
+}
+void ClsPkcs11::put_InitArgs(const XString& args) {
+    copyProperty(args, m_initArgs);
+}
 void ClsPkcs11::get_SigContextPin(XString& out) {
     copyProperty(m_sigContextPin, out);
 }

@@ -143,6 +143,8 @@ bool take(const Pkcs11_PrivateKey* key, KeyRule rule, FoundKey& found) {
     if (key == nullptr) return false;
     found.handle = key->m_handle;
     found.facts.rule = rule;
+    const auto id = key->m_keyId.span();
+    found.facts.keyId.assign(id.begin(), id.end());
     if (key->m_signState != Pkcs11_PrivateKey::kSignUnknown) found.facts.maySign = key->maySign();
     if (!key->m_auxData.isEmpty()) found.facts.alwaysAuthenticate = key->m_auxData.span()[0] != 0;
     return true;

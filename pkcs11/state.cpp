@@ -53,6 +53,7 @@ void Pkcs11State::abandon() {
     if (m_isSettingProperty) {
         renew(m_sharedLibPath);
         renew(m_sigContextPin);
+        renew(m_initArgs);
         m_isSettingProperty = false;
     }
     renew(m_loadedLibPath);

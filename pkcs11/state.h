@@ -61,6 +61,7 @@ struct Pkcs11State {
     bool m_soLoggedIn = false;             // the two count only while a session is open
     bool m_userLoggedIn = false;
     XString m_sigContextPin;  // kept until it is set anew
+    XString m_initArgs;       // for C_Initialize; mostly empty
 
     bool m_ecdsaKeysHavePoints = false;    // of the last fill of m_ecdsaPrivKeys
     std::unique_ptr<KeyIndex> m_rsaIndex;  // over the two caches

@@ -26,6 +26,9 @@ struct TokenInfo {
     TokenInfo& operator=(TokenInfo&& other) noexcept;
     ~TokenInfo();
 
+    /// Sets the flags and the members that follow from them.
+    void setFlags(CK_ULONG bits) noexcept;
+
     CK_SLOT_ID slotId = 0;
     bool isReadable = false;  ///< false: the module could not describe it; all below is empty
     std::string label;

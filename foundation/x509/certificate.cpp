@@ -286,8 +286,8 @@ void Certificate::linkToPkcs11Session(const Pkcs11SessionOwner* owner, int keyTy
                                       const PrivateKeyFacts& facts) {
     const auto& anchor = owner->sessionAnchor();
     const CritSecExitor lock(m_linkSection);
-    m_wasLinked = true;
     m_link = {anchor, anchor->session(), keyType, expectedSignatureSize, keyHandle, facts};
+    m_wasLinked = true;
 }
 
 std::optional<Certificate::Pkcs11Link> Certificate::pkcs11Link() const {

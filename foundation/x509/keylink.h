@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <string>
 #include <string_view>
 
 namespace mervane {
@@ -36,6 +37,7 @@ struct PrivateKeyFacts {
     /// The rule is a guess that the token itself refutes: the key's own modulus or point is known,
     /// and is not the certificate's.
     bool isDisproved = false;
+    std::string keyId;  ///< CKA_ID, bytes; empty where the key has none or it was not read
 };
 
 }  // namespace mervane

@@ -179,6 +179,10 @@ std::vector<std::string> tokenFlagNames(CK_FLAGS flags) {
 std::vector<std::string> mechanismFlagNames(CK_FLAGS flags) {
     return flagNames(kMechanismFlags, flags);
 }
+CK_FLAGS tokenFlagNamed(std::string_view name) noexcept {
+    const auto* const flag = std::ranges::find(kTokenFlags, name, &NamedValue::name);
+    return flag == std::end(kTokenFlags) ? 0 : flag->value;
+}
 std::span<const PinState> pinStates() noexcept {
     return kPinStates;
 }

@@ -28,6 +28,8 @@ std::string keyTypeName(CK_ULONG keyType);  ///< "RSA", "EC", "AES"
 std::vector<std::string> slotFlagNames(CK_FLAGS flags);
 std::vector<std::string> tokenFlagNames(CK_FLAGS flags);
 std::vector<std::string> mechanismFlagNames(CK_FLAGS flags);
+/// The token flag of that name; 0 if there is none.
+CK_FLAGS tokenFlagNamed(std::string_view name) noexcept;
 
 /// A token flag about the state of a PIN.
 struct PinState {

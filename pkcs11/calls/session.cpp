@@ -3,6 +3,9 @@
 #include <dlfcn.h>
 
 #include <algorithm>
+#include <atomic>
+#include <memory>
+#include <string>
 
 #include "pkcs11/calls/ledger.h"
 #include "pkcs11/calls/lists.h"
@@ -14,9 +17,40 @@ namespace {
 
 using GetFunctionList = CK_RV (*)(CK_FUNCTION_LIST**);
 
-// Modules keep the pointer, so the arguments must outlive them.
-CK_C_INITIALIZE_ARGS initializeArgs = {nullptr, nullptr,           nullptr,
-                                       nullptr, CKF_OS_LOCKING_OK, nullptr};
+// NSS's modules take the reserved pointer for one to their text, and look for a null behind it.
+struct InitializeArgs {
+    CK_C_INITIALIZE_ARGS args = {nullptr, nullptr, nullptr, nullptr, CKF_OS_LOCKING_OK, nullptr};
+    void* behind = nullptr;
+};
+
+// Modules keep the pointer, so the arguments must outlive them: one for each text, for good.
+struct KeptArguments {
+    std::string text;
+    InitializeArgs arguments;
+    KeptArguments* next = nullptr;
+};
+constinit InitializeArgs plainArguments;
+constinit std::atomic<KeptArguments*> keptArguments{nullptr};
+
+void* argumentsFor(std::string_view text) {
+    if (text.empty()) return &plainArguments;
+    KeptArguments* const first = keptArguments.load(std::memory_order_acquire);
+    for (KeptArguments* kept = first; kept != nullptr; kept = kept->next) {
+        if (kept->text == text) return &kept->arguments;
+    }
+    auto kept = std::make_unique<KeptArguments>();
+    kept->text = text;
+    kept->arguments.args.pReserved = kept->text.data();
+    kept->next = first;
+    while (!keptArguments.compare_exchange_weak(kept->next, kept.get())) {
+    }
+    return &kept.release()->arguments;
+}
+
+constexpr std::string_view kNoArgumentsHint =
+    "The module may need initialisation arguments of its own (InitArgs, --init-args), as NSS's do: "
+    "configdir='sql:FOLDER'.";
+constexpr std::string_view kArgumentsHint = "The module refuses these initialisation arguments.";
 
 // More slots than any machine has; bounds what a module can make us allocate.
 constexpr CK_ULONG kMaxSlots = 65536;
@@ -57,15 +91,18 @@ bool getFunctions(Calls& calls, LogBase& log) {
 
 bool initialise(Calls& calls, LogBase& log) {
     const ledger::Turn turn(calls.state.m_libHandle);
-    auto rv = calls.ask(log, function::kInitialize, static_cast<void*>(&initializeArgs));
-    if (rv == CKR_CANT_LOCK || rv == CKR_NEED_TO_CREATE_THREADS || rv == CKR_ARGUMENTS_BAD) {
+    const std::string_view text = calls.state.m_initArgs.view();
+    auto rv = calls.ask(log, function::kInitialize, argumentsFor(text));
+    const bool isRefused =
+        rv == CKR_CANT_LOCK || rv == CKR_NEED_TO_CREATE_THREADS || rv == CKR_ARGUMENTS_BAD;
+    if (isRefused && text.empty()) {
         // Some modules accept no arguments; the object's critical section serialises its calls.
         rv = calls.ask(log, function::kInitialize, static_cast<void*>(nullptr));
     }
     if (rv != CKR_OK && rv != CKR_CRYPTOKI_ALREADY_INITIALIZED) {
         if (rv) calls.report(function::kInitialize, *rv, log);
         if (rv == CKR_ARGUMENTS_BAD)
-            calls.hint(log, "The module may need initialisation arguments of its own.");
+            calls.hint(log, text.empty() ? kNoArgumentsHint : kArgumentsHint);
         return false;
     }
     if (rv != CKR_OK)

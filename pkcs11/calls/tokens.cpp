@@ -19,7 +19,6 @@ std::optional<CK_ULONG> knownLength(CK_ULONG length) {
 }
 
 TokenInfo toTokenInfo(CK_SLOT_ID slotId, const CK_TOKEN_INFO& info) {
-    const auto has = [&](CK_FLAGS flag) { return (info.flags & flag) != 0; };
     TokenInfo token;
     token.slotId = slotId;
     token.isReadable = true;
@@ -27,16 +26,7 @@ TokenInfo toTokenInfo(CK_SLOT_ID slotId, const CK_TOKEN_INFO& info) {
     token.serialNumber = textOf(info.serialNumber);
     token.manufacturer = textOf(info.manufacturerID);
     token.model = textOf(info.model);
-    token.flags = info.flags;
-    token.isInitialised = has(CKF_TOKEN_INITIALIZED);
-    token.isUserPinSet = has(CKF_USER_PIN_INITIALIZED);
-    token.needsLogin = has(CKF_LOGIN_REQUIRED);
-    token.hasPinPad = has(CKF_PROTECTED_AUTHENTICATION_PATH);
-    token.isWriteProtected = has(CKF_WRITE_PROTECTED);
-    token.userPin = {has(CKF_USER_PIN_COUNT_LOW), has(CKF_USER_PIN_FINAL_TRY),
-                     has(CKF_USER_PIN_LOCKED), has(CKF_USER_PIN_TO_BE_CHANGED)};
-    token.officerPin = {has(CKF_SO_PIN_COUNT_LOW), has(CKF_SO_PIN_FINAL_TRY),
-                        has(CKF_SO_PIN_LOCKED), has(CKF_SO_PIN_TO_BE_CHANGED)};
+    token.setFlags(info.flags);
     token.minPinLength = knownLength(info.ulMinPinLen);
     token.maxPinLength = knownLength(info.ulMaxPinLen);
     return token;

@@ -1,0 +1,219 @@
+// Which module, and which of its tokens.
+//
+// Where no module is named, all modules of this machine are asked for their tokens, each in a
+// process of its own; only the one that has the token is loaded here.
+
+#include "locatetoken.h"
+
+#include <dlfcn.h>
+#include <link.h>
+
+#include <algorithm>
+#include <filesystem>
+
+#include "failure.h"
+
+namespace mervane::cli {
+namespace {
+
+constexpr const char* kNoModuleHint =
+    "Install the module of your token (opensc-pkcs11 for most smart cards), or name one with "
+    "--module.";
+
+// Where the dynamic loader finds a library by its name, or the name if it does not.
+std::string pathOnSearchPath(const std::string& name) {
+    // Kept: it is loaded again at once.
+    void* const library = ::dlopen(name.c_str(), RTLD_NOW | RTLD_LOCAL);
+    const link_map* map = nullptr;
+    const bool isFound = library != nullptr && ::dlinfo(library, RTLD_DI_LINKMAP, &map) == 0;
+    return isFound && *map->l_name != '\0' ? map->l_name : name;
+}
+
+std::vector<ModuleInfo> allModules() {
+    std::vector<ModuleInfo> modules;
+    std::vector<std::string> complaints;
+    LogNull log;
+    if (!listModules(modules, complaints, log)) throw std::bad_alloc();
+    for (const std::string& complaint : complaints) remark(complaint);
+    return modules;
+}
+
+// Only a discovery document has these.
+bool namesMoreThanAToken(const Pkcs11Uri& uri) {
+    return uri.libraryDescription || uri.libraryManufacturer || uri.libraryVersion ||
+           uri.slotDescription || uri.slotManufacturer;
+}
+
+bool isSuitable(const TokenInfo& token, Suitable suitable) {
+    switch (suitable) {
+        case Suitable::WithUserPin:
+            return token.isInitialised && token.isUserPinSet;
+        case Suitable::Uninitialised:
+            return !token.isInitialised;
+        default:
+            return token.isInitialised;
+    }
+}
+
+std::string listOf(const std::vector<LocatedToken>& tokens) {
+    std::string list;
+    for (const LocatedToken& located : tokens)
+        list += "\n  " + printable(uriOf(located.token).text()) + "  (" +
+                printable(located.module.name) + ", slot " + std::to_string(located.token.slotId) +
+                ")";
+    return list;
+}
+
+[[noreturn]] void throwSeveral(const std::vector<LocatedToken>& tokens) {
+    CommandError error{Exit::Usage, "Several tokens are present; choose one:" + listOf(tokens),
+                       "Choose one with --uri, --token-label or --token-serial, or name the module "
+                       "with --module."};
+    error.failure.kind = FailureKind::SeveralTokens;
+    throw error;
+}
+
+// A module that could not be asked may have the token: that is no "there is none".
+[[noreturn]] void throwNone(std::span<const ModuleAnswer> answers, bool isNamed,
+                            Suitable suitable) {
+    std::string message = isNamed                               ? "There is no such token"
+                          : suitable == Suitable::Uninitialised ? "There is no uninitialised token"
+                                                                : "No token is ready for use";
+    std::string unasked;
+    std::string hint = "mervane-p11 doctor tells what stands in the way.";
+    for (const ModuleAnswer& answer : answers) {
+        if (answer.hasAnswered()) continue;
+        unasked += "\n  " + lineFor(answer);
+        if (!answer.hint.empty()) hint = answer.hint;
+    }
+    if (unasked.empty()) throw CommandError{Exit::NoToken, message + ".", hint};
+    throw CommandError{Exit::Module, message + ", as far as the modules could be asked:" + unasked,
+                       hint};
+}
+
+TokenChoice choiceOf(const LocatedToken& located) {
+    TokenChoice choice;
+    choice.slotId = located.token.slotId;
+    choice.label = located.token.label;
+    choice.serialNumber = located.token.serialNumber;
+    return choice;
+}
+
+void use(ClsPkcs11& p11, const ModuleInfo& module) {
+    p11.put_SharedLibPath(module.path);
+    p11.put_InitArgs(module.initArgs);
+}
+
+TokenChoice locateAmong(ClsPkcs11& p11, const std::vector<ModuleInfo>& modules,
+                        const Options& options, Suitable suitable) {
+    if (modules.empty()) {
+        CommandError error{Exit::Module, "No PKCS#11 module is installed.", kNoModuleHint};
+        error.failure.kind = FailureKind::ModuleMissing;
+        throw error;
+    }
+    const Pkcs11Uri wanted = wantedToken(options);
+    const auto answers = askModules(modules, options.timeout);
+    std::vector<LocatedToken> tokens = tokensIn(answers);
+    const auto isInitialisedAlready = [&](const LocatedToken& located) {
+        return options.ifUninitialised && located.token.isInitialised &&
+               located.token.label == options.arguments[0];
+    };
+    const bool isDone = !wanted.namesToken() && std::ranges::any_of(tokens, isInitialisedAlready);
+    std::erase_if(tokens, [&](const LocatedToken& located) {
+        if (isDone) return !isInitialisedAlready(located);
+        return !fits(wanted, located) ||
+               (!wanted.namesToken() && !isSuitable(located.token, suitable));
+    });
+    if (tokens.empty()) throwNone(answers, wanted.namesToken(), suitable);
+    if (tokens.size() > 1) throwSeveral(tokens);
+    for (const ModuleAnswer& answer : answers) {
+        if (answer.outcome == ModuleAnswer::Outcome::Crashed ||
+            answer.outcome == ModuleAnswer::Outcome::Silent)
+            remark(lineFor(answer));
+    }
+    use(p11, tokens.front().module);
+    return choiceOf(tokens.front());
+}
+
+}  // namespace
+
+std::string namedModule(const Options& options) {
+    if (!options.module.empty()) return options.module;
+    if (options.uri && options.uri->modulePath) return *options.uri->modulePath;
+    if (options.uri && options.uri->moduleName) return *options.uri->moduleName;
+    return options.defaultModule;
+}
+
+ModuleInfo moduleNamed(const std::string& name, const Options& options) {
+    // If there is a file of that name here, it is meant, not one on the loader's search path.
+    std::error_code error;
+    ModuleInfo module;
+    module.name = moduleNameOf(name);
+    if (std::filesystem::is_regular_file(name, error)) {
+        module.path = std::filesystem::absolute(name, error).string();
+    } else if (name.find('/') != std::string::npos) {
+        module.path = name;
+    } else {
+        std::vector<ModuleInfo> named = allModules();
+        std::erase_if(named, [&](const ModuleInfo& known) {
+            return known.path.empty() || !isNamed(known, name);
+        });
+        if (named.size() > 1) {
+            std::string list;
+            for (const ModuleInfo& known : named) list += "\n  " + printable(known.path);
+            usageError("Several modules have the name " + printable(name) + ":" + list);
+        }
+        if (named.size() == 1) {
+            module = named.front();
+        } else {
+            module.path = pathOnSearchPath(name);
+        }
+    }
+    if (!options.initArgs.empty()) module.initArgs = options.initArgs;
+    return module;
+}
+
+std::vector<ModuleInfo> usableModules(bool withTrust) {
+    std::vector<ModuleInfo> modules = allModules();
+    std::erase_if(modules, [&](const ModuleInfo& module) {
+        return !module.isUsable() || (module.isTrust && !withTrust);
+    });
+    return modules;
+}
+
+Pkcs11Uri wantedToken(const Options& options) {
+    Pkcs11Uri wanted = options.uri.value_or(Pkcs11Uri());
+    if (options.slot) wanted.slotId = std::to_string(*options.slot);
+    if (options.tokenLabel) wanted.token = options.tokenLabel;
+    if (options.tokenSerial) wanted.serial = options.tokenSerial;
+    // By these the module has been chosen.
+    wanted.moduleName.reset();
+    wanted.modulePath.reset();
+    return wanted;
+}
+
+void useModule(ClsPkcs11& p11, const Options& options) {
+    const std::string name = namedModule(options);
+    if (name.empty())
+        usageError(
+            "No module is named: use --module or set MERVANE_P11_MODULE; mervane-p11 modules lists "
+            "them.");
+    use(p11, moduleNamed(name, options));
+}
+
+TokenChoice locateToken(ClsPkcs11& p11, const Options& options, Suitable suitable) {
+    const std::string name = namedModule(options);
+    const Pkcs11Uri wanted = wantedToken(options);
+    if (name.empty()) {
+        if (options.slot) usageError("--slot needs --module: each module has slots of its own.");
+        if (!options.initArgs.empty()) usageError("--init-args needs --module.");
+        return locateAmong(p11, usableModules(wanted.namesToken()), options, suitable);
+    }
+    const ModuleInfo module = moduleNamed(name, options);
+    if (namesMoreThanAToken(wanted)) return locateAmong(p11, {module}, options, suitable);
+    use(p11, module);
+    TokenChoice choice = wanted.tokenChoice();
+    choice.withUserPin = suitable == Suitable::WithUserPin;
+    return choice;
+}
+
+}  // namespace mervane::cli

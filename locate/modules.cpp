@@ -1,0 +1,240 @@
+// The modules of this machine, from three sources: p11-kit's configuration, the folders where
+// modules usually lie, and the drivers of the card database. The first source that has a file names
+// it; files are told apart by device and inode, since most are reached by several links.
+
+#include "locate/modules.h"
+
+#include <errno.h>  // program_invocation_short_name
+#include <glob.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <filesystem>
+#include <set>
+#include <utility>
+
+#include "foundation/core/guarded.h"
+#include "foundation/json/clsjsonobject.h"
+#include "foundation/system/sharedobject.h"
+#include "foundation/text/ascii.h"
+#include "locate/search.h"
+#include "pkcs11/clspkcs11.h"
+
+namespace mervane {
+namespace {
+
+constexpr std::size_t kMaxModules = 256;
+
+// Of the files in the usual folders, the ones that only pass calls on: p11-kit's proxy and its
+// client for a module that runs elsewhere, and OpenSC's tracer.
+constexpr std::array<std::string_view, 3> kForwarders = {"p11-kit-proxy", "p11-kit-client",
+                                                         "pkcs11-spy"};
+// OpenSC's module again, with one PIN only; p11-kit's CA certificates.
+constexpr std::string_view kOnePin = "onepin-opensc";
+constexpr std::string_view kTrust = "p11-kit-trust";
+
+bool isOneOf(std::string_view words, std::string_view word) {
+    while (!words.empty()) {
+        const auto end = std::min(words.find_first_of(", \t"), words.size());
+        if (words.substr(0, end) == word) return true;
+        words.remove_prefix(std::min(end + 1, words.size()));
+    }
+    return false;
+}
+
+class Search {
+  public:
+    Search(const ModulePlaces& places, std::vector<ModuleInfo>& modules,
+           std::vector<std::string>& complaints)
+        : m_places(places), m_modules(modules), m_complaints(complaints) {}
+
+    void addConfigured() {
+        for (const ModuleConfig& config : readConfigurations(m_places.configuration, m_complaints))
+            add(toModule(config));
+    }
+
+    void addFromFolders() {
+        for (const std::string& pattern : m_places.folders) {
+            glob_t found{};
+            if (::glob((pattern + "/*.so").c_str(), 0, nullptr, &found) == 0) {
+                for (std::size_t i = 0; i < found.gl_pathc; ++i) addFile(found.gl_pathv[i]);
+            }
+            ::globfree(&found);
+        }
+    }
+
+    void addDriver(const std::string& name, const std::string& path) {
+        struct stat file {};
+        if (!path.starts_with('/') || ::stat(path.c_str(), &file) != 0) return;
+        ModuleInfo module;
+        module.path = path;
+        module.origin = ModuleInfo::Origin::CardDatabase;
+        module.learntFrom = name;
+        add(std::move(module));
+    }
+
+  private:
+    void addFile(const std::string& path) {
+        ModuleInfo module;
+        module.path = path;
+        module.origin = ModuleInfo::Origin::Folder;
+        module.learntFrom = std::filesystem::path(path).parent_path().string();
+        add(std::move(module));
+    }
+
+    ModuleInfo toModule(const ModuleConfig& config) const {
+        const auto field = [&](std::string_view name) {
+            const auto at = config.fields.find(name);
+            return at == config.fields.end() ? std::string() : at->second;
+        };
+        ModuleInfo module;
+        module.origin = ModuleInfo::Origin::Configuration;
+        module.learntFrom = config.file;
+        module.path = field("module");
+        if (!module.path.empty() && !module.path.starts_with('/'))
+            module.path = m_places.defaultFolder + "/" + module.path;
+        module.remote = field("remote");
+        if (!module.remote.empty()) module.path.clear();
+        module.initArgs = field("x-init-reserved");
+        module.isTrust = field("trust-policy") == "yes";
+        const std::string priority = field("priority");
+        std::from_chars(priority.data(), priority.data() + priority.size(), module.priority);
+        const std::string in = field("enable-in");
+        module.isDisabled = (!in.empty() && !isOneOf(in, m_places.program)) ||
+                            isOneOf(field("disable-in"), m_places.program);
+        if (!module.remote.empty())
+            module.name = std::filesystem::path(config.file).stem().string();
+        return module;
+    }
+
+    void add(ModuleInfo module) {
+        if (m_modules.size() == kMaxModules) return;
+        if (module.path.empty() && module.remote.empty()) return;  // switched off by the user
+        struct stat file {};
+        const bool isThere = module.path.empty() || ::stat(module.path.c_str(), &file) == 0;
+        if (!module.path.empty()) {
+            module.name = moduleNameOf(module.path);
+            module.obstacle = isThere ? whyNotLoadable(module.path.c_str()).value_or("")
+                                      : std::generic_category().message(errno);
+            if (isThere && !m_seen.emplace(file.st_dev, file.st_ino).second) return;
+        }
+        // The proxy is p11-kit's own library under another name.
+        module.isForwarder =
+            std::ranges::find(kForwarders, module.name) != kForwarders.end() ||
+            (module.name == kOnePin && module.origin == ModuleInfo::Origin::Folder);
+        module.isTrust = module.isTrust || module.name == kTrust;
+        m_modules.push_back(std::move(module));
+    }
+
+    const ModulePlaces& m_places;
+    std::vector<ModuleInfo>& m_modules;
+    std::vector<std::string>& m_complaints;
+    std::set<std::pair<dev_t, ino_t>> m_seen;
+};
+
+// What the card database knows is not worth failing for.
+void addDrivers(Search& search) {
+    LogNull silent;
+    ClsJsonObject* const cards = ClsJsonObject::createNewCls();
+    const _clsBaseHolder holder(cards);
+    if (cards == nullptr || !ClsPkcs11::GetCardDataJson(*cards, silent)) return;
+    const int count = cards->sizeOfArray("drivers", silent);
+    for (int i = 0; i < count; ++i) {
+        StringBuffer id;
+        cards->put_I(i);
+        if (!cards->sbOfPathUtf8("drivers[i].id", id, silent)) continue;
+        ClsJsonObject* const record = cards->FindRecord("drivers", "id", id.view(), true);
+        const _clsBaseHolder recordHolder(record);
+        if (record == nullptr) continue;
+        StringBuffer name;
+        ExtPtrArraySb paths;
+        record->sbOfPathUtf8("name", name, silent);
+        ClsPkcs11::getPkcs11DriverPaths(*record, "linux", paths, silent);
+        for (int p = 0; p < paths.getSize(); ++p)
+            search.addDriver(std::string(name.view()), std::string(paths.sbAt(p)->view()));
+    }
+}
+
+}  // namespace
+
+ModuleInfo::ModuleInfo() = default;
+ModuleInfo::ModuleInfo(const ModuleInfo& other) = default;
+ModuleInfo::ModuleInfo(ModuleInfo&& other) noexcept = default;
+ModuleInfo& ModuleInfo::operator=(const ModuleInfo& other) = default;
+ModuleInfo& ModuleInfo::operator=(ModuleInfo&& other) noexcept = default;
+ModuleInfo::~ModuleInfo() = default;
+
+std::string_view nameOf(ModuleInfo::Origin origin) noexcept {
+    constexpr std::array<std::string_view, 4> kNames = {"configuration", "folder", "cardDatabase",
+                                                        "caller"};
+    return kNames[static_cast<std::size_t>(origin)];
+}
+
+ModulePlaces usualModulePlaces() {
+    ModulePlaces places;
+    places.configuration = usualConfigPlaces();
+#if defined(__x86_64__)
+    places.defaultFolder = "/usr/lib/x86_64-linux-gnu/pkcs11";
+#elif defined(__aarch64__)
+    places.defaultFolder = "/usr/lib/aarch64-linux-gnu/pkcs11";
+#endif
+    std::error_code error;
+    if (!std::filesystem::is_directory(places.defaultFolder, error)) {
+        places.defaultFolder =
+            sizeof(void*) == 8 && std::filesystem::is_directory("/usr/lib64/pkcs11", error)
+                ? "/usr/lib64/pkcs11"
+                : "/usr/lib/pkcs11";
+    }
+    places.folders = {"/usr/lib*/pkcs11",       "/usr/lib/*/pkcs11",      "/usr/lib*/softhsm",
+                      "/usr/lib/*/softhsm",     "/usr/local/lib*/pkcs11", "/usr/local/lib/*/pkcs11",
+                      "/usr/local/lib*/softhsm"};
+    places.program = program_invocation_short_name;
+    return places;
+}
+
+void searchModules(const ModulePlaces& places, std::vector<ModuleInfo>& modules,
+                   std::vector<std::string>& complaints) {
+    Search search(places, modules, complaints);
+    search.addConfigured();
+    search.addFromFolders();
+    if (places.withCardDatabase) addDrivers(search);
+    std::ranges::stable_sort(modules, [](const ModuleInfo& a, const ModuleInfo& b) {
+        return std::pair(-static_cast<long>(a.priority), a.origin) <
+               std::pair(-static_cast<long>(b.priority), b.origin);
+    });
+}
+
+bool listModules(std::vector<ModuleInfo>& modules, std::vector<std::string>& complaints,
+                 LogBase& log) {
+    const LogContextExitor context(log, "listModules");
+    return guarded(log, [&] {
+        std::vector<ModuleInfo> found;
+        std::vector<std::string> said;
+        searchModules(usualModulePlaces(), found, said);
+        modules.swap(found);
+        complaints.swap(said);
+        return true;
+    });
+}
+
+std::string moduleNameOf(std::string_view path) {
+    std::string_view name = path.substr(path.find_last_of('/') + 1);
+    name = name.substr(0, name.find(".so"));
+    if (name.starts_with("lib") && name.size() > 3) name.remove_prefix(3);
+    for (const std::string_view suffix : {"-pkcs11", "_pkcs11"}) {
+        if (name.ends_with(suffix) && name.size() > suffix.size())
+            name.remove_suffix(suffix.size());
+    }
+    return std::string(name);
+}
+
+bool isNamed(const ModuleInfo& module, std::string_view name) {
+    if (name.empty()) return false;
+    const std::string_view path = module.path;
+    return equalsIgnoreCase(path.substr(path.find_last_of('/') + 1), name) ||
+           equalsIgnoreCase(module.name, moduleNameOf(name));
+}
+
+}  // namespace mervane
