@@ -77,6 +77,7 @@ constexpr std::array kWideMatch = {
     Column{"PRIVATE KEY", keyCell<privateKeyFor>},
     Column{"FOUND BY", keyCell<foundByFor>},
     Column{"SIGNS", keyCell<signsFor>},
+    Column{"URI", certUriCell},
     Column{"KEY URI", keyUriCell},
 };
 // What people want to know first, within the width of a terminal.

@@ -28,6 +28,11 @@ unsigned long parseSlot(const std::string& text) {
     return value;
 }
 
+std::string moduleName(const std::string& text) {
+    if (text.empty()) usageError("--module takes the name or the path of a module.");
+    return text;
+}
+
 // Its pin-source counts like --pin, which comes before it.
 void useUri(Options& options, const std::string& text) {
     Pkcs11Uri uri;
@@ -104,7 +109,7 @@ using Value = const std::string&;
 constexpr std::array kOptions = {
     OptionSpec{kModule, "--module", "", "NAME|PATH",
                "the PKCS#11 module (default: MERVANE_P11_MODULE, else the one that has the token)",
-               [](Options& o, Value v) { o.module = v; }},
+               [](Options& o, Value v) { o.module = moduleName(v); }},
     OptionSpec{kInitArgs, "--init-args", "", "TEXT",
                "what C_Initialize gets, such as \"configdir='sql:/home/alice/.pki/nssdb'\"",
                [](Options& o, Value v) { o.initArgs = v; }},

@@ -10,22 +10,29 @@
 namespace mervane {
 namespace {
 
+// What a record lacks is empty, and not worth a line.
+std::string textAt(const ClsJsonObject& record, std::string_view path) {
+    LogNull silent;
+    StringBuffer text;
+    record.sbOfPathUtf8(path, text, silent);
+    return std::string(text.view());
+}
+
 bool lookUp(std::string_view atr, CardInfo& card, LogBase& log) {
-    LogNull silent;  // what a record lacks is not worth a line
     ClsJsonObject* const cards = ClsJsonObject::createNewCls();
     const _clsBaseHolder holder(cards);
     if (cards == nullptr || !ClsPkcs11::GetCardDataJson(*cards, log)) return false;
     ClsJsonObject* const record = findCardRecord(*cards, atr);
     const _clsBaseHolder recordHolder(record);
     if (record == nullptr) return false;
-    StringBuffer text;
-    if (record->sbOfPathUtf8("name", text, silent)) card.name = text.view();
+    LogNull silent;
+    card.name = textAt(*record, "name");
     card.isReadOnly = record->boolOf("readOnly", silent);
-    if (!record->sbOfPathUtf8("driver", text, silent)) return true;
-    ClsJsonObject* const driver = cards->FindRecord("drivers", "id", text.view(), false);
+    ClsJsonObject* const driver =
+        cards->FindRecord("drivers", "id", textAt(*record, "driver"), false);
     const _clsBaseHolder driverHolder(driver);
     if (driver == nullptr) return true;
-    if (driver->sbOfPathUtf8("name", text, silent)) card.driver = text.view();
+    card.driver = textAt(*driver, "name");
     ExtPtrArraySb paths;
     ClsPkcs11::getPkcs11DriverPaths(*driver, "linux", paths, silent);
     for (int i = 0; i < paths.getSize(); ++i) card.paths.emplace_back(paths.sbAt(i)->view());

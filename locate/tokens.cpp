@@ -25,11 +25,11 @@ std::string textAt(const JsonValue& object, std::string_view member) {
 std::optional<CK_ULONG> numberAt(const JsonValue& object, std::string_view member) {
     const JsonValue* const value = object.find(member);
     const auto text = value == nullptr ? std::nullopt : value->asNumber();
+    if (!text) return std::nullopt;
     CK_ULONG number = 0;
-    if (!text ||
-        std::from_chars(text->data(), text->data() + text->size(), number).ec != std::errc())
-        return std::nullopt;
-    return number;
+    const char* const end = text->data() + text->size();
+    const auto [stop, error] = std::from_chars(text->data(), end, number);
+    return error == std::errc() && stop == end ? std::optional(number) : std::nullopt;
 }
 
 const JsonArray* flagNamesOf(const JsonValue& object) {

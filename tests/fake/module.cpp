@@ -113,9 +113,20 @@ CK_RV giveList(const std::vector<CK_ULONG>& all, CK_ULONG* list, CK_ULONG* count
 
 bool isSeen(const Object& object, const Slot& slot) { return !object.isPrivate || slot.loggedIn == CKU_USER; }
 
+// NSS takes the reserved pointer for its text, and looks for a null behind it.
+bool hasText(const void* args, const std::string& text) {
+    struct WithNull {
+        CK_C_INITIALIZE_ARGS args;
+        void* behind;
+    };
+    const auto* const given = static_cast<const WithNull*>(args);
+    return given != nullptr && given->args.pReserved != nullptr && given->behind == nullptr && text == static_cast<const char*>(given->args.pReserved);
+}
+
 CK_RV initialize(void* args) {
     return call("C_Initialize", {args == nullptr ? 0UL : 1UL}, {}, [&](World& w) -> CK_RV {
         if (w.needsNullArguments && args != nullptr) return CKR_ARGUMENTS_BAD;
+        if (!w.wantsText.empty() && !hasText(args, w.wantsText)) return CKR_ARGUMENTS_BAD;
         const bool isDone = std::exchange(w.initialized, true) || w.initializedByOthers;
         return isDone ? CKR_CRYPTOKI_ALREADY_INITIALIZED : CKR_OK;
     });
@@ -420,7 +431,7 @@ constexpr std::tuple kFunctions(pair(function::kInitialize, &initialize), pair(f
 
 extern "C" World* fakeWorld() {
     static World* const instance =
-        new World(std::getenv("MERVANE_FAKE_EMPTY_SLOT"), std::getenv("MERVANE_FAKE_FAILING"));  // NOLINT: lives as long as the module
+        new World(std::getenv("MERVANE_FAKE_EMPTY_SLOT"), std::getenv("MERVANE_FAKE_FAILING"), std::getenv("MERVANE_FAKE_FLAGS"));  // NOLINT: lives as long as the module
     return instance;
 }
 

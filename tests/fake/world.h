@@ -1,8 +1,11 @@
 #ifndef MERVANE_TESTS_FAKE_WORLD_H
 #define MERVANE_TESTS_FAKE_WORLD_H
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <atomic>
+#include <csignal>
 #include <cstring>
 #include <functional>
 #include <map>
@@ -84,6 +87,7 @@ struct State {
     bool acceptsAnyPin = false;         // and keeps no copy
     bool spoilsPins = false;            // C_Login writes over the PIN it is given
     bool needsNullArguments = false;    // C_Initialize refuses arguments
+    std::string wantsText;              // in the reserved argument of C_Initialize, as NSS reads it
     CK_ULONG maxSessions = 10;
 
     // --- What is answered: a code instead of the call (it may throw), and changes to its outputs
@@ -111,13 +115,16 @@ struct State {
 };
 
 struct World : State {
-    // For the command-line tool, which cannot reach the world: an empty slot, and "FUNCTION CODE" for a function that
-    // always fails.
-    World(const char* withEmptySlot, const char* failing) {
+    // For the command-line tool, which cannot reach the world: an empty slot, "FUNCTION CODE" for a function that always
+    // fails ("crash" and "hang" are codes, too), and the flags of the token.
+    World(const char* withEmptySlot, const char* failing, const char* flags) {
         if (withEmptySlot != nullptr) slots.push_back({.id = 2, .tokenPresent = false});
+        if (flags != nullptr) slots.front().flags = std::stoul(flags, nullptr, 0);
         if (failing == nullptr) return;
         answer = [failing = std::string(failing)](const std::string& function, std::size_t) -> std::optional<CK_RV> {
             if (!failing.starts_with(function + " ")) return std::nullopt;
+            if (failing.ends_with("crash")) std::raise(SIGSEGV);
+            while (failing.ends_with("hang")) ::pause();
             return std::stoul(failing.substr(function.size()), nullptr, 0);
         };
     }
