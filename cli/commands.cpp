@@ -32,7 +32,7 @@ constexpr std::array kCommands = {
                 kModule | kInitArgs | kForms | kTokensOnly | kSkipMechanisms | kMechanisms | kWide,
                 "describe the module, its slots and tokens", runDiscover},
     CommandSpec{"certs", "", 0, 0, kReading | kPem | kWide, "list the certificates", runCerts},
-    CommandSpec{"find-cert", "PART [VALUE]", 1, 2, kReading | kOut | kNoLogin | kExplain | kPem,
+    CommandSpec{"find-cert", "[PART [VALUE]]", 0, 2, kReading | kOut | kNoLogin | kExplain | kPem,
                 "choose a certificate; PART is privateKey, subjectDN, CN, serial, ...",
                 runFindCert},
     CommandSpec{"match", "", 0, 0, kReading | kNoLogin | kExplain | kPem | kWide,
@@ -82,7 +82,18 @@ std::string nameOf(OptionBit bit) {
     return std::string(std::ranges::find(optionSpecs(), bit, &OptionSpec::bit)->name);
 }
 
-void checkOptions(const CommandSpec& command, std::uint64_t given) {
+// A URI may name a certificate or its key where one is chosen.
+void checkUri(const CommandSpec& command, const Pkcs11Uri& uri) {
+    if (!uri.namesObject()) return;
+    if (command.run != runSign && command.run != runFindCert)
+        usageError("--uri names an object, and " + std::string(command.name) +
+                   " takes that of a token.");
+    if (uri.type && uri.type != "cert" && uri.type != "private")
+        usageError("--uri names neither a certificate nor a private key.");
+}
+
+void checkOptions(const CommandSpec& command, const CommandLine& line) {
+    const std::uint64_t given = line.given;
     const auto isStray = [&](const OptionSpec& option) {
         return (given & option.bit & ~(command.options | kHelp | kVersion)) != 0;
     };
@@ -91,6 +102,7 @@ void checkOptions(const CommandSpec& command, std::uint64_t given) {
         usageError(std::string(command.name) + " does not take " + std::string(stray->name) + ".");
     if ((given & kPem) != 0 && (given & kJson) == 0)
         usageError("--pem needs --json; find-cert --out - prints a certificate.");
+    if (line.options.uri) checkUri(command, *line.options.uri);
     for (const auto& [one, other] : kExclusive) {
         if ((given & one) != 0 && (given & other) != 0)
             usageError(nameOf(one) + " does not go with " + nameOf(other) + ".");
@@ -114,7 +126,7 @@ const CommandSpec& commandNamed(std::string_view name) {
 const CommandSpec& commandOf(const CommandLine& line) {
     if (line.command.empty()) usageError("No command given.");
     const CommandSpec& command = commandNamed(line.command);
-    checkOptions(command, line.given);
+    checkOptions(command, line);
     checkArguments(command, line.options.arguments.size());
     return command;
 }

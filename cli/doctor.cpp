@@ -54,6 +54,9 @@ class Doctor {
         checkReaders();
         for (const std::string& complaint : m_complaints)
             m_found.add({StepId::Configuration, Warn, "", complaint});
+        if (m_answers.empty())
+            m_found.add({StepId::Module, Fail, "", "no PKCS#11 module is installed",
+                         "Install that of your token; opensc-pkcs11 serves most smart cards"});
         for (const ModuleAnswer& answer : m_answers) checkModule(answer);
         for (const LocatedToken& token : m_tokens) checkToken(token);
         checkChosen();

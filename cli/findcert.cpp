@@ -4,6 +4,7 @@
 // other part is compared as FindCert does.
 
 #include <algorithm>
+#include <functional>
 #include <iostream>
 
 #include <mervane/foundation/text/ascii.h>
@@ -19,24 +20,24 @@
 namespace mervane::cli {
 namespace {
 
-// The certificate whose field is the value: for the fields that FindCert does not know.
-void findByField(ClsPkcs11& p11, TextProperty property, const std::string& value, ClsCert& cert) {
+// The one certificate that fits; copies of it count as one.
+void findWhere(ClsPkcs11& p11, const std::function<bool(ClsCert&)>& fits, ClsCert& cert) {
     if (!p11.FindAllCerts()) throwLastFailure(p11);
     std::vector<int> fitting;
     std::vector<std::uint8_t> first;
     for (int i = 0; i < p11.get_NumCerts(); ++i) {
         ClsCert checked;
         if (!p11.GetCert(i, checked)) throwLastFailure(p11);
-        if (read(checked, property) == value) fitting.push_back(i);
+        if (fits(checked)) fitting.push_back(i);
     }
     if (fitting.empty())
-        throw CommandError{Exit::NotFound, "No certificate on the token has that value.", {}};
+        throw CommandError{Exit::NotFound, "No certificate on the token fits.", {}};
     for (const int i : fitting) {
         if (!p11.GetCert(i, cert)) throwLastFailure(p11);
         if (i == fitting.front()) first = cert.ExportDer();
         if (cert.ExportDer() != first)
             throw CommandError{Exit::Usage,
-                               "Several certificates have that value, such as " +
+                               "Several certificates fit, such as " +
                                    std::to_string(fitting.front()) + " and " + std::to_string(i) +
                                    ".",
                                "mervane-p11 certs lists them."};
@@ -45,12 +46,13 @@ void findByField(ClsPkcs11& p11, TextProperty property, const std::string& value
 
 void choose(ClsPkcs11& p11, const Part& part, const Options& options, const std::string& value,
             ClsCert& cert) {
-    const auto reader = part.name == "label"    ? &ClsCert::get_Label
-                        : part.name == "id"     ? &ClsCert::get_CkaId
-                        : part.name == "sha256" ? &ClsCert::get_Sha256Thumbprint
-                                                : nullptr;
-    if (reader != nullptr) {
-        findByField(p11, reader, value, cert);
+    const auto property = part.name == "label"    ? &ClsCert::get_Label
+                          : part.name == "id"     ? &ClsCert::get_CkaId
+                          : part.name == "sha256" ? &ClsCert::get_Sha256Thumbprint
+                                                  : nullptr;
+    if (property != nullptr) {
+        findWhere(
+            p11, [&](ClsCert& checked) { return read(checked, property) == value; }, cert);
         return;
     }
     const bool isFound = part.name == "privateKey"
@@ -89,6 +91,15 @@ std::string nearMiss(ClsPkcs11& p11, const Part& part, const std::string& word,
                    " differs only in letter case: " + printable(*text);
     }
     return {};
+}
+
+// The certificate that the URI names, by ID and label.
+void findByUri(ClsPkcs11& p11, const Pkcs11Uri& uri, ClsCert& cert) {
+    const auto fits = [&](ClsCert& checked) {
+        const Pkcs11Uri has = uriOfCert(TokenInfo(), checked);
+        return (!uri.id || uri.id == has.id) && (!uri.object || uri.object == has.object);
+    };
+    findWhere(p11, fits, cert);
 }
 
 int indexOf(ClsPkcs11& p11, ClsCert& wanted) {
@@ -131,7 +142,12 @@ void printFound(ClsCert& cert, const KeyView& key) {
 }  // namespace
 
 Exit runFindCert(ClsPkcs11& p11, const Options& options) {
-    const Part& part = partOf(options.arguments[0]);
+    const bool isByUri = options.arguments.empty();
+    if (isByUri && !(options.uri && options.uri->namesObject()))
+        usageError("find-cert takes PART [VALUE], or the URI of a certificate with --uri.");
+    if (!isByUri && options.uri && options.uri->namesObject())
+        usageError("find-cert takes a PART or the URI of a certificate, not both.");
+    const Part& part = partOf(isByUri ? "" : options.arguments[0]);
     const std::string given = options.arguments.size() > 1 ? options.arguments[1] : "";
     const std::string value = comparable(part, given);
     const bool isToOutput = options.out == "-";
@@ -142,7 +158,7 @@ Exit runFindCert(ClsPkcs11& p11, const Options& options) {
     const OpenedToken opened = openToken(p11, options, mayAsk ? LoginIf::Needed : LoginIf::Told);
     ClsCert cert;
     try {
-        choose(p11, part, options, value, cert);
+        isByUri ? findByUri(p11, *options.uri, cert) : choose(p11, part, options, value, cert);
     } catch (CommandError& error) {
         if (error.status == Exit::NotFound && part.takesValue && error.hint.empty())
             error.hint = nearMiss(p11, part, options.arguments[0], value);

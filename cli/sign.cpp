@@ -16,6 +16,8 @@
 #include <set>
 #include <system_error>
 
+#include <mervane/foundation/text/hex.h>
+
 #include "certview.h"
 #include "commands.h"
 #include "output.h"
@@ -170,6 +172,10 @@ std::vector<Job> jobsOf(const Options& options) {
 
 SignerQuery queryOf(const Options& options) {
     SignerQuery query;
+    if (options.uri && options.uri->id)
+        query.id = toHex(std::span(reinterpret_cast<const std::uint8_t*>(options.uri->id->data()),
+                                   options.uri->id->size()));
+    if (options.uri && options.uri->type != "private") query.label = options.uri->object;
     for (const auto& [word, value] : options.certParts) {
         const Part& part = partOf(word);
         const std::string form = comparable(part, value);

@@ -78,6 +78,15 @@ def find(machine):
     pin.chmod(0o600)
     document, status = machine.json("match", "--uri", f"{home['uri']}?pin-source=file:{pin}")
     equal((status, document.get("loggedIn")), (0, True), f"pin-source: {document}")
+    for cert in document["certs"]:
+        found = machine.json("find-cert", "--uri", cert["uri"])[0]
+        equal(found.get("label"), cert["label"], f"find-cert --uri: {found}")
+    named = next(c for c in document["certs"] if c["label"] == "past")
+    for uri in (named["uri"], named["privateKey"]["uri"]):
+        done, status = machine.json("sign", pin, "--out", machine.token.folder / "sig", "--uri", uri, "--pin", "env:USER_PIN")
+        equal((status, done.get("subject")), (0, "CN=past"), f"sign --uri: {done}")
+    for words in (("certs", "--uri", named["uri"]), ("find-cert", "CN", "x", "--uri", named["uri"]), ("find-cert",), ("sign", pin, "--out", "x", "--uri", "pkcs11:type=public")):
+        equal(machine.run(*words).returncode, 2, words)
     return next(c for c in document["certs"] if c["label"] == "valid")
 
 
