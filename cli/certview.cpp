@@ -279,7 +279,7 @@ bool isValidToday(ClsCert& cert) {
 
 std::string untilFor(ClsCert& cert) {
     const std::string end = read(cert, &ClsCert::get_NotAfter);
-    const std::string day = end.substr(0, end.find('T'));
+    std::string day = end.substr(0, end.find('T'));
     switch (validityOf(cert)) {
         case Validity::Past:
             return "EXPIRED " + day;

@@ -1,12 +1,10 @@
 // doctor: walks from the card reader to the key and says of each step what was seen and what helps.
 //
 //     PC/SC and its readers; the card, its ATR and its driver; the modules, each asked in a process
-//     of its own; the tokens and the states of their PINs; then, of the one token that is meant: a
-//     session, a login if that was asked for, the certificates with their keys, and whether one of
-//     them can sign.
+//     of its own; the tokens and the states of their PINs; then what the one token that is meant
+//     holds (checkup.cpp).
 //
-// Nothing is changed. Nobody is logged in unless the options say so, and then only with a token
-// that leaves more than one try.
+// Nothing is changed.
 
 #include <algorithm>
 #include <filesystem>
@@ -15,12 +13,11 @@
 
 #include "askmodules.h"
 #include "cards.h"
-#include "certview.h"
+#include "checkup.h"
 #include "commands.h"
 #include "diagnosis.h"
 #include "locatetoken.h"
 #include "pins.h"
-#include "token.h"
 
 namespace mervane::cli {
 namespace {
@@ -164,8 +161,14 @@ class Doctor {
                                  "Install " + card.driver + " from its maker; " +
                                      card.paths.front() + " is where it is expected")});
         } else {
-            m_found.add({StepId::Driver, Fail, reader.name, "no Linux module is known",
-                         "Try OpenSC's: install the package opensc-pkcs11"});
+            const bool hasOpensc = std::ranges::any_of(m_answers, [](const ModuleAnswer& answer) {
+                return answer.hasAnswered() && answer.module.name == "opensc";
+            });
+            m_found.add({StepId::Driver, Fail, reader.name,
+                         hasOpensc ? "no Linux module is known, and OpenSC's shows no token"
+                                   : "no Linux module is known",
+                         hasOpensc ? "Ask the card's maker for a PKCS#11 module"
+                                   : "Try OpenSC's: install the package opensc-pkcs11"});
         }
     }
 
@@ -234,10 +237,13 @@ class Doctor {
         }
         if (chosen.empty()) {
             const bool isNamed = m_wanted.namesToken();
+            const bool isTold = !m_found.isComplete();
             m_found.add(
                 {StepId::Token, Missing, "",
                  isNamed ? "there is no such token" : "no module shows a token that is ready",
-                 isNamed ? "mervane-p11 tokens lists them" : "Plug it in"});
+                 isNamed  ? "mervane-p11 tokens lists them"
+                 : isTold ? ""
+                          : "Plug it in"});
             return;
         }
         if (chosen.size() > 1) {
@@ -246,141 +252,7 @@ class Doctor {
                          "Choose one with --token-label, --token-serial or --uri"});
             return;
         }
-        checkContents(*chosen.front());
-    }
-
-    bool fail(StepId id, const std::string& subject) {
-        const Failure failure = m_p11.lastFailure();
-        m_found.add({id, Fail, subject, failure.cause, failure.hint});
-        return false;
-    }
-
-    void checkContents(const LocatedToken& located) {
-        m_p11.put_SharedLibPath(located.module.path);
-        m_p11.put_InitArgs(located.module.initArgs);
-        TokenChoice choice;
-        choice.slotId = located.token.slotId;
-        choice.label = located.token.label;
-        choice.serialNumber = located.token.serialNumber;
-        const std::string subject = "\"" + located.token.label + "\"";
-        if (!m_p11.OpenToken(choice, false) || !m_p11.GetToken(m_token)) {
-            fail(StepId::Session, subject);
-            return;
-        }
-        m_found.add({StepId::Session, Ok, subject, "a session can be opened"});
-        if (m_options.login && !logIn(subject)) return;
-        if (!m_p11.FindAllCerts()) {
-            fail(StepId::Certificate, subject);
-            return;
-        }
-        const int count = m_p11.get_NumCerts();
-        if (count == 0) {
-            m_found.add({StepId::Certificate, Fail, subject, "no certificate can be seen",
-                         mayBeHidden() ? "Log in with --login; it may be private"
-                                       : "Have a certificate written to it"});
-            return;
-        }
-        for (int i = 0; i < count; ++i) checkCertificate(i);
-        if (!m_found.has(StepId::Certificate, Fail)) checkSigner(subject);
-    }
-
-    [[nodiscard]] bool mayBeHidden() const { return m_token.needsLogin && !m_isLoggedIn; }
-
-    bool logIn(const std::string& subject) {
-        if (m_token.userPin.isLocked || m_token.userPin.isLastTry) {
-            m_found.add({StepId::Login, Fail, subject,
-                         m_token.userPin.isLocked ? "not tried: the PIN is locked"
-                                                  : "not tried: one more wrong PIN would lock it",
-                         "mervane-p11 match --login tries it"});
-            return false;
-        }
-        XString pin;
-        m_pins.read(m_options.pin, {.isOfficers = false, .isNew = false}, m_token, pin);
-        if (!m_p11.Login(1, pin)) {
-            return fail(StepId::Login, subject);
-        }
-        if (m_options.signPin)
-            m_pins.read(m_options.signPin, {.isOfficers = false, .isNew = false}, m_token, pin);
-        m_p11.put_SigContextPin(pin);
-        m_isLoggedIn = true;
-        m_found.add({StepId::Login, Ok, subject, "logged in"});
-        return true;
-    }
-
-    void checkCertificate(int index) {
-        ClsCert cert;
-        if (!m_p11.GetCert(index, cert)) {
-            fail(StepId::Certificate, std::to_string(index));
-            return;
-        }
-        const std::string subject = whoFor(cert);
-        LogNull log;
-        const bool isLinked = m_p11.linkCertToPkcs11Session(cert.getCert().get(), true, log);
-        if (!isLinked && m_p11.lastFailure().kind != FailureKind::NotFound) {
-            fail(StepId::Certificate, subject);
-            return;
-        }
-        const KeyView key = keyViewOf(m_p11, cert, m_token, m_isLoggedIn, false);
-        const std::string seen = keyFor(cert) + ", until " + untilFor(cert) + ", " + useFor(cert) +
-                                 ", key: " + keyText(key);
-        if (key.link && m_isLoggedIn && key.link->facts.maySign.value_or(true)) {
-            prove(cert, subject, seen);
-        } else if (!isValidToday(cert)) {
-            m_found.add({StepId::Certificate, Warn, subject, seen, "Have it renewed"});
-        } else if (key.state == KeyView::State::Unknown) {
-            m_found.add({StepId::Certificate, Warn, subject, seen, "Log in with --login"});
-        } else if (key.isGuess()) {
-            m_found.add({StepId::Certificate, Warn, subject, seen,
-                         "Log in with --login, and the key is proved by a signature"});
-        } else {
-            m_found.add({StepId::Certificate, key.link || cert.IsCa() ? Ok : Warn, subject, seen,
-                         key.link || cert.IsCa() ? "" : "Nothing can be signed with it"});
-        }
-    }
-
-    static std::string keyText(const KeyView& key) {
-        if (!key.link) return privateKeyFor(key);
-        return "found by " + foundByFor(key) +
-               (key.link->facts.maySign.value_or(true) ? "" : ", may not sign");
-    }
-
-    void prove(ClsCert& cert, const std::string& subject, const std::string& seen) {
-        KeyProof proof{};
-        if (!m_p11.ProveKey(cert, proof)) {
-            fail(StepId::Certificate, subject);
-        } else if (proof == KeyProof::Disproved) {
-            m_found.add({StepId::Certificate, Fail, subject, seen + ", which signs for another",
-                         "mervane-p11 match --explain tells about the other keys"});
-        } else if (!isValidToday(cert)) {
-            m_found.add({StepId::Certificate, Warn, subject, seen + ", signs", "Have it renewed"});
-        } else {
-            const bool isProved = proof == KeyProof::Proved;
-            m_found.add({StepId::Certificate, isProved ? Ok : Warn, subject,
-                         seen + (isProved ? ", proved by a signature" : ", signs; not verified")});
-        }
-    }
-
-    void checkSigner(const std::string& subject) {
-        ClsCert cert;
-        if (m_p11.FindSigner({}, cert)) {
-            const bool isValid = isValidToday(cert);
-            m_found.add({StepId::Signing, isValid ? Ok : Fail, subject,
-                         isValid
-                             ? "signs as " + whoFor(cert)
-                             : "the certificate to sign with is not valid today: " + whoFor(cert),
-                         isValid ? "" : "Have it renewed"});
-            return;
-        }
-        const FailureKind kind = m_p11.lastFailure().kind;
-        if (kind == FailureKind::NotFound && mayBeHidden()) {
-            m_found.add({StepId::Signing, Warn, subject, "no key can be seen without a login",
-                         "Log in with --login"});
-        } else if (kind == FailureKind::SeveralCerts) {
-            m_found.add({StepId::Signing, Warn, subject, "several certificates can sign",
-                         "Choose one with mervane-p11 sign --cert"});
-        } else {
-            fail(StepId::Signing, subject);
-        }
+        checkContents(m_p11, m_options, m_pins, *chosen.front(), m_found);
     }
 
     Exit report() {
@@ -407,8 +279,6 @@ class Doctor {
     std::vector<ModuleAnswer> m_answers;
     std::vector<LocatedToken> m_tokens;
     bool m_hasToken = false;  // one that is ready
-    TokenInfo m_token;        // the one that is looked into
-    bool m_isLoggedIn = false;
 };
 
 }  // namespace

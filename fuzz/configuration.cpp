@@ -1,8 +1,8 @@
 // Reads the input as a module's configuration, and as a discovery document.
 
+#include "locate/configuration.h"
 #include "foundation/json/clsjsonobject.h"
 #include "fuzz/fuzz.h"
-#include "locate/configuration.h"
 #include "locate/tokens.h"
 
 using namespace mervane;

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <system_error>
 
@@ -47,25 +48,30 @@ std::optional<ConfigFields> readFile(const std::string& path,
     return fields;
 }
 
+int isModuleFile(const dirent* entry) {
+    const std::string_view name(static_cast<const char*>(entry->d_name));
+    return name.ends_with(kSuffix) && !name.starts_with('.') ? 1 : 0;
+}
+
+int inByteOrder(const dirent** a, const dirent** b) {
+    return std::strcmp(static_cast<const char*>((*a)->d_name),
+                       static_cast<const char*>((*b)->d_name));
+}
+
 // The names of the module configurations in a folder, sorted.
 std::vector<std::string> namesIn(const std::string& folder, std::vector<std::string>& complaints) {
+    dirent** entries = nullptr;
+    const int count = ::scandir(folder.c_str(), &entries, isModuleFile, inByteOrder);
+    if (count < 0 && errno != ENOENT && errno != ENOTDIR)
+        complain(complaints, folder, "cannot be read: " + std::generic_category().message(errno));
     std::vector<std::string> names;
-    const std::unique_ptr<DIR, int (*)(DIR*)> open(::opendir(folder.c_str()), &::closedir);
-    if (!open) {
-        if (errno != ENOENT && errno != ENOTDIR)
-            complain(complaints, folder,
-                     "cannot be read: " + std::generic_category().message(errno));
-        return names;
+    for (int i = 0; i < count; ++i) {
+        const std::unique_ptr<dirent, decltype(&std::free)> entry(entries[i], &std::free);
+        if (names.size() < kMaxFiles) names.emplace_back(static_cast<const char*>(entry->d_name));
     }
-    while (const dirent* const entry = ::readdir(open.get())) {
-        const std::string_view name(static_cast<const char*>(entry->d_name));
-        if (name.ends_with(kSuffix) && !name.starts_with('.')) names.emplace_back(name);
-    }
-    std::ranges::sort(names);
-    if (names.size() > kMaxFiles) {
-        complain(complaints, folder + "/" + names[kMaxFiles], "is beyond the 256 files looked at");
-        names.resize(kMaxFiles);
-    }
+    std::free(entries);
+    if (count > static_cast<int>(kMaxFiles))
+        complain(complaints, folder, "has more than the 256 files that are looked at");
     return names;
 }
 
@@ -90,6 +96,11 @@ UserConfig userConfig(const ConfigPlaces& places, std::vector<std::string>& comp
 }
 
 }  // namespace
+
+std::string ModuleConfig::name() const {
+    const std::string base = file.substr(file.find_last_of('/') + 1);
+    return base.substr(0, base.size() - kSuffix.size());
+}
 
 std::optional<ConfigFields> parseConfiguration(std::string_view text, std::string& reason) {
     ConfigFields fields;
@@ -149,17 +160,18 @@ std::vector<ModuleConfig> readConfigurations(const ConfigPlaces& places,
         folders.push_back(places.packageFolder);
     }
     std::vector<ModuleConfig> configs;
-    std::map<std::string, std::size_t> seen;  // by file name: the index in configs
     for (const std::string& folder : folders) {
         for (const std::string& name : namesIn(folder, complaints)) {
             const std::string path = folder + "/" + name;
             auto fields = readFile(path, complaints);
             if (!fields) continue;
-            const auto [at, isNew] = seen.try_emplace(name, configs.size());
-            if (isNew) {
+            const auto known = std::ranges::find_if(configs, [&](const ModuleConfig& config) {
+                return config.file.ends_with("/" + name);
+            });
+            if (known == configs.end()) {
                 configs.push_back({path, std::move(*fields)});
             } else {
-                configs[at->second].fields.merge(*fields);
+                known->fields.merge(*fields);
             }
         }
     }

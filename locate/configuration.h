@@ -32,6 +32,9 @@ ConfigPlaces usualConfigPlaces();
 struct ModuleConfig {
     std::string file;  ///< the first of them
     ConfigFields fields;
+
+    /// The file's name, without folder and ".module".
+    [[nodiscard]] std::string name() const;
 };
 
 /// Reads all module configurations. Where files have one name, the user's fields come before the

@@ -11,8 +11,7 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
-#include <filesystem>
-#include <set>
+#include <system_error>
 #include <utility>
 
 #include "foundation/core/guarded.h"
@@ -80,7 +79,7 @@ class Search {
         ModuleInfo module;
         module.path = path;
         module.origin = ModuleInfo::Origin::Folder;
-        module.learntFrom = std::filesystem::path(path).parent_path().string();
+        module.learntFrom = path.substr(0, path.find_last_of('/'));
         add(std::move(module));
     }
 
@@ -104,8 +103,7 @@ class Search {
         const std::string in = field("enable-in");
         module.isDisabled = (!in.empty() && !isOneOf(in, m_places.program)) ||
                             isOneOf(field("disable-in"), m_places.program);
-        if (!module.remote.empty())
-            module.name = std::filesystem::path(config.file).stem().string();
+        if (!module.remote.empty()) module.name = config.name();
         return module;
     }
 
@@ -118,20 +116,31 @@ class Search {
             module.name = moduleNameOf(module.path);
             module.obstacle = isThere ? whyNotLoadable(module.path.c_str()).value_or("")
                                       : std::generic_category().message(errno);
-            if (isThere && !m_seen.emplace(file.st_dev, file.st_ino).second) return;
+            if (isThere && isSeen({file.st_dev, file.st_ino})) return;
         }
         // The proxy is p11-kit's own library under another name.
         module.isForwarder =
             std::ranges::find(kForwarders, module.name) != kForwarders.end() ||
             (module.name == kOnePin && module.origin == ModuleInfo::Origin::Folder);
         module.isTrust = module.isTrust || module.name == kTrust;
-        m_modules.push_back(std::move(module));
+        // Behind those of the same priority.
+        const auto at = std::ranges::find_if(
+            m_modules, [&](const ModuleInfo& other) { return other.priority < module.priority; });
+        m_modules.insert(at, std::move(module));
+    }
+
+    using FileId = std::pair<dev_t, ino_t>;
+
+    bool isSeen(FileId file) {
+        if (std::ranges::find(m_seen, file) != m_seen.end()) return true;
+        m_seen.push_back(file);
+        return false;
     }
 
     const ModulePlaces& m_places;
     std::vector<ModuleInfo>& m_modules;
     std::vector<std::string>& m_complaints;
-    std::set<std::pair<dev_t, ino_t>> m_seen;
+    std::vector<FileId> m_seen;
 };
 
 // What the card database knows is not worth failing for.
@@ -180,12 +189,10 @@ ModulePlaces usualModulePlaces() {
 #elif defined(__aarch64__)
     places.defaultFolder = "/usr/lib/aarch64-linux-gnu/pkcs11";
 #endif
-    std::error_code error;
-    if (!std::filesystem::is_directory(places.defaultFolder, error)) {
-        places.defaultFolder =
-            sizeof(void*) == 8 && std::filesystem::is_directory("/usr/lib64/pkcs11", error)
-                ? "/usr/lib64/pkcs11"
-                : "/usr/lib/pkcs11";
+    struct stat folder {};
+    for (const char* const otherwise : {"/usr/lib64/pkcs11", "/usr/lib/pkcs11"}) {
+        if (::stat(places.defaultFolder.c_str(), &folder) == 0) break;
+        places.defaultFolder = otherwise;
     }
     places.folders = {"/usr/lib*/pkcs11",       "/usr/lib/*/pkcs11",      "/usr/lib*/softhsm",
                       "/usr/lib/*/softhsm",     "/usr/local/lib*/pkcs11", "/usr/local/lib/*/pkcs11",
@@ -200,10 +207,6 @@ void searchModules(const ModulePlaces& places, std::vector<ModuleInfo>& modules,
     search.addConfigured();
     search.addFromFolders();
     if (places.withCardDatabase) addDrivers(search);
-    std::ranges::stable_sort(modules, [](const ModuleInfo& a, const ModuleInfo& b) {
-        return std::pair(-static_cast<long>(a.priority), a.origin) <
-               std::pair(-static_cast<long>(b.priority), b.origin);
-    });
 }
 
 bool listModules(std::vector<ModuleInfo>& modules, std::vector<std::string>& complaints,

@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <filesystem>
 #include <system_error>
 
 namespace mervane {
@@ -63,7 +62,7 @@ std::optional<std::string> readSmallFile(const std::string& path, std::string& r
     struct stat found {};
     if (::fstat(file.get(), &found) != 0) return refuse("cannot be read: " + errorText());
     if (!S_ISREG(found.st_mode)) return refuse("is no regular file");
-    if (isOpenToAll(found) || isOpenToAll(std::filesystem::path(path).parent_path().string()))
+    if (isOpenToAll(found) || isOpenToAll(path.substr(0, path.find_last_of('/'))))
         return refuse("can be changed by every user of this machine");
     if (!isOwnerTrusted(found)) return refuse("belongs to another user");
     std::string text(kMaxSize + 1, '\0');

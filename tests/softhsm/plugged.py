@@ -66,7 +66,7 @@ def main(tool, opensc):
 
         daemon.plug(pcsc.Card(bytes.fromhex(MOICA)))
         readers("a card without a driver", "ready", 0, ("present", MOICA, "MOICA Citizen Digital Certificate"), empty)
-        doctor("a card without a driver", 1, ("card", "ok", "MOICA", ""), ("driver", "fail", "no Linux module is known", "opensc-pkcs11"))
+        doctor("a card without a driver", 1, ("card", "ok", "MOICA", ""), ("driver", "fail", "no Linux module is known", "Ask the card's maker"))
         document, status = ask(tool, "atr")
         equal((status, document["cards"][0]["known"]["name"]), (0, "MOICA Citizen Digital Certificate"), "atr reads the card")
         expect("no Linux module is known" in run(tool, "atr").stdout, "atr, in words")
@@ -80,7 +80,7 @@ def main(tool, opensc):
 
         daemon.plug(pcsc.Card(bytes.fromhex(STRANGE)), slot=1)
         readers("an unknown card", "ready", 0, empty, ("present", STRANGE, None))
-        doctor("an unknown card", 1, ("card", "warn", "not known here", ""), ("driver", "fail", "no Linux module", "opensc-pkcs11"))
+        doctor("an unknown card", 1, ("card", "warn", "not known here", ""), ("driver", "fail", "no Linux module", "Ask the card's maker"))
         equal(ask(tool, "atr")[1], 3, "atr, an unknown card")
         daemon.unplug()
 
