@@ -20,6 +20,9 @@ constexpr const char* kNoModuleHint =
     "Install the module of your token (opensc-pkcs11 for most smart cards), or name one with "
     "--module.";
 
+constexpr const char* kSeveralHint =
+    "Choose one with --uri, --token-label or --token-serial, or name the module with --module.";
+
 // Where the dynamic loader finds a library by its name, or the name if it does not.
 std::string pathOnSearchPath(const std::string& name) {
     // Kept: it is loaded again at once.
@@ -64,12 +67,10 @@ std::string listOf(const std::vector<LocatedToken>& tokens) {
     return list;
 }
 
-[[noreturn]] void throwSeveral(const std::vector<LocatedToken>& tokens) {
-    CommandError error{Exit::Usage, "Several tokens are present; choose one:" + listOf(tokens),
-                       "Choose one with --uri, --token-label or --token-serial, or name the module "
-                       "with --module."};
-    error.failure.kind = FailureKind::SeveralTokens;
-    throw error;
+[[noreturn]] void fail(Exit status, FailureKind kind, std::string message, const char* hint) {
+    mervane::Failure failure;
+    failure.kind = kind;
+    throw CommandError{status, std::move(message), hint, std::move(failure)};
 }
 
 // A module that could not be asked may have the token: that is no "there is none".
@@ -105,11 +106,9 @@ void use(ClsPkcs11& p11, const ModuleInfo& module) {
 
 TokenChoice locateAmong(ClsPkcs11& p11, const std::vector<ModuleInfo>& modules,
                         const Options& options, Suitable suitable) {
-    if (modules.empty()) {
-        CommandError error{Exit::Module, "No PKCS#11 module is installed.", kNoModuleHint};
-        error.failure.kind = FailureKind::ModuleMissing;
-        throw error;
-    }
+    if (modules.empty())
+        fail(Exit::Module, FailureKind::ModuleMissing, "No PKCS#11 module is installed.",
+             kNoModuleHint);
     const Pkcs11Uri wanted = wantedToken(options);
     const auto answers = askModules(modules, options.timeout);
     std::vector<LocatedToken> tokens = tokensIn(answers);
@@ -124,7 +123,9 @@ TokenChoice locateAmong(ClsPkcs11& p11, const std::vector<ModuleInfo>& modules,
                (!wanted.namesToken() && !isSuitable(located.token, suitable));
     });
     if (tokens.empty()) throwNone(answers, wanted.namesToken(), suitable);
-    if (tokens.size() > 1) throwSeveral(tokens);
+    if (tokens.size() > 1)
+        fail(Exit::Usage, FailureKind::SeveralTokens,
+             "Several tokens are present; choose one:" + listOf(tokens), kSeveralHint);
     for (const ModuleAnswer& answer : answers) {
         if (answer.outcome == ModuleAnswer::Outcome::Crashed ||
             answer.outcome == ModuleAnswer::Outcome::Silent)

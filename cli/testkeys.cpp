@@ -41,7 +41,7 @@ struct Outcome {
 };
 
 std::string textFor(const Outcome& outcome) {
-    const std::string text(kTexts[static_cast<std::size_t>(outcome.result)]);
+    std::string text(kTexts[static_cast<std::size_t>(outcome.result)]);
     if (outcome.result != Result::Failed) return text;
     return text + " " + (outcome.rvName.empty() ? outcome.message : outcome.rvName);
 }

@@ -49,6 +49,7 @@ TEST_F(CertsTest, ObjectListedTwiceIsOne) {
     EXPECT_TRUE(p11->FindAllCerts());
     EXPECT_EQ(p11->get_NumCerts() * 10 + p11->get_NumLeftOut(), 11);
     EXPECT_EQ(world.count("C_FindObjects"), 2U + 1 + 4);  // four batches without news
+    EXPECT_THAT(p11->infos(), Contains("The module's search does not end; what it found so far is used."));
 }
 
 TEST_F(CertsTest, ClearedCacheEndsTheLinksOfWhatWasHandedOut) {

@@ -38,6 +38,8 @@ TEST(ConstantsTest, AreThoseOfTheStandard) {
     const std::string sources = MERVANE_SOURCE;
     auto ours = constantsIn(readFile(sources + "/pkcs11/calls/cryptoki.h") + readFile(sources + "/pkcs11/calls/rv.h"), "inline constexpr CK_", "=");
     EXPECT_GT(ours.size(), 80U);
+    EXPECT_EQ(CK_UNAVAILABLE_INFORMATION, ~0UL);
+    EXPECT_EQ(CK_EFFECTIVELY_INFINITE, 0U);
     for (const auto& [name, value] : ours) EXPECT_EQ(theirs[name], value) << name;
 }
 

@@ -165,7 +165,7 @@ TEST(CurveTest, TableIsOpenSsls) {
         EXPECT_EQ(ours->orderBits, EC_GROUP_order_bits(group.get())) << curve.comment;
         EXPECT_EQ(ours->isPrime, EC_GROUP_get_field_type(group.get()) == NID_X9_62_prime_field) << curve.comment;
     }
-    EXPECT_GE(numKnown, 76);
+    EXPECT_EQ(numKnown, 80);
 }
 
 TEST(DerWriterTest, WhatIsWrittenIsRead) {

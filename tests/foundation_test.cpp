@@ -21,6 +21,15 @@ TEST(TextTest, Utf8IsMadeValidAndFitForOneLine) {
     }
 }
 
+TEST(TextTest, WipingReachesWhatALongerValueLeftBehind) {
+    std::string text(64, 'p');
+    const char* const memory = text.data();
+    text.resize(2);
+    wipe(text);
+    EXPECT_TRUE(text.empty() && text.data() == memory);
+    EXPECT_TRUE(std::all_of(memory, memory + 64, [](char c) { return c == '\0'; }));
+}
+
 TEST(TextTest, HexAndBase64) {
     EXPECT_EQ(toHex(*fromHex("00ffA5")), "00FFA5");
     for (const char* const bad : {"0", "0g", "0x00", " 00"}) EXPECT_FALSE(fromHex(bad)) << bad;
@@ -147,13 +156,16 @@ TEST(LogTest, RendersAsTextAndJson) {
         object.log().LogDataLong("n", -5);
         object.log().LogError("wrong");
         object.log().LogHint("do this");
+        { const LogContextExitor deeper(object.log(), "deeper"); }
+        object.log().LogInfo("after");
+        EXPECT_EQ(object.log().firstError() + object.log().lastHint(), "wrongdo this");
     }
     { const LogContextExitor call(object, "Next"); }
-    EXPECT_EQ(object.log().text(), "Call:\n  line\\x0awith end\n  inner:\n    n: -5\n    error: wrong\n    do this\nNext:\n");
+    EXPECT_EQ(object.log().text(), "Call:\n  line\\x0awith end\n  inner:\n    n: -5\n    error: wrong\n    do this\n    deeper:\n    after\nNext:\n");
     EXPECT_EQ(
         toJsonText(parsed(object.log().json()), false),
-        R"([{"context":"Call","entries":[{"info":"line\\x0awith end"},{"context":"inner","entries":[{"name":"n","value":"-5"},{"error":"wrong"},{"info":"do this"}]}]},{"context":"Next","entries":[]}])");
-    EXPECT_TRUE(object.log().lastError().empty() && object.log().lastHint().empty());  // they belong to the last call
+        R"([{"context":"Call","entries":[{"info":"line\\x0awith end"},{"context":"inner","entries":[{"name":"n","value":"-5"},{"error":"wrong"},{"info":"do this"},{"context":"deeper","entries":[]},{"info":"after"}]}]},{"context":"Next","entries":[]}])");
+    EXPECT_EQ(object.log().firstError() + object.log().lastError() + object.log().lastHint(), "");  // they belong to the last call
 }
 
 TEST(LogTest, EarlierCallsAreKeptAsFarAsTheyFit) {

@@ -52,11 +52,25 @@ TEST_F(ModuleTest, ObjectsAreCountedAsFarAsTheyAreSeen) {
 }
 
 TEST_F(ModuleTest, SlotsBeyondTheHundredthAreNotLookedAt) {
-    world.slots.clear();
+    world.slots = {{.id = 500, .tokenPresent = false}};
     for (CK_SLOT_ID id = 1; id <= 130; ++id) world.slots.emplace_back().id = id;
     EXPECT_TRUE(p11->Initialize() && p11->OpenSession(100, false));
     EXPECT_FALSE(p11->OpenSession(101, false));
     EXPECT_THAT(p11->infos(), Contains(HasSubstr("more slots with a token than are looked at")));
+}
+
+TEST_F(ModuleTest, SlotsThatWereCountedAndNotGivenAreNone) {
+    ASSERT_TRUE(p11->Initialize());
+    world.lie = [](fake::Outputs& out) {
+        if (out.function == "C_GetSlotList" && out.ids != nullptr) *out.count = 5;
+    };
+    EXPECT_FALSE(p11->OpenSession(0, false));
+    EXPECT_EQ(p11->lastFailure().cause, "Did not find desired slot ID.");
+    EXPECT_EQ(world.count("C_OpenSession"), 0U);
+    world.lie = nullptr;
+    world.answer = [](auto& f, auto) { return f == "C_OpenSession" ? std::optional<CK_RV>(0x30) : std::nullopt; };
+    EXPECT_FALSE(p11->OpenSession(1, false));
+    EXPECT_EQ(p11->lastFailure().slotId, 1U);
 }
 
 TEST_F(ModuleTest, SessionGivenAgainUnderItsHandleIsNotClosed) {

@@ -118,6 +118,8 @@ TEST_F(SignerTest, OnlyTheTokenThatWasChosenIsOpened) {
               "Several tokens fit: \"one\" (serial number 0001, slot 1), \"two\" (serial number 0002, slot 2), "
               "\"two\" (serial number 0003, slot 3).");
     EXPECT_EQ(p11->lastFailure().hint, "Choose one by label, serial number or slot.");
+    EXPECT_FALSE(p11->OpenToken({.slotId = 1, .serialNumber = "s", .manufacturer = "m", .model = "o"}, false));
+    EXPECT_EQ(p11->lastFailure().cause, "There is no token with the serial number \"s\" and the manufacturer \"m\" and the model \"o\" in slot 1.");
     ASSERT_TRUE(p11->OpenToken({.slotId = 3}, false));
     EXPECT_THAT(p11->log().text(), AllOf(HasSubstr("label: two"), HasSubstr("serialNumber: 0003")));
 }
@@ -183,6 +185,10 @@ TEST_F(SignerTest, FailureNamesSlotAndToken) {
     EXPECT_FALSE(p11->Login(1, "wrong"));
     const Failure failure = p11->lastFailure();
     EXPECT_EQ(failure.slotId, 1U);
+    world.answer = [](auto& f, auto) { return f == "C_FindObjectsInit" ? std::optional<CK_RV>(0x30) : std::nullopt; };
+    EXPECT_FALSE(p11->FindAllCerts());
+    EXPECT_EQ(p11->lastFailure().slotId, 1U);
+    world.answer = nullptr;
     EXPECT_EQ(failure.tokenLabel + " " + failure.function + " " + failure.rvName(), "fake C_Login CKR_PIN_INCORRECT");
     EXPECT_FALSE(p11->QuickSession(1, "wrong"));
     EXPECT_EQ(p11->log().firstError() + " " + p11->log().lastError() + " " + p11->log().lastHint(),

@@ -345,6 +345,9 @@ TEST_F(SigningTest, GuessIsProvedBeforeItsFirstSignature) {
     objects().back() = keyObject(2, "p256", {.id = "c"});
     p11->CloseSession();
     ASSERT_TRUE(quick() && p11->FindCert("privateKey", "", cert));
+    answer("C_Sign", 0x30);  // while it is proved
+    expectRefusal(FailureKind::ModuleFailed, "CKR_DEVICE_ERROR");
+    world.answer = nullptr;
     world.signer = [](const fake::Object&, const fake::Signing&) { return fake::Bytes(64, 0x11); };
     expectRefusal(FailureKind::NotFound, "not the certificate's");
     link("cert:p224:a key:p224:b");
