@@ -25,8 +25,6 @@
 #include "commands.h"
 #include "failure.h"
 
-extern char** environ;
-
 namespace mervane::cli {
 namespace {
 
@@ -198,6 +196,7 @@ std::vector<ModuleAnswer> askModules(std::span<const ModuleInfo> modules,
         }
     }
     std::vector<ModuleAnswer> answers;
+    answers.reserve(children.size());
     for (const auto& child : children) answers.push_back(std::move(child->answer()));
     return answers;
 }

@@ -1,5 +1,6 @@
 // Modules of a machine made for the test, PKCS #11 URIs, and the tokens of discovery documents.
 
+#include <dlfcn.h>
 #include <sys/stat.h>
 
 #include <filesystem>
@@ -10,6 +11,7 @@
 #include "locate/readers.h"
 #include "locate/search.h"
 #include "locate/tokens.h"
+#include "tests/fake/pcsc.h"
 #include "tests/support.h"
 
 namespace mervane::test {
@@ -291,6 +293,57 @@ TEST(InitArgsTest, ReachTheModuleAndOutliveTheObject) {
         p11.get_InitArgs(args);
         EXPECT_EQ(args.view(), module.world().wantsText);
         EXPECT_THAT(p11.log().text(), Not(HasSubstr("configdir='sql:/x'")));
+    }
+}
+
+TEST(ReadersTest, AreWhatPcscSaysAsFarAsItMakesSense) {
+    void* const library = ::dlopen(MERVANE_FAKE_PCSC, RTLD_NOW);
+    ASSERT_NE(library, nullptr) << ::dlerror();
+    fake::Pcsc& pcsc = *reinterpret_cast<fake::Pcsc* (*)()>(::dlsym(library, "fakePcsc"))();
+    const std::string two("Reader A\0Reader \xff\0\0", 19);
+    // The state and the number of readers, and of the first its name, card and the length of its ATR.
+    const auto seen = [&] {
+        ReaderList list;
+        LogNull log;
+        EXPECT_TRUE(listReaders(list, log));
+        EXPECT_EQ(pcsc.numOpen, 0);
+        std::string out = std::string(nameOf(list.state)) + " " + std::to_string(list.readers.size());
+        if (list.readers.empty()) return out;
+        const CardReader& first = list.readers.front();
+        return out + " " + first.name + " " + std::string(nameOf(first.card)) + " " + std::to_string(first.atr.size()) + (first.isInUse ? " in use" : "");
+    };
+    const std::pair<fake::Pcsc, std::string> rows[] = {
+        {{.establish = 0x8010001D}, "noDaemon 0"},
+        {{.establish = static_cast<int>(0x8010001D)}, "noDaemon 0"},  // widened with its sign
+        {{.establish = 0x8010001E}, "noDaemon 0"},
+        {{.establish = 0x80100001}, "failed 0"},
+        {{.list = 0x8010002E}, "noReader 0"},
+        {{.names = std::string(1, '\0')}, "noReader 0"},
+        {{.status = 0x80100001, .names = two}, "failed 0"},
+        {{.names = two}, "ready 2 Reader A unknown 0"},
+        {{.names = two, .eventState = 0x10, .atrSize = 20}, "ready 2 Reader A none 0"},
+        {{.names = two, .eventState = 0x20, .atrSize = 20}, "ready 2 Reader A present 40"},
+        {{.names = two, .eventState = 0x120, .atrSize = 20}, "ready 2 Reader A present 40 in use"},
+        {{.names = two, .eventState = 0xA0, .atrSize = 20}, "ready 2 Reader A present 40 in use"},
+        {{.names = two, .eventState = 0x20, .atrSize = 1UL << 40}, "ready 2 Reader A present 66"},
+        {{.names = two, .eventState = 0x20}, "ready 2 Reader A mute 0"},
+        {{.names = two, .eventState = 0x220, .atrSize = 20}, "ready 2 Reader A mute 0"},
+        {{.names = "no end"}, "noReader 0"},
+        {{.names = std::string("\xff\0\0", 3)}, "ready 1 \uFFFD unknown 0"},
+        {{.names = two, .claimedSize = ~0UL}, "ready 2 Reader A unknown 0"},
+        {{.names = two, .claimedSize = 3}, "failed 0"},
+        {{.names = two, .isGrowing = true}, "ready 3 One more unknown 0"},
+        {{.names =
+              [] {
+                  std::string many;
+                  for (int i = 0; i < 300; ++i) many += std::string("R\0", 2);
+                  return many + std::string(1, '\0');
+              }()},
+         "ready 256 R unknown 0"},
+    };
+    for (const auto& [answers, wanted] : rows) {
+        pcsc = answers;
+        EXPECT_EQ(seen(), wanted) << &answers - &rows[0].first;
     }
 }
 

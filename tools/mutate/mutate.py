@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Breaks one random line of pkcs11/ or foundation/ at a time and prints the breaks that no unit test sees.
+"""Breaks one random line of pkcs11/, signing/, locate/ or foundation/ at a time and prints the breaks that no unit test sees.
 
 usage: mutate.py [--seed S] [--json FILE] N [FILE...]
 
@@ -30,7 +30,7 @@ TREE, BUILD, UNBROKEN = WORK / "tree", WORK / "build", WORK / "unbroken"
 TESTS = BUILD / "mervane_tests"
 WORKERS = os.cpu_count()
 
-SOURCES = ("pkcs11/", "signing/", "foundation/")
+SOURCES = ("pkcs11/", "signing/", "locate/", "foundation/")
 EXCLUDED = {"pkcs11/carddata/constants.cpp": "generated; a test of its own compares it with its source"}
 
 SLOW = 0.3  # seconds; tests that take longer run only when the others see nothing
