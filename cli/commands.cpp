@@ -57,6 +57,7 @@ constexpr std::array kCommands = {
     CommandSpec{"atr", "[ATR]", 0, kAny, kForms,
                 "name the card with this ATR, or the cards in the readers, and its module", runAtr},
     CommandSpec{"card-data", "", 0, 0, kForms, "print the card database", runCardData},
+    CommandSpec{"command-table", "", 0, 0, kForms, "", runCommandTable},
     CommandSpec{"ask-module", "PATH INIT-ARGS PARENT", 3, 3, kForms, "", runAskModule},
 };
 
@@ -129,6 +130,32 @@ const CommandSpec& commandOf(const CommandLine& line) {
     checkOptions(command, line);
     checkArguments(command, line.options.arguments.size());
     return command;
+}
+
+Exit runCommandTable(ClsPkcs11&, const Options&) {
+    JsonValue document = JsonValue::object();
+    JsonValue& options = document.set("options", JsonValue::array());
+    for (const OptionSpec& option : optionSpecs()) {
+        JsonValue& entry = options.append(JsonValue::object());
+        entry.set("name", option.name);
+        entry.set("short", option.shortName);
+        entry.set("value", option.value);
+        entry.set("help", option.help);
+    }
+    JsonValue& commands = document.set("commands", JsonValue::array());
+    for (const CommandSpec& command : kCommands) {
+        if (command.help.empty()) continue;
+        JsonValue& entry = commands.append(JsonValue::object());
+        entry.set("name", command.name);
+        entry.set("arguments", command.arguments);
+        entry.set("help", command.help);
+        JsonValue& names = entry.set("options", JsonValue::array());
+        for (const OptionSpec& option : optionSpecs()) {
+            if (((command.options | kHelp) & option.bit) != 0) names.append(JsonValue(option.name));
+        }
+    }
+    printJson(document);
+    return Exit::Done;
 }
 
 }  // namespace mervane::cli

@@ -51,6 +51,9 @@ Exit runTokens(ClsPkcs11& p11, const Options& options);
 // doctor.cpp
 Exit runDoctor(ClsPkcs11& p11, const Options& options);
 
+// commands.cpp: the table as JSON, which the manual and the completions are made from
+Exit runCommandTable(ClsPkcs11& p11, const Options& options);
+
 // askmodules.cpp
 Exit runAskModule(ClsPkcs11& p11, const Options& options);
 

@@ -14,7 +14,18 @@ foreach(kind shared static)
 endforeach()
 if(MERVANE_TOOL)
   install(TARGETS mervane-p11 RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  install(FILES docs/mervane-p11.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+  install(FILES completions/mervane-p11.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
+          RENAME mervane-p11)
+  install(FILES completions/_mervane-p11 DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions)
+  install(FILES completions/mervane-p11.fish DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d)
+  install(DIRECTORY docs/schema DESTINATION ${CMAKE_INSTALL_DATADIR}/mervane-p11)
 endif()
+
+# Relative, so that the installed tree can be moved.
+file(RELATIVE_PATH MERVANE_PREFIX_FROM_PC /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
+configure_file(cmake/mervane_pkcs11.pc.in ${PROJECT_BINARY_DIR}/mervane_pkcs11.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/mervane_pkcs11.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
 configure_package_config_file(cmake/config.cmake.in ${PROJECT_BINARY_DIR}/mervane_pkcs11-config.cmake
         INSTALL_DESTINATION ${package_folder})

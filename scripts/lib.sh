@@ -24,7 +24,7 @@ install_packages() {
 build_packages=(g++ cmake ninja-build zlib1g-dev)
 token_packages=(softhsm2 opensc openssl)
 test_packages=(libgtest-dev libgmock-dev libssl-dev python3 python3-jsonschema p11-kit-modules libp11-kit-dev valgrind ca-certificates
-  python3-cryptography-vectors gnutls-bin pcscd vsmartcard-vpcd)
+  python3-cryptography-vectors gnutls-bin pcscd vsmartcard-vpcd libnss3 opensc-pkcs11 pkg-config bash-completion zsh fish mandoc)
 
 # softhsm_module: prints the path of the SoftHSM 2 module, which varies between distributions.
 softhsm_module() {
