@@ -162,12 +162,12 @@ std::vector<ModuleConfig> readConfigurations(const ConfigPlaces& places,
     std::vector<ModuleConfig> configs;
     for (const std::string& folder : folders) {
         for (const std::string& name : namesIn(folder, complaints)) {
-            const std::string path = folder + "/" + name;
+            const std::string ending = "/" + name;
+            const std::string path = folder + ending;
             auto fields = readFile(path, complaints);
             if (!fields) continue;
-            const auto known = std::ranges::find_if(configs, [&](const ModuleConfig& config) {
-                return config.file.ends_with("/" + name);
-            });
+            const auto known = std::ranges::find_if(
+                configs, [&](const ModuleConfig& config) { return config.file.ends_with(ending); });
             if (known == configs.end()) {
                 configs.push_back({path, std::move(*fields)});
             } else {

@@ -4,12 +4,12 @@
 
 #include "locate/modules.h"
 
-#include <errno.h>  // program_invocation_short_name
 #include <glob.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <array>
+#include <cerrno>  // and program_invocation_short_name
 #include <charconv>
 #include <system_error>
 #include <utility>

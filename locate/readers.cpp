@@ -55,7 +55,7 @@ constexpr std::uint32_t kNoService = 0x8010001D;           // SCARD_E_NO_SERVICE
 constexpr std::uint32_t kServiceStopped = 0x8010001E;      // SCARD_E_SERVICE_STOPPED
 constexpr std::uint32_t kNoReaders = 0x8010002E;           // SCARD_E_NO_READERS_AVAILABLE
 
-constexpr Dword kMaxNames = 64 * 1024;    // bytes of all readers' names
+constexpr Dword kMaxNames = 65536;        // bytes of all readers' names
 constexpr std::size_t kMaxReaders = 256;  // the daemon has room for 16
 
 constexpr const char* kLibrary = "libpcsclite.so.1";

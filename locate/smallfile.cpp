@@ -10,7 +10,7 @@
 namespace mervane {
 namespace {
 
-constexpr std::size_t kMaxSize = 64 * 1024;
+constexpr std::size_t kMaxSize = 65536;
 
 class Descriptor {
   public:

@@ -38,7 +38,7 @@ void addTokens(const JsonValue& discovery, const ModuleInfo& module,
 
 /// Whether the token, its slot and its module are as the URI says. Members that name an object, and
 /// the PIN's file, do not count.
-bool fits(const Pkcs11Uri& uri, const LocatedToken& token);
+bool fits(const Pkcs11Uri& uri, const LocatedToken& located);
 
 /// Lists the tokens of these modules, those that are usable, loading each into this process. A
 /// token that two of them show is listed once, with the first; the trust modules come last.

@@ -23,7 +23,7 @@ namespace {
 
 constexpr std::string_view kScheme = "pkcs11:";
 constexpr std::string_view kFile = "file:";
-constexpr std::size_t kMaxSize = 64 * 1024;  // of a URI; none that means something comes near
+constexpr std::size_t kMaxSize = 65536;  // of a URI; none that means something comes near
 
 enum class Part : bool { Path, Query };
 
@@ -162,7 +162,7 @@ class Parser {
                 "has a PIN in it (pin-value), where others can read it; pin-source=file:PATH names "
                 "a file instead");
         }
-        const auto row = std::ranges::find_if(kAttributes, [&](const Attribute& attribute) {
+        const auto* const row = std::ranges::find_if(kAttributes, [&](const Attribute& attribute) {
             return attribute.part == part && attribute.name == name;
         });
         if (row == kAttributes.end()) return unknown(name, part);
