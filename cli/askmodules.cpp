@@ -2,8 +2,8 @@
 // program again with the command ask-module. That prints the discovery document, or a failure's, on
 // its standard output.
 //
-// PINs named by env:NAME have left the environment before a module is asked (see pins.h), so no
-// child inherits one.
+// PINs named by env:NAME have left the environment before a module is asked (see pins.h), and a
+// child gets none of the tool's descriptors, so no child inherits a PIN.
 
 #include "askmodules.h"
 
@@ -18,7 +18,9 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstring>
+#include <iostream>
 #include <memory>
 #include <system_error>
 
@@ -30,7 +32,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::size_t kMaxAnswer = 8 << 20;  // bytes; a module with more slots has other aims
+constexpr std::size_t kMaxAnswer = 8 << 20;  // bytes; no honest module needs as many
 
 // One module, and the process that asks it.
 class Child {
@@ -54,10 +56,14 @@ class Child {
     void go(Clock::time_point now) {
         read();
         int status = 0;
-        if (::waitpid(m_pid, &status, WNOHANG) == m_pid) {
-            m_pid = 0;
+        const pid_t ended = ::waitpid(m_pid, &status, WNOHANG);
+        if (ended == m_pid) {
             read();  // what it wrote last; whatever it started may hold the pipe open
+            endGroup();
             conclude(status);
+        } else if (ended < 0 && errno != EINTR) {
+            fail(errno);
+            endGroup();
         } else if (now >= m_end || m_text.size() > kMaxAnswer) {
             end();
             const bool isLate = now >= m_end;
@@ -65,7 +71,7 @@ class Child {
                 isLate ? ModuleAnswer::Outcome::Silent : ModuleAnswer::Outcome::Failed;
             m_answer.message = isLate
                                    ? "gave no answer in " + std::to_string(m_limit.count()) + " s"
-                                   : "gave an answer without end";
+                                   : "gave an endless answer";
         }
     }
 
@@ -83,6 +89,10 @@ class Child {
         ::posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
         ::posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
         ::posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+        ::posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1);
+        posix_spawnattr_t attributes{};
+        ::posix_spawnattr_init(&attributes);
+        ::posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP);
         std::array<std::string, 7> words = {"mervane-p11",
                                             "ask-module",
                                             "--json",
@@ -92,8 +102,9 @@ class Child {
                                             std::to_string(::getpid())};
         std::array<char*, words.size() + 1> arguments{};
         std::ranges::transform(words, arguments.begin(), [](std::string& w) { return w.data(); });
-        const int error =
-            ::posix_spawn(&m_pid, "/proc/self/exe", &actions, nullptr, arguments.data(), environ);
+        const int error = ::posix_spawn(&m_pid, "/proc/self/exe", &actions, &attributes,
+                                        arguments.data(), environ);
+        ::posix_spawnattr_destroy(&attributes);
         ::posix_spawn_file_actions_destroy(&actions);
         ::close(ends[1]);
         if (error == 0) return;
@@ -127,6 +138,12 @@ class Child {
         int status = 0;
         while (::waitpid(m_pid, &status, 0) == -1 && errno == EINTR) {
         }
+        endGroup();
+    }
+
+    // Whatever the module has started goes with it.
+    void endGroup() {
+        ::kill(-m_pid, SIGKILL);
         m_pid = 0;
     }
 
@@ -184,6 +201,8 @@ std::string_view nameOf(ModuleAnswer::Outcome outcome) noexcept {
 
 std::vector<ModuleAnswer> askModules(std::span<const ModuleInfo> modules,
                                      std::chrono::seconds limit) {
+    // Ignored, as a parent may leave it, it would keep the ends of children from us.
+    static_cast<void>(std::signal(SIGCHLD, SIG_DFL));
     std::vector<std::unique_ptr<Child>> children;
     for (const ModuleInfo& module : modules)
         children.push_back(std::make_unique<Child>(module, limit));
@@ -228,8 +247,8 @@ std::string lineFor(const ModuleAnswer& answer) {
            (isSentence ? "" : ".");
 }
 
-// The child's side. It goes when its parent does, and keeps what the module prints out of the
-// answer.
+// The child's side. It goes when its parent does, and keeps what the module prints, while it is
+// asked and when it is finalised, out of the answer.
 Exit runAskModule(ClsPkcs11& p11, const Options& options) {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (options.arguments[2] != std::to_string(::getppid())) return Exit::Module;
@@ -240,10 +259,21 @@ Exit runAskModule(ClsPkcs11& p11, const Options& options) {
     p11.put_Options("Pkcs11DiscoverSkipMechanisms");
     ClsJsonObject document;
     const bool isDescribed = p11.Discover(true, document);
+    static_cast<void>(std::fflush(nullptr));  // what the module has printed so far
     ::dup2(output, STDOUT_FILENO);
-    if (!isDescribed) throwLastFailure(p11);
-    printJson(document.root());
-    return Exit::Done;
+    if (isDescribed) {
+        printJson(document.root());
+    } else {
+        try {
+            throwLastFailure(p11);
+        } catch (const CommandError& error) {
+            printError(error, true);
+        }
+    }
+    std::cout.flush();
+    ::dup2(STDERR_FILENO, STDOUT_FILENO);
+    ::close(output);
+    return isDescribed ? Exit::Done : Exit::Module;
 }
 
 }  // namespace mervane::cli

@@ -68,13 +68,19 @@ class Checkup {
             return false;
         }
         XString pin;
-        m_pins.read(m_options.pin, {.isOfficers = false, .isNew = false}, m_token, pin);
-        if (!m_p11.Login(1, pin)) {
-            return fail(StepId::Login, subject);
+        XString signPin;
+        try {
+            m_pins.read(m_options.pin, {.isOfficers = false, .isNew = false}, m_token, pin);
+            signPin = pin;
+            if (m_options.signPin)
+                m_pins.read(m_options.signPin, {.isOfficers = false, .isNew = false}, m_token,
+                            signPin);
+        } catch (const CommandError& error) {
+            m_found.add({StepId::Login, Fail, subject, error.message, error.hint});
+            return false;
         }
-        if (m_options.signPin)
-            m_pins.read(m_options.signPin, {.isOfficers = false, .isNew = false}, m_token, pin);
-        m_p11.put_SigContextPin(pin);
+        if (!m_p11.Login(1, pin)) return fail(StepId::Login, subject);
+        m_p11.put_SigContextPin(signPin);
         m_isLoggedIn = true;
         m_found.add({StepId::Login, Ok, subject, "logged in"});
         return true;

@@ -38,12 +38,23 @@ constexpr std::array kPackages = {
     Package{"softokn3", "libnss3"},
 };
 
+void print(const Step& step) {
+    std::string line(nameOf(step.status));
+    line.resize(6, ' ');
+    line.append(nameOf(step.id)).resize(21, ' ');
+    if (!step.subject.empty()) line.append(printable(step.subject)).append(": ");
+    line.append(printable(step.seen));
+    if (!step.remedy.empty()) line.append(". ").append(printable(step.remedy));
+    std::cout << line << '\n' << std::flush;
+}
+
 }  // namespace
 
 void Diagnosis::add(Step step) {
     for (std::string* const text : {&step.seen, &step.remedy}) {
         if (text->ends_with('.')) text->pop_back();
     }
+    if (m_isPrinted) print(step);
     m_steps.push_back(std::move(step));
 }
 
@@ -59,18 +70,6 @@ bool Diagnosis::hasFailed() const {
 bool Diagnosis::isComplete() const {
     return !hasFailed() &&
            std::ranges::find(m_steps, Step::Status::Missing, &Step::status) == m_steps.end();
-}
-
-void Diagnosis::print() const {
-    for (const Step& step : m_steps) {
-        std::string line(nameOf(step.status));
-        line.resize(6, ' ');
-        line.append(nameOf(step.id)).resize(21, ' ');
-        if (!step.subject.empty()) line.append(printable(step.subject)).append(": ");
-        line.append(printable(step.seen));
-        if (!step.remedy.empty()) line.append(". ").append(printable(step.remedy));
-        std::cout << line << '\n';
-    }
 }
 
 void Diagnosis::printJson(std::string_view result) const {

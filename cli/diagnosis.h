@@ -50,11 +50,13 @@ class Diagnosis {
     [[nodiscard]] bool hasFailed() const;
     [[nodiscard]] bool isComplete() const;
 
-    /// One line a step.
-    void print() const;
+    /// With `isPrinted`, each step is printed as soon as it is known: a module that ends the
+    /// program takes none of them with it.
+    explicit Diagnosis(bool isPrinted) : m_isPrinted(isPrinted) {}
     void printJson(std::string_view result) const;
 
   private:
+    bool m_isPrinted;
     std::vector<Step> m_steps;
 };
 

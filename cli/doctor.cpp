@@ -43,7 +43,7 @@ std::string remedyFor(const ModuleAnswer& answer) {
 class Doctor {
   public:
     Doctor(ClsPkcs11& p11, const Options& options)
-        : m_p11(p11), m_options(options), m_pins(options) {}
+        : m_p11(p11), m_options(options), m_pins(options), m_found(!options.json) {}
 
     Exit run() {
         if (!listReaders(m_readers, m_p11.log())) throw std::bad_alloc();
@@ -259,13 +259,10 @@ class Doctor {
         const Exit status = m_found.hasFailed()    ? Exit::Module
                             : m_found.isComplete() ? Exit::Done
                                                    : Exit::NoToken;
-        if (m_options.json) {
+        if (m_options.json)
             m_found.printJson(status == Exit::Done     ? "ok"
                               : status == Exit::Module ? "failed"
                                                        : "noToken");
-        } else {
-            m_found.print();
-        }
         return status;
     }
 

@@ -41,6 +41,12 @@ std::vector<ModuleInfo> allModules() {
     return modules;
 }
 
+std::string pathsOf(const std::vector<ModuleInfo>& modules) {
+    std::string list;
+    for (const ModuleInfo& module : modules) list += "\n  " + printable(module.path);
+    return list;
+}
+
 // Only a discovery document has these.
 bool namesMoreThanAToken(const Pkcs11Uri& uri) {
     return uri.libraryDescription || uri.libraryManufacturer || uri.libraryVersion ||
@@ -104,33 +110,60 @@ void use(ClsPkcs11& p11, const ModuleInfo& module) {
     p11.put_InitArgs(module.initArgs);
 }
 
+bool isForPin(const Options& options, Suitable suitable) {
+    return suitable != Suitable::Initialised || options.login || options.soPin || options.newPin;
+}
+
+// Names the modules that show the chosen token as well, and those whose tokens nobody knows: where
+// one of these may be the one that is meant, no PIN is to be tried.
+void sayWhatIsUncertain(std::span<const ModuleAnswer> answers, const LocatedToken& chosen,
+                        bool isPinAtRisk) {
+    const std::string uri = uriOf(chosen.token).text();
+    std::string unknown;
+    for (const ModuleAnswer& answer : answers) {
+        std::vector<LocatedToken> shown;
+        addTokens(answer.document, answer.module, shown);
+        const bool isShown = std::ranges::any_of(
+            shown, [&](const LocatedToken& located) { return uriOf(located.token).text() == uri; });
+        if (isShown && answer.module.path != chosen.module.path)
+            remark(printable(answer.module.path) + " shows this token as well; " +
+                   printable(chosen.module.path) + " is used.");
+        if (answer.hasAnswered() || answer.outcome == ModuleAnswer::Outcome::Failed) continue;
+        remark(lineFor(answer));
+        unknown = answer.module.name;
+    }
+    if (!unknown.empty() && isPinAtRisk)
+        fail(Exit::Module, FailureKind::ModuleFailed,
+             "A token of " + printable(unknown) + " may be the one that is meant: no PIN is tried.",
+             kSeveralHint);
+}
+
 TokenChoice locateAmong(ClsPkcs11& p11, const std::vector<ModuleInfo>& modules,
                         const Options& options, Suitable suitable) {
     if (modules.empty())
         fail(Exit::Module, FailureKind::ModuleMissing, "No PKCS#11 module is installed.",
              kNoModuleHint);
     const Pkcs11Uri wanted = wantedToken(options);
+    // A token is to be destroyed only under a name of its own.
+    const bool isNamed = suitable == Suitable::Uninitialised
+                             ? wanted.token || wanted.serial || wanted.slotId
+                             : wanted.namesToken();
     const auto answers = askModules(modules, options.timeout);
     std::vector<LocatedToken> tokens = tokensIn(answers);
     const auto isInitialisedAlready = [&](const LocatedToken& located) {
         return options.ifUninitialised && located.token.isInitialised &&
                located.token.label == options.arguments[0];
     };
-    const bool isDone = !wanted.namesToken() && std::ranges::any_of(tokens, isInitialisedAlready);
+    const bool isDone = !isNamed && std::ranges::any_of(tokens, isInitialisedAlready);
     std::erase_if(tokens, [&](const LocatedToken& located) {
         if (isDone) return !isInitialisedAlready(located);
-        return !fits(wanted, located) ||
-               (!wanted.namesToken() && !isSuitable(located.token, suitable));
+        return !fits(wanted, located) || (!isNamed && !isSuitable(located.token, suitable));
     });
-    if (tokens.empty()) throwNone(answers, wanted.namesToken(), suitable);
+    if (tokens.empty()) throwNone(answers, isNamed, suitable);
     if (tokens.size() > 1)
         fail(Exit::Usage, FailureKind::SeveralTokens,
              "Several tokens are present; choose one:" + listOf(tokens), kSeveralHint);
-    for (const ModuleAnswer& answer : answers) {
-        if (answer.outcome == ModuleAnswer::Outcome::Crashed ||
-            answer.outcome == ModuleAnswer::Outcome::Silent)
-            remark(lineFor(answer));
-    }
+    sayWhatIsUncertain(answers, tokens.front(), !isNamed && isForPin(options, suitable));
     use(p11, tokens.front().module);
     return choiceOf(tokens.front());
 }
@@ -145,30 +178,30 @@ std::string namedModule(const Options& options) {
 }
 
 ModuleInfo moduleNamed(const std::string& name, const Options& options) {
-    // If there is a file of that name here, it is meant, not one on the loader's search path.
-    std::error_code error;
     ModuleInfo module;
     module.name = moduleNameOf(name);
-    if (std::filesystem::is_regular_file(name, error)) {
-        module.path = std::filesystem::absolute(name, error).string();
-    } else if (name.find('/') != std::string::npos) {
-        module.path = name;
-    } else {
+    module.path = name;
+    std::error_code error;
+    if (name.find('/') == std::string::npos) {
+        // A module of this machine comes before a file that somebody has left here.
         std::vector<ModuleInfo> named = allModules();
         std::erase_if(named, [&](const ModuleInfo& known) {
             return known.path.empty() || !isNamed(known, name);
         });
-        if (named.size() > 1) {
-            std::string list;
-            for (const ModuleInfo& known : named) list += "\n  " + printable(known.path);
-            usageError("Several modules have the name " + printable(name) + ":" + list);
-        }
+        const bool isUris = options.module.empty() && options.uri && options.uri->moduleName;
+        if (named.size() > 1)
+            usageError("Several modules have the name " + printable(name) + ":" + pathsOf(named));
+        if (named.empty() && isUris)
+            usageError(
+                "The URI names a module that this machine does not have: " + printable(name) + ".");
         if (named.size() == 1) {
             module = named.front();
-        } else {
+        } else if (!std::filesystem::is_regular_file(name, error)) {
             module.path = pathOnSearchPath(name);
         }
     }
+    if (std::filesystem::is_regular_file(module.path, error))
+        module.path = std::filesystem::absolute(module.path, error).string();
     if (!options.initArgs.empty()) module.initArgs = options.initArgs;
     return module;
 }
@@ -205,9 +238,10 @@ TokenChoice locateToken(ClsPkcs11& p11, const Options& options, Suitable suitabl
     const std::string name = namedModule(options);
     const Pkcs11Uri wanted = wantedToken(options);
     if (name.empty()) {
-        if (options.slot) usageError("--slot needs --module: each module has slots of its own.");
+        if (wanted.slotId) usageError("A slot needs --module: each module has slots of its own.");
         if (!options.initArgs.empty()) usageError("--init-args needs --module.");
-        return locateAmong(p11, usableModules(wanted.namesToken()), options, suitable);
+        return locateAmong(p11, usableModules(wanted.namesToken() || namesMoreThanAToken(wanted)),
+                           options, suitable);
     }
     const ModuleInfo module = moduleNamed(name, options);
     if (namesMoreThanAToken(wanted)) return locateAmong(p11, {module}, options, suitable);

@@ -67,8 +67,7 @@ TokenInfo openForWriting(ClsPkcs11& p11, const Options& options) {
 TokenInfo tokenToInitialise(ClsPkcs11& p11, const TokenChoice& choice) {
     std::vector<TokenInfo> tokens;
     if (!p11.ListTokens(tokens)) throwLastFailure(p11);
-    const bool isNamed =
-        choice.slotId || choice.label || choice.serialNumber || choice.manufacturer || choice.model;
+    const bool isNamed = choice.slotId || choice.label || choice.serialNumber;
     std::erase_if(tokens, [&](const TokenInfo& token) {
         return !fits(token, choice) || (!isNamed && token.isInitialised);
     });

@@ -116,7 +116,7 @@ std::optional<ConfigFields> parseConfiguration(std::string_view text, std::strin
         };
         if (line.empty() || line.front() == '#') continue;
         if (std::ranges::any_of(line, isControl)) return fail("a control character");
-        if (!isValidUtf8(line)) return fail("bytes that are no UTF-8");
+        if (!isValidUtf8(line)) return fail("bytes that are not UTF-8");
         const auto colon = line.find(':');
         const std::string_view name = trimmed(line.substr(0, colon));
         if (colon == std::string_view::npos || name.empty() ||

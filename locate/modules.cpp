@@ -116,6 +116,8 @@ class Search {
             module.name = moduleNameOf(module.path);
             module.obstacle = isThere ? whyNotLoadable(module.path.c_str()).value_or("")
                                       : std::generic_category().message(errno);
+            if (isThere && (file.st_mode & S_IWOTH) != 0)
+                module.obstacle = "every user of this machine can change it";
             if (isThere && isSeen({file.st_dev, file.st_ino})) return;
         }
         // The proxy is p11-kit's own library under another name.

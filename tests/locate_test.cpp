@@ -106,6 +106,9 @@ TEST_F(ModulesTest, ComeFromConfigurationAndFoldersOnceEachByPriority) {
     EXPECT_EQ(listed(), "b/t far/r- gone/o- a onepin-opensc/f- p11-kit-proxy/f- text/o- c");
     EXPECT_THAT(complaints, IsEmpty());
     EXPECT_EQ(modules.back().initArgs, "configdir='x'");
+    ::chmod((root / "other/c.so").c_str(), 0777);
+    search();
+    EXPECT_EQ(modules.back().obstacle, "every user of this machine can change it");
     EXPECT_EQ(modules[3].path, root / "lib/pkcs11/liba-pkcs11.so");
     EXPECT_EQ(modules[3].learntFrom, root / "lib/pkcs11");
     EXPECT_EQ(modules[0].learntFrom, root / "package/trust.module");
@@ -152,7 +155,7 @@ TEST_F(ModulesTest, HostileConfigurationIsToldAndNotUsed) {
         {good + "a b: c\n", "it has something other than \"name: value\" in line 2."},
         {"module: a\x1b[2J.so\n", "it has a control character in line 1."},
         {std::string("module: a.so\0\n", 14), "it has a control character in line 1."},
-        {"module: \xff.so\n", "it has bytes that are no UTF-8 in line 1."},
+        {"module: \xff.so\n", "it has bytes that are not UTF-8 in line 1."},
         {good + std::string(70000, '\n'), "it is larger than 64 KiB."},
     };
     for (const auto& [text, why] : files) {

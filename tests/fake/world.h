@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <atomic>
 #include <csignal>
+#include <cstdio>
 #include <cstring>
 #include <functional>
 #include <map>
@@ -116,13 +117,14 @@ struct State {
 
 struct World : State {
     // For the command-line tool, which cannot reach the world: an empty slot, "FUNCTION CODE" for a function that always
-    // fails ("crash" and "hang" are codes, too), and the flags of the token.
+    // fails ("crash", "hang" and "print" are codes, too), and the flags of the token.
     World(const char* withEmptySlot, const char* failing, const char* flags) {
         if (withEmptySlot != nullptr) slots.push_back({.id = 2, .tokenPresent = false});
         if (flags != nullptr) slots.front().flags = std::stoul(flags, nullptr, 0);
         if (failing == nullptr) return;
         answer = [failing = std::string(failing)](const std::string& function, std::size_t) -> std::optional<CK_RV> {
             if (!failing.starts_with(function + " ")) return std::nullopt;
+            if (failing.ends_with("print")) return std::puts("{") < 0 ? std::optional<CK_RV>(0) : std::nullopt;
             if (failing.ends_with("crash")) std::raise(SIGSEGV);
             while (failing.ends_with("hang")) ::pause();
             return std::stoul(failing.substr(function.size()), nullptr, 0);

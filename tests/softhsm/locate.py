@@ -8,6 +8,7 @@ import json
 import os
 import pathlib
 import shutil
+import signal
 import subprocess
 import sys
 import time
@@ -67,6 +68,17 @@ def find(machine):
         document, status = machine.json("certs", *choice)
         equal(sorted(c["label"] for c in document.get("certs", [])), ["past", "valid"], f"certs {choice}")
     equal(machine.json("certs")[1], 0, "the only token that is ready")
+    machine.configure("odd", module=machine.fake)
+    pin = ("--pin", "env:USER_PIN", "--timeout", "1")
+    done = machine.run("match", *pin, MERVANE_FAKE_FAILING="C_Initialize hang", MERVANE_FAKE_FLAGS="0")
+    equal((done.returncode, "no PIN is tried" in done.stderr), (1, True), f"a token that only seems to be the one: {done.stderr}")
+    equal(machine.run("match", "--token-label", "home", *pin, MERVANE_FAKE_FAILING="C_Initialize hang").returncode, 0, "a token that is named")
+    tokens = machine.json("tokens", MERVANE_FAKE_FAILING="C_GetSlotList print")[0]["tokens"]
+    expect("fake" in [t["label"] for t in tokens], f"a module that prints: {tokens}")
+    ignoring = subprocess.run([machine.tool, "tokens", "--json"], env=machine.env, capture_output=True, check=False,
+                              preexec_fn=lambda: signal.signal(signal.SIGCHLD, signal.SIG_IGN))
+    expect(b'"fake"' in ignoring.stdout, f"SIGCHLD ignored: {ignoring.stdout}")
+    (machine.modules / "odd.module").unlink()
     machine.token.init("away")
     done = machine.run("match", "--pin", "env:USER_PIN")
     equal((done.returncode, "home" in done.stderr and "away" in done.stderr, "pkcs11:" in done.stderr), (2, True, True), f"several: {done.stderr}")
@@ -151,6 +163,7 @@ def doctor(machine):
     equal(walk("--token-label", "home")[1]["signing", "warn"]["remedy"], "Log in with --login", "no login unless told")
     status, steps = walk("--token-label", "home", "--pin", "env:SO_PIN")
     equal((status, "CKR_PIN_INCORRECT" in steps["login", "fail"]["seen"]), (1, True), "a wrong PIN")
+    equal((walk("--token-label", "home", "--pin", "env:NOT_SET")[1].get(("login", "fail")) or {}).get("seen", "")[:22], "The user PIN is missing"[:22], "a PIN that is missing")
     equal(walk("--token-label", "away")[1]["certificate", "fail"]["remedy"], "Log in with --login; it may be private", "an empty token")
     equal(walk("--token-label", "nobody")[0] in (1, 5), True, "no such token")
     for flags, wanted in ((0x40D, "PIN_INCORRECT"), (0x2040D, "one more wrong PIN would lock it"), (0x4040D, "the PIN is locked")):
