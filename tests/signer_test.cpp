@@ -3,6 +3,7 @@
 #include <sstream>
 
 #include "foundation/json/writer.h"
+#include "locate/uri.h"
 #include "tests/support.h"
 
 namespace mervane::test {
@@ -193,6 +194,20 @@ TEST_F(SignerTest, FailureNamesSlotAndToken) {
     EXPECT_FALSE(p11->QuickSession(1, "wrong"));
     EXPECT_EQ(p11->log().firstError() + " " + p11->log().lastError() + " " + p11->log().lastHint(),
               "C_Login failed with CKR_PIN_INCORRECT. Failed to login. One more wrong user PIN locks it.");
+}
+
+TEST_F(SignerTest, UrisNameCertificateAndKey) {
+    objects() = objectsOf("cert:alice:a key:alice:a cert:bob:b");
+    ASSERT_TRUE(quick() && p11->FindAllCerts());
+    TokenInfo token;
+    ClsCert alice;
+    ClsCert bob;
+    ASSERT_TRUE(p11->GetToken(token) && p11->FindCert("privateKey", "", alice) && p11->GetCert(1, bob));
+    const std::string of = "pkcs11:model=Model%20F;manufacturer=Fake%20maker;serial=0001;token=fake;id=";
+    EXPECT_THAT(uriOfCert(token, alice).text(), testing::AllOf(testing::StartsWith(of + "a;"), testing::EndsWith("type=cert")));
+    ASSERT_TRUE(uriOfKey(token, alice));
+    EXPECT_EQ(uriOfKey(token, alice)->text(), of + "a;type=private");
+    EXPECT_FALSE(uriOfKey(token, bob));
 }
 
 TEST_F(SignerTest, CertificateTellsWhatItIsFor) {

@@ -107,6 +107,14 @@ TEST_F(SigningTest, EveryKeyAndHashAndPaddingVerifiesInTwoCalls) {
     }
 }
 
+TEST_F(SigningTest, TokenGetsNoMoreOfADigestThanItsOrderHas) {
+    link("cert:p256:a key:p256:a");
+    std::size_t size = 0;
+    world.signer = [&](const fake::Object& key, const fake::Signing& signing) { return size = signing.data.size(), signedByOpenSsl(key, signing); };
+    ASSERT_TRUE(sign({.hash = Hash::Sha512}));
+    EXPECT_EQ(size, 32U);
+}
+
 TEST_F(SigningTest, MechanismThatHashesIsTakenWhereTheOtherIsRefusedAndRemembered) {
     const std::tuple<const char*, Padding, CK_ULONG, CK_ULONG> rows[] = {
         {"alice", Padding::Pkcs1, CKM_RSA_PKCS, 0x41}, {"alice", Padding::Pss, CKM_RSA_PKCS_PSS, 0x44}, {"p256", Padding::Automatic, CKM_ECDSA, 0x1045}};
