@@ -28,7 +28,8 @@ class Machine:
         self.fake = token.folder / "libodd.so"
         shutil.copy(fake_module, self.fake)
         self.env = {k: v for k, v in token.env.items() if k != "MERVANE_P11_MODULE"} | {
-            "XDG_CONFIG_HOME": str(token.folder / "config"), "PCSCLITE_CSOCK_NAME": GONE}
+            "XDG_CONFIG_HOME": str(token.folder / "config"), "PCSCLITE_CSOCK_NAME": GONE,
+            "ASAN_OPTIONS": os.environ.get("ASAN_OPTIONS", "") + ":handle_segv=0"}  # a crash is a crash
 
     def configure(self, name, **fields):
         file = self.modules / f"{name}.module"
