@@ -217,7 +217,8 @@ std::vector<std::uint8_t> signedFile(ClsPkcs11& p11, ClsCert& cert, const Option
     return out;
 }
 
-void printDone(const std::vector<Job>& jobs, ClsCert& cert, const Options& options) {
+void printDone(const std::vector<Job>& jobs, ClsCert& cert, const TokenInfo& token,
+               const Options& options) {
     if (!options.json) {
         for (const Job& job : jobs) {
             if (job.output != "-")
@@ -230,6 +231,7 @@ void printDone(const std::vector<Job>& jobs, ClsCert& cert, const Options& optio
     document.text("format", formatOf(options));
     document.text("subject", read(cert, &ClsCert::get_SubjectDN));
     document.text("sha256Thumbprint", read(cert, &ClsCert::get_Sha256Thumbprint));
+    document.text("uri", uriOfCert(token, cert).text());
     document.beginList("signatures");
     for (const Job& job : jobs) {
         document.beginItem();
@@ -247,7 +249,7 @@ Exit runSign(ClsPkcs11& p11, const Options& options) {
     checkOptions(options);
     const std::vector<Job> jobs = jobsOf(options);
     const SignerQuery query = queryOf(options);
-    openToken(p11, options, LoginIf::ToSign);
+    const OpenedToken opened = openToken(p11, options, LoginIf::ToSign);
     ClsCert cert;
     if (!p11.FindSigner(query, cert)) throwLastFailure(p11);
     {
@@ -257,7 +259,7 @@ Exit runSign(ClsPkcs11& p11, const Options& options) {
             saveFile(job.output, std::string(made.begin(), made.end()));
         }
     }
-    printDone(jobs, cert, options);
+    printDone(jobs, cert, opened.token, options);
     return Exit::Done;
 }
 

@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <array>
 
+#include <mervane/locate/uri.h>
+
 #include "certview.h"
 #include "commands.h"
 #include "output.h"
@@ -61,9 +63,9 @@ Outcome outcomeOf(ClsPkcs11& p11, ClsCert& cert, bool isAllSeen) {
     return {Result::Failed, failure.cause, failure.rvName()};
 }
 
-void printJson(ClsPkcs11& p11, const std::vector<Outcome>& outcomes, bool isLoggedIn) {
+void printJson(ClsPkcs11& p11, const std::vector<Outcome>& outcomes, const OpenedToken& opened) {
     JsonPrinter document;
-    document.member("loggedIn", JsonValue(isLoggedIn));
+    document.member("loggedIn", JsonValue(opened.isLoggedIn));
     document.beginList("keys");
     for (std::size_t i = 0; i < outcomes.size(); ++i) {
         ClsCert cert;
@@ -74,6 +76,8 @@ void printJson(ClsPkcs11& p11, const std::vector<Outcome>& outcomes, bool isLogg
         document.text("subject", read(cert, &ClsCert::get_SubjectDN));
         document.text("result", kNames[static_cast<std::size_t>(outcomes[i].result)]);
         document.member("handle", link ? JsonValue(link->keyHandle) : JsonValue());
+        const auto uri = uriOfKey(opened.token, cert);
+        document.member("uri", uri ? JsonValue(uri->text()) : JsonValue());
         document.member("message",
                         outcomes[i].message.empty() ? JsonValue() : JsonValue(outcomes[i].message));
         document.member("rvName",
@@ -109,7 +113,7 @@ Exit runTest(ClsPkcs11& p11, const Options& options) {
     // A session that broke in between has taken the list with it.
     if (p11.get_NumCerts() != static_cast<int>(outcomes.size())) throwLastFailure(p11);
     if (options.json) {
-        printJson(p11, outcomes, opened.isLoggedIn);
+        printJson(p11, outcomes, opened);
     } else {
         printTable(p11, outcomes, options.wide ? 0 : terminalWidth());
     }
