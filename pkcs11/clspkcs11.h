@@ -62,9 +62,8 @@ class ClsPkcs11 : public ClsBase, public Pkcs11SessionOwner, protected Pkcs11Wra
     void get_SharedLibPath(XString& out);
     void put_SharedLibPath(const XString& path);
 
-    /// The text that C_Initialize gets as its reserved argument; empty for none. NSS's modules need
-    /// one, such as "configdir='sql:/home/alice/.pki/nssdb'". It counts when a module is
-    /// initialised next; it is not logged.
+    /// What C_Initialize gets when a module is initialised next; empty for nothing. NSS's modules
+    /// need a text, such as "configdir='sql:/home/alice/.pki/nssdb'". It is not logged.
     void get_InitArgs(XString& out);
     void put_InitArgs(const XString& args);
 
