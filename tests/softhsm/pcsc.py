@@ -108,11 +108,12 @@ CHANNELID {PORT:#x}
 
     def plug(self, card, slot=0):
         """Puts the card into a slot; returns when the daemon has seen it."""
-        seen = self.count("Card inserted")
+        # A card that is there before the daemon looks for the first time is read, and not called inserted.
+        seen = self.count("Card ATR")
         self.wait(lambda: self.connect(PORT + slot), "listen")
         self.thread = threading.Thread(target=self.serve, args=(self.socket, card), daemon=True)
         self.thread.start()
-        self.wait(lambda: self.count("Card inserted") > seen, "see the card")
+        self.wait(lambda: self.count("Card ATR") > seen, "see the card")
 
     def connect(self, port):
         try:
