@@ -223,7 +223,6 @@ std::vector<ModuleAnswer> askModules(std::span<const ModuleInfo> modules,
 std::vector<LocatedToken> tokensIn(std::span<const ModuleAnswer> answers) {
     std::vector<LocatedToken> tokens;
     for (const ModuleAnswer& answer : answers) addTokens(answer.document, answer.module, tokens);
-    removeRepeated(tokens);
     return tokens;
 }
 

@@ -41,7 +41,7 @@ std::string_view nameOf(ModuleAnswer::Outcome outcome) noexcept;
 std::vector<ModuleAnswer> askModules(std::span<const ModuleInfo> modules,
                                      std::chrono::seconds limit);
 
-/// The tokens in the answers, each once.
+/// The tokens in the answers; one that two modules show is there twice.
 std::vector<LocatedToken> tokensIn(std::span<const ModuleAnswer> answers);
 
 /// The answers that are none, as a list of JSON objects.

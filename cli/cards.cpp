@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <filesystem>
 #include <iostream>
-#include <optional>
 
 #include <mervane/foundation/text/ascii.h>
 
@@ -29,21 +28,15 @@ std::string cleanedAtr(const std::string& pasted) {
     return *digits;
 }
 
-std::optional<CardInfo> findInfo(ClsPkcs11& p11, const std::string& atr) {
+CardInfo cardWith(ClsPkcs11& p11, const std::string& atr) {
     CardInfo card;
-    if (findCardInfo(atr, card, p11.log())) return card;
-    const std::string error = p11.log().firstError();
-    if (!error.empty()) throw CommandError{Exit::Module, printable(error), {}};
-    return std::nullopt;
+    if (!findCardInfo(atr, card, p11.log()))
+        throw CommandError{Exit::Module, printable(p11.log().firstError()), {}};
+    return card;
 }
 
-std::optional<CardInfo> cardIn(ClsPkcs11& p11, const CardReader& reader) {
-    return reader.atr.empty() ? std::nullopt : findInfo(p11, reader.atr);
-}
-
-bool isInstalled(const std::string& path) {
-    std::error_code error;
-    return std::filesystem::is_regular_file(path, error);
+CardInfo cardIn(ClsPkcs11& p11, const CardReader& reader) {
+    return reader.atr.empty() ? CardInfo() : cardWith(p11, reader.atr);
 }
 
 std::string driverFor(const CardInfo& card) {
@@ -52,20 +45,22 @@ std::string driverFor(const CardInfo& card) {
     return card.driver + (isAny ? "" : " (not installed)");
 }
 
-std::string cardFor(const CardReader& reader, const std::optional<CardInfo>& card) {
+std::string cardFor(const CardReader& reader, const CardInfo& card) {
     switch (reader.card) {
         case CardReader::Card::None:
             return "none";
         case CardReader::Card::Mute:
             return "does not answer";
         case CardReader::Card::Present:
-            return card ? card->name : "unknown";
+            return card.isKnown ? card.name : "unknown";
         default:
             return "the reader does not say";
     }
 }
 
+// Null for a card that is not known.
 JsonValue toJson(const CardInfo& card) {
+    if (!card.isKnown) return JsonValue();
     JsonValue out = JsonValue::object();
     out.set("name", card.name);
     out.set("readOnly", card.isReadOnly);
@@ -85,8 +80,7 @@ JsonValue toJson(ClsPkcs11& p11, const CardReader& reader) {
     out.set("card", nameOf(reader.card));
     out.set("atr", reader.atr.empty() ? JsonValue() : JsonValue(reader.atr));
     out.set("inUse", reader.isInUse);
-    const auto card = cardIn(p11, reader);
-    out.set("known", card ? toJson(*card) : JsonValue());
+    out.set("known", toJson(cardIn(p11, reader)));
     return out;
 }
 
@@ -97,37 +91,33 @@ ReaderList readersNow(ClsPkcs11& p11) {
 }
 
 // A card, and where it was seen.
-struct KnownCard {
+struct SeenCard {
     std::string reader{};  // empty if the ATR was given
     std::string atr;
-    bool isKnown = false;
     CardInfo info{};
 };
 
-KnownCard cardWithAtr(ClsPkcs11& p11, const Options& options) {
+SeenCard cardWithAtr(ClsPkcs11& p11, const Options& options) {
     std::string pasted;
     // An ATR pasted without quotes arrives as one argument per byte.
     for (const std::string& word : options.arguments) pasted.append(word).push_back(' ');
-    KnownCard card{.atr = cleanedAtr(pasted)};
-    const auto info = findInfo(p11, card.atr);
-    if (!info)
+    SeenCard card{.atr = cleanedAtr(pasted)};
+    card.info = cardWith(p11, card.atr);
+    if (!card.info.isKnown)
         throw CommandError{Exit::NotFound, "No card with this ATR is known.",
                            "OpenSC's module (opensc-pkcs11) serves many cards; try that."};
-    card.info = *info;
-    card.isKnown = true;
     return card;
 }
 
-std::vector<KnownCard> cardsInReaders(ClsPkcs11& p11) {
+std::vector<SeenCard> cardsInReaders(ClsPkcs11& p11) {
     const ReaderList list = readersNow(p11);
     if (list.state != PcscState::Ready)
-        throw CommandError{
-            list.state == PcscState::Failed ? Exit::Module : Exit::NoToken, whyNoReaders(list), {}};
-    std::vector<KnownCard> cards;
+        throw CommandError{list.state == PcscState::Failed ? Exit::Module : Exit::NoToken,
+                           whyNoReaders(list), readersHint(list)};
+    std::vector<SeenCard> cards;
     for (const CardReader& reader : list.readers) {
         if (reader.atr.empty()) continue;
-        const auto info = findInfo(p11, reader.atr);
-        cards.push_back({reader.name, reader.atr, info.has_value(), info.value_or(CardInfo())});
+        cards.push_back({reader.name, reader.atr, cardWith(p11, reader.atr)});
     }
     if (cards.empty())
         throw CommandError{Exit::NoToken, "No reader holds a card that answers.",
@@ -135,18 +125,18 @@ std::vector<KnownCard> cardsInReaders(ClsPkcs11& p11) {
     return cards;
 }
 
-void printCard(const KnownCard& card) {
+void printCard(const SeenCard& card) {
     std::vector<std::pair<std::string, std::string>> fields;
     if (!card.reader.empty()) {
         fields.emplace_back("Reader", card.reader);
         fields.emplace_back("ATR", card.atr);
     }
-    fields.emplace_back("Card", card.isKnown ? card.info.name : "unknown");
-    if (card.isKnown) fields.emplace_back("Read-only", card.info.isReadOnly ? "yes" : "no");
+    fields.emplace_back("Card", card.info.isKnown ? card.info.name : "unknown");
+    if (card.info.isKnown) fields.emplace_back("Read-only", card.info.isReadOnly ? "yes" : "no");
     for (const std::string& path : card.info.paths)
         fields.emplace_back("Module", path + (isInstalled(path) ? "" : " (not installed)"));
     if (card.info.paths.empty()) {
-        if (card.isKnown) fields.emplace_back("Module", kNoDriver);
+        if (card.info.isKnown) fields.emplace_back("Module", kNoDriver);
         fields.emplace_back("Try",
                             "OpenSC's module (package opensc-pkcs11), which serves many cards");
     }
@@ -154,6 +144,11 @@ void printCard(const KnownCard& card) {
 }
 
 }  // namespace
+
+bool isInstalled(const std::string& path) {
+    std::error_code error;
+    return std::filesystem::is_regular_file(path, error);
+}
 
 std::string whyNoReaders(const ReaderList& list) {
     switch (list.state) {
@@ -195,7 +190,7 @@ Exit runReaders(ClsPkcs11& p11, const Options& options) {
         for (const CardReader& reader : list.readers) {
             const auto card = cardIn(p11, reader);
             table.add({reader.name, cardFor(reader, card), reader.atr,
-                       card ? driverFor(*card) : std::string()});
+                       card.isKnown ? driverFor(card) : std::string()});
         }
         table.print(options.wide ? 0 : terminalWidth());
     }
@@ -205,7 +200,7 @@ Exit runReaders(ClsPkcs11& p11, const Options& options) {
 }
 
 Exit runAtr(ClsPkcs11& p11, const Options& options) {
-    std::vector<KnownCard> cards =
+    std::vector<SeenCard> cards =
         options.arguments.empty() ? cardsInReaders(p11) : std::vector{cardWithAtr(p11, options)};
     if (options.json && !options.arguments.empty()) {
         printJson(toJson(cards.front().info));
@@ -214,19 +209,20 @@ Exit runAtr(ClsPkcs11& p11, const Options& options) {
     if (options.json) {
         JsonPrinter document;
         document.beginList("cards");
-        for (const KnownCard& card : cards) {
+        for (const SeenCard& card : cards) {
             JsonValue item = JsonValue::object();
             item.set("reader", card.reader);
             item.set("atr", card.atr);
-            item.set("known", card.isKnown ? toJson(card.info) : JsonValue());
+            item.set("known", toJson(card.info));
             document.item(item);
         }
         document.endList();
         document.finish();
     } else {
-        for (const KnownCard& card : cards) printCard(card);
+        for (const SeenCard& card : cards) printCard(card);
     }
-    const bool isAnyKnown = std::ranges::any_of(cards, &KnownCard::isKnown);
+    const bool isAnyKnown =
+        std::ranges::any_of(cards, [](const SeenCard& card) { return card.info.isKnown; });
     return isAnyKnown ? Exit::Done : Exit::NotFound;
 }
 

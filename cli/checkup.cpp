@@ -7,6 +7,7 @@
 #include "checkup.h"
 
 #include "certview.h"
+#include "locatetoken.h"
 
 namespace mervane::cli {
 namespace {
@@ -19,12 +20,7 @@ class Checkup {
         : m_p11(p11), m_options(options), m_pins(pins), m_found(found) {}
 
     void run(const LocatedToken& located) {
-        m_p11.put_SharedLibPath(located.module.path);
-        m_p11.put_InitArgs(located.module.initArgs);
-        TokenChoice choice;
-        choice.slotId = located.token.slotId;
-        choice.label = located.token.label;
-        choice.serialNumber = located.token.serialNumber;
+        const TokenChoice choice = useToken(m_p11, located);
         const std::string subject = "\"" + located.token.label + "\"";
         if (!m_p11.OpenToken(choice, false) || !m_p11.GetToken(m_token)) {
             fail(StepId::Session, subject);

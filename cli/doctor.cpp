@@ -7,7 +7,6 @@
 // Nothing is changed.
 
 #include <algorithm>
-#include <filesystem>
 
 #include <mervane/locate/readers.h>
 
@@ -27,6 +26,10 @@ using enum Step::Status;
 std::string install(std::string_view moduleName, const std::string& otherwise) {
     const std::string_view package = packageOf(moduleName);
     return package.empty() ? otherwise : "Install the package " + std::string(package);
+}
+
+std::string counted(std::ptrdiff_t number, const std::string& noun) {
+    return std::to_string(number) + " " + noun + (number == 1 ? "" : "s");
 }
 
 // What usually helps with a module that gave no answer.
@@ -78,6 +81,7 @@ class Doctor {
         }
         m_answers = askModules(modules, m_options.timeout);
         m_tokens = tokensIn(m_answers);
+        removeRepeated(m_tokens);
         m_hasToken = std::ranges::any_of(m_tokens, isReady);
     }
 
@@ -136,20 +140,19 @@ class Doctor {
 
     void checkCard(const CardReader& reader) {
         CardInfo card;
-        const bool isKnown = findCardInfo(reader.atr, card, m_p11.log());
+        if (!findCardInfo(reader.atr, card, m_p11.log())) {
+            m_found.add({StepId::Card, Fail, reader.name, m_p11.log().firstError()});
+            return;
+        }
         const LocatedToken* const served = servedBy(reader);
         m_found.add(
-            {StepId::Card, isKnown || served != nullptr ? Ok : Warn, reader.name,
-             "ATR " + reader.atr + (isKnown ? ", " + card.name : ", a card not known here")});
+            {StepId::Card, card.isKnown || served != nullptr ? Ok : Warn, reader.name,
+             "ATR " + reader.atr + (card.isKnown ? ", " + card.name : ", a card not known here")});
         if (served != nullptr) {
             m_found.add({StepId::Driver, Ok, reader.name, "served by " + served->module.name});
             return;
         }
-        const auto isThere = [](const std::string& path) {
-            std::error_code error;
-            return std::filesystem::is_regular_file(path, error);
-        };
-        const auto installed = std::ranges::find_if(card.paths, isThere);
+        const auto installed = std::ranges::find_if(card.paths, isInstalled);
         if (installed != card.paths.end()) {
             m_found.add({StepId::Driver, Fail, reader.name,
                          *installed + " is installed and shows no token",
@@ -176,7 +179,12 @@ class Doctor {
         const ModuleInfo& module = answer.module;
         const std::string subject = module.name;
         if (answer.hasAnswered()) {
-            m_found.add({StepId::Module, Ok, subject, module.path});
+            const auto isOf = [&](const LocatedToken& token) {
+                return token.module.path == module.path;
+            };
+            m_found.add({StepId::Module, Ok, subject,
+                         module.path + ", initialises, " +
+                             counted(std::ranges::count_if(m_tokens, isOf), "token")});
             return;
         }
         const bool isMissing = answer.kind == nameOf(FailureKind::ModuleMissing);
@@ -204,7 +212,9 @@ class Doctor {
             return;
         }
         m_found.add({StepId::Token, Ok, subject,
-                     "serial number " + token.serialNumber + ", " + located.module.name});
+                     "serial number " + token.serialNumber + ", " + located.module.name +
+                         (token.isWriteProtected ? ", write-protected" : "") +
+                         (token.hasPinPad ? ", PIN on the reader's own keys" : "")});
         checkPin(subject, token);
     }
 

@@ -97,14 +97,6 @@ std::string listOf(const std::vector<LocatedToken>& tokens) {
                        hint};
 }
 
-TokenChoice choiceOf(const LocatedToken& located) {
-    TokenChoice choice;
-    choice.slotId = located.token.slotId;
-    choice.label = located.token.label;
-    choice.serialNumber = located.token.serialNumber;
-    return choice;
-}
-
 void use(ClsPkcs11& p11, const ModuleInfo& module) {
     p11.put_SharedLibPath(module.path);
     p11.put_InitArgs(module.initArgs);
@@ -114,28 +106,28 @@ bool isForPin(const Options& options, Suitable suitable) {
     return suitable != Suitable::Initialised || options.login || options.soPin || options.newPin;
 }
 
-// Names the modules that show the chosen token as well, and those whose tokens nobody knows: where
-// one of these may be the one that is meant, no PIN is to be tried.
-void sayWhatIsUncertain(std::span<const ModuleAnswer> answers, const LocatedToken& chosen,
-                        bool isPinAtRisk) {
+// Names the other modules that show the chosen token.
+void sayWhoElseShows(const LocatedToken& chosen, const std::vector<LocatedToken>& all) {
     const std::string uri = uriOf(chosen.token).text();
-    std::string unknown;
+    for (const LocatedToken& other : all) {
+        if (other.module.path == chosen.module.path || uriOf(other.token).text() != uri) continue;
+        remark(printable(other.module.path) + " shows this token as well; " +
+               printable(chosen.module.path) + " is used.");
+    }
+}
+
+// Names the modules whose tokens nobody knows. Where one of these may be the one that is meant, no
+// PIN is to be tried.
+void sayWhatIsUnknown(std::span<const ModuleAnswer> answers, bool isPinAtRisk) {
     for (const ModuleAnswer& answer : answers) {
-        std::vector<LocatedToken> shown;
-        addTokens(answer.document, answer.module, shown);
-        const bool isShown = std::ranges::any_of(
-            shown, [&](const LocatedToken& located) { return uriOf(located.token).text() == uri; });
-        if (isShown && answer.module.path != chosen.module.path)
-            remark(printable(answer.module.path) + " shows this token as well; " +
-                   printable(chosen.module.path) + " is used.");
         if (answer.hasAnswered() || answer.outcome == ModuleAnswer::Outcome::Failed) continue;
         remark(lineFor(answer));
-        unknown = answer.module.name;
+        if (isPinAtRisk)
+            fail(Exit::Module, FailureKind::ModuleFailed,
+                 "A token of " + printable(answer.module.name) +
+                     " may be the one that is meant: no PIN is tried.",
+                 kSeveralHint);
     }
-    if (!unknown.empty() && isPinAtRisk)
-        fail(Exit::Module, FailureKind::ModuleFailed,
-             "A token of " + printable(unknown) + " may be the one that is meant: no PIN is tried.",
-             kSeveralHint);
 }
 
 TokenChoice locateAmong(ClsPkcs11& p11, const std::vector<ModuleInfo>& modules,
@@ -149,7 +141,9 @@ TokenChoice locateAmong(ClsPkcs11& p11, const std::vector<ModuleInfo>& modules,
                              ? wanted.token || wanted.serial || wanted.slotId
                              : wanted.namesToken();
     const auto answers = askModules(modules, options.timeout);
-    std::vector<LocatedToken> tokens = tokensIn(answers);
+    const std::vector<LocatedToken> all = tokensIn(answers);
+    std::vector<LocatedToken> tokens = all;
+    removeRepeated(tokens);
     const auto isInitialisedAlready = [&](const LocatedToken& located) {
         return options.ifUninitialised && located.token.isInitialised &&
                located.token.label == options.arguments[0];
@@ -163,18 +157,32 @@ TokenChoice locateAmong(ClsPkcs11& p11, const std::vector<ModuleInfo>& modules,
     if (tokens.size() > 1)
         fail(Exit::Usage, FailureKind::SeveralTokens,
              "Several tokens are present; choose one:" + listOf(tokens), kSeveralHint);
-    sayWhatIsUncertain(answers, tokens.front(), !isNamed && isForPin(options, suitable));
-    use(p11, tokens.front().module);
-    return choiceOf(tokens.front());
+    sayWhoElseShows(tokens.front(), all);
+    sayWhatIsUnknown(answers, !isNamed && isForPin(options, suitable));
+    return useToken(p11, tokens.front());
 }
 
 }  // namespace
 
-std::string namedModule(const Options& options) {
+std::string moduleOfLine(const Options& options) {
     if (!options.module.empty()) return options.module;
     if (options.uri && options.uri->modulePath) return *options.uri->modulePath;
     if (options.uri && options.uri->moduleName) return *options.uri->moduleName;
-    return options.defaultModule;
+    return {};
+}
+
+std::string namedModule(const Options& options) {
+    const std::string module = moduleOfLine(options);
+    return module.empty() ? options.defaultModule : module;
+}
+
+TokenChoice useToken(ClsPkcs11& p11, const LocatedToken& located) {
+    use(p11, located.module);
+    TokenChoice choice;
+    choice.slotId = located.token.slotId;
+    choice.label = located.token.label;
+    choice.serialNumber = located.token.serialNumber;
+    return choice;
 }
 
 ModuleInfo moduleNamed(const std::string& name, const Options& options) {

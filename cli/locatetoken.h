@@ -16,8 +16,13 @@ enum class Suitable : unsigned char {
     Uninitialised,  ///< for init-token
 };
 
-/// The module that the options or the environment name; empty if none is.
+/// The module that the command line names, by --module or in a URI; empty if it names none.
+std::string moduleOfLine(const Options& options);
+/// The same, or else the one that the environment names.
 std::string namedModule(const Options& options);
+
+/// Sets the path of the token's module; returns by what the token is chosen in it.
+TokenChoice useToken(ClsPkcs11& p11, const LocatedToken& located);
 
 /// The module of that name or path, as far as it is known here.
 ModuleInfo moduleNamed(const std::string& name, const Options& options);

@@ -77,10 +77,8 @@ void printTokens(const std::vector<LocatedToken>& tokens, std::size_t width) {
 }
 
 std::vector<ModuleInfo> modulesToAsk(const Options& options) {
-    // An explicit name alone: the environment's default is for commands that need one token.
-    Options named = options;
-    named.defaultModule.clear();
-    const std::string name = namedModule(named);
+    // The environment's default is for commands that need one token.
+    const std::string name = moduleOfLine(options);
     if (!name.empty()) return {moduleNamed(name, options)};
     if (!options.initArgs.empty()) usageError("--init-args needs --module.");
     return usableModules(true);
@@ -102,10 +100,11 @@ Exit runModules(ClsPkcs11& p11, const Options& options) {
         document.member("complaints", said);
         document.finish();
     } else if (!modules.empty()) {
-        Table table({"MODULE", "USE", "PATH", "LEARNT FROM"});
+        Table table({"MODULE", "USE", "PATH", "PRIORITY", "LEARNT FROM"});
         for (const ModuleInfo& module : modules)
             table.add({module.name, useFor(module),
-                       module.path.empty() ? module.remote : module.path, module.learntFrom});
+                       module.path.empty() ? module.remote : module.path,
+                       std::to_string(module.priority), module.learntFrom});
         table.print(options.wide ? 0 : terminalWidth());
     }
     for (const std::string& complaint : complaints) remark(complaint);
@@ -116,6 +115,7 @@ Exit runModules(ClsPkcs11& p11, const Options& options) {
 Exit runTokens(ClsPkcs11&, const Options& options) {
     const auto answers = askModules(modulesToAsk(options), options.timeout);
     std::vector<LocatedToken> tokens = tokensIn(answers);
+    removeRepeated(tokens);
     const Pkcs11Uri wanted = wantedToken(options);
     if (options.uri)
         std::erase_if(tokens, [&](const LocatedToken& located) { return !fits(wanted, located); });

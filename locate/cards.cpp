@@ -3,6 +3,7 @@
 
 #include "foundation/core/guarded.h"
 #include "foundation/json/clsjsonobject.h"
+#include "locate/drivers.h"
 #include "locate/readers.h"
 #include "pkcs11/carddata/atr.h"
 #include "pkcs11/clspkcs11.h"
@@ -10,32 +11,19 @@
 namespace mervane {
 namespace {
 
-// What a record lacks is empty, and not worth a line.
-std::string textAt(const ClsJsonObject& record, std::string_view path) {
-    LogNull silent;
-    StringBuffer text;
-    record.sbOfPathUtf8(path, text, silent);
-    return std::string(text.view());
-}
-
 bool lookUp(std::string_view atr, CardInfo& card, LogBase& log) {
-    ClsJsonObject* const cards = ClsJsonObject::createNewCls();
-    const _clsBaseHolder holder(cards);
-    if (cards == nullptr || !ClsPkcs11::GetCardDataJson(*cards, log)) return false;
-    ClsJsonObject* const record = findCardRecord(*cards, atr);
+    ClsJsonObject cards;
+    if (!ClsPkcs11::GetCardDataJson(cards, log)) return false;
+    ClsJsonObject* const record = findCardRecord(cards, atr);
     const _clsBaseHolder recordHolder(record);
-    if (record == nullptr) return false;
+    if (record == nullptr) return true;
     LogNull silent;
+    CardDriver driver = driverWithId(cards, textAt(*record, "driver"));
+    card.isKnown = true;
     card.name = textAt(*record, "name");
     card.isReadOnly = record->boolOf("readOnly", silent);
-    ClsJsonObject* const driver =
-        cards->FindRecord("drivers", "id", textAt(*record, "driver"), false);
-    const _clsBaseHolder driverHolder(driver);
-    if (driver == nullptr) return true;
-    card.driver = textAt(*driver, "name");
-    ExtPtrArraySb paths;
-    ClsPkcs11::getPkcs11DriverPaths(*driver, "linux", paths, silent);
-    for (int i = 0; i < paths.getSize(); ++i) card.paths.emplace_back(paths.sbAt(i)->view());
+    card.driver = std::move(driver.name);
+    card.paths = std::move(driver.paths);
     return true;
 }
 

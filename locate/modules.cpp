@@ -15,11 +15,10 @@
 #include <utility>
 
 #include "foundation/core/guarded.h"
-#include "foundation/json/clsjsonobject.h"
 #include "foundation/system/sharedobject.h"
 #include "foundation/text/ascii.h"
+#include "locate/drivers.h"
 #include "locate/search.h"
-#include "pkcs11/clspkcs11.h"
 
 namespace mervane {
 namespace {
@@ -30,8 +29,9 @@ constexpr std::size_t kMaxModules = 256;
 // client for a module that runs elsewhere, and OpenSC's tracer.
 constexpr std::array<std::string_view, 3> kForwarders = {"p11-kit-proxy", "p11-kit-client",
                                                          "pkcs11-spy"};
-// OpenSC's module again, with one PIN only; p11-kit's CA certificates.
+// OpenSC's module again, with one PIN only: where nobody has configured it, the other one will do.
 constexpr std::string_view kOnePin = "onepin-opensc";
+// p11-kit's CA certificates, configured or not.
 constexpr std::string_view kTrust = "p11-kit-trust";
 
 bool isOneOf(std::string_view words, std::string_view word) {
@@ -58,28 +58,33 @@ class Search {
         for (const std::string& pattern : m_places.folders) {
             glob_t found{};
             if (::glob((pattern + "/*.so").c_str(), 0, nullptr, &found) == 0) {
-                for (std::size_t i = 0; i < found.gl_pathc; ++i) addFile(found.gl_pathv[i]);
+                for (std::size_t i = 0; i < found.gl_pathc; ++i) {
+                    const std::string path = found.gl_pathv[i];
+                    addFile(path, ModuleInfo::Origin::Folder,
+                            path.substr(0, path.find_last_of('/')));
+                }
             }
             ::globfree(&found);
         }
     }
 
-    void addDriver(const std::string& name, const std::string& path) {
-        struct stat file {};
-        if (!path.starts_with('/') || ::stat(path.c_str(), &file) != 0) return;
-        ModuleInfo module;
-        module.path = path;
-        module.origin = ModuleInfo::Origin::CardDatabase;
-        module.learntFrom = name;
-        add(std::move(module));
+    void addDrivers() {
+        for (const CardDriver& driver : allDrivers()) {
+            for (const std::string& path : driver.paths) {
+                struct stat file {};
+                if (path.starts_with('/') && ::stat(path.c_str(), &file) == 0)
+                    addFile(path, ModuleInfo::Origin::CardDatabase, driver.name);
+            }
+        }
     }
 
   private:
-    void addFile(const std::string& path) {
+    void addFile(const std::string& path, ModuleInfo::Origin origin,
+                 const std::string& learntFrom) {
         ModuleInfo module;
         module.path = path;
-        module.origin = ModuleInfo::Origin::Folder;
-        module.learntFrom = path.substr(0, path.find_last_of('/'));
+        module.origin = origin;
+        module.learntFrom = learntFrom;
         add(std::move(module));
     }
 
@@ -120,7 +125,6 @@ class Search {
                 module.obstacle = "every user of this machine can change it";
             if (isThere && isSeen({file.st_dev, file.st_ino})) return;
         }
-        // The proxy is p11-kit's own library under another name.
         module.isForwarder =
             std::ranges::find(kForwarders, module.name) != kForwarders.end() ||
             (module.name == kOnePin && module.origin == ModuleInfo::Origin::Folder);
@@ -145,29 +149,6 @@ class Search {
     std::vector<FileId> m_seen;
 };
 
-// What the card database knows is not worth failing for.
-void addDrivers(Search& search) {
-    LogNull silent;
-    ClsJsonObject* const cards = ClsJsonObject::createNewCls();
-    const _clsBaseHolder holder(cards);
-    if (cards == nullptr || !ClsPkcs11::GetCardDataJson(*cards, silent)) return;
-    const int count = cards->sizeOfArray("drivers", silent);
-    for (int i = 0; i < count; ++i) {
-        StringBuffer id;
-        cards->put_I(i);
-        if (!cards->sbOfPathUtf8("drivers[i].id", id, silent)) continue;
-        ClsJsonObject* const record = cards->FindRecord("drivers", "id", id.view(), true);
-        const _clsBaseHolder recordHolder(record);
-        if (record == nullptr) continue;
-        StringBuffer name;
-        ExtPtrArraySb paths;
-        record->sbOfPathUtf8("name", name, silent);
-        ClsPkcs11::getPkcs11DriverPaths(*record, "linux", paths, silent);
-        for (int p = 0; p < paths.getSize(); ++p)
-            search.addDriver(std::string(name.view()), std::string(paths.sbAt(p)->view()));
-    }
-}
-
 }  // namespace
 
 ModuleInfo::ModuleInfo() = default;
@@ -186,11 +167,7 @@ std::string_view nameOf(ModuleInfo::Origin origin) noexcept {
 ModulePlaces usualModulePlaces() {
     ModulePlaces places;
     places.configuration = usualConfigPlaces();
-#if defined(__x86_64__)
-    places.defaultFolder = "/usr/lib/x86_64-linux-gnu/pkcs11";
-#elif defined(__aarch64__)
-    places.defaultFolder = "/usr/lib/aarch64-linux-gnu/pkcs11";
-#endif
+    places.defaultFolder = "/usr/lib/" MERVANE_MULTIARCH "/pkcs11";
     struct stat folder {};
     for (const char* const otherwise : {"/usr/lib64/pkcs11", "/usr/lib/pkcs11"}) {
         if (::stat(places.defaultFolder.c_str(), &folder) == 0) break;
@@ -208,7 +185,7 @@ void searchModules(const ModulePlaces& places, std::vector<ModuleInfo>& modules,
     Search search(places, modules, complaints);
     search.addConfigured();
     search.addFromFolders();
-    if (places.withCardDatabase) addDrivers(search);
+    if (places.withCardDatabase) search.addDrivers();
 }
 
 bool listModules(std::vector<ModuleInfo>& modules, std::vector<std::string>& complaints,

@@ -62,15 +62,16 @@ struct CardInfo {
     CardInfo& operator=(CardInfo&& other) noexcept;
     ~CardInfo();
 
+    bool isKnown = false;  ///< false: all below is empty
     std::string name;
     bool isReadOnly = false;
     std::string driver;              ///< its name
     std::vector<std::string> paths;  ///< of its module on Linux, best first; may be empty
 };
 
-/// Looks a card up by its ATR (hexadecimal, any case). False when it is not known; the log has a
-/// line when the card database could not be read. Unlike ClsPkcs11::CardDataLookupAtr, knows a card
-/// for which no Linux module is known.
+/// Looks a card up by its ATR (hexadecimal, any case); `card` says whether it is known. False, with
+/// a line in the log, when the card database could not be read. Unlike
+/// ClsPkcs11::CardDataLookupAtr, knows a card for which no Linux module is known.
 bool findCardInfo(std::string_view atr, CardInfo& card, LogBase& log);
 
 }  // namespace mervane

@@ -30,6 +30,10 @@ enum class Part : bool { Path, Query };
 bool isText(std::string_view value) {
     return isValidUtf8(value) && value.find('\0') == std::string_view::npos;
 }
+// The name of a file without folder.
+bool isName(std::string_view value) {
+    return isText(value) && !value.empty() && value.find('/') == std::string_view::npos;
+}
 bool isAnything(std::string_view) {
     return true;
 }
@@ -72,7 +76,7 @@ const std::array kAttributes = {
     Attribute{"id", &Pkcs11Uri::id, Part::Path, isAnything},
     Attribute{"object", &Pkcs11Uri::object, Part::Path, isText},
     Attribute{"type", &Pkcs11Uri::type, Part::Path, isType},
-    Attribute{"module-name", &Pkcs11Uri::moduleName, Part::Query, isText},
+    Attribute{"module-name", &Pkcs11Uri::moduleName, Part::Query, isName},
     Attribute{"module-path", &Pkcs11Uri::modulePath, Part::Query, isText},
     Attribute{"pin-source", &Pkcs11Uri::pinSource, Part::Query, isText},
 };

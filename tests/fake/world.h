@@ -117,18 +117,28 @@ struct State {
 
 struct World : State {
     // For the command-line tool, which cannot reach the world: an empty slot, "FUNCTION CODE" for a function that always
-    // fails ("crash", "hang" and "print" are codes, too), and the flags of the token.
+    // fails ("crash", "hang", "print" and "steal" are codes, too), and the flags of the token.
     World(const char* withEmptySlot, const char* failing, const char* flags) {
         if (withEmptySlot != nullptr) slots.push_back({.id = 2, .tokenPresent = false});
         if (flags != nullptr) slots.front().flags = std::stoul(flags, nullptr, 0);
         if (failing == nullptr) return;
-        answer = [failing = std::string(failing)](const std::string& function, std::size_t) -> std::optional<CK_RV> {
+        answer = [this, failing = std::string(failing)](const std::string& function, std::size_t) -> std::optional<CK_RV> {
             if (!failing.starts_with(function + " ")) return std::nullopt;
             if (failing.ends_with("print")) return std::puts("{") < 0 ? std::optional<CK_RV>(0) : std::nullopt;
+            if (failing.ends_with("steal")) return steal();
             if (failing.ends_with("crash")) std::raise(SIGSEGV);
             while (failing.ends_with("hang")) ::pause();
             return std::stoul(failing.substr(function.size()), nullptr, 0);
         };
+    }
+    // Reads from whatever descriptor has been left open, and shows it as the token's label.
+    std::optional<CK_RV> steal() {
+        for (int descriptor = 3; descriptor < 64; ++descriptor) {
+            char room[16];
+            const auto size = ::read(descriptor, room, sizeof room);
+            if (size > 0) slots.front().label.assign(room, static_cast<std::size_t>(size));
+        }
+        return std::nullopt;
     }
     std::atomic<int> inside{0};  // calls running
     std::recursive_mutex mutex;  // guards the state

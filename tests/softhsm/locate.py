@@ -76,9 +76,20 @@ def find(machine):
     equal(machine.run("match", "--token-label", "home", *pin, MERVANE_FAKE_FAILING="C_Initialize hang").returncode, 0, "a token that is named")
     tokens = machine.json("tokens", MERVANE_FAKE_FAILING="C_GetSlotList print")[0]["tokens"]
     expect("fake" in [t["label"] for t in tokens], f"a module that prints: {tokens}")
+    read, write = os.pipe()
+    os.write(write, b"a secret")
+    os.set_blocking(read, False)
+    stolen = subprocess.run([machine.tool, "tokens", "--json"], env=machine.env | {"MERVANE_FAKE_FAILING": "C_GetSlotList steal"}, capture_output=True, check=False,
+                            pass_fds=(read,)).stdout
+    expect(b'"fake"' in stolen and b"a secret" not in stolen, f"a descriptor of the tool's caller: {stolen}")
     ignoring = subprocess.run([machine.tool, "tokens", "--json"], env=machine.env, capture_output=True, check=False,
                               preexec_fn=lambda: signal.signal(signal.SIGCHLD, signal.SIG_IGN))
     expect(b'"fake"' in ignoring.stdout, f"SIGCHLD ignored: {ignoring.stdout}")
+    twin = machine.token.folder / "libtwin.so"
+    shutil.copy(machine.token.module, twin)
+    machine.configure("odd", module=twin, priority=-1)
+    done = machine.run("certs", "--token-label", "home")
+    equal((done.returncode, f"{twin} shows this token as well" in done.stderr), (0, True), f"a token that two modules show: {done.stderr}")
     (machine.modules / "odd.module").unlink()
     machine.token.init("away")
     done = machine.run("match", "--pin", "env:USER_PIN")

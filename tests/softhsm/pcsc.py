@@ -11,6 +11,7 @@ machine's daemon, readers and network stay out of it.
 
 import contextlib
 import fcntl
+import glob
 import os
 import pathlib
 import shutil
@@ -32,6 +33,12 @@ PORT = 25963  # below those that a connection is given: it could be given that o
 def skip(why):
     print("skipped:", why)
     sys.exit(77)
+
+
+def opensc():
+    """The path of OpenSC's module."""
+    modules = glob.glob("/usr/lib/*/opensc-pkcs11.so")
+    return modules[0] if modules else skip("opensc-pkcs11.so is missing (package opensc-pkcs11)")
 
 
 def isolate():

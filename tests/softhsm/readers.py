@@ -6,7 +6,6 @@ usage: readers.py LATE_READER
 
 Exit status 77 (skipped) without opensc-pkcs11, pcscd, vsmartcard-vpcd, or namespaces."""
 
-import glob
 import pathlib
 import subprocess
 import sys
@@ -62,9 +61,7 @@ def main(program, module):
 
 
 if __name__ == "__main__":
-    modules = glob.glob("/usr/lib/*/opensc-pkcs11.so")
-    if not modules:
-        pcsc.skip("opensc-pkcs11.so is missing (package opensc-pkcs11)")
+    module = pcsc.opensc()
     pcsc.isolate()
-    main(sys.argv[1], modules[0])
+    main(sys.argv[1], module)
     sys.exit(1 if failures else 0)

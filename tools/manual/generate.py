@@ -132,7 +132,6 @@ WORDS = {"PART": ["privateKey", "subjectDN", "subjectDN_withTags", "issuerCN", "
          "SELECTOR": ["private", "public", "secret", "rsa", "ec", "all"],
          "KEYUSAGE": ["nonRepudiation", "digitalSignature", "keyEncipherment", "dataEncipherment", "certificateSigning", "crlSigning", "keyAgreement",
                       "encipherOnly"]}
-LABELS = "mervane-p11 tokens --timeout 2 2>/dev/null"
 
 
 def values_of(option):
