@@ -11,6 +11,7 @@ namespace mervane {
 
 /// A PKCS#11 module of this machine, and where it was learnt.
 struct ModuleInfo {
+    /// Where it was learnt.
     enum class Origin : unsigned char {
         Configuration,  ///< p11-kit's, pkcs11.conf(5)
         Folder,         ///< one where modules usually lie
@@ -18,20 +19,23 @@ struct ModuleInfo {
         Caller,         ///< named by the program
     };
 
-    // Not inline: expanded at every use, they would add much to the library.
+    /// @{
+    /// Empty, and copied as a whole. Not inline: expanded at every use, they
+    /// would bloat a program.
     ModuleInfo();
     ModuleInfo(const ModuleInfo& other);
     ModuleInfo(ModuleInfo&& other) noexcept;
     ModuleInfo& operator=(const ModuleInfo& other);
     ModuleInfo& operator=(ModuleInfo&& other) noexcept;
     ~ModuleInfo();
+    /// @}
 
     std::string name;  ///< short, from the file's: "opensc" for /usr/lib/../opensc-pkcs11.so
     std::string path;  ///< absolute; empty for a remote module
-    Origin origin = Origin::Caller;
-    std::string learntFrom;    ///< the configuration file, the folder, or the driver's name
-    int priority = 0;          ///< higher ones come first
-    std::string initArgs;      ///< for C_Initialize (x-init-reserved); mostly empty
+    Origin origin = Origin::Caller;  ///< where it was learnt
+    std::string learntFrom;          ///< the configuration file, the folder, or the driver's name
+    int priority = 0;                ///< higher ones come first
+    std::string initArgs;            ///< for C_Initialize (x-init-reserved); mostly empty
     std::string remote;        ///< the command of a module that runs elsewhere; never run here
     std::string obstacle;      ///< why the file cannot be loaded; empty if no reason is seen
     bool isTrust = false;      ///< holds CA certificates, not the user's

@@ -23,6 +23,7 @@ std::string_view nameOf(PcscState state) noexcept;
 
 /// A card reader, and the card in it.
 struct CardReader {
+    /// What is in a reader.
     enum class Card : unsigned char {
         None,
         Mute,     ///< it does not answer: wrong way round, damaged, or no smart card
@@ -30,10 +31,10 @@ struct CardReader {
         Unknown,  ///< the reader does not say
     };
 
-    std::string name;  ///< the daemon's, valid UTF-8
-    Card card = Card::Unknown;
-    std::string atr;       ///< upper-case hexadecimal
-    bool isInUse = false;  ///< some program works with the card
+    std::string name;           ///< the daemon's, valid UTF-8
+    Card card = Card::Unknown;  ///< what is in it
+    std::string atr;            ///< upper-case hexadecimal
+    bool isInUse = false;       ///< some program works with the card
 };
 
 /// The card's state in JSON: none, mute, present, unknown.
@@ -41,9 +42,9 @@ std::string_view nameOf(CardReader::Card card) noexcept;
 
 /// What PC/SC shows.
 struct ReaderList {
-    PcscState state = PcscState::Failed;
-    std::string reason;  ///< of a state other than Ready, in a few words; may be empty
-    std::vector<CardReader> readers;
+    PcscState state = PcscState::Failed;  ///< how far the search came
+    std::string reason;               ///< of a state other than Ready, in a few words; may be empty
+    std::vector<CardReader> readers;  ///< in the daemon's order
 };
 
 /// Lists the card readers of this machine. The card is not connected to, so no other program is
@@ -54,17 +55,20 @@ bool listReaders(ReaderList& list, LogBase& log);
 
 /// What the card database knows of a card.
 struct CardInfo {
-    // Not inline: expanded at every use, they would add much to the library.
+    /// @{
+    /// Empty, and copied as a whole. Not inline: expanded at every use, they
+    /// would bloat a program.
     CardInfo();
     CardInfo(const CardInfo& other);
     CardInfo(CardInfo&& other) noexcept;
     CardInfo& operator=(const CardInfo& other);
     CardInfo& operator=(CardInfo&& other) noexcept;
     ~CardInfo();
+    /// @}
 
-    bool isKnown = false;  ///< false: all below is empty
-    std::string name;
-    bool isReadOnly = false;
+    bool isKnown = false;            ///< false: all below is empty
+    std::string name;                ///< for people
+    bool isReadOnly = false;         ///< nothing can be written to it
     std::string driver;              ///< its name
     std::vector<std::string> paths;  ///< of its module on Linux, best first; may be empty
 };

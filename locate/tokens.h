@@ -14,21 +14,24 @@ namespace mervane {
 
 /// A token, and the module that shows it. Texts are valid UTF-8 without padding.
 struct LocatedToken {
-    // Not inline: expanded at every use, they would add much to the library.
+    /// @{
+    /// Empty, and copied as a whole. Not inline: expanded at every use, they
+    /// would bloat a program.
     LocatedToken();
     LocatedToken(const LocatedToken& other);
     LocatedToken(LocatedToken&& other) noexcept;
     LocatedToken& operator=(const LocatedToken& other);
     LocatedToken& operator=(LocatedToken&& other) noexcept;
     ~LocatedToken();
+    /// @}
 
-    ModuleInfo module;
-    std::string libraryManufacturer;
-    std::string libraryDescription;
-    std::string libraryVersion;
-    std::string slotManufacturer;
-    std::string slotDescription;
-    TokenInfo token;
+    ModuleInfo module;                ///< whose slot it is in
+    std::string libraryManufacturer;  ///< CK_INFO's texts
+    std::string libraryDescription;   ///< as above
+    std::string libraryVersion;       ///< "2.6"
+    std::string slotManufacturer;     ///< CK_SLOT_INFO's texts
+    std::string slotDescription;      ///< as above
+    TokenInfo token;                  ///< the token itself
 };
 
 /// Adds the tokens of a discovery document (docs/json.md). What has another form is passed over. A

@@ -14,16 +14,21 @@ namespace mervane {
 /// A PKCS #11 URI (RFC 7512): which module, token or object is meant. Members have the attributes'
 /// values, decoded; one that is absent stands for any value. Texts are UTF-8; `id` is bytes.
 struct Pkcs11Uri {
-    using Value = std::optional<std::string>;
+    using Value = std::optional<std::string>;  ///< of an attribute
 
-    // Not inline: expanded at every use, they would add much to the library.
+    /// @{
+    /// Empty, and copied as a whole. Not inline: expanded at every use, they
+    /// would bloat a program.
     Pkcs11Uri() noexcept;
     Pkcs11Uri(const Pkcs11Uri& other);
     Pkcs11Uri(Pkcs11Uri&& other) noexcept;
     Pkcs11Uri& operator=(const Pkcs11Uri& other);
     Pkcs11Uri& operator=(Pkcs11Uri&& other) noexcept;
     ~Pkcs11Uri();
+    /// @}
 
+    /// @{
+    /// The attribute of that name in section 2.3 or 2.4 of the RFC.
     Value libraryManufacturer;
     Value libraryDescription;
     Value libraryVersion;  ///< "2.6"
@@ -40,6 +45,7 @@ struct Pkcs11Uri {
     Value moduleName;
     Value modulePath;
     Value pinSource;  ///< path of a file that has the PIN
+    /// @}
 
     /// Reads `text`. False, with a line in the log and no member set, if it is malformed or says
     /// what cannot be followed: an attribute in the path that is unknown or occurs twice, a PIN in

@@ -56,16 +56,20 @@ class ClsPkcs11 : public ClsBase, public Pkcs11SessionOwner, protected Pkcs11Wra
 
     // --- Module
 
+    /// @{
     /// Path of the PKCS#11 module. It takes effect when a module is loaded next: by Discover, or by
     /// Initialize and QuickSession if none is initialised. Until then a module that is in use stays
     /// in use, and these methods say so in the log.
     void get_SharedLibPath(XString& out);
     void put_SharedLibPath(const XString& path);
+    /// @}
 
+    /// @{
     /// What C_Initialize gets when a module is initialised next; empty for nothing. NSS's modules
     /// need a text, such as "configdir='sql:/home/alice/.pki/nssdb'". It is not logged.
     void get_InitArgs(XString& out);
     void put_InitArgs(const XString& args);
+    /// @}
 
     /// Loads the module and initialises it. True at once when that is done already.
     bool Initialize();
@@ -107,9 +111,11 @@ class ClsPkcs11 : public ClsBase, public Pkcs11SessionOwner, protected Pkcs11Wra
     /// Logs out; the session stays open, caches and links end.
     bool Logout();
 
+    /// @{
     /// The PIN that signing operations use where the key asks for one at each signature.
     void get_SigContextPin(XString& out);
     void put_SigContextPin(const XString& pin);
+    /// @}
 
     // --- Administration and queries
 
@@ -179,11 +185,13 @@ class ClsPkcs11 : public ClsBase, public Pkcs11SessionOwner, protected Pkcs11Wra
     /// Signs a digest, made with the options' hash. Two module calls; three with the PIN.
     bool SignHash(ClsCert& cert, std::span<const std::uint8_t> digest, const SignOptions& options,
                   std::vector<std::uint8_t>& signature);
+    /// @{
     /// Signs data, in memory or read piece by piece.
     bool SignData(ClsCert& cert, std::span<const std::uint8_t> data, const SignOptions& options,
                   std::vector<std::uint8_t>& signature);
     bool SignData(ClsCert& cert, const DataReader& reader, const SignOptions& options,
                   std::vector<std::uint8_t>& signature);
+    /// @}
     /// Signs a document, which is read once: CMS SignedData (RFC 5652) in DER, with the attributes
     /// of CAdES baseline B (ETSI EN 319 122-1).
     bool SignCms(ClsCert& cert, const DataReader& reader, const CmsOptions& options,
@@ -218,6 +226,7 @@ class ClsPkcs11 : public ClsBase, public Pkcs11SessionOwner, protected Pkcs11Wra
                                      ExtPtrArraySb& paths, LogBase& log);
 
   protected:
+    /// @cond
     // Internal methods are protected, so that a test may derive and look. They take no lock
     // (openSession and login excepted) and expect the caller to hold the critical section.
 
@@ -249,6 +258,8 @@ class ClsPkcs11 : public ClsBase, public Pkcs11SessionOwner, protected Pkcs11Wra
     CK_OBJECT_HANDLE findRsaKeyById(Certificate& cert, bool requireSign, LogBase& log);
     CK_OBJECT_HANDLE findRsaKeyBySubjectDER(Certificate& cert, bool requireSign, LogBase& log);
     CK_OBJECT_HANDLE findRsaKeyByModulus(Certificate& cert, bool requireSign, LogBase& log);
+
+    /// @endcond
 
   private:
     void copyProperty(const XString& from, XString& to);

@@ -28,15 +28,15 @@ std::string_view nameOf(KeyObjection objection) noexcept;
 
 /// A key of the certificate's type that was not taken.
 struct PassedOverKey {
-    CK_OBJECT_HANDLE handle = 0;
+    CK_OBJECT_HANDLE handle = 0;           ///< the key
     std::string ckaId;                     ///< upper-case hexadecimal
     std::vector<KeyObjection> objections;  ///< none: it fits too, but comes later
 };
 
 /// How the search for a certificate's private key ended, and why.
 struct KeyExplanation {
-    CK_OBJECT_HANDLE keyHandle = 0;  ///< 0: no key was found
-    PrivateKeyFacts facts;
+    CK_OBJECT_HANDLE keyHandle = 0;         ///< 0: no key was found
+    PrivateKeyFacts facts;                  ///< of the key that was found
     std::vector<PassedOverKey> passedOver;  ///< the first 100, in the token's order
     std::size_t numMore = 0;                ///< keys passed over beyond these
 };

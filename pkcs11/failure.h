@@ -39,10 +39,10 @@ std::string_view nameOf(FailureKind kind) noexcept;
 
 /// How the last public call failed. Every public method sets it anew.
 struct Failure {
-    FailureKind kind = FailureKind::None;
-    std::string cause;        ///< the first line that says why, with its values
-    std::string summary;      ///< the last error line of the call; may equal the cause
-    std::string hint;         ///< what usually helps; empty if no single thing does
+    FailureKind kind = FailureKind::None;  ///< None: it succeeded
+    std::string cause;                     ///< the first line that says why, with its values
+    std::string summary;                   ///< the last error line of the call; may equal the cause
+    std::string hint;                      ///< what usually helps; empty if no single thing does
     std::string function;     ///< of the module, such as "C_Login"; empty if none was concerned
     std::optional<CK_RV> rv;  ///< what it returned
     std::optional<CK_SLOT_ID> slotId;  ///< the slot concerned

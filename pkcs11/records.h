@@ -63,7 +63,7 @@ struct FoundKey {
     CK_OBJECT_HANDLE handle = 0;  ///< 0: none
     int keyType = 0;              ///< of the certificate, as Certificate::getCertKeyType has it
     int signatureSize = 0;        ///< bytes; 0 if the key type is not supported
-    PrivateKeyFacts facts;
+    PrivateKeyFacts facts;        ///< what the search learnt of it
 };
 
 /// How thoroughly a private key is looked for.

@@ -26,16 +26,16 @@ enum class EcdsaForm : std::uint8_t {
 
 /// How to sign; what does not concern the key's type is ignored.
 struct SignOptions {
-    Hash hash = Hash::Sha256;
-    Padding padding = Padding::Automatic;
-    EcdsaForm ecdsaForm = EcdsaForm::Der;
+    Hash hash = Hash::Sha256;              ///< of the data
+    Padding padding = Padding::Automatic;  ///< of an RSA signature
+    EcdsaForm ecdsaForm = EcdsaForm::Der;  ///< of an ECDSA signature
 };
 
 /// What a signed document (CMS SignedData, RFC 5652) holds beside the signature.
 struct CmsOptions {
-    Hash hash = Hash::Sha256;
-    Padding padding = Padding::Automatic;
-    bool isAttached = false;  ///< the document itself; it is kept in memory then
+    Hash hash = Hash::Sha256;              ///< of the data
+    Padding padding = Padding::Automatic;  ///< of an RSA signature
+    bool isAttached = false;               ///< the document itself; it is kept in memory then
     bool withIssuers =
         false;  ///< the issuers of the signer's certificate, as far as the token has them
     std::string signingTime{};  ///< "YYYY-MM-DDThh:mm:ssZ"; empty for now

@@ -16,9 +16,11 @@ class ClsBase : public MervaneObject, public MervaneCritSec {
     ClsBase& operator=(const ClsBase&) = delete;
     ~ClsBase() override = default;
 
+    /// @{
     /// The object's log. Not synchronised: read it only while no other thread calls the object.
     [[nodiscard]] _mvLogger& log() noexcept { return m_log; }
     [[nodiscard]] const _mvLogger& log() const noexcept { return m_log; }
+    /// @}
 
     /// Whether the last method that records its outcome succeeded; true on a new object. Methods
     /// that record nothing leave it unchanged. Takes the lock.
@@ -37,7 +39,7 @@ class ClsBase : public MervaneObject, public MervaneCritSec {
   protected:
     ClsBase() = default;
 
-    _mvLogger m_log;
+    _mvLogger m_log;  ///< see log()
 
   private:
     friend class LogContextExitor;
@@ -48,6 +50,7 @@ class ClsBase : public MervaneObject, public MervaneCritSec {
 /// Owns an object, which may be null, and deletes it at the end of the scope.
 class _clsBaseHolder {
   public:
+    /// Takes ownership.
     explicit _clsBaseHolder(ClsBase* object) noexcept : m_object(object) {}
 
   private:

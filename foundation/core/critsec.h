@@ -48,6 +48,7 @@ class MervaneCritSec {
 /// Holds a critical section for the length of a scope.
 class CritSecExitor {
   public:
+    /// Enters the section, which must outlive this.
     explicit CritSecExitor(MervaneCritSec& section) : m_section(section) {
         m_section.enterCriticalSection();
     }

@@ -15,8 +15,11 @@ class MervaneObject {
 
   protected:
     MervaneObject() = default;
+    /// @{
+    /// Copied by classes that allow it.
     MervaneObject(const MervaneObject&) = default;
     MervaneObject& operator=(const MervaneObject&) = default;
+    /// @}
 };
 
 /// An object with one owner: never shared, never copied.

@@ -22,6 +22,7 @@ class ExtPtrArray {
         const auto at = static_cast<std::size_t>(index);
         return index < 0 || at >= m_items.size() ? nullptr : m_items[at].get();
     }
+    /// The number of elements.
     [[nodiscard]] int getSize() const noexcept { return static_cast<int>(m_items.size()); }
 
     /// Allocates for `count` elements in all; appends up to that many cannot fail.
@@ -36,6 +37,7 @@ class ExtPtrArray {
         m_items.clear();
         ++m_changes;
     }
+    /// Exchanges the elements; allocates nothing.
     void swap(ExtPtrArray& other) noexcept {
         m_items.swap(other.m_items);
         ++m_changes;
@@ -67,10 +69,13 @@ class ExtPtrArraySb {
         const auto at = static_cast<std::size_t>(index);
         return index < 0 || at >= m_items.size() ? nullptr : m_items[at].get();
     }
+    /// The number of elements.
     [[nodiscard]] int getSize() const noexcept { return static_cast<int>(m_items.size()); }
+    /// Adds a copy at the end.
     void appendString(std::string_view text) {
         m_items.push_back(std::make_unique<StringBuffer>(text));
     }
+    /// Frees all strings.
     void removeAllSbs() noexcept { m_items.clear(); }
 
   private:

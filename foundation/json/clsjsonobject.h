@@ -40,10 +40,12 @@ class ClsJsonObject final : public ClsBase {
     /// A new empty document, owned by the caller; null when memory runs out.
     static ClsJsonObject* createNewCls() noexcept;
 
+    /// @{
     /// Parses UTF-8 text (RFC 8259, any value at the top) and replaces the content with it. On
     /// failure logs one error line with the reason, line and column, and keeps the content.
     bool loadJson(const DataBuffer& utf8, LogBase& log);
     bool loadJson(std::string_view utf8, LogBase& log);
+    /// @}
 
     /// Replaces the content with the empty object.
     void clear(LogBase& log);
@@ -70,9 +72,11 @@ class ClsJsonObject final : public ClsBase {
     /// As above, without the log.
     [[nodiscard]] int SizeOfArray(std::string_view path) const noexcept;
 
+    /// @{
     /// The index that "[i]" stands for in paths; a negative one matches no element.
     [[nodiscard]] int get_I() const noexcept { return m_i; }
     void put_I(int index) noexcept { m_i = index; }
+    /// @}
 
     /// The value at `path`, or null. The document owns it; valid until the document changes.
     [[nodiscard]] const JsonValue* valueAt(std::string_view path) const noexcept;

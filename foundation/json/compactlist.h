@@ -24,6 +24,8 @@ namespace mervane {
 template <class T>
 class CompactList {
   public:
+    /// @{
+    /// Empty; copied element by element.
     CompactList() noexcept = default;
     CompactList(const CompactList& other) : CompactList() { append(other.begin(), other.size()); }
     CompactList(CompactList&& other) noexcept : m_block(std::exchange(other.m_block, nullptr)) {}
@@ -31,12 +33,15 @@ class CompactList {
         std::swap(m_block, other.m_block);
         return *this;
     }
+    /// @}
     ~CompactList() {
         if (m_block == nullptr) return;
         std::destroy_n(items(m_block), size());
         ::operator delete(m_block);
     }
 
+    /// @{
+    /// As std::vector has them.
     [[nodiscard]] std::size_t size() const noexcept {
         return m_block == nullptr ? 0 : m_block->size;
     }
@@ -50,6 +55,7 @@ class CompactList {
     [[nodiscard]] T& operator[](std::size_t i) noexcept { return begin()[i]; }
     [[nodiscard]] const T& operator[](std::size_t i) const noexcept { return begin()[i]; }
     [[nodiscard]] const T& back() const noexcept { return end()[-1]; }
+    /// @}
 
     /// Allocates for `numItems` elements in all.
     void reserve(std::size_t numItems) {

@@ -19,15 +19,16 @@ class JsonValue;
 /// A member of an object. A template because it contains a JsonValue, which is incomplete here.
 template <class Value>
 struct BasicJsonMember {
-    Value nameValue;  // always a string, so short names need no allocation
-    Value value;
+    Value nameValue;  ///< always a string, so short names need no allocation
+    Value value;      ///< what the name stands for
 
+    /// Valid until the member changes.
     [[nodiscard]] std::string_view name() const noexcept { return *nameValue.asString(); }
 };
-using JsonMember = BasicJsonMember<JsonValue>;
+using JsonMember = BasicJsonMember<JsonValue>;  ///< a name and its value
 
-using JsonArray = CompactList<JsonValue>;
-using JsonObject = CompactList<JsonMember>;  // in document order
+using JsonArray = CompactList<JsonValue>;    ///< the elements of an array
+using JsonObject = CompactList<JsonMember>;  ///< the members of an object, in document order
 
 /// One JSON value (RFC 8259) and everything in it; copies are deep.
 ///
@@ -41,12 +42,17 @@ class JsonValue {
   public:
     /// The value null.
     JsonValue() noexcept = default;
+    /// @{
+    /// Deep copies.
     // Not inline: expanded at every use, the recursion over the tree adds 20 KiB to the library.
     JsonValue(const JsonValue& other);
     JsonValue(JsonValue&& other) noexcept;
     JsonValue& operator=(JsonValue other) noexcept;
+    /// @}
     ~JsonValue();
 
+    /// @{
+    /// A value of the type that JSON has for the argument's.
     explicit JsonValue(bool value) noexcept : m_data(value) {}
     explicit JsonValue(std::string_view text);
     explicit JsonValue(const std::string& text) : JsonValue(std::string_view(text)) {}
@@ -56,20 +62,22 @@ class JsonValue {
         : JsonValue(number(std::to_string(value))) {}
     explicit JsonValue(JsonArray items) noexcept : m_data(std::move(items)) {}
     explicit JsonValue(JsonObject members) noexcept : m_data(std::move(members)) {}
+    /// @}
 
     /// A number from its text, which must conform to RFC 8259 section 6; not checked.
     static JsonValue number(std::string_view text);
+    /// @{
     /// The empty array, and the empty object.
     static JsonValue array() { return JsonValue(JsonArray()); }
     static JsonValue object() { return JsonValue(JsonObject()); }
+    /// @}
 
-    // Readers return null or nullopt if the value is of another type. What they return belongs to
-    // the value and is valid until it changes or moves.
-
+    /// @{
+    /// The value, if it is of that type; else null or nullopt. What is returned belongs to the
+    /// value and is valid until it changes or moves. A number is as it was written; a string is
+    /// unescaped UTF-8 and may contain NUL.
     [[nodiscard]] const bool* asBool() const noexcept { return std::get_if<bool>(&m_data); }
-    /// The number as it was written.
     [[nodiscard]] std::optional<std::string_view> asNumber() const noexcept;
-    /// The string as UTF-8, unescaped; may contain NUL.
     [[nodiscard]] std::optional<std::string_view> asString() const noexcept;
     [[nodiscard]] const JsonArray* asArray() const noexcept {
         return std::get_if<JsonArray>(&m_data);
@@ -78,11 +86,15 @@ class JsonValue {
         return std::get_if<JsonObject>(&m_data);
     }
     [[nodiscard]] bool isNull() const noexcept { return m_data.index() == 0; }
+    /// @}
 
+    /// @{
     /// The first member of that name; null if there is none or the value is not an object.
     [[nodiscard]] const JsonValue* find(std::string_view name) const noexcept;
     [[nodiscard]] JsonValue* find(std::string_view name) noexcept;
+    /// @}
 
+    /// @{
     /// Replaces the first member of that name, or adds one at the end, and returns its value. A
     /// value that is not an object becomes an empty one first.
     JsonValue& set(std::string_view name, JsonValue value);
@@ -91,6 +103,7 @@ class JsonValue {
                                                                               T&& value) {
         return set(name, JsonValue(std::forward<T>(value)));
     }
+    /// @}
 
     /// Removes all members of that name; does nothing if the value is not an object.
     void remove(std::string_view name);

@@ -26,21 +26,24 @@ class LogBase {
 
     /// An error line. Written once, where the reason of the failure is known.
     void LogError(std::string_view sentence) noexcept { write(Kind::Error, {}, sentence); }
+    /// An info line: what happened, for whoever looks for a cause.
     void LogInfo(std::string_view sentence) noexcept { write(Kind::Info, {}, sentence); }
     /// An info line with the usual remedy for the preceding error line.
     void LogHint(std::string_view sentence) noexcept { write(Kind::Hint, {}, sentence); }
-    /// A named value. The Long and Unsigned forms write decimal, the Bool form true or false.
+    /// @{
+    /// A named value. The Long and Unsigned forms (the latter for handles and slot IDs) write
+    /// decimal, the Bool form true or false.
     void LogData(std::string_view name, std::string_view value) noexcept {
         write(Kind::Data, name, value);
     }
     void LogDataX(std::string_view name, const XString& value) noexcept;
     void LogDataSb(std::string_view name, const StringBuffer& value) noexcept;
     void LogDataLong(std::string_view name, long value) noexcept;
-    /// For handles and slot IDs, which are unsigned.
     void LogDataUnsigned(std::string_view name, unsigned long value) noexcept;
     void LogDataBool(std::string_view name, bool value) noexcept {
         write(Kind::Data, name, value ? "true" : "false");
     }
+    /// @}
 
     /// Keywords that change what calls do. They travel with the log because it reaches every
     /// internal method.
@@ -51,9 +54,12 @@ class LogBase {
   protected:
     LogBase() = default;
 
+    /// @{
+    /// What a log does with a line, and with the start and the end of a context.
     virtual void write(Kind kind, std::string_view name, std::string_view text) noexcept = 0;
     virtual void enterContext(std::string_view name) noexcept = 0;
     virtual void leaveContext() noexcept = 0;
+    /// @}
 
   private:
     friend class LogContextExitor;
@@ -72,10 +78,13 @@ class LogNull final : public LogBase {
 /// Opens a named context, under which log lines are nested, for the length of a scope.
 class LogContextExitor {
   public:
+    /// @{
+    /// Opens the context in the object's log, or in the log.
     LogContextExitor(ClsBase& object, std::string_view name) noexcept;
     LogContextExitor(LogBase& log, std::string_view name) noexcept : m_log(log) {
         m_log.enterContext(name);
     }
+    /// @}
     ~LogContextExitor() { m_log.leaveContext(); }
     LogContextExitor(const LogContextExitor&) = delete;
     LogContextExitor& operator=(const LogContextExitor&) = delete;

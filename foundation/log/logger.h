@@ -24,7 +24,9 @@ class _mvLogger final : public LogBase {
     /// One stored entry: a log line, a value, or the start or end of a context, whose name is in
     /// `text`. The views are valid until the log changes.
     struct Entry {
-        enum class What : unsigned char { Error, Info, Data, Enter, Leave } what;
+        /// The kinds of entries.
+        enum class What : unsigned char { Error, Info, Data, Enter, Leave };
+        What what;              ///< of what kind this one is
         int depth;              ///< number of contexts around the entry
         std::string_view name;  ///< key of a value; empty otherwise
         std::string_view text;  ///< one line of UTF-8 without control characters
@@ -39,10 +41,12 @@ class _mvLogger final : public LogBase {
     /// {"error":text}, {"info":text} or {"name":name,"value":text}.
     [[nodiscard]] std::string json() const;
 
-    /// Of the last public call: its last error line, which says what did not succeed; its first,
-    /// which says why; and its last hint. Empty if there is none.
+    /// The last error line of the last public call, which says what did not succeed; empty if there
+    /// is none.
     [[nodiscard]] std::string lastError() const { return m_lastError; }
+    /// Its first error line, which says why.
     [[nodiscard]] std::string firstError() const { return m_firstError; }
+    /// Its last hint.
     [[nodiscard]] std::string lastHint() const { return m_lastHint; }
 
     /// Number of open contexts; 0 whenever no public call is running.

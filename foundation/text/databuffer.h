@@ -13,11 +13,14 @@ namespace mervane {
 class DataBuffer {
   public:
     DataBuffer() = default;
+    /// A copy of these bytes.
     explicit DataBuffer(std::span<const std::uint8_t> bytes)
         : m_bytes(bytes.begin(), bytes.end()) {}
 
     /// The bytes; valid until the buffer changes.
     [[nodiscard]] std::span<const std::uint8_t> span() const noexcept { return m_bytes; }
+    /// @{
+    /// As std::vector has size(), empty(), == and clear().
     [[nodiscard]] std::size_t getSize() const noexcept { return m_bytes.size(); }
     [[nodiscard]] bool isEmpty() const noexcept { return m_bytes.empty(); }
     [[nodiscard]] bool equals(const DataBuffer& other) const noexcept {
@@ -25,12 +28,15 @@ class DataBuffer {
     }
 
     void clear() noexcept { m_bytes.clear(); }
-    /// Replaces the content. `bytes` must not lie within this buffer; nor for append().
+    /// @}
+    /// @{
+    /// Replaces the content, or adds to its end. `bytes` must not lie within this buffer.
     void assign(std::span<const std::uint8_t> bytes) { m_bytes.assign(bytes.begin(), bytes.end()); }
     void append(std::span<const std::uint8_t> bytes) {
         m_bytes.insert(m_bytes.end(), bytes.begin(), bytes.end());
     }
     void appendByte(std::uint8_t byte) { m_bytes.push_back(byte); }
+    /// @}
 
     /// Appends the bytes that `text` encodes. Encoding 1 is base64; any other returns false, as
     /// does malformed text, whose bytes up to the fault are appended.

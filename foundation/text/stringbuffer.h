@@ -14,24 +14,33 @@ namespace mervane {
 class StringBuffer {
   public:
     StringBuffer() = default;
+    /// A copy of the text.
     explicit StringBuffer(std::string_view text) : m_text(text) {}
 
+    /// @{
     /// Valid until the string changes, as is getString(), which is NUL-terminated and never null.
     [[nodiscard]] std::string_view view() const noexcept { return m_text; }
     [[nodiscard]] const char* getString() const noexcept { return m_text.c_str(); }
+    /// @}
+    /// @{
+    /// As std::string has empty(), clear(), append() and assign().
     [[nodiscard]] bool isEmpty() const noexcept { return m_text.empty(); }
 
     void clear() noexcept { m_text.clear(); }
     void append(std::string_view text) { m_text.append(text); }
     void setString(std::string_view text) { m_text.assign(text); }
+    /// @}
 
     /// Removes ASCII whitespace from both ends.
     void trim2() { m_text = std::string(trimmed(m_text)); }
-    // Case conversion changes ASCII letters only.
+    /// @{
+    /// Change ASCII letters only.
     void toLowerCase() noexcept { std::ranges::transform(m_text, m_text.begin(), toLowerAscii); }
     void toUpperCase() noexcept { std::ranges::transform(m_text, m_text.begin(), toUpperAscii); }
+    /// @}
 
-    // Comparisons are byte for byte.
+    /// @{
+    /// Compare byte for byte.
     [[nodiscard]] bool equals(std::string_view text) const noexcept { return m_text == text; }
     [[nodiscard]] bool beginsWith(std::string_view s) const noexcept {
         return m_text.starts_with(s);
@@ -40,6 +49,7 @@ class StringBuffer {
     [[nodiscard]] bool containsSubstring(std::string_view part) const noexcept {
         return m_text.find(part) != std::string::npos;
     }
+    /// @}
 
     /// Removes everything up to and including the last '/'. Returns whether there was one.
     bool stripDirectory() {

@@ -50,6 +50,7 @@ class Certificate final : public std::enable_shared_from_this<Certificate> {
     /// malformed field (as in RFC 5280 4.1).
     static std::shared_ptr<Certificate> createFromDer(der::Bytes der, TokenCertInfo token,
                                                       LogBase& log);
+    /// The same for a certificate that is not from a token.
     static std::shared_ptr<Certificate> createFromDer(der::Bytes der, LogBase& log) {
         return createFromDer(der, {}, log);
     }
@@ -67,33 +68,41 @@ class Certificate final : public std::enable_shared_from_this<Certificate> {
 
     // --- Names, UTF-8
 
+    /// @{
     /// "C=EX, CN=Alice": escaped and abbreviated as in RFC 4514, but in the certificate's order and
     /// with a space after each comma. The _noTags form has the values alone.
     bool getSubjectDN(XString& out, LogBase& log) const;
     bool getSubjectDN_noTags(XString& out, LogBase& log) const;
     bool getIssuerDN(XString& out, LogBase& log) const;
+    /// @}
+    /// @{
     /// The first value, unescaped, of the attribute type `part`: "CN", "O", "E", .. in upper case,
     /// or a dotted OID. False if the name has none.
     bool getSubjectPart(const char* part, XString& out, LogBase& log) const;
     bool getIssuerPart(const char* part, XString& out, LogBase& log) const;
+    /// @}
 
     // --- Other fields
 
     /// Upper-case hexadecimal without separators or leading zero octets; "-" and the magnitude for
     /// a negative number.
     bool getSerialNumber(XString& out, LogBase& log) const;
+    /// @{
     /// SHA-1 and SHA-256 of the DER: 40 and 64 upper-case hexadecimal digits.
     bool getSha1ThumbprintX(XString& out, LogBase& log) const;
     bool getSha256Thumbprint(XString& out, LogBase& log) const;
+    /// @}
     /// The first extension with this dotted OID, as one line of XML (format in extensionxml.h).
     bool getExtensionXml(const char* oid, StringBuffer& out, LogBase& log) const;
     /// The first octet of KeyUsage (RFC 5280 4.2.1.3): 0x80 digitalSignature, 0x40 nonRepudiation,
     /// and so on; 0 without the extension.
     int getIntendedKeyUsage(LogBase& log) const;
+    /// @{
     /// What the certificate may be used for, as in usage.h; empty without the extension.
     [[nodiscard]] std::vector<std::string> getKeyUsages() const;
     [[nodiscard]] std::vector<std::string> getExtendedKeyUsages() const;
     [[nodiscard]] std::vector<std::string> getPolicies() const;
+    /// @}
     /// Whether the basic constraints say that the subject is a CA.
     [[nodiscard]] bool isCa() const noexcept;
     /// "YYYY-MM-DDThh:mm:ssZ"; a time in another form is copied as it is in the certificate.
@@ -112,11 +121,13 @@ class Certificate final : public std::enable_shared_from_this<Certificate> {
     bool getKeyAlgorithm(XString& out, LogBase& log) const;
     /// Decodes the public key; false for keys that _mvPublicKey::loadSpki() does not support.
     bool getCertPublicKey(_mvPublicKey& out, LogBase& log) const;
+    /// @{
     /// The whole SubjectPublicKeyInfo, the whole issuer, and the content of the serial number;
     /// valid as long as this object.
     [[nodiscard]] der::Bytes spki() const noexcept { return bytesOf(m_spki); }
     [[nodiscard]] der::Bytes issuer() const noexcept { return bytesOf(m_issuer); }
     [[nodiscard]] der::Bytes serialNumber() const noexcept { return bytesOf(m_serial); }
+    /// @}
     /// The DER of one field: 1 is the subject; any other number, or a malformed subject, is false.
     bool getPartDer(int part, DataBuffer& out, LogBase& log) const;
 
@@ -133,11 +144,11 @@ class Certificate final : public std::enable_shared_from_this<Certificate> {
 
     /// What linkToPkcs11Session() recorded.
     struct Pkcs11Link {
-        Pkcs11LinkOwner owner;
-        int keyType;
-        int expectedSignatureSize;
-        unsigned long keyHandle;
-        PrivateKeyFacts facts;
+        Pkcs11LinkOwner owner;      ///< whose session it is
+        int keyType;                ///< a KeyType
+        int expectedSignatureSize;  ///< bytes
+        unsigned long keyHandle;    ///< CKO_PRIVATE_KEY handle, in that session
+        PrivateKeyFacts facts;      ///< what is known of the key
     };
     /// The link; nullopt once the owner is gone or the session it was made under has ended.
     [[nodiscard]] std::optional<Pkcs11Link> pkcs11Link() const;
@@ -195,6 +206,7 @@ class Certificate final : public std::enable_shared_from_this<Certificate> {
 /// A share of one certificate, as an element of an ExtPtrArray.
 class CertificateHolder final : public NonRefCountedObj {
   public:
+    /// `cert` may be null.
     explicit CertificateHolder(std::shared_ptr<Certificate> cert) noexcept
         : m_cert(std::move(cert)) {}
 

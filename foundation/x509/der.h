@@ -23,7 +23,8 @@ namespace mervane::der {
 /// A view; whoever made it keeps the memory.
 using Bytes = std::span<const std::uint8_t>;
 
-// Identifier octets (X.690 8.1.2) of the types that certificates use.
+/// @{
+/// Identifier octets (X.690 8.1.2) of the types that certificates use.
 inline constexpr std::uint8_t kBoolean = 0x01;
 inline constexpr std::uint8_t kInteger = 0x02;
 inline constexpr std::uint8_t kBitString = 0x03;
@@ -41,7 +42,9 @@ inline constexpr std::uint8_t kUniversalString = 0x1C;
 inline constexpr std::uint8_t kBmpString = 0x1E;
 inline constexpr std::uint8_t kSequence = 0x30;
 inline constexpr std::uint8_t kSet = 0x31;
+/// @}
 
+/// @{
 /// Identifier octet of the context-specific tag [n], primitive and constructed; n < 31.
 constexpr std::uint8_t context(unsigned n) noexcept {
     return static_cast<std::uint8_t>(0x80U | n);
@@ -49,12 +52,13 @@ constexpr std::uint8_t context(unsigned n) noexcept {
 constexpr std::uint8_t contextConstructed(unsigned n) noexcept {
     return static_cast<std::uint8_t>(0xA0U | n);
 }
+/// @}
 
 /// One element.
 struct Element {
     std::uint8_t tag = 0;  ///< identifier octet
-    Bytes content;
-    Bytes whole;  ///< identifier, length and content octets
+    Bytes content;         ///< without identifier and length
+    Bytes whole;           ///< identifier, length and content octets
 };
 
 /// Reads one element after another. Only moves forward; a failed read does not move it.
@@ -64,6 +68,7 @@ struct Element {
 /// do not occur in certificates and are refused.
 class Cursor {
   public:
+    /// Before the first element of `bytes`.
     constexpr explicit Cursor(Bytes bytes) noexcept : m_rest(bytes) {}
 
     /// Whether nothing is left to read.

@@ -31,7 +31,7 @@ std::string_view nameOf(KeyRule rule) noexcept;
 
 /// What the search learnt about a private key; an optional is empty where the token does not say.
 struct PrivateKeyFacts {
-    KeyRule rule = KeyRule::None;
+    KeyRule rule = KeyRule::None;            ///< how the key was found
     std::optional<bool> maySign;             ///< CKA_SIGN
     std::optional<bool> alwaysAuthenticate;  ///< CKA_ALWAYS_AUTHENTICATE: a PIN for each signature
     /// The rule is a guess that the token itself refutes: the key's own modulus or point is known,

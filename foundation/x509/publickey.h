@@ -21,13 +21,16 @@ class mp_int {
     /// From big-endian bytes; leading zero bytes are dropped.
     explicit mp_int(der::Bytes bigEndian);
 
+    /// Valid until the number changes.
     [[nodiscard]] der::Bytes bytes() const noexcept { return m_bytes.span(); }
+    /// Its size in bits; 0 for zero.
     [[nodiscard]] int bitCount() const noexcept;
 
   private:
     DataBuffer m_bytes;
 };
 
+/// A number as bytes, in the two ways that DER and PKCS#11 have it.
 struct MpIntUtil {
     /// Replaces `out` by the minimal unsigned big-endian bytes.
     static void toUnsignedBytes(const mp_int& value, DataBuffer& out);
@@ -35,15 +38,19 @@ struct MpIntUtil {
     static void toSignedBytes(const mp_int& value, DataBuffer& out);
 };
 
+/// The numbers of an RSA public key (RFC 8017 3.1).
 struct RsaKey {
-    mp_int modulus;
-    mp_int exponent;
+    mp_int modulus;   ///< n
+    mp_int exponent;  ///< e
 };
 
+/// The public point of an EC key, and its curve.
 class EccKey {
   public:
+    /// Copies the point, which is not checked.
     EccKey(const EcCurve& curve, der::Bytes point) : m_curve(curve), m_point(point) {}
 
+    /// The curve, as far as it is known.
     [[nodiscard]] const EcCurve& curve() const noexcept { return m_curve; }
 
     /// Replaces `out` by the public point as SEC 1 octets, in the form that the certificate has it
@@ -65,9 +72,11 @@ class EccKey {
 /// A certificate's public key.
 class _mvPublicKey {
   public:
+    /// @{
     /// Null when the key is of the other kind.
     [[nodiscard]] const RsaKey* getRsaKey() const noexcept { return std::get_if<RsaKey>(&m_key); }
     [[nodiscard]] const EccKey* getEccKey() const noexcept { return std::get_if<EccKey>(&m_key); }
+    /// @}
 
     /// Reads a SubjectPublicKeyInfo (RFC 5280 4.1.2.7). False when it is malformed or of a
     /// kind that keyKindOf() calls 0; the key is then untouched.
@@ -79,9 +88,9 @@ class _mvPublicKey {
 
 /// Kind and sizes of a SubjectPublicKeyInfo's key without copying it.
 struct KeyKind {
-    KeyType type = kOtherKey;
-    int bits = 0;           ///< of the modulus or the field; 0 for other keys
-    int signatureSize = 0;  ///< in bytes: the modulus, or r and s below the order
+    KeyType type = kOtherKey;  ///< RSA, EC, or other
+    int bits = 0;              ///< of the modulus or the field; 0 for other keys
+    int signatureSize = 0;     ///< in bytes: the modulus, or r and s below the order
 };
 
 /// As Certificate::getCertKeyType() has it; RSA keys of fewer than 512 or more than 16384 bits are
@@ -91,12 +100,12 @@ KeyKind keyKindOf(der::Bytes spki) noexcept;
 /// Content octets of the key algorithm's identifier; empty when that is malformed.
 der::Bytes keyAlgorithmOf(der::Bytes spki) noexcept;
 
-/// The parameters of an EC key, EcpkParameters, and its point as it is in the SubjectPublicKeyInfo;
-/// both empty for other keys.
+/// The parts of an EC key in a SubjectPublicKeyInfo.
 struct EcKeyParts {
-    der::Bytes parameters;
-    der::Bytes point;
+    der::Bytes parameters;  ///< EcpkParameters
+    der::Bytes point;       ///< as it is there
 };
+/// Both parts empty for other keys.
 EcKeyParts ecKeyPartsOf(der::Bytes spki) noexcept;
 
 /// Whether the key is for RSASSA-PSS alone (RFC 4055 1.2).

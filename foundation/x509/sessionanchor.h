@@ -46,9 +46,11 @@ class Pkcs11SessionOwner {
 /// pointer to it, so nothing can dangle.
 class Pkcs11LinkOwner {
   public:
+    /// Of the owner's anchor.
     explicit Pkcs11LinkOwner(std::weak_ptr<Pkcs11SessionAnchor> anchor) noexcept
         : m_anchor(std::move(anchor)) {}
 
+    /// Whether that object is the owner, and lives.
     [[nodiscard]] bool operator==(const Pkcs11SessionOwner* object) const noexcept {
         return object != nullptr && m_anchor.lock() == object->sessionAnchor();
     }

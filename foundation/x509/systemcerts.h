@@ -25,7 +25,7 @@ class SystemCerts {
 /// An object's reference to a store, which is created on first use. Any thread may call any method.
 class SystemCertsHolder {
   public:
-    using Ptr = std::shared_ptr<SystemCerts>;
+    using Ptr = std::shared_ptr<SystemCerts>;  ///< a share of a store
 
     /// The store, created if there is none; never null.
     [[nodiscard]] Ptr getSystemCertsPtr();
