@@ -4,6 +4,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <system_error>
 
@@ -65,18 +67,17 @@ std::optional<std::string> readSmallFile(const std::string& path, std::string& r
     if (isOpenToAll(found) || isOpenToAll(path.substr(0, path.find_last_of('/'))))
         return refuse("can be changed by every user of this machine");
     if (!isOwnerTrusted(found)) return refuse("belongs to another user");
-    std::string text(kMaxSize + 1, '\0');
-    std::size_t size = 0;
-    while (size < text.size()) {
-        const ssize_t got = ::read(file.get(), text.data() + size, text.size() - size);
+    std::string text;
+    std::array<char, 4096> room;  // NOLINT(*-member-init): filled by read()
+    while (text.size() <= kMaxSize) {
+        const std::size_t wanted = std::min(room.size(), kMaxSize + 1 - text.size());
+        const ssize_t got = ::read(file.get(), room.data(), wanted);
         if (got < 0 && errno == EINTR) continue;
         if (got < 0) return refuse("cannot be read: " + errorText());
-        if (got == 0) break;
-        size += static_cast<std::size_t>(got);
+        if (got == 0) return text;
+        text.append(room.data(), static_cast<std::size_t>(got));
     }
-    if (size > kMaxSize) return refuse("is larger than 64 KiB");
-    text.resize(size);
-    return text;
+    return refuse("is larger than 64 KiB");
 }
 
 }  // namespace mervane

@@ -26,6 +26,8 @@ token_packages=(softhsm2 opensc openssl)
 test_packages=(libgtest-dev libgmock-dev libssl-dev python3 python3-jsonschema p11-kit-modules libp11-kit-dev valgrind ca-certificates
   python3-cryptography-vectors gnutls-bin pcscd vsmartcard-vpcd libnss3 opensc-pkcs11 pkg-config bash-completion zsh fish mandoc)
 
+package_packages=(build-essential debhelper doxygen devscripts lintian)
+
 # softhsm_module: prints the path of the SoftHSM 2 module, which varies between distributions.
 softhsm_module() {
   local found

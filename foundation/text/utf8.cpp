@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <array>
-#include <charconv>
+#include <cstdio>
 
 #include "foundation/text/codepoint.h"
 
@@ -46,14 +46,9 @@ constexpr bool inAny(const std::array<Range, N>& ranges, std::uint32_t c) noexce
 }
 
 void appendEscape(std::string& out, std::uint32_t c) {
-    std::array<char, 8> digits{};
-    const char* const end = std::to_chars(digits.data(), digits.data() + digits.size(), c, 16).ptr;
-    const std::string_view hex(digits.data(), static_cast<std::size_t>(end - digits.data()));
-    if (c > 0xFF) {
-        out.append("\\u{").append(hex).append("}");
-        return;
-    }
-    out.append(c < 0x10 ? "\\x0" : "\\x").append(hex);
+    std::array<char, 16> room{};
+    const int size = std::snprintf(room.data(), room.size(), c > 0xFF ? "\\u{%x}" : "\\x%02x", c);
+    out.append(room.data(), static_cast<std::size_t>(size));
 }
 
 }  // namespace
