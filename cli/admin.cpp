@@ -111,12 +111,16 @@ Exit runSetPin(ClsPkcs11& p11, const Options& options) {
 Exit runInitPin(ClsPkcs11& p11, const Options& options) {
     const Pins pins(options);
     const TokenInfo token = openForWriting(p11, options);
+    if (options.ifUnset && token.isUserPinSet) {
+        sayDone(options, "changed", false, "The user PIN is set already; nothing was changed.");
+        return Exit::Done;
+    }
     XString soPin;
     XString newPin;
     pins.read(options.soPin, {.isOfficers = true, .isNew = false}, token, soPin);
     pins.read(options.newPin, {.isOfficers = false, .isNew = true}, token, newPin);
     if (!p11.Login(0, soPin) || !p11.InitPin(newPin)) throwLastFailure(p11);
-    sayDone(options, "ok", true, "The user PIN was set.");
+    sayDone(options, options.ifUnset ? "changed" : "ok", true, "The user PIN was set.");
     return Exit::Done;
 }
 

@@ -98,6 +98,7 @@ class Listing {
         if (!m_p11.FindAllCerts()) throwLastFailure(m_p11);
         m_numLeftOut = m_p11.get_NumLeftOut();
         for (int i = 0; m_isMatched && i < m_p11.get_NumCerts(); ++i) match(i);
+        m_numLeftOut += m_numKeysLeftOut;
         m_options.json ? printJson() : printTable();
         sayLeftOut(m_numLeftOut);
         sayWhatIsUncertain();
@@ -112,10 +113,7 @@ class Listing {
     void match(int index) {
         ClsCert cert;
         take(index, cert);
-        LogNull log;
-        const bool isLinked = m_p11.linkCertToPkcs11Session(cert.getCert().get(), true, log);
-        if (!isLinked && m_p11.lastFailure().kind != FailureKind::NotFound) throwLastFailure(m_p11);
-        m_numLeftOut += m_p11.get_NumLeftOut();
+        m_numKeysLeftOut = std::max(m_numKeysLeftOut, linkKey(m_p11, cert, m_options));
         m_keys.push_back(
             keyViewOf(m_p11, cert, m_opened.token, m_opened.isLoggedIn, m_options.explain));
     }
@@ -180,6 +178,7 @@ class Listing {
     OpenedToken m_opened;
     std::vector<KeyView> m_keys;
     int m_numLeftOut = 0;
+    int m_numKeysLeftOut = 0;  // the same ones for every certificate that meets them
 };
 
 }  // namespace

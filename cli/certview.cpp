@@ -162,6 +162,14 @@ std::string read(ClsCert& cert, TextProperty property) {
     return std::string(text.view());
 }
 
+int linkKey(ClsPkcs11& p11, ClsCert& cert, const Options& options) {
+    LogNull silent;
+    LogBase& log = options.log ? static_cast<LogBase&>(p11.log()) : silent;
+    const bool isLinked = p11.linkCertToPkcs11Session(cert.getCert().get(), true, log);
+    if (!isLinked && p11.lastFailure().kind != FailureKind::NotFound) throwLastFailure(p11);
+    return p11.get_NumLeftOut();
+}
+
 KeyView keyViewOf(ClsPkcs11& p11, ClsCert& cert, const TokenInfo& token, bool isLoggedIn,
                   bool isExplained) {
     KeyView key;

@@ -5,6 +5,7 @@
 
 #include <mervane/pkcs11/clspkcs11.h>
 
+#include "options.h"
 #include "output.h"
 
 namespace mervane::cli {
@@ -23,6 +24,10 @@ struct KeyView {
         return link && mervane::isGuess(link->facts.rule);
     }
 };
+
+/// Links the certificate to its private key, if it has one. Returns the number of keys that could
+/// not be read; throws if the key could not be looked for.
+int linkKey(ClsPkcs11& p11, ClsCert& cert, const Options& options);
 
 /// The key of a certificate for which linking has been tried.
 KeyView keyViewOf(ClsPkcs11& p11, ClsCert& cert, const TokenInfo& token, bool isLoggedIn,

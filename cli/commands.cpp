@@ -50,7 +50,7 @@ constexpr std::array kCommands = {
                 "let every key sign, and verify that with its certificate", runTest},
     CommandSpec{"set-pin", "", 0, 0, kToken | kUser | kPin | kSoPin | kNewPin,
                 "change the PIN from --pin to --new-pin", runSetPin},
-    CommandSpec{"init-pin", "", 0, 0, kToken | kSoPin | kNewPin,
+    CommandSpec{"init-pin", "", 0, 0, kToken | kSoPin | kNewPin | kIfUnset,
                 "set the user PIN to --new-pin, as the security officer (--so-pin)", runInitPin},
     CommandSpec{"init-token", "LABEL", 1, 1, kToken | kSoPin | kYes | kIfUninitialised,
                 "initialise a token with --so-pin; destroys everything on it", runInitToken},

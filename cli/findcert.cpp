@@ -21,8 +21,10 @@ namespace mervane::cli {
 namespace {
 
 // The one certificate that fits; copies of it count as one.
-void findWhere(ClsPkcs11& p11, const std::function<bool(ClsCert&)>& fits, ClsCert& cert) {
+void findWhere(ClsPkcs11& p11, const std::function<bool(ClsCert&)>& fits, ClsCert& cert,
+               int& numLeftOut) {
     if (!p11.FindAllCerts()) throwLastFailure(p11);
+    numLeftOut = p11.get_NumLeftOut();
     std::vector<int> fitting;
     std::vector<std::uint8_t> first;
     for (int i = 0; i < p11.get_NumCerts(); ++i) {
@@ -45,19 +47,21 @@ void findWhere(ClsPkcs11& p11, const std::function<bool(ClsCert&)>& fits, ClsCer
 }
 
 void choose(ClsPkcs11& p11, const Part& part, const Options& options, const std::string& value,
-            ClsCert& cert) {
+            ClsCert& cert, int& numLeftOut) {
     const auto property = part.name == "label"    ? &ClsCert::get_Label
                           : part.name == "id"     ? &ClsCert::get_CkaId
                           : part.name == "sha256" ? &ClsCert::get_Sha256Thumbprint
                                                   : nullptr;
     if (property != nullptr) {
         findWhere(
-            p11, [&](ClsCert& checked) { return read(checked, property) == value; }, cert);
+            p11, [&](ClsCert& checked) { return read(checked, property) == value; }, cert,
+            numLeftOut);
         return;
     }
     const bool isFound = part.name == "privateKey"
                              ? p11.FindSigner({}, cert)
                              : p11.FindCert(partNameFor(options.arguments[0]), value, cert);
+    numLeftOut = p11.get_NumLeftOut();
     if (!isFound) throwLastFailure(p11);
 }
 
@@ -94,12 +98,12 @@ std::string nearMiss(ClsPkcs11& p11, const Part& part, const std::string& word,
 }
 
 // The certificate that the URI names, by ID and label.
-void findByUri(ClsPkcs11& p11, const Pkcs11Uri& uri, ClsCert& cert) {
+void findByUri(ClsPkcs11& p11, const Pkcs11Uri& uri, ClsCert& cert, int& numLeftOut) {
     const auto fits = [&](ClsCert& checked) {
         const Pkcs11Uri has = uriOfCert(TokenInfo(), checked);
         return (!uri.id || uri.id == has.id) && (!uri.object || uri.object == has.object);
     };
-    findWhere(p11, fits, cert);
+    findWhere(p11, fits, cert, numLeftOut);
 }
 
 int indexOf(ClsPkcs11& p11, ClsCert& wanted) {
@@ -157,20 +161,17 @@ Exit runFindCert(ClsPkcs11& p11, const Options& options) {
     if (isToOutput && options.json) usageError("--out - and --json cannot both be printed.");
     const OpenedToken opened = openToken(p11, options, mayAsk ? LoginIf::Needed : LoginIf::Told);
     ClsCert cert;
+    int numLeftOut = 0;
     try {
-        isByUri ? findByUri(p11, *options.uri, cert) : choose(p11, part, options, value, cert);
+        isByUri ? findByUri(p11, *options.uri, cert, numLeftOut)
+                : choose(p11, part, options, value, cert, numLeftOut);
     } catch (CommandError& error) {
+        sayLeftOut(numLeftOut);
         if (error.status == Exit::NotFound && part.takesValue && error.hint.empty())
             error.hint = nearMiss(p11, part, options.arguments[0], value);
         throw;
     }
-    int numLeftOut = p11.get_NumLeftOut();
-    if (!cert.HasPrivateKey()) {
-        LogNull log;
-        const bool isLinked = p11.linkCertToPkcs11Session(cert.getCert().get(), true, log);
-        if (!isLinked && p11.lastFailure().kind != FailureKind::NotFound) throwLastFailure(p11);
-        numLeftOut += p11.get_NumLeftOut();
-    }
+    if (!cert.HasPrivateKey()) numLeftOut += linkKey(p11, cert, options);
     const KeyView key = keyViewOf(p11, cert, opened.token, opened.isLoggedIn, options.explain);
     if (options.out) save(cert, *options.out);
     sayLeftOut(numLeftOut);
@@ -180,6 +181,7 @@ Exit runFindCert(ClsPkcs11& p11, const Options& options) {
         JsonPrinter document;
         document.member("loggedIn", JsonValue(opened.isLoggedIn));
         printCert(document, cert, {indexOf(p11, cert), opened.token, options.pem}, &key);
+        if (numLeftOut != 0) document.member("leftOut", JsonValue(numLeftOut));
         document.finish();
     } else if (!isToOutput) {
         printFound(cert, key);

@@ -5,9 +5,6 @@
 
 #include "locatetoken.h"
 
-#include <dlfcn.h>
-#include <link.h>
-
 #include <algorithm>
 #include <filesystem>
 
@@ -22,15 +19,6 @@ constexpr const char* kNoModuleHint =
 
 constexpr const char* kSeveralHint =
     "Choose one with --uri, --token-label or --token-serial, or name the module with --module.";
-
-// Where the dynamic loader finds a library by its name, or the name if it does not.
-std::string pathOnSearchPath(const std::string& name) {
-    // Kept: it is loaded again at once.
-    void* const library = ::dlopen(name.c_str(), RTLD_NOW | RTLD_LOCAL);
-    const link_map* map = nullptr;
-    const bool isFound = library != nullptr && ::dlinfo(library, RTLD_DI_LINKMAP, &map) == 0;
-    return isFound && *map->l_name != '\0' ? map->l_name : name;
-}
 
 std::vector<ModuleInfo> allModules() {
     std::vector<ModuleInfo> modules;

@@ -159,6 +159,8 @@ constexpr std::array kOptions = {
     OptionSpec{kIfUninitialised, "--if-uninitialised", "", "",
                "change nothing if a token with that label is initialised already",
                [](Options& o, Value) { o.ifUninitialised = true; }},
+    OptionSpec{kIfUnset, "--if-unset", "", "", "change nothing if the user PIN is set already",
+               [](Options& o, Value) { o.ifUnset = true; }},
     OptionSpec{
         kOut, "--out", "", "FILE",
         "write to FILE; - is standard output; a certificate as DER if the name ends in .der, else "

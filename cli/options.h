@@ -48,6 +48,7 @@ struct Options {
     bool wide = false;
     bool yes = false;
     bool ifUninitialised = false;
+    bool ifUnset = false;
     bool help = false;
     bool version = false;
 };
@@ -88,6 +89,7 @@ enum OptionBit : std::uint64_t {
     kUri = 1ULL << 31,
     kInitArgs = 1ULL << 32,
     kTimeout = 1ULL << 33,
+    kIfUnset = 1ULL << 34,
 };
 
 /// One option, for parsing and help.

@@ -11,10 +11,11 @@
 namespace mervane::cli {
 namespace {
 
+bool isOrAny(const auto& wanted, const auto& value) {
+    return !wanted || *wanted == value;
+}
+
 bool fits(const TokenInfo& token, const TokenChoice& choice) {
-    const auto isOrAny = [](const auto& wanted, const auto& value) {
-        return !wanted || *wanted == value;
-    };
     return token.isReadable && isOrAny(choice.slotId, token.slotId) &&
            isOrAny(choice.label, token.label) && isOrAny(choice.serialNumber, token.serialNumber) &&
            isOrAny(choice.manufacturer, token.manufacturer) && isOrAny(choice.model, token.model);
@@ -68,9 +69,18 @@ TokenInfo tokenToInitialise(ClsPkcs11& p11, const TokenChoice& choice) {
     std::vector<TokenInfo> tokens;
     if (!p11.ListTokens(tokens)) throwLastFailure(p11);
     const bool isNamed = choice.slotId || choice.label || choice.serialNumber;
+    const auto unread = std::ranges::find_if(tokens, [&](const TokenInfo& token) {
+        return !token.isReadable && isOrAny(choice.slotId, token.slotId);
+    });
+    const std::string unreadSlot =
+        unread == tokens.end() ? std::string() : std::to_string(unread->slotId);
     std::erase_if(tokens, [&](const TokenInfo& token) {
         return !fits(token, choice) || (!isNamed && token.isInitialised);
     });
+    if (tokens.empty() && !unreadSlot.empty())
+        throw CommandError{Exit::Module,
+                           "The token in slot " + unreadSlot + " cannot be read; --log says why.",
+                           {}};
     if (tokens.empty() && isNamed)
         throw CommandError{Exit::NoToken, "There is no such token.",
                            "mervane-p11 discover lists the tokens."};

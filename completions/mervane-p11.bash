@@ -43,7 +43,7 @@ _mervane_p11() {
         sign) options='--module --init-args --uri --slot --token-label --token-serial --timeout --login --pin --no-login --out --out-dir --cert --format --attached --chain --hash --padding --sign-pin --json --log --help'; values='' ;;
         test) options='--module --init-args --uri --slot --token-label --token-serial --timeout --login --pin --no-login --wide --sign-pin --json --log --help'; values='' ;;
         set-pin) options='--module --init-args --uri --slot --token-label --token-serial --timeout --user --pin --so-pin --new-pin --json --log --help'; values='' ;;
-        init-pin) options='--module --init-args --uri --slot --token-label --token-serial --timeout --so-pin --new-pin --json --log --help'; values='' ;;
+        init-pin) options='--module --init-args --uri --slot --token-label --token-serial --timeout --so-pin --new-pin --if-unset --json --log --help'; values='' ;;
         init-token) options='--module --init-args --uri --slot --token-label --token-serial --timeout --so-pin --yes --if-uninitialised --json --log --help'; values='' ;;
         atr) options='--json --log --help'; values='' ;;
         card-data) options='--json --log --help'; values='' ;;

@@ -39,6 +39,7 @@ complete -c mervane-p11 -n '__fish_seen_subcommand_from certs find-cert match' -
 complete -c mervane-p11 -n '__fish_seen_subcommand_from readers modules tokens discover certs match keys test' -l wide -d 'all columns, even on a terminal'
 complete -c mervane-p11 -n '__fish_seen_subcommand_from init-token' -l yes -d 'destroy what is on the token without asking'
 complete -c mervane-p11 -n '__fish_seen_subcommand_from init-token' -l if-uninitialised -d 'change nothing if a token with that label is initialised already'
+complete -c mervane-p11 -n '__fish_seen_subcommand_from init-pin' -l if-unset -d 'change nothing if the user PIN is set already'
 complete -c mervane-p11 -n '__fish_seen_subcommand_from find-cert sign' -l out -r -F -d 'write to FILE; - is standard output; a certificate as DER if the name ends in .der, else as PEM'
 complete -c mervane-p11 -n '__fish_seen_subcommand_from sign' -l out-dir -x -a '(__fish_complete_directories)' -d 'write the signatures into DIR, as NAME.p7s or NAME.sig'
 complete -c mervane-p11 -n '__fish_seen_subcommand_from sign' -l cert -x -d 'sign with the certificate that fits; may be given more than once'

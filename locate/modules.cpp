@@ -4,7 +4,9 @@
 
 #include "locate/modules.h"
 
+#include <dlfcn.h>
 #include <glob.h>
+#include <link.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -199,6 +201,15 @@ bool listModules(std::vector<ModuleInfo>& modules, std::vector<std::string>& com
         complaints.swap(said);
         return true;
     });
+}
+
+std::string pathOnSearchPath(const std::string& name) {
+    // A damaged library would end the process; who loads it by its path is told why.
+    if (whyNotLoadable(name.c_str())) return findLibrary(name);
+    void* const library = ::dlopen(name.c_str(), RTLD_NOW | RTLD_LOCAL);
+    const link_map* map = nullptr;
+    const bool isFound = library != nullptr && ::dlinfo(library, RTLD_DI_LINKMAP, &map) == 0;
+    return isFound && *map->l_name != '\0' ? map->l_name : name;
 }
 
 std::string moduleNameOf(std::string_view path) {

@@ -61,6 +61,10 @@ std::string_view nameOf(ModuleInfo::Origin origin) noexcept;
 bool listModules(std::vector<ModuleInfo>& modules, std::vector<std::string>& complaints,
                  LogBase& log);
 
+/// Where the dynamic loader finds the library of this name, which has no slash; the name itself if
+/// it does not. Loads the library, unless it is damaged, and leaves it loaded. Any thread.
+std::string pathOnSearchPath(const std::string& name);
+
 /// A module's name, from that of its file: without folder, "lib", "-pkcs11" and ".so".
 std::string moduleNameOf(std::string_view path);
 

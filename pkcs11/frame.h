@@ -19,7 +19,7 @@ inline void settleAfterFork(ClsBase& object, Calls& calls) {
     if (!calls.use.hasForked()) return;
     if (object.takeWasHeldAtFork()) {
         object.log().abandon();
-        calls.use.abandonAfterFork();
+        calls.abandonAfterFork();
     } else {
         object.log().forgetOpenContexts();
     }

@@ -38,6 +38,14 @@ bool areCStrings(Calls& calls, std::initializer_list<const XString*> texts, LogB
                       "A PIN or label with a NUL character in it is refused.");
 }
 
+// The module was found by its file name alone, and nothing stands at its path since.
+bool isLoadedByBareName(const Pkcs11State& state) {
+    StringBuffer bare(state.m_sharedLibPath.view());
+    return state.m_libHandle != nullptr && bare.stripDirectory() &&
+           bare.equals(state.m_loadedLibPath.view()) &&
+           !FileSys::fileExistsUtf8(state.m_sharedLibPath.getUtf8(), nullptr, nullptr);
+}
+
 // Part of the summary of every method that needs the module: a path that was set since does not
 // count until the next load.
 void noteOtherModule(const Pkcs11State& state, LogBase& log) {
@@ -45,7 +53,7 @@ void noteOtherModule(const Pkcs11State& state, LogBase& log) {
     bare.stripDirectory();
     const std::string_view loaded = state.m_loadedLibPath.view();
     if (loaded.empty() || bare.isEmpty() || loaded == state.m_sharedLibPath.view() ||
-        loaded == bare.view())
+        isLoadedByBareName(state))
         return;
     log.LogInfo("The module in use is " + std::string(loaded) + "; SharedLibPath names " +
                 std::string(state.m_sharedLibPath.view()) + ", which is loaded by Discover.");
@@ -63,14 +71,6 @@ std::string whyMissing(const XString& path) {
 // A path that could not be loaded has taken the module away that was initialised.
 bool isInUse(const Calls& calls) noexcept {
     return calls.state.m_initialized && calls.use.functions() != nullptr;
-}
-
-// The module was found by its file name alone, and nothing stands at its path since.
-bool isLoadedByBareName(const Pkcs11State& state) {
-    StringBuffer bare(state.m_sharedLibPath.view());
-    return state.m_libHandle != nullptr && bare.stripDirectory() &&
-           bare.equals(state.m_loadedLibPath.view()) &&
-           !FileSys::fileExistsUtf8(state.m_sharedLibPath.getUtf8(), nullptr, nullptr);
 }
 
 }  // namespace
@@ -144,11 +144,13 @@ bool ClsPkcs11::Initialize() {
 
 Failure ClsPkcs11::lastFailure() {
     const CritSecExitor lock(*this);
+    settleAfterFork(*this, *m_calls);
     return m_calls->failure;
 }
 
 int ClsPkcs11::get_NumLeftOut() {
     const CritSecExitor lock(*this);
+    settleAfterFork(*this, *m_calls);
     return m_calls->numLeftOut;
 }
 
@@ -369,8 +371,8 @@ bool ClsPkcs11::QuickSession(int userType, const XString& pin) {
         const auto failed = [&](std::string_view sentence) {
             return m_calls->fail(log, FailureKind::ModuleFailed, sentence);
         };
-        if (!areCStrings(*m_calls, {&pin}, log)) return false;
         if (!isInUse(*m_calls) && !C_Initialize(log)) return failed("Failed to initialize");
+        if (!areCStrings(*m_calls, {&pin}, log)) return false;
         if (!openSession(-1, true, log)) return failed("Failed to open session.");
         if (pin.isEmpty()) {
             log.LogInfo("PIN is empty, not logging in.");

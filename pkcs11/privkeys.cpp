@@ -29,6 +29,10 @@
 // A trap: rules 2 and 3 run before the retry only if an earlier search has read those values; the
 // order of the log lines depends on it.
 //
+// A key that could not be read may be the one. So where no certain rule finds any, the keys are
+// read once more, and the search fails if that does not help: "not read" is not "not there", and no
+// guess is made then. Only the only key beside the only certificate is taken even so.
+//
 // A link keeps the rule that found the key. The token itself may refute a guess: checkGuess
 // compares the key's own modulus or point. Why the other keys were not taken is worked out on
 // request (explain), from everything that the token shows of them.
@@ -53,6 +57,9 @@ namespace {
 // At most this many keys that fit a certificate but may not sign are named in the log; no real
 // token lists thousands under one ID.
 constexpr int kMaxNamed = 100;
+
+constexpr std::string_view kUnread =
+    "A private key could not be read that may be the certificate's own.";
 
 const Pkcs11_PrivateKey* keyAt(const ExtPtrArray& keys, int position) noexcept {
     return static_cast<const Pkcs11_PrivateKey*>(keys.elementAt(position));
@@ -186,26 +193,31 @@ bool findRsaKey(Calls& calls, Certificate& cert, KeySearch how, FoundKey& found,
     if (!operation::cacheRsaKeys(calls, !how.quick, log)) return false;
     const int numRsaKeys = state.m_rsaPrivKeys.getSize();
     log.LogDataLong("numRsaKeys", numRsaKeys);
+    const auto byId = [&] { return take(rsaKeyById(state, cert, true, log), KeyRule::Id, found); };
     const auto bySubjectOrModulus = [&] {
         return (state.m_rsaKeysHaveSubject &&
                 take(rsaKeyBySubject(state, cert, true, log), KeyRule::Subject, found)) ||
                (state.m_rsaKeysHaveModulus &&
                 take(rsaKeyByModulus(state, cert, true, log), KeyRule::Modulus, found));
     };
-    if (take(rsaKeyById(state, cert, true, log), KeyRule::Id, found) || bySubjectOrModulus())
-        return true;
+    if (byId() || bySubjectOrModulus()) return true;
     if (numRsaKeys == 1 && state.m_certs.getSize() == 1 &&
         keyAt(state.m_rsaPrivKeys, 0) != nullptr) {
         // Whether it may sign does not matter here: there is no other.
         log.LogInfo("Using only possible private key");
         return take(keyAt(state.m_rsaPrivKeys, 0), KeyRule::OnlyKey, found);
     }
+    const bool isUnread = state.m_isRsaKeyUnread && !state.m_rsaKeysReread;
+    const bool lacksValues = !(state.m_rsaKeysHaveSubject && state.m_rsaKeysHaveModulus);
     bool couldLook = true;
-    if (numRsaKeys >= 1 && !(state.m_rsaKeysHaveSubject && state.m_rsaKeysHaveModulus)) {
+    if (numRsaKeys >= 1 && (lacksValues || isUnread)) {
         const LogContextExitor retry(log, "retry_subjectDer_modulus");
+        if (isUnread) calls.state.m_rsaKeysLoaded = false;
+        calls.state.m_rsaKeysReread = isUnread;
         couldLook = operation::cacheRsaKeys(calls, true, log);
-        if (couldLook && bySubjectOrModulus()) return true;
+        if (couldLook && ((isUnread && byId()) || bySubjectOrModulus())) return true;
     }
+    if (couldLook && state.m_isRsaKeyUnread) couldLook = calls.failForLoss(log, kUnread);
     log.LogInfo("No matching RSA private key found.");
     return couldLook;
 }
@@ -227,10 +239,23 @@ bool findEcKey(Calls& calls, Certificate& cert, KeySearch how, FoundKey& found, 
         log.LogInfo("Found matching PKCS11 ECDSA private key.");
         return take(keyAt(state.m_ecdsaPrivKeys, at), rule, found);
     };
-    if (find(KeyRule::Id, &Pkcs11_PrivateKey::m_keyId, {&cert.tokenInfo().ckaId})) return true;
+    const auto byId = [&] {
+        return find(KeyRule::Id, &Pkcs11_PrivateKey::m_keyId, {&cert.tokenInfo().ckaId});
+    };
+    const auto byPoint = [&] {
+        return find(KeyRule::Point, &Pkcs11_PrivateKey::m_ecPoint, {&point, &otherForm});
+    };
+    if (byId()) return true;
     // The token's points are better evidence than the guess below, at the price of reading them.
     if (hasPoint && !operation::cacheEcKeys(calls, true, log)) return false;
-    if (find(KeyRule::Point, &Pkcs11_PrivateKey::m_ecPoint, {&point, &otherForm})) return true;
+    if (byPoint()) return true;
+    if (state.m_isEcdsaKeyUnread && !state.m_ecdsaKeysReread) {
+        calls.state.m_ecdsaKeysLoaded = false;
+        calls.state.m_ecdsaKeysReread = true;
+        if (!operation::cacheEcKeys(calls, hasPoint, log)) return false;
+        if (byId() || byPoint()) return true;
+    }
+    if (state.m_isEcdsaKeyUnread) return calls.failForLoss(log, kUnread);
     if (keyAt(state.m_ecdsaPrivKeys, 0) == nullptr) return true;
     log.LogInfo("Using first PKCS11 ECDSA private key");
     take(keyAt(state.m_ecdsaPrivKeys, 0), KeyRule::FirstKey, found);

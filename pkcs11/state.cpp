@@ -40,6 +40,7 @@ void Pkcs11State::clearPrivateKeyCaches() noexcept {
     m_rsaKeysLoaded = false;
     m_ecdsaPrivKeys.removeAllObjects();
     m_ecdsaKeysLoaded = false;
+    m_rsaKeysReread = m_ecdsaKeysReread = false;
 }
 
 void Pkcs11State::clearSessionData(LogBase& log) {

@@ -63,7 +63,12 @@ struct Pkcs11State {
     XString m_sigContextPin;  // kept until it is set anew
     XString m_initArgs;       // for C_Initialize; mostly empty
 
-    bool m_ecdsaKeysHavePoints = false;    // of the last fill of m_ecdsaPrivKeys
+    bool m_ecdsaKeysHavePoints = false;  // of the last fill of m_ecdsaPrivKeys
+    // Some key of the last fill could not be read, or its point: it may be the one that is wanted.
+    bool m_isRsaKeyUnread = false;
+    bool m_isEcdsaKeyUnread = false;
+    bool m_rsaKeysReread = false;  // for that reason, and in vain: not again for each certificate
+    bool m_ecdsaKeysReread = false;
     std::unique_ptr<KeyIndex> m_rsaIndex;  // over the two caches
     std::unique_ptr<KeyIndex> m_ecdsaIndex;
     std::unique_ptr<KeyNotebook> m_keyNotes;

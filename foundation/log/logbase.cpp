@@ -2,6 +2,7 @@
 
 #include <array>
 #include <charconv>
+#include <memory>
 
 #include "foundation/text/ascii.h"
 #include "foundation/text/stringbuffer.h"
@@ -39,6 +40,18 @@ void LogBase::LogDataLong(std::string_view name, long value) noexcept {
 
 void LogBase::LogDataUnsigned(std::string_view name, unsigned long value) noexcept {
     write(Kind::Data, name, Decimal(value).view());
+}
+
+void LogBase::setOptions(std::string_view keywords) {
+    std::string fresh(keywords);
+    m_isSettingOptions = true;
+    m_options.swap(fresh);
+    m_isSettingOptions = false;
+}
+
+void LogBase::settleOptions() noexcept {
+    if (m_isSettingOptions) std::construct_at(&m_options);
+    m_isSettingOptions = false;
 }
 
 bool LogBase::hasOption(std::string_view keyword) const noexcept {

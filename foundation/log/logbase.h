@@ -47,7 +47,7 @@ class LogBase {
 
     /// Keywords that change what calls do. They travel with the log because it reaches every
     /// internal method.
-    void setOptions(std::string_view keywords) { m_options = keywords; }
+    void setOptions(std::string_view keywords);
     /// Whether `keyword` occurs anywhere in the options, in any letter case.
     [[nodiscard]] bool hasOption(std::string_view keyword) const noexcept;
 
@@ -60,11 +60,15 @@ class LogBase {
     virtual void enterContext(std::string_view name) noexcept = 0;
     virtual void leaveContext() noexcept = 0;
     /// @}
+    /// In a forked child: if another thread was setting the options at the fork, they are forgotten
+    /// and not freed.
+    void settleOptions() noexcept;
 
   private:
     friend class LogContextExitor;
 
     std::string m_options;
+    bool m_isSettingOptions = false;
 };
 
 /// A log that discards everything.

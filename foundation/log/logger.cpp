@@ -221,6 +221,7 @@ void _mvLogger::abandon() noexcept {
     std::construct_at(&m_calls);
     m_numDropped = m_stored = 0;
     m_depth = 0;
+    settleOptions();
 }
 
 void _mvLogger::clear() noexcept {

@@ -1,5 +1,6 @@
 #include "foundation/system/sharedobject.h"
 
+#include <dlfcn.h>
 #include <elf.h>
 #include <fcntl.h>
 #include <link.h>
@@ -9,10 +10,12 @@
 #include <algorithm>
 #include <bit>
 #include <cerrno>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <limits>
 #include <span>
+#include <string>
 #include <string_view>
 #include <system_error>
 #include <vector>
@@ -120,6 +123,13 @@ Reason checkKind(const Header& header) {
     return "of ELF type " + std::to_string(header.e_type);
 }
 
+bool isForOtherMachines(const Header& header) {
+    const Header* const own = &__ehdr_start;
+    return std::memcmp(header.e_ident, ELFMAG, SELFMAG) == 0 &&
+           (header.e_ident[EI_CLASS] != kOwnClass || header.e_ident[EI_DATA] != kOwnByteOrder ||
+            (own != nullptr && header.e_machine != own->e_machine));
+}
+
 Reason readHeader(const File& file, Header& header) {
     const auto known =
         static_cast<std::size_t>(std::min<std::uint64_t>(file.size(), sizeof(header)));
@@ -194,14 +204,7 @@ Reason checkDynamic(const File& file, std::span<const Segment> segments, std::ui
     return {};
 }
 
-}  // namespace
-
-std::optional<std::string> whyNotLoadable(const char* path) {
-    if (std::strchr(path, '/') == nullptr) return {};
-    File file;
-    if (Reason reason = file.open(path)) return reason;
-    Header header = {};
-    if (Reason reason = readHeader(file, header)) return reason;
+Reason checkContents(const File& file, const Header& header) {
     std::vector<Segment> segments;
     if (Reason reason = readSegments(file, header, segments)) return reason;
     if (Reason reason = checkMapped(file, segments)) return reason;
@@ -210,6 +213,53 @@ std::optional<std::string> whyNotLoadable(const char* path) {
         if (Reason reason = checkDynamic(file, segments, segment.p_vaddr)) return reason;
     }
     return {};
+}
+
+// Where the loader looks for a name without a slash, in its order. Its cache (ld.so.cache) comes
+// before the last ones and is not looked into.
+std::vector<std::string> searchFolders() {
+    void* const self = ::dlopen(nullptr, RTLD_NOW);
+    if (self == nullptr) return {};
+    std::vector<std::string> folders;
+    Dl_serinfo head{};
+    if (::dlinfo(self, RTLD_DI_SERINFOSIZE, &head) == 0) {
+        // Aligned as Dl_serinfo is: operator new gives room for any type.
+        std::vector<std::byte> room(head.dls_size);
+        auto* const list = reinterpret_cast<Dl_serinfo*>(room.data());
+        *list = head;
+        if (::dlinfo(self, RTLD_DI_SERINFO, list) == 0) {
+            for (unsigned i = 0; i < list->dls_cnt; ++i)
+                folders.emplace_back(list->dls_serpath[i].dls_name);
+        }
+    }
+    ::dlclose(self);
+    return folders;
+}
+
+}  // namespace
+
+std::string findLibrary(const std::string& name) {
+    for (const std::string& folder : searchFolders()) {
+        const std::string path = folder + "/" + name;
+        if (::access(path.c_str(), F_OK) != 0) continue;
+        File file;
+        Header header = {};
+        const bool isRead = !file.open(path.c_str()) && !readHeader(file, header);
+        // The loader passes over these, and takes the next one.
+        if (isRead || !isForOtherMachines(header)) return path;
+    }
+    return {};
+}
+
+std::optional<std::string> whyNotLoadable(const char* path) {
+    std::string found = path;
+    if (found.find('/') == std::string::npos) found = findLibrary(found);
+    if (found.empty()) return {};
+    File file;
+    Header header = {};
+    if (Reason reason = file.open(found.c_str())) return reason;
+    if (Reason reason = readHeader(file, header)) return reason;
+    return checkContents(file, header);
 }
 
 }  // namespace mervane

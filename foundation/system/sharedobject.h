@@ -15,9 +15,14 @@ namespace mervane {
 /// dynamic section. Section headers may be cut off or stale. A file that passes may still be
 /// refused by dlopen, with a reason, and contents that are damaged elsewhere are not seen.
 ///
-/// A path without a slash is not checked: dlopen looks for it on the loader's search path. A file
-/// that changes after the check, before dlopen or while it is mapped, cannot be contained.
+/// A name without a slash is looked for on the loader's search path, except in its cache. Libraries
+/// that this one needs are not looked at. A file that changes after the check, before dlopen or
+/// while it is mapped, cannot be contained.
 std::optional<std::string> whyNotLoadable(const char* path);
+
+/// The path of the library that the loader finds by this name without a slash; empty if there is
+/// none on its search path. Loads nothing, and does not know what only the loader's cache knows.
+std::string findLibrary(const std::string& name);
 
 }  // namespace mervane
 

@@ -153,7 +153,7 @@ bool ObjectReader::read(CK_OBJECT_HANDLE object, LogBase& log) {
     if (!rv ||
         (!m_record.m_wasPartial && !m_calls.reportLoss(function::kGetAttributeValue, *rv, log))) {
         log.LogDataUnsigned("objectHandle", object);
-        ++m_calls.numLeftOut;
+        m_calls.leaveOut(object);
         return false;
     }
     for (std::size_t i = 0; i < m_rows.size(); ++i) {

@@ -3,14 +3,24 @@
 #include "pkcs11/calls/calls.h"
 
 #include <exception>
+#include <memory>
 #include <string>
 
 #include "foundation/text/hex.h"
 
 namespace mervane {
 
+void Calls::abandonAfterFork() {
+    use.abandonAfterFork();
+    std::construct_at(&failure);
+    std::construct_at(&lastLoss);
+    std::construct_at(&m_leftOut);
+    numLeftOut = 0;
+}
+
 void Calls::forgetOutcome() noexcept {
     forgetFailure();
+    m_leftOut.clear();
     numLeftOut = 0;
 }
 
@@ -37,6 +47,15 @@ bool Calls::fail(LogBase& log, FailureKind kind, std::string_view sentence) noex
         failure.summary.clear();
     }
     return false;
+}
+
+void Calls::leaveOut(CK_OBJECT_HANDLE object) {
+    if (m_leftOut.insert(object).second) ++numLeftOut;
+}
+
+bool Calls::failForLoss(LogBase& log, std::string_view sentence) {
+    if (failure.kind == FailureKind::None) failure = lastLoss;
+    return fail(log, FailureKind::ModuleFailed, sentence);
 }
 
 void Calls::concerns(CK_SLOT_ID slotId, std::string_view tokenLabel) noexcept {

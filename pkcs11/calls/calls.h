@@ -3,6 +3,8 @@
 
 #include <memory>
 #include <optional>
+#include <set>
+#include <utility>
 
 #include "pkcs11/calls/functions.h"
 #include "pkcs11/calls/guard.h"
@@ -40,8 +42,11 @@ class Calls {
     Pkcs11State& state;
     ModuleUse use;
     Failure failure;     // of the public call that runs, or ran last
+    Failure lastLoss;    // why an object could not be read, the last one that could not
     int numLeftOut = 0;  // objects that it could not read, or did not look at
 
+    /// In a forked child in which the object may be half changed: begins anew, and frees nothing.
+    void abandonAfterFork();
     /// At the start of a public call.
     void forgetOutcome() noexcept;
     /// At the end of one that succeeded.
@@ -54,6 +59,10 @@ class Calls {
     void noteFailure(FailureKind kind, std::string_view cause) noexcept;
     /// Names the slot, and the token if its label is known, that the failure is about.
     void concerns(CK_SLOT_ID slotId, std::string_view tokenLabel = {}) noexcept;
+    /// Counts an object that could not be read, once however often that is tried.
+    void leaveOut(CK_OBJECT_HANDLE object);
+    /// Fails for an object that could not be read: that is the cause.
+    bool failForLoss(LogBase& log, std::string_view sentence);
     /// An information line on what usually helps.
     void hint(LogBase& log, std::string_view sentence) noexcept;
 
@@ -85,7 +94,7 @@ class Calls {
     bool reportLoss(const ModuleFunction<N, Signature>& function, CK_RV rv, LogBase& log) {
         const Failure before = failure;
         if (report(function, rv, log)) return true;
-        if (!endsUse(N, rv)) failure = before;
+        if (!endsUse(N, rv)) lastLoss = std::exchange(failure, before);
         return false;
     }
 
@@ -100,6 +109,7 @@ class Calls {
     bool readyFor(Needs needs, const char* functionName, LogBase& log);
 
     std::uint64_t m_calledSession = 0;  // the one that the last call was made on
+    std::set<CK_OBJECT_HANDLE> m_leftOut;
 };
 
 template <class... Functions>

@@ -49,7 +49,7 @@ std::shared_ptr<Certificate> toCertificate(Calls& calls, const ObjectReader& rea
     }
     if (!cert) {
         log.LogDataUnsigned("objectHandle", handle);
-        ++calls.numLeftOut;
+        calls.leaveOut(handle);
     }
     return cert;
 }

@@ -2,7 +2,8 @@
 //
 // A quick fill reads what settles most searches: CKA_ID and CKA_SIGN. Subjects and moduli are added
 // by a full fill, EC points by a separate pass over the public keys with the same CKA_ID. A cache
-// filled with more is never refilled with less; what it holds stands in the Have flags.
+// filled with more is never refilled with less; what it holds stands in the Have flags. Where a key
+// could not be read, the Unread flag says so, and the caller may have the cache filled again.
 
 #include <algorithm>
 #include <array>
@@ -61,7 +62,8 @@ std::unique_ptr<Pkcs11_PrivateKey> toRecord(const ObjectReader* reader, CK_OBJEC
     return key;
 }
 
-bool readPrivateKeys(Calls& calls, CK_ULONG keyType, bool isFull, ExtPtrArray& keys, LogBase& log) {
+bool readPrivateKeys(Calls& calls, CK_ULONG keyType, bool isFull, ExtPtrArray& keys,
+                     bool& isAnyUnread, LogBase& log) {
     ObjectQuery query(CKO_PRIVATE_KEY);
     query.add(CKA_KEY_TYPE, keyType);
     std::vector<CK_OBJECT_HANDLE> handles;
@@ -75,6 +77,7 @@ bool readPrivateKeys(Calls& calls, CK_ULONG keyType, bool isFull, ExtPtrArray& k
     for (const CK_OBJECT_HANDLE handle : handles) {
         const bool isRead = reader.read(handle, log);
         if (!calls.hasOpenSession()) return false;
+        isAnyUnread = isAnyUnread || !isRead;
         keys.appendObject(toRecord(isRead ? &reader : nullptr, handle, isFull));
     }
     return calls.use.session() == session || calls.sessionChanged(log);
@@ -88,6 +91,7 @@ struct PublicPoints {
         bool isAmbiguous = false;
     };
     std::map<std::vector<std::uint8_t>, Entry> byId;
+    bool isAnyUnread = false;
 
     void add(der::Bytes id, const DataBuffer& point) {
         if (id.empty() || point.isEmpty()) return;
@@ -108,8 +112,9 @@ bool readPublicPoints(Calls& calls, ObjectReader& reader, PublicPoints& points, 
     for (const CK_OBJECT_HANDLE handle : handles) {
         if (reader.read(handle, log)) {
             points.add(reader.bytesOrNone(kPointId), pointOf(reader));
-        } else if (!calls.hasOpenSession()) {
-            return false;
+        } else {
+            if (!calls.hasOpenSession()) return false;
+            points.isAnyUnread = true;
         }
     }
     return true;
@@ -117,10 +122,11 @@ bool readPublicPoints(Calls& calls, ObjectReader& reader, PublicPoints& points, 
 
 // The point of each key, in their order: that of the public key with the same ID; its own, which
 // some modules show on the private key, where there is no such public key or more than one; else
-// none. Read
-// into a list of its own: a module may call back into the object, and the cache change meanwhile.
+// none. Read into a list of its own: a module may call back into the object, and the cache change
+// meanwhile. `isAnyUnread` is set where a key has no point and a public key, or the key itself,
+// could not be read.
 bool readEcPoints(Calls& calls, const ExtPtrArray& keys, std::vector<DataBuffer>& points,
-                  LogBase& log) {
+                  bool& isAnyUnread, LogBase& log) {
     struct Key {
         CK_OBJECT_HANDLE handle;
         DataBuffer id;
@@ -139,11 +145,10 @@ bool readEcPoints(Calls& calls, const ExtPtrArray& keys, std::vector<DataBuffer>
             point = known->point;
             continue;
         }
-        if (reader.read(key.handle, log)) {
-            if (DataBuffer own = pointOf(reader); !own.isEmpty()) point = std::move(own);
-        } else if (!calls.hasOpenSession()) {
-            return false;
-        }
+        const bool isRead = reader.read(key.handle, log);
+        if (!calls.hasOpenSession()) return false;
+        if (isRead) point = pointOf(reader);
+        if (point.isEmpty()) isAnyUnread = isAnyUnread || !isRead || publicPoints.isAnyUnread;
     }
     return true;
 }
@@ -162,8 +167,11 @@ bool cacheRsaKeys(Calls& calls, bool withSubjectAndModulus, LogBase& log) {
     if (state.m_rsaKeysLoaded && (!withSubjectAndModulus || hasBoth)) return true;
     const LogContextExitor context(log, "cacheRsaPrivateKeys");
     ExtPtrArray keys;
-    if (!readPrivateKeys(calls, CKK_RSA, withSubjectAndModulus, keys, log)) return false;
+    bool isAnyUnread = false;
+    if (!readPrivateKeys(calls, CKK_RSA, withSubjectAndModulus, keys, isAnyUnread, log))
+        return false;
     state.m_rsaPrivKeys.swap(keys);
+    state.m_isRsaKeyUnread = isAnyUnread;
     state.m_rsaKeysHaveSubject = state.m_rsaKeysHaveModulus = withSubjectAndModulus;
     state.m_rsaKeysLoaded = true;
     return true;
@@ -175,17 +183,21 @@ bool cacheEcKeys(Calls& calls, bool withEcPoints, LogBase& log) {
     const LogContextExitor context(log, "cacheEcdsaPrivateKeys");
     if (!state.m_ecdsaKeysLoaded) {
         ExtPtrArray keys;
-        if (!readPrivateKeys(calls, CKK_EC, false, keys, log)) return false;
+        bool isAnyUnread = false;
+        if (!readPrivateKeys(calls, CKK_EC, false, keys, isAnyUnread, log)) return false;
         state.m_ecdsaPrivKeys.swap(keys);
+        state.m_isEcdsaKeyUnread = isAnyUnread;
         state.m_ecdsaKeysLoaded = true;
         state.m_ecdsaKeysHavePoints = false;
     }
     if (!withEcPoints) return true;
     const std::uint64_t changes = state.m_ecdsaPrivKeys.changes();
     std::vector<DataBuffer> points;
-    if (!readEcPoints(calls, state.m_ecdsaPrivKeys, points, log)) return false;
+    bool isAnyUnread = state.m_isEcdsaKeyUnread;
+    if (!readEcPoints(calls, state.m_ecdsaPrivKeys, points, isAnyUnread, log)) return false;
     if (state.m_ecdsaPrivKeys.changes() != changes) return calls.sessionChanged(log);
     setPoints(state.m_ecdsaPrivKeys, points);
+    state.m_isEcdsaKeyUnread = isAnyUnread;
     state.m_ecdsaKeysHavePoints = true;
     return true;
 }

@@ -431,7 +431,7 @@ constexpr std::tuple kFunctions(pair(function::kInitialize, &initialize), pair(f
 
 extern "C" World* fakeWorld() {
     static World* const instance = new World(std::getenv("MERVANE_FAKE_EMPTY_SLOT"), std::getenv("MERVANE_FAKE_FAILING"),
-                                             std::getenv("MERVANE_FAKE_FLAGS"));  // NOLINT: lives as long as the module
+                                             std::getenv("MERVANE_FAKE_FLAGS"), std::getenv("MERVANE_FAKE_UNREADABLE"));  // NOLINT: lives as long as the module
     return instance;
 }
 

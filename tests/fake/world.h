@@ -27,6 +27,13 @@ namespace mervane::fake {
 
 using Bytes = std::vector<unsigned char>;
 
+inline Bytes bytesOf(CK_ULONG number) {
+    const auto* const at = reinterpret_cast<const unsigned char*>(&number);
+    return {at, at + sizeof number};
+}
+inline Bytes bytesOf(bool flag) { return {static_cast<unsigned char>(flag ? 1 : 0)}; }
+inline Bytes bytesOf(const char* text) { return {text, text + std::strlen(text)}; }
+
 struct Object {
     CK_OBJECT_HANDLE handle = 0;
     std::map<CK_ATTRIBUTE_TYPE, Bytes> attributes;
@@ -117,8 +124,9 @@ struct State {
 
 struct World : State {
     // For the command-line tool, which cannot reach the world: an empty slot, "FUNCTION CODE" for a function that always
-    // fails ("crash", "hang", "print" and "steal" are codes, too), and the flags of the token.
-    World(const char* withEmptySlot, const char* failing, const char* flags) {
+    // fails ("crash", "hang", "print" and "steal" are codes, too), the flags of the token, a certificate without a value.
+    World(const char* withEmptySlot, const char* failing, const char* flags, const char* withUnreadable) {
+        if (withUnreadable != nullptr) slots.front().objects = {{1, {{CKA_CLASS, bytesOf(CKO_CERTIFICATE)}, {CKA_CERTIFICATE_TYPE, bytesOf(CKC_X_509)}}}};
         if (withEmptySlot != nullptr) slots.push_back({.id = 2, .tokenPresent = false});
         if (flags != nullptr) slots.front().flags = std::stoul(flags, nullptr, 0);
         if (failing == nullptr) return;
@@ -177,12 +185,6 @@ struct World : State {
     }
 };
 
-inline Bytes bytesOf(CK_ULONG number) {
-    const auto* const at = reinterpret_cast<const unsigned char*>(&number);
-    return {at, at + sizeof number};
-}
-inline Bytes bytesOf(bool flag) { return {static_cast<unsigned char>(flag ? 1 : 0)}; }
-inline Bytes bytesOf(const char* text) { return {text, text + std::strlen(text)}; }
 
 }  // namespace mervane::fake
 

@@ -105,6 +105,17 @@ def fail(token, fake_module):
         error = document["error"]
         equal((error["kind"], cause in error["message"], error["hint"] is None), (kind, True, hint == "-"), f"{command} --json {error}")
         equal((error["rvName"] or "") in error["message"], True, command)
+    # An object that cannot be read is counted, whatever comes of it.
+    env = dict(token.env, MERVANE_P11_MODULE=fake_module, MERVANE_FAKE_UNREADABLE="1")
+    for status, command in ((0, "certs"), (0, "match --no-login"), (3, "find-cert label x"), (3, "find-cert CN x")):
+        done = run(token.tool, *command.split(), check=False, env=env)
+        equal((done.returncode, "1 object could not be read" in done.stderr), (status, True), f"{command}: {done.stderr}")
+        document = json.loads(run(token.tool, *command.split(), "--json", check=False, env=env).stdout)
+        equal(document.get("leftOut"), None if status else 1, command)
+    # By its bare name, as the loader finds it.
+    names["cut"].rename(token.folder / "libcut.so")
+    cut = run(token.tool, "certs", "--module", "libcut.so", check=False, env=token.env | {"LD_LIBRARY_PATH": str(token.folder)})
+    equal((cut.returncode, "(cut short:" in cut.stderr), (1, True), cut.stderr)
 
 
 def use(token, folder):
