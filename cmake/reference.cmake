@@ -18,6 +18,7 @@ set(DOXYGEN_QUIET YES)
 set(DOXYGEN_EXCLUDE ${MERVANE_INCLUDE_FOLDER}/mervane/pkcs11/state.h
     ${MERVANE_INCLUDE_FOLDER}/mervane/pkcs11/wrappers.h ${MERVANE_INCLUDE_FOLDER}/mervane/pkcs11/records.h)
 set(DOXYGEN_USE_MDFILE_AS_MAINPAGE ${PROJECT_SOURCE_DIR}/README.md)
+set(DOXYGEN_IMAGE_PATH docs)
 file(GLOB documents CONFIGURE_DEPENDS docs/*.md)
-doxygen_add_docs(reference ${MERVANE_INCLUDE_FOLDER}/mervane README.md CONTRIBUTING.md ${documents} ALL)
+doxygen_add_docs(reference ${MERVANE_INCLUDE_FOLDER}/mervane README.md CHANGELOG.md CONTRIBUTING.md SECURITY.md ${documents} ALL)
 install(DIRECTORY ${PROJECT_BINARY_DIR}/reference/html DESTINATION ${CMAKE_INSTALL_DOCDIR})
