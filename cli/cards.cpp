@@ -60,7 +60,7 @@ std::string cardFor(const CardReader& reader, const CardInfo& card) {
 
 // Null for a card that is not known.
 JsonValue toJson(const CardInfo& card) {
-    if (!card.isKnown) return JsonValue();
+    if (!card.isKnown) return {};
     JsonValue out = JsonValue::object();
     out.set("name", card.name);
     out.set("readOnly", card.isReadOnly);

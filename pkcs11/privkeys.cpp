@@ -226,7 +226,9 @@ bool findEcKey(Calls& calls, Certificate& cert, KeySearch how, FoundKey& found, 
     const Pkcs11State& state = calls.state;
     // A note, not a failure; callers look for it on the error channel.
     log.LogError("Certificate key type is ECDSA.");
-    const auto [point, otherForm] = pointsOf(cert);
+    const auto points = pointsOf(cert);
+    const DataBuffer& point = points[0];
+    const DataBuffer& otherForm = points[1];
     const bool hasPoint = !point.isEmpty();
     if (!operation::cacheEcKeys(calls, hasPoint && !how.quick, log)) return false;
     log.LogDataLong("numEcdsaKeys", state.m_ecdsaPrivKeys.getSize());

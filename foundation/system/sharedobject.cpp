@@ -240,7 +240,8 @@ std::vector<std::string> searchFolders() {
 
 std::string findLibrary(const std::string& name) {
     for (const std::string& folder : searchFolders()) {
-        const std::string path = folder + "/" + name;
+        std::string path = folder;
+        path.append("/").append(name);
         if (::access(path.c_str(), F_OK) != 0) continue;
         File file;
         Header header = {};

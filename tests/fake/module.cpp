@@ -430,8 +430,8 @@ constexpr std::tuple kFunctions(pair(function::kInitialize, &initialize), pair(f
 }  // namespace
 
 extern "C" World* fakeWorld() {
-    static World* const instance = new World(std::getenv("MERVANE_FAKE_EMPTY_SLOT"), std::getenv("MERVANE_FAKE_FAILING"),
-                                             std::getenv("MERVANE_FAKE_FLAGS"), std::getenv("MERVANE_FAKE_UNREADABLE"));  // NOLINT: lives as long as the module
+    static World* const instance = new World(std::getenv("MERVANE_FAKE_EMPTY_SLOT"), std::getenv("MERVANE_FAKE_FAILING"), std::getenv("MERVANE_FAKE_FLAGS"),
+                                             std::getenv("MERVANE_FAKE_UNREADABLE"));  // NOLINT: lives as long as the module
     return instance;
 }
 

@@ -185,7 +185,6 @@ struct World : State {
     }
 };
 
-
 }  // namespace mervane::fake
 
 extern "C" mervane::fake::World* fakeWorld();
