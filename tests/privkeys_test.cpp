@@ -109,6 +109,7 @@ TEST_F(KeysTest, KeyThatCannotBeReadMayBeTheOne) {
         };
         onToken(row.token);
         EXPECT_EQ(link(), row.found);
+        EXPECT_EQ(p11->get_NumLeftOut(), 0);
         onToken(row.token);
         numFailing = 99;
         EXPECT_EQ(link(), 0U);

@@ -156,6 +156,7 @@ bool ObjectReader::read(CK_OBJECT_HANDLE object, LogBase& log) {
         m_calls.leaveOut(object);
         return false;
     }
+    m_calls.wasRead(object);
     for (std::size_t i = 0; i < m_rows.size(); ++i) {
         State state = judge(i, m_attributes[i], roomOf(i), kUnwritten, *rv);
         if (state == State::Unsettled) state = readAlone(i, object, log);

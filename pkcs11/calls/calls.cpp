@@ -53,6 +53,10 @@ void Calls::leaveOut(CK_OBJECT_HANDLE object) {
     if (m_leftOut.insert(object).second) ++numLeftOut;
 }
 
+void Calls::wasRead(CK_OBJECT_HANDLE object) noexcept {
+    if (m_leftOut.erase(object) != 0) --numLeftOut;
+}
+
 bool Calls::failForLoss(LogBase& log, std::string_view sentence) {
     if (failure.kind == FailureKind::None) failure = lastLoss;
     return fail(log, FailureKind::ModuleFailed, sentence);

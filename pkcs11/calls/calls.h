@@ -59,8 +59,9 @@ class Calls {
     void noteFailure(FailureKind kind, std::string_view cause) noexcept;
     /// Names the slot, and the token if its label is known, that the failure is about.
     void concerns(CK_SLOT_ID slotId, std::string_view tokenLabel = {}) noexcept;
-    /// Counts an object that could not be read, once however often that is tried.
+    /// Counts an object that could not be read, once however often that is tried, until it is read.
     void leaveOut(CK_OBJECT_HANDLE object);
+    void wasRead(CK_OBJECT_HANDLE object) noexcept;
     /// Fails for an object that could not be read: that is the cause.
     bool failForLoss(LogBase& log, std::string_view sentence);
     /// An information line on what usually helps.
