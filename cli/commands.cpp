@@ -58,6 +58,7 @@ constexpr std::array kCommands = {
                 "name the card with this ATR, or the cards in the readers, and its module", runAtr},
     CommandSpec{"card-data", "", 0, 0, kForms, "print the card database", runCardData},
     CommandSpec{"command-table", "", 0, 0, kForms, "", runCommandTable},
+    CommandSpec{"complete", "labels|modules", 1, 1, kForms, "", runComplete},
     CommandSpec{"ask-module", "PATH INIT-ARGS PARENT", 3, 3, kForms, "", runAskModule},
 };
 

@@ -53,6 +53,7 @@ Exit runDoctor(ClsPkcs11& p11, const Options& options);
 
 // commands.cpp: the table as JSON, which the manual and the completions are made from
 Exit runCommandTable(ClsPkcs11& p11, const Options& options);
+Exit runComplete(ClsPkcs11& p11, const Options& options);
 
 // askmodules.cpp
 Exit runAskModule(ClsPkcs11& p11, const Options& options);

@@ -215,13 +215,19 @@ class Doctor {
                      "serial number " + token.serialNumber + ", " + located.module.name +
                          (token.isWriteProtected ? ", write-protected" : "") +
                          (token.hasPinPad ? ", PIN on the reader's own keys" : "")});
-        checkPin(subject, token);
+        checkPin(subject, located);
     }
 
-    void checkPin(const std::string& subject, const TokenInfo& token) {
+    // What another token lacks than the one that was named is only a warning.
+    [[nodiscard]] Step::Status ifMeant(const LocatedToken& located, Step::Status status) const {
+        return status == Ok || fits(m_wanted, located) ? status : Warn;
+    }
+
+    void checkPin(const std::string& subject, const LocatedToken& located) {
+        const TokenInfo& token = located.token;
         const PinStatus& pin = token.userPin;
         const auto add = [&](Step::Status status, const char* seen, const char* remedy) {
-            m_found.add({StepId::Pin, status, subject, seen, remedy});
+            m_found.add({StepId::Pin, ifMeant(located, status), subject, seen, remedy});
         };
         if (pin.isLocked) {
             add(Fail, "the user PIN is locked",

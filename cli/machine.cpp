@@ -141,4 +141,22 @@ Exit runTokens(ClsPkcs11&, const Options& options) {
     return isAllAsked ? Exit::NoToken : Exit::Module;
 }
 
+// For the shells' completions: a name a line, and none that is not one line as it stands.
+Exit runComplete(ClsPkcs11& p11, const Options& options) {
+    constexpr std::chrono::seconds kWhileSomebodyTypes{2};
+    std::vector<std::string> names;
+    std::vector<ModuleInfo> modules;
+    std::vector<std::string> complaints;
+    if (options.arguments[0] == "labels") {
+        const auto answers = askModules(modulesToAsk(options), kWhileSomebodyTypes);
+        for (const LocatedToken& located : tokensIn(answers)) names.push_back(located.token.label);
+    } else if (listModules(modules, complaints, p11.log())) {
+        for (const ModuleInfo& module : modules) names.push_back(module.name);
+    }
+    for (const std::string& name : names) {
+        if (!name.empty() && printable(name) == name) std::cout << name << '\n';
+    }
+    return Exit::Done;
+}
+
 }  // namespace mervane::cli

@@ -18,18 +18,30 @@ complete -c mervane-p11 -n 'not __fish_seen_subcommand_from doctor readers modul
 complete -c mervane-p11 -n 'not __fish_seen_subcommand_from doctor readers modules tokens discover certs find-cert match keys find-object sign test set-pin init-pin init-token atr card-data' -a init-token -d 'initialise a token with --so-pin; destroys everything on it'
 complete -c mervane-p11 -n 'not __fish_seen_subcommand_from doctor readers modules tokens discover certs find-cert match keys find-object sign test set-pin init-pin init-token atr card-data' -a atr -d 'name the card with this ATR, or the cards in the readers, and its module'
 complete -c mervane-p11 -n 'not __fish_seen_subcommand_from doctor readers modules tokens discover certs find-cert match keys find-object sign test set-pin init-pin init-token atr card-data' -a card-data -d 'print the card database'
-complete -c mervane-p11 -n '__fish_seen_subcommand_from doctor tokens discover certs find-cert match keys find-object sign test set-pin init-pin init-token' -l module -x -a '(mervane-p11 modules 2>/dev/null | tail -n +2 | string split -f 1 " ")' -d 'the PKCS#11 module (default: MERVANE_P11_MODULE, else the one that has the token)'
+
+function __mervane_p11_source
+    set -l typed (commandline -ct)
+    if string match -q 'file:*' -- $typed
+        __fish_complete_path (string sub -s 6 -- $typed) | string replace -r '^' 'file:'
+    else if string match -q 'env:*' -- $typed
+        set -nx | string replace -r '^' 'env:'
+    else
+        printf '%s\n' env: file: -
+    end
+end
+
+complete -c mervane-p11 -n '__fish_seen_subcommand_from doctor tokens discover certs find-cert match keys find-object sign test set-pin init-pin init-token' -l module -x -a '(mervane-p11 complete modules 2>/dev/null)' -d 'the PKCS#11 module (default: MERVANE_P11_MODULE, else the one that has the token)'
 complete -c mervane-p11 -n '__fish_seen_subcommand_from doctor tokens discover certs find-cert match keys find-object sign test set-pin init-pin init-token' -l init-args -x -d 'what C_Initialize gets, such as "configdir=\'sql:/home/alice/.pki/nssdb\'"'
 complete -c mervane-p11 -n '__fish_seen_subcommand_from doctor tokens certs find-cert match keys find-object sign test set-pin init-pin init-token' -l uri -x -d 'use the token of this PKCS #11 URI (RFC 7512)'
 complete -c mervane-p11 -n '__fish_seen_subcommand_from doctor certs find-cert match keys find-object sign test set-pin init-pin init-token' -l slot -x -d 'use the token in this slot'
-complete -c mervane-p11 -n '__fish_seen_subcommand_from doctor certs find-cert match keys find-object sign test set-pin init-pin init-token' -l token-label -x -a '(mervane-p11 tokens --json --timeout 2 2>/dev/null | string match -rg \'^      "label": "(.+)",$\')' -d 'use the token with exactly this label'
+complete -c mervane-p11 -n '__fish_seen_subcommand_from doctor certs find-cert match keys find-object sign test set-pin init-pin init-token' -l token-label -x -a '(mervane-p11 complete labels 2>/dev/null)' -d 'use the token with exactly this label'
 complete -c mervane-p11 -n '__fish_seen_subcommand_from doctor certs find-cert match keys find-object sign test set-pin init-pin init-token' -l token-serial -x -d 'use the token with exactly this serial number'
 complete -c mervane-p11 -n '__fish_seen_subcommand_from doctor tokens certs find-cert match keys find-object sign test set-pin init-pin init-token' -l timeout -x -d 'how long each module may take to list its tokens (default: 10)'
 complete -c mervane-p11 -n '__fish_seen_subcommand_from doctor certs find-cert match keys find-object sign test' -l login -s l -d 'log in; --pin implies it'
 complete -c mervane-p11 -n '__fish_seen_subcommand_from certs find-cert match keys find-object set-pin' -l user -x -a 'user so' -d 'log in as the user (default) or the security officer'
-complete -c mervane-p11 -n '__fish_seen_subcommand_from doctor certs find-cert match keys find-object sign test set-pin' -l pin -x -a 'env: file: -' -d 'where the PIN comes from: env:NAME, file:PATH or - (prompt)'
-complete -c mervane-p11 -n '__fish_seen_subcommand_from certs find-cert match keys find-object set-pin init-pin init-token' -l so-pin -x -a 'env: file: -' -d 'where the security officer\'s PIN comes from'
-complete -c mervane-p11 -n '__fish_seen_subcommand_from set-pin init-pin' -l new-pin -x -a 'env: file: -' -d 'where the new PIN comes from'
+complete -c mervane-p11 -n '__fish_seen_subcommand_from doctor certs find-cert match keys find-object sign test set-pin' -l pin -x -a '(__mervane_p11_source)' -d 'where the PIN comes from: env:NAME, file:PATH or - (prompt)'
+complete -c mervane-p11 -n '__fish_seen_subcommand_from certs find-cert match keys find-object set-pin init-pin init-token' -l so-pin -x -a '(__mervane_p11_source)' -d 'where the security officer\'s PIN comes from'
+complete -c mervane-p11 -n '__fish_seen_subcommand_from set-pin init-pin' -l new-pin -x -a '(__mervane_p11_source)' -d 'where the new PIN comes from'
 complete -c mervane-p11 -n '__fish_seen_subcommand_from find-cert match sign test' -l no-login -d 'do not ask for a PIN, even on a terminal'
 complete -c mervane-p11 -n '__fish_seen_subcommand_from discover' -l tokens-only -d 'only slots with a token'
 complete -c mervane-p11 -n '__fish_seen_subcommand_from discover' -l skip-mechanisms -d 'leave out the mechanisms'
@@ -48,11 +60,12 @@ complete -c mervane-p11 -n '__fish_seen_subcommand_from sign' -l attached -d 'pu
 complete -c mervane-p11 -n '__fish_seen_subcommand_from sign' -l chain -d 'add the issuers\' certificates that the token has'
 complete -c mervane-p11 -n '__fish_seen_subcommand_from sign' -l hash -x -a 'sha256 sha384 sha512' -d 'the hash function (default: sha256)'
 complete -c mervane-p11 -n '__fish_seen_subcommand_from sign' -l padding -x -a 'auto pkcs1 pss' -d 'the padding of RSA signatures'
-complete -c mervane-p11 -n '__fish_seen_subcommand_from doctor sign test' -l sign-pin -x -a 'env: file: -' -d 'the PIN that a key asks for at each signature (default: the one of --pin)'
+complete -c mervane-p11 -n '__fish_seen_subcommand_from doctor sign test' -l sign-pin -x -a '(__mervane_p11_source)' -d 'the PIN that a key asks for at each signature (default: the one of --pin)'
 complete -c mervane-p11 -n '__fish_seen_subcommand_from doctor readers modules tokens discover certs find-cert match keys find-object sign test set-pin init-pin init-token atr card-data' -l json -d 'print JSON'
 complete -c mervane-p11 -n '__fish_seen_subcommand_from doctor readers modules tokens discover certs find-cert match keys find-object sign test set-pin init-pin init-token atr card-data' -l log -d 'print the log of all calls on standard error'
 complete -c mervane-p11 -n '__fish_seen_subcommand_from doctor readers modules tokens discover certs find-cert match keys find-object sign test set-pin init-pin init-token atr card-data' -l help -s h -d 'print this help'
 complete -c mervane-p11 -l version -d 'print the version'
-complete -c mervane-p11 -n '__fish_seen_subcommand_from find-cert' -a 'privateKey subjectDN subjectDN_withTags issuerCN issuerSerial serial thumbprint sha256 id label policyOid keyUsage CN O OU E'
+complete -c mervane-p11 -n '__fish_seen_subcommand_from find-cert; and not __fish_seen_subcommand_from privateKey subjectDN subjectDN_withTags issuerCN issuerSerial serial thumbprint sha256 id label policyOid keyUsage CN O OU E' -a 'privateKey subjectDN subjectDN_withTags issuerCN issuerSerial serial thumbprint sha256 id label policyOid keyUsage CN O OU E'
 complete -c mervane-p11 -n '__fish_seen_subcommand_from keys' -a 'private public secret rsa ec all'
+complete -c mervane-p11 -n 'string match -q keyUsage -- (commandline -opc)[-1]' -a 'nonRepudiation digitalSignature keyEncipherment dataEncipherment certificateSigning crlSigning keyAgreement encipherOnly'
 complete -c mervane-p11 -n '__fish_seen_subcommand_from sign' -F

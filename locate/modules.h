@@ -19,9 +19,9 @@ struct ModuleInfo {
         Caller,         ///< named by the program
     };
 
+    // Not inline: expanded at every use, they would bloat a program.
     /// @{
-    /// Empty, and copied as a whole. Not inline: expanded at every use, they
-    /// would bloat a program.
+    /// Empty by default; copies are complete.
     ModuleInfo();
     ModuleInfo(const ModuleInfo& other);
     ModuleInfo(ModuleInfo&& other) noexcept;

@@ -9,7 +9,7 @@
 
 namespace mervane {
 
-/// How far the search for card readers came.
+/// How far the search for card readers got.
 enum class PcscState : unsigned char {
     Ready,      ///< there are readers
     NoLibrary,  ///< libpcsclite is not installed
@@ -42,7 +42,7 @@ std::string_view nameOf(CardReader::Card card) noexcept;
 
 /// What PC/SC shows.
 struct ReaderList {
-    PcscState state = PcscState::Failed;  ///< how far the search came
+    PcscState state = PcscState::Failed;  ///< how far the search got
     std::string reason;               ///< of a state other than Ready, in a few words; may be empty
     std::vector<CardReader> readers;  ///< in the daemon's order
 };
@@ -55,9 +55,9 @@ bool listReaders(ReaderList& list, LogBase& log);
 
 /// What the card database knows of a card.
 struct CardInfo {
+    // Not inline: expanded at every use, they would bloat a program.
     /// @{
-    /// Empty, and copied as a whole. Not inline: expanded at every use, they
-    /// would bloat a program.
+    /// Empty by default; copies are complete.
     CardInfo();
     CardInfo(const CardInfo& other);
     CardInfo(CardInfo&& other) noexcept;

@@ -14,9 +14,9 @@ namespace mervane {
 
 /// A token, and the module that shows it. Texts are valid UTF-8 without padding.
 struct LocatedToken {
+    // Not inline: expanded at every use, they would bloat a program.
     /// @{
-    /// Empty, and copied as a whole. Not inline: expanded at every use, they
-    /// would bloat a program.
+    /// Empty by default; copies are complete.
     LocatedToken();
     LocatedToken(const LocatedToken& other);
     LocatedToken(LocatedToken&& other) noexcept;

@@ -16,9 +16,9 @@ namespace mervane {
 struct Pkcs11Uri {
     using Value = std::optional<std::string>;  ///< of an attribute
 
+    // Not inline: expanded at every use, they would bloat a program.
     /// @{
-    /// Empty, and copied as a whole. Not inline: expanded at every use, they
-    /// would bloat a program.
+    /// Empty by default; copies are complete.
     Pkcs11Uri() noexcept;
     Pkcs11Uri(const Pkcs11Uri& other);
     Pkcs11Uri(Pkcs11Uri&& other) noexcept;

@@ -12,15 +12,15 @@ namespace mervane {
 struct PinStatus {
     bool isLow = false;       ///< a wrong one was entered since the last login
     bool isLastTry = false;   ///< one more wrong PIN locks it
-    bool isLocked = false;    ///< the card takes it no more
+    bool isLocked = false;    ///< too many wrong ones; no longer accepted
     bool mustChange = false;  ///< it has expired, or is the maker's default
 };
 
 /// A token in a slot, as C_GetTokenInfo describes it. Texts are valid UTF-8 without padding.
 struct TokenInfo {
+    // Not inline: expanded at every use, they would bloat a program.
     /// @{
-    /// Empty, and copied as a whole. Not inline: expanded at every use, they
-    /// would bloat a program.
+    /// Empty by default; copies are complete.
     TokenInfo() noexcept;
     TokenInfo(const TokenInfo& other);
     TokenInfo(TokenInfo&& other) noexcept;
@@ -35,9 +35,9 @@ struct TokenInfo {
     CK_SLOT_ID slotId = 0;     ///< where it is
     bool isReadable = false;   ///< false: the module could not describe it; all below is empty
     std::string label;         ///< what people call it
-    std::string serialNumber;  ///< the maker's; often the only name that is its own
+    std::string serialNumber;  ///< the maker's; often the only unique identifier
     std::string manufacturer;  ///< of the token, not of the module
-    std::string model;         ///< the maker's name for its kind
+    std::string model;         ///< the maker's model name
     CK_ULONG flags = 0;  ///< CKF_ bits of CK_TOKEN_INFO; the members below give the common ones
     bool isInitialised = false;            ///< CKF_TOKEN_INITIALIZED
     bool isUserPinSet = false;             ///< CKF_USER_PIN_INITIALIZED
@@ -54,7 +54,7 @@ struct TokenInfo {
 /// initialised token.
 struct TokenChoice {
     /// @{
-    /// As TokenInfo has it.
+    /// Each matches the TokenInfo member of the same name.
     std::optional<CK_SLOT_ID> slotId{};
     std::optional<std::string> label{};
     std::optional<std::string> serialNumber{};

@@ -28,6 +28,11 @@ ROWS = [
     ("mervane-p11 certs --module ", {"p11-kit-trust"}, set()),
     ("mervane-p11 certs --token-label Sys", {"System Trust"}, set()),
     ("mervane-p11 sign doc", {"document.txt"}, set()),
+    ("mervane-p11 certs --pin ", {"file:"}, set()),
+    ("mervane-p11 certs --pin file:doc", {"document.txt"}, {"file:"}),
+    ("mervane-p11 certs --token-label=Sys", {"System Trust"}, set()),
+    ("mervane-p11 find-cert keyUsage ", {"digitalSignature"}, {"privateKey"}),
+    ("mervane-p11 find-cert label ", set(), {"privateKey"}),
 ]
 
 BASH = r"""
@@ -66,7 +71,8 @@ def offered(shell, line):
     if shell == "zsh":
         words = re.sub(r"\x1b\[[0-9;?]*[a-zA-Z]", " ", done.stdout).replace("\\ ", " ").split()
         return set(words) | set(map(" ".join, zip(words, words[1:]))), done
-    return {word.split("\t")[0].strip() for word in done.stdout.splitlines()}, done
+    # fish shows the whole word, the others what is behind its last separator.
+    return {re.sub(r"^(file:(?=.)|--[a-z-]+=)", "", word.split("\t")[0].strip()) for word in done.stdout.splitlines()}, done
 
 
 def main(tool):
@@ -75,7 +81,7 @@ def main(tool):
     try:
         (folder / "mervane-p11").symlink_to(pathlib.Path(tool).resolve())
         (folder / "document.txt").touch()
-        os.environ["PATH"] = f"{folder}:{os.environ['PATH']}"
+        os.environ |= {"PATH": f"{folder}:{os.environ['PATH']}", "TERM": "xterm"}
         os.chdir(folder)
         for shell in ("bash", "zsh", "fish"):
             if not shutil.which(shell):
@@ -86,6 +92,15 @@ def main(tool):
                 if not wanted <= words or words & unwanted:
                     failures.append(line)
                     print(f"FAILED: {shell}: {line!r} offers {sorted(words)}, expected {wanted} and not {unwanted}: {done.stderr}")
+        # A token's label is text, whatever it looks like.
+        (folder / "mervane-p11").unlink()
+        (folder / "mervane-p11").write_text("#!/bin/sh\nprintf '%s\\n' 'label $(touch harmed) `touch harmed`' \"label's\"\n")
+        (folder / "mervane-p11").chmod(0o755)
+        for shell in filter(shutil.which, ("bash", "zsh", "fish")):
+            words, done = offered(shell, "mervane-p11 certs --token-label lab")
+            if (folder / "harmed").exists() or not any("touch" in word for word in words):
+                failures.append(shell)
+                print(f"FAILED: {shell} offers {words}, {list(folder.iterdir())}: {done.stderr}")
         if shutil.which("mandoc"):
             done = subprocess.run(["mandoc", "-T", "lint", ROOT / "docs/mervane-p11.1"], capture_output=True, text=True, check=False)
             if done.stdout or done.returncode:

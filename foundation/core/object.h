@@ -16,7 +16,7 @@ class MervaneObject {
   protected:
     MervaneObject() = default;
     /// @{
-    /// Copied by classes that allow it.
+    /// For derived classes that are copyable.
     MervaneObject(const MervaneObject&) = default;
     MervaneObject& operator=(const MervaneObject&) = default;
     /// @}

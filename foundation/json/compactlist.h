@@ -41,7 +41,7 @@ class CompactList {
     }
 
     /// @{
-    /// As std::vector has them.
+    /// Same as in std::vector.
     [[nodiscard]] std::size_t size() const noexcept {
         return m_block == nullptr ? 0 : m_block->size;
     }

@@ -26,7 +26,7 @@ class _mvLogger final : public LogBase {
     struct Entry {
         /// The kinds of entries.
         enum class What : unsigned char { Error, Info, Data, Enter, Leave };
-        What what;              ///< of what kind this one is
+        What what;              ///< the kind of this entry
         int depth;              ///< number of contexts around the entry
         std::string_view name;  ///< key of a value; empty otherwise
         std::string_view text;  ///< one line of UTF-8 without control characters
@@ -44,9 +44,9 @@ class _mvLogger final : public LogBase {
     /// The last error line of the last public call, which says what did not succeed; empty if there
     /// is none.
     [[nodiscard]] std::string lastError() const { return m_lastError; }
-    /// Its first error line, which says why.
+    /// The first error line of that call, which says why.
     [[nodiscard]] std::string firstError() const { return m_firstError; }
-    /// Its last hint.
+    /// The last hint of that call.
     [[nodiscard]] std::string lastHint() const { return m_lastHint; }
 
     /// Number of open contexts; 0 whenever no public call is running.

@@ -20,7 +20,7 @@ class DataBuffer {
     /// The bytes; valid until the buffer changes.
     [[nodiscard]] std::span<const std::uint8_t> span() const noexcept { return m_bytes; }
     /// @{
-    /// As std::vector has size(), empty(), == and clear().
+    /// Same as std::vector's size(), empty(), == and clear().
     [[nodiscard]] std::size_t getSize() const noexcept { return m_bytes.size(); }
     [[nodiscard]] bool isEmpty() const noexcept { return m_bytes.empty(); }
     [[nodiscard]] bool equals(const DataBuffer& other) const noexcept {

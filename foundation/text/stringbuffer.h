@@ -23,7 +23,7 @@ class StringBuffer {
     [[nodiscard]] const char* getString() const noexcept { return m_text.c_str(); }
     /// @}
     /// @{
-    /// As std::string has empty(), clear(), append() and assign().
+    /// Same as std::string's empty(), clear(), append() and assign().
     [[nodiscard]] bool isEmpty() const noexcept { return m_text.empty(); }
 
     void clear() noexcept { m_text.clear(); }

@@ -15,11 +15,11 @@ struct EcCurve {
     bool isPrime =
         false;  ///< over a prime field; false for binary fields and where it is not known
 
-    /// In bytes: of a coordinate.
+    /// Size of a coordinate in bytes.
     [[nodiscard]] std::size_t fieldSize() const noexcept {
         return static_cast<std::size_t>(bits + 7) / 8;
     }
-    /// In bytes: half of a signature.
+    /// Size in bytes of r and of s, the halves of a signature.
     [[nodiscard]] int orderSize() const noexcept { return (orderBits + 7) / 8; }
 };
 

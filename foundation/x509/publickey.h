@@ -103,7 +103,7 @@ der::Bytes keyAlgorithmOf(der::Bytes spki) noexcept;
 /// The parts of an EC key in a SubjectPublicKeyInfo.
 struct EcKeyParts {
     der::Bytes parameters;  ///< EcpkParameters
-    der::Bytes point;       ///< as it is there
+    der::Bytes point;       ///< as encoded
 };
 /// Both parts empty for other keys.
 EcKeyParts ecKeyPartsOf(der::Bytes spki) noexcept;
