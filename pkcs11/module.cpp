@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <initializer_list>
 #include <memory>
+#include <utility>
 
 #include "foundation/core/forkwatch.h"
 #include "foundation/system/filesys.h"
@@ -254,12 +255,13 @@ bool ClsPkcs11::discover(bool onlyTokensPresent, ClsJsonObject& json, LogBase& l
     log.LogDataX("sharedLibPath", m_sharedLibPath);
     if (!loadPkcs11Dll_2(log)) return failed("Failed to load the PKCS11 shared library.");
     if (!m_initialized && !C_Initialize(log)) return failed("Failed to Initialize");
-    if (!getCryptokiInfo(json, log)) return failed("Failed to GetInfo");
+    // The caller's document is filled at the end: a module may call back into the object.
+    ClsJsonObject report;
+    if (!getCryptokiInfo(report, log)) return failed("Failed to GetInfo");
     const bool skipMechanisms = log.hasOption("Pkcs11DiscoverSkipMechanisms");
-    if (!getSlotsInfo(onlyTokensPresent, false, skipMechanisms, json, log)) {
-        return failed("Failed to GetSlotsInfo");
-    }
-    return true;
+    const bool hasSlots = getSlotsInfo(onlyTokensPresent, false, skipMechanisms, report, log);
+    json.root() = std::move(report.root());
+    return hasSlots || failed("Failed to GetSlotsInfo");
 }
 
 // --- Sessions and login
